@@ -1,0 +1,10 @@
+#include "base/get_strerror.h"
+
+#include <cstring>
+
+std::string get_strerror(int err) {
+    char achBuffer[1024];
+    // The GNU variant: the text may stand elsewhere than in our buffer.
+    const char* pszText = strerror_r(err, achBuffer, sizeof achBuffer);
+    return pszText != nullptr ? pszText : std::strerror(err);
+}
