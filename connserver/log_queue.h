@@ -1,0 +1,41 @@
+/// The lines on their way from `writeToLog` to the logging thread. Lines enter from any thread and
+/// leave in the same order. The queue lives as long as the process and is never destroyed, so that
+/// a logging thread that is still waiting cannot lose it under `exit`.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+
+/// From now on the queue takes lines. Call before the logging thread starts.
+void openLogQueue();
+
+/// Ends the taking of lines and hands over those that nobody has fetched. Every line that
+/// `bQueueLogLine` took is either fetched already or among them.
+std::deque<std::string> closeLogQueue();
+
+/// Puts a finished line into the queue and wakes the logging thread. False, with `sLine` untouched,
+/// when the queue is not open.
+[[nodiscard]] bool bQueueLogLine(std::string& sLine);
+
+/// Waits until a line has been queued. False when waiting failed. The only place where the logging
+/// thread can be cancelled; outside it must have disabled cancellation.
+[[nodiscard]] bool bAwaitLogLine();
+
+/// Moves all queued lines into `batch`, which must be empty. May find none: one call fetches also
+/// those lines whose wake-ups are still to come.
+void fetchLogLines(std::deque<std::string>& batch);
+
+/// Notes that `nLines` fetched lines have been written and flushed.
+void noteLogLinesWritten(std::size_t nLines);
+
+/// Lines waiting to be fetched.
+std::size_t nLogQueueSize();
+
+/// Counts since process start: lines taken into the queue, and those of them written and flushed.
+struct LogQueueCounts {
+    std::uint64_t nQueued;
+    std::uint64_t nWritten;
+};
+LogQueueCounts logQueueCounts();

@@ -1,0 +1,5 @@
+#include "connserver/tls.h"
+
+const SSL_METHOD* chooseSslMethod() {
+    return TLS_method();
+}
