@@ -18,6 +18,11 @@ inline unsigned nUdecOf(const std::string& sField) {
     return static_cast<unsigned>(std::strtoul(sField.c_str(), nullptr, 0));
 }
 
+/// A field's bytes as a key or a ticket holds them; valid as long as the field.
+inline const unsigned char* bytesOf(const std::string& sField) {
+    return reinterpret_cast<const unsigned char*>(sField.data());
+}
+
 /// The bytes of `len` that a field of at most `nMax` bytes keeps; none without data.
 inline int nBoundedLen(const void* data, int len, int nMax) {
     return data == nullptr ? 0 : std::clamp(len, 0, nMax);
