@@ -1,0 +1,97 @@
+#include "orvex/message_codes.h"
+
+#include <span>
+
+namespace Orvex {
+
+namespace {
+
+constexpr long kUnknown = -1;
+constexpr std::string_view kUnknownText = "INVALID";
+constexpr unsigned char kUnsetTypeByte = 255;
+
+struct code_text_t {
+    long lValue;
+    std::string_view sText;
+};
+
+// REDIRECT sits between the service texts: the numbers are part of the protocol.
+constexpr code_text_t kReturnCodes[] = {
+    {0, "OK"},          {1, "NOT LOGGED IN"},    {2, "UNAUTHORIZED"},
+    {3, "NO CONTINUE"}, {4, "UDP UNAUTHORIZED"}, {5, "SERVICE2 OK"},
+    {6, "SERVICE3 OK"}, {7, "SERVICE4 OK"},      {8, "REDIRECT"},
+    {9, "SERVICE5 OK"}, {10, "SERVICE6 OK"},
+};
+
+constexpr code_text_t kRequestCodes[] = {{0, "CONNECT"}, {1, "DISCONNECT"}, {2, "UDP_REG"}};
+
+// 0 and 3 are not assigned.
+constexpr code_text_t kFunctions[] = {
+    {1, "ENCODE"}, {2, "CAPTION"}, {4, "MONITOR"}, {5, "RELAY"}, {6, "CONTINUE"}, {7, "TEXTCAST"},
+};
+
+long lValueOf(std::span<const code_text_t> codes, std::string_view sText) {
+    for (const code_text_t& rCode : codes) {
+        if (rCode.sText == sText) {
+            return rCode.lValue;
+        }
+    }
+    return kUnknown;
+}
+
+std::string_view sTextOf(std::span<const code_text_t> codes, long lValue) {
+    for (const code_text_t& rCode : codes) {
+        if (rCode.lValue == lValue) {
+            return rCode.sText;
+        }
+    }
+    return kUnknownText;
+}
+
+}  // namespace
+
+NetMessageType::NetMessageType(const char* buf, int /*len*/) {
+    const auto byte = static_cast<unsigned char>(buf[0]);
+    lValue = byte == kUnsetTypeByte ? kUnknown : byte;
+}
+
+void NetMessageType::ToChars(char* chpOutNetMsgType, int* npOutNetMsgTypeLen) const {
+    if (chpOutNetMsgType != nullptr) {
+        *chpOutNetMsgType = static_cast<char>(static_cast<unsigned char>(lValue & 0xFF));
+    }
+    if (npOutNetMsgTypeLen != nullptr) {
+        *npOutNetMsgTypeLen = 1;
+    }
+}
+
+ReturnCode::ReturnCode(const std::string& sText) : lValue(lValueOf(kReturnCodes, sText)) {}
+
+void ReturnCode::ToString(std::string& srOutText) const {
+    srOutText = ToString();
+}
+
+std::string_view ReturnCode::ToString() const {
+    return sTextOf(kReturnCodes, lValue);
+}
+
+RequestCode::RequestCode(const std::string& sText) : lValue(lValueOf(kRequestCodes, sText)) {}
+
+void RequestCode::ToString(std::string& srOutText) const {
+    srOutText = ToString();
+}
+
+std::string_view RequestCode::ToString() const {
+    return sTextOf(kRequestCodes, lValue);
+}
+
+Function::Function(const std::string& sText) : lValue(lValueOf(kFunctions, sText)) {}
+
+void Function::ToString(std::string& srOutText) const {
+    srOutText = ToString();
+}
+
+std::string_view Function::ToString() const {
+    return sTextOf(kFunctions, lValue);
+}
+
+}  // namespace Orvex

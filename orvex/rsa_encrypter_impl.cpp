@@ -1,0 +1,21 @@
+// The library's RSA objects are deprecated upstream; they are what the key files are loaded into.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "orvex/rsa_encrypter_impl.h"
+
+#include <openssl/rsa.h>
+
+namespace Orvex {
+
+int RSAEncrypterImpl::encrypt(int flen, const unsigned char* from, unsigned char* to) {
+    if (_rsaPublicKey == nullptr) {
+        return -1;
+    }
+    return RSA_public_encrypt(flen, from, to, _rsaPublicKey, RSA_PKCS1_OAEP_PADDING);
+}
+
+int RSAEncrypterImpl::size() const {
+    return _rsaPublicKey == nullptr ? 0 : RSA_size(_rsaPublicKey);
+}
+
+}  // namespace Orvex
