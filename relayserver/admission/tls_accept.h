@@ -1,0 +1,5 @@
+/// Takes new TLS connections into the handshaking table. Main thread only.
+#pragma once
+
+/// Accepts one connection from the TLS listener.
+void acceptTlsClient();

@@ -1,0 +1,3 @@
+#include "relayserver/audio/packet_counts.h"
+
+unsigned nAudioPacketsRcvd = 0;

@@ -1,0 +1,20 @@
+/// The only doors through which a connection leaves. Main thread only.
+///
+/// Both free the client's record: a pointer or reference to it is dead afterwards. Because a failed
+/// send ends here, so may any function that sends to a client.
+#pragma once
+
+#include "orvex/relay_client_table.h"
+
+/// Removes `client` from `table`: forgets its video permissions, frees its TLS session and closes
+/// its descriptor. Tells nobody.
+void DeleteClient(Orvex::RelayClientTable& table, Orvex::RelayClient& client);
+
+/// Tells the connection server that it lost the admitted client `nClientID`, and remembers so for a
+/// connection server that is out of reach.
+void reportLostClient(unsigned nClientID);
+
+/// Ends whatever stands behind a descriptor that failed: the connection-server link (which moves to
+/// the next server and reconnects, not more often than every `connectRetry_secs`), or a client of
+/// any table, whose loss is reported if it had an id. A descriptor of nobody is closed.
+void CleanBadSocket(int fd);

@@ -1,0 +1,15 @@
+/// The tables of connected peers. A connection stands in exactly one of them; it moves from
+/// handshaking (TLS only) to loose to admitted and leaves through `client_removal`.
+/// Main thread only. Never destroyed, because the process ends with clients connected.
+#pragma once
+
+#include "orvex/relay_client_table.h"
+
+/// TLS connections whose handshake has not finished.
+extern Orvex::RelayClientTable& ctSslHandshakingTable;
+
+/// Connections that have not yet presented a valid ticket; their client id is 0.
+extern Orvex::RelayClientTable& ctLooseClientTable;
+
+/// Admitted clients and relay peers, with their client id.
+extern Orvex::RelayClientTable& ctAuthClientTable;

@@ -1,0 +1,64 @@
+#include "relayserver/cslink/link_state.h"
+
+#include "base/clock.h"
+#include "connserver/logging.h"
+#include "relayserver/loop/epoll_set.h"
+
+connection_stage_t nConnectionStage = CONNECTION_IDLE;
+std::queue<std::string> serverQ;
+std::string sLastServer;
+int connserv_sockfd = 0;
+SSL* connserv_ssl = nullptr;
+Orvex::RelayMessageSocket msConnServMsgSock;
+std::uint64_t nLinkNumber = 0;
+int nLastChallenge = 0;
+bool bLoginContinue = false;
+bool bAccepting = true;
+std::time_t ttLastConnServMsg = nowSecs();
+std::time_t ttLastCSConnectAttempt = nowSecs();
+std::time_t ttConnectLost = 0;
+unsigned connectRetry_secs = 1;
+
+void SwitchServers() {
+    if (serverQ.empty()) {
+        return;
+    }
+    serverQ.push(serverQ.front());
+    serverQ.pop();
+}
+
+void LostConnectionToCS() {
+    if (connserv_sockfd != 0) {
+        writeToLog(true, nConnectionStage < SSL_HANDSHAKE ? "Connection attempt timed out to CS!\n"
+                                                          : "Lost connection to CS!\n");
+    }
+    closeLink();
+    ttConnectLost = nowSecs();
+}
+
+void closeLink() {
+    if (connserv_ssl != nullptr) {
+        SSL_free(connserv_ssl);
+        connserv_ssl = nullptr;
+    }
+    if (connserv_sockfd != 0) {
+        closeDescriptor(connserv_sockfd);
+        connserv_sockfd = 0;
+        ++nLinkNumber;
+    }
+    msConnServMsgSock = Orvex::RelayMessageSocket();
+    nConnectionStage = CONNECTION_IDLE;
+}
+
+void resetLinkStateForTest() {
+    closeLink();
+    serverQ = {};
+    sLastServer.clear();
+    nLastChallenge = 0;
+    bLoginContinue = false;
+    bAccepting = true;
+    ttLastConnServMsg = nowSecs();
+    ttLastCSConnectAttempt = nowSecs();
+    ttConnectLost = 0;
+    connectRetry_secs = 1;
+}

@@ -1,0 +1,65 @@
+/// The state of the link to the connection server, and the two operations that change which server
+/// and whether there is one. Main thread only.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <cstdint>
+#include <ctime>
+#include <queue>
+#include <string>
+
+#include "orvex/relay_message_socket.h"
+
+enum connection_stage_t {
+    CONNECTION_IDLE = 0,             ///< no socket; the next call starts a connect
+    WAITING_FOR_CONNECT = 1,         ///< connect issued, waiting for writability
+    SSL_HANDSHAKE = 2,               ///< TLS client handshake in progress
+    WAITING_FOR_CHALLENGE = 3,       ///< connected, waiting for the challenge number
+    WAITING_FOR_LOGIN_RESPONSE = 4,  ///< login sent, waiting for the response
+    CONNECTION_FINISHED = 353,       ///< logged in, relay port sent: normal traffic
+};
+
+extern connection_stage_t nConnectionStage;
+
+/// Host names of the servers in order of preference; the front is in use or is tried next.
+extern std::queue<std::string> serverQ;
+/// The server of the last login that was not a continuation.
+extern std::string sLastServer;
+
+/// The link's descriptor (0 for none), its TLS session (null for none) and the message socket over
+/// both. The socket owns neither.
+extern int connserv_sockfd;
+extern SSL* connserv_ssl;
+extern Orvex::RelayMessageSocket msConnServMsgSock;
+
+/// Counts attempts: work that spans several messages tells by it whether the link is still the
+/// same.
+extern std::uint64_t nLinkNumber;
+
+/// The last challenge received.
+extern int nLastChallenge;
+/// Whether the next login asks to continue the session of an earlier one.
+extern bool bLoginContinue;
+/// Whether new clients are accepted; false only while there is no server to tell of them.
+extern bool bAccepting;
+
+/// Last message from the server, start of the last attempt, last loss of the link (seconds).
+extern std::time_t ttLastConnServMsg;
+extern std::time_t ttLastCSConnectAttempt;
+extern std::time_t ttConnectLost;
+
+/// Least number of seconds between two attempts.
+extern unsigned connectRetry_secs;
+
+/// Moves the server in front of `serverQ` to its back.
+void SwitchServers();
+
+/// Takes the link down, whatever its stage; clients stay connected. Harmless without a link.
+void LostConnectionToCS();
+
+/// As `LostConnectionToCS` for an attempt that has already been given up in the log.
+void closeLink();
+
+/// Puts everything back to its state at process start.
+void resetLinkStateForTest();

@@ -1,0 +1,194 @@
+#include "relayserver/cslink/login.h"
+
+#include <netinet/in.h>
+
+#include "base/clock.h"
+#include "base/ip_utils.h"
+#include "connserver/logging.h"
+#include "genner/output/ChallengeNetMessage.h"
+#include "genner/output/LogInNetMessage.h"
+#include "genner/output/RelayPortNetMessage.h"
+#include "genner/output/ResponseNetMessage.h"
+#include "orvex/rsa_encrypter_impl.h"
+#include "relayserver/cslink/client_report.h"
+#include "relayserver/cslink/cs_messages.h"
+#include "relayserver/cslink/forward_queue.h"
+#include "relayserver/cslink/link_state.h"
+#include "relayserver/loop/epoll_set.h"
+#include "relayserver/startup/session_keys.h"
+#include "relayserver/startup/settings.h"
+#include "relayserver/switching/message_types.h"
+
+using Orvex::NetMessageType;
+
+namespace {
+
+constexpr int kFailed = -1;
+/// The role of a relay, and that of a login which continues an earlier one.
+const Orvex::Function fMyFunction(5);
+const Orvex::Function fContinue(6);
+
+const Orvex::ReturnCode rcOK(0);
+const Orvex::ReturnCode rcNoContinue(3);
+
+int nLoseLink() {
+    LostConnectionToCS();
+    return kFailed;
+}
+
+/// The configured address as the number that travels, in network byte order; 0 for none. `sWhich`
+/// and `sWhichIP` name it in the text about one that does not parse.
+unsigned nAddressToReport(const std::string& sAddress, const char* sWhich, const char* sWhichIP) {
+    in_addr iaAddress{};
+    if (sAddress.empty() || bParseIPv4(sAddress, iaAddress)) {
+        return iaAddress.s_addr;
+    }
+    writeToLog(true,
+               "ERROR: Failed to parse %s listen address '%s' - invalid IP format. %s IP will not "
+               "be sent to connserver.\n",
+               sWhich, sAddress.c_str(), sWhichIP);
+    return 0;
+}
+
+/// Tells the server where this relay listens; true when that went out.
+[[nodiscard]] bool bSendRelayPort() {
+    const unsigned nPublic = nAddressToReport(sRequestedListenAddr, "public", "Public");
+    const unsigned nPrivate = nAddressToReport(sRequestedPrivateListenAddr, "private", "Private");
+    writeToLog(true,
+               "sending relay port message with numeric network-order public IP %u, private IP %u, "
+               "and ports plain tcp=%d, udp=%d, and ssl tcp=%d\n",
+               nPublic, nPrivate, msg_port, rtp_listen_port[0], ssl_msg_port);
+    Orvex::RelayPortNetMessage rpnm(nPublic, msg_port, rtp_listen_port[0], ssl_msg_port, nPrivate);
+    return rpnm.Send(true, msConnServMsgSock) > 0;
+}
+
+/// The server knows this relay's session: tells it who left meanwhile, and who is here.
+[[nodiscard]] bool bContinueSession() {
+    writeToLog(true, "Successful continuation with server %s\n", sLastServer.c_str());
+    if (IdentifyLosses() != 0) {
+        writeToLog(true, "error sending client loss identify messages to new server\n");
+        return false;
+    }
+    if (IdentifyClients() != 0) {
+        writeToLog(true, "error sending client identify messages to new server\n");
+        return false;
+    }
+    return true;
+}
+
+/// A session that the server does not know from before: nothing of the old one holds any longer.
+void beginSession() {
+    writeToLog(true, "Switched from server %s to server %s\n", sLastServer.c_str(),
+               serverQ.front().c_str());
+    writeToLog(true, "Need to ask clients to re-initiate\n");
+    MopupCS();
+    ClearCSQueue();
+    sLastServer = serverQ.front();
+}
+
+int onLoginAccepted() {
+    bAccepting = true;
+    if (!bLoginContinue) {
+        beginSession();
+    } else if (!bContinueSession()) {
+        return nLoseLink();
+    }
+    bLoginContinue = true;
+    writeToLog(true, "assigned id number %u\n", nSenderID);
+    if (!bSendRelayPort()) {
+        writeToLog(true, "error sending port message\n");
+        LostConnectionToCS();
+        SwitchServers();
+        return kFailed;
+    }
+    nConnectionStage = CONNECTION_FINISHED;
+    return nConnectionStage;
+}
+
+int onLoginResponse(const char* achMsg, int nMsgLen) {
+    writeToLog(true, "debug: got response\n");
+    const Orvex::ResponseNetMessage rnm(achMsg, nMsgLen);
+    nSenderID = rnm.GetClientID();
+    std::string sCode;
+    rnm.GetReturnCode().ToString(sCode);
+    writeToLog(true, "Server response: %s.\n", sCode.c_str());
+    if (rnm.GetReturnCode() == rcOK) {
+        return onLoginAccepted();
+    }
+    if (rnm.GetReturnCode() == rcNoContinue) {
+        bLoginContinue = false;
+        writeToLog(true, "server didn't recognize our continue id\n");
+        nConnectionStage = WAITING_FOR_CHALLENGE;
+        return nConnectionStage;
+    }
+    return nLoseLink();
+}
+
+int onUnexpected(const char* achMsg, int nMsgLen) {
+    writeToLog(true, "E401: unexpected response to login from connection server\n");
+    writeToLog(true, "Message contents: ");
+    printchars(achMsg, nMsgLen);
+    writeToLog(false, "\n");
+    return nLoseLink();
+}
+
+/// A message before the link is finished.
+int onLoginMessage(const char* achMsg, int nMsgLen) {
+    const NetMessageType nmtType(achMsg, nMsgLen);
+    if (nmtType == nmtNetMsgTypeChallenge) {
+        return onChallenge(achMsg, nMsgLen);
+    }
+    if (nmtType == nmtNetMsgTypeResp && nConnectionStage == WAITING_FOR_LOGIN_RESPONSE) {
+        return onLoginResponse(achMsg, nMsgLen);
+    }
+    if (nmtType == nmtNetMsgTypeHeartbeat) {
+        return nConnectionStage;
+    }
+    return onUnexpected(achMsg, nMsgLen);
+}
+
+}  // namespace
+
+int SendLogin() {
+    Orvex::LogInNetMessage linm(sMyName, sMyPassword, bLoginContinue ? fContinue : fMyFunction,
+                                sMyCompany, achMyDESKey, nLastChallenge);
+    Orvex::RSAEncrypterImpl encrypter(rsaPublicKey);
+    if (!linm.RSAEncrypt(&encrypter) || linm.Send(true, msConnServMsgSock) <= 0) {
+        writeToLog(true, "error sending log in message\n");
+        LostConnectionToCS();
+        SwitchServers();
+        return kFailed;
+    }
+    writeToLog(true, "sent login- waiting for response\n");
+    nConnectionStage = WAITING_FOR_LOGIN_RESPONSE;
+    return nConnectionStage;
+}
+
+int onChallenge(const char* achMsg, int nMsgLen) {
+    if (nConnectionStage != WAITING_FOR_CHALLENGE) {
+        writeToLog(true, "INFO: challenge number recieved out of place, re-sending login\n");
+    }
+    nLastChallenge = Orvex::ChallengeNetMessage(achMsg, nMsgLen).GetLoginNumber();
+    return SendLogin() < 0 ? nLoseLink() : nConnectionStage;
+}
+
+int handleLinkMessages() {
+    const std::uint64_t nThisLink = nLinkNumber;
+    char achMsg[Orvex::NetMessage::nMAX_PADDED_MSG_LEN];
+    int nMsgLen = 0;
+    while (nThisLink == nLinkNumber && msConnServMsgSock.bDequeueNetMessage(achMsg, &nMsgLen)) {
+        ttLastConnServMsg = nowSecs();
+        if (nConnectionStage == CONNECTION_FINISHED) {
+            onServerMessage(achMsg, nMsgLen);
+        } else if (onLoginMessage(achMsg, nMsgLen) < 0) {
+            return kFailed;
+        }
+    }
+    if (nThisLink != nLinkNumber) {
+        return kFailed;
+    }
+    if (msConnServMsgSock.bHasMoreInput()) {
+        offerAgain(connserv_sockfd);
+    }
+    return nConnectionStage;
+}

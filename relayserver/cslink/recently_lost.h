@@ -1,0 +1,30 @@
+/// The clients lost lately, so that a connection server that was out of reach can be told when the
+/// link is back. Main thread only.
+#pragma once
+
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "genner/output/LostConnectionNetMessage.h"
+
+/// One entry for each loss, oldest first.
+extern std::vector<std::shared_ptr<Orvex::LostConnectionNetMessage>>& vRecentlyLost;
+
+/// The list is emptied at clock times that are multiples of this many seconds.
+constexpr int _kLossClearInterval = 10800;
+
+/// Remembers a copy of `lcnm`.
+void AddToRecentlyLost(const Orvex::LostConnectionNetMessage* lcnm);
+
+/// Forgets every loss of `clientID`: it is back. True when there was one.
+bool RemoveFromRecentlyLost(unsigned clientID);
+
+/// As above, because the connection server has dissolved all links of the client.
+void ConfirmFromRecentlyLost(unsigned clientID);
+
+/// Empties the list when the clock stands at a multiple of `_kLossClearInterval` and the relay is
+/// logged in.
+void clearRecentlyLostOnBoundary(std::time_t ttNow);
+
+void resetRecentlyLostForTest();

@@ -1,0 +1,18 @@
+/// The timers of connected clients. Each walks one table; all may remove clients. Main thread only.
+#pragma once
+
+#include <ctime>
+
+/// Drops admitted clients that were silent for more than 15 s; tells them and the connection
+/// server.
+void dropIdleClients(std::time_t ttNow);
+
+/// Drops connections whose TLS handshake takes more than 15 s from accept.
+void dropStalledHandshakes(std::time_t ttNow);
+
+/// Drops connections that have presented no valid ticket within 15 s from accept.
+void dropLooseClients(std::time_t ttNow);
+
+/// Drops clients that sent more than the input limit since the last burst, and sends the others a
+/// heartbeat; relay peers have no input limit.
+void checkInputAndSendHeartbeats(std::time_t ttNow);

@@ -1,0 +1,173 @@
+#include "relayserver/loop/event_loop.h"
+
+#include <sys/ioctl.h>
+
+#include <cerrno>
+
+#include "base/get_strerror.h"
+#include "connserver/logging.h"
+#include "connserver/signal_handling.h"
+#include "relayserver/admission/loose_client.h"
+#include "relayserver/admission/plain_accept.h"
+#include "relayserver/admission/tls_accept.h"
+#include "relayserver/admission/tls_handshake.h"
+#include "relayserver/clients/client_removal.h"
+#include "relayserver/clients/client_tables.h"
+#include "relayserver/cslink/cs_messages.h"
+#include "relayserver/cslink/link_state.h"
+#include "relayserver/loop/epoll_set.h"
+#include "relayserver/loop/housekeeping.h"
+#include "relayserver/startup/listeners.h"
+#include "relayserver/switching/client_messages.h"
+
+using Orvex::RelayClient;
+
+namespace {
+
+constexpr int kWaitMillis = 500;
+
+/// A handler answers whether the descriptor of the event is its own; if so it has handled the
+/// event.
+using handler_t = bool (*)(epoll_event& epe, int nIndex);
+
+/// Whether the peer of a broken connection had sent something that has not been handled yet.
+bool bInputWaits(Orvex::RelayMessageSocket& rSocket) {
+    int nBytes = 0;
+    return rSocket.bHasMoreInput() ||
+           (ioctl(rSocket.getMsgSockFileDesc(), FIONREAD, &nBytes) == 0 && nBytes > 0);
+}
+
+/// A client whose last messages are to be read before its connection is cleaned up. A peer that
+/// closes with our heartbeats unread resets the connection, although it may have logged out
+/// properly.
+bool bClientHasLastWords(int fd) {
+    RelayClient* pClient = nullptr;
+    return (ctAuthClientTable.bFileDescLookUp(fd, &pClient) ||
+            ctLooseClientTable.bFileDescLookUp(fd, &pClient)) &&
+           bInputWaits(*pClient->GetMessageSocket());
+}
+
+bool bHandleBadSocket(epoll_event& epe, int nIndex) {
+    const int fd = nDescriptorOf(epe);
+    if ((epe.events & (EPOLLERR | EPOLLHUP)) == 0 || bClientHasLastWords(fd)) {
+        return false;
+    }
+    if (fd == connserv_sockfd) {
+        readLastServerMessages();
+    }
+    writeToLog(true,
+               "socket %u will be closed, epoll error status 0x%x, event num %u processed in this "
+               "loop\n",
+               static_cast<unsigned>(fd), epe.events, static_cast<unsigned>(nIndex));
+    if (bIsCurrent(epe)) {
+        CleanBadSocket(fd);
+    }
+    return true;
+}
+
+bool bHandleConnServer(epoll_event& epe, int /*nIndex*/) {
+    if (connserv_sockfd == 0 || nDescriptorOf(epe) != connserv_sockfd) {
+        return false;
+    }
+    onLinkEvent(epe);
+    return true;
+}
+
+bool bHandleAuthClient(epoll_event& epe, int /*nIndex*/) {
+    RelayClient* pClient = nullptr;
+    if (!ctAuthClientTable.bFileDescLookUp(nDescriptorOf(epe), &pClient)) {
+        return false;
+    }
+    readAndSwitch(*pClient);
+    return true;
+}
+
+bool bHandleLooseClient(epoll_event& epe, int /*nIndex*/) {
+    RelayClient* pClient = nullptr;
+    if (!ctLooseClientTable.bFileDescLookUp(nDescriptorOf(epe), &pClient)) {
+        return false;
+    }
+    stepLooseClient(*pClient);
+    return true;
+}
+
+bool bHandleHandshake(epoll_event& epe, int /*nIndex*/) {
+    RelayClient* pClient = nullptr;
+    if (!ctSslHandshakingTable.bFileDescLookUp(nDescriptorOf(epe), &pClient)) {
+        return false;
+    }
+    stepTlsHandshake(*pClient);
+    return true;
+}
+
+bool bHandleTlsAccept(epoll_event& epe, int /*nIndex*/) {
+    if (ssl_listen_sockfd == 0 || nDescriptorOf(epe) != ssl_listen_sockfd) {
+        return false;
+    }
+    acceptTlsClient();
+    return true;
+}
+
+bool bHandlePlainAccept(epoll_event& epe, int /*nIndex*/) {
+    if (nDescriptorOf(epe) != connect_listen_sockfd) {
+        return false;
+    }
+    acceptPlainClient();
+    return true;
+}
+
+// The order is behaviour: an error is seen before any read, a client before a listener.
+constexpr handler_t kHandlersInOrder[] = {
+    bHandleBadSocket, bHandleConnServer, bHandleAuthClient,  bHandleLooseClient,
+    bHandleHandshake, bHandleTlsAccept,  bHandlePlainAccept,
+};
+
+/// The number of ready descriptors; 0 when the wait failed, which is logged.
+int waitForEvents() {
+    const int nReady =
+        epoll_wait(ep_fd, ep_events, kMaxEpollEvents, bTurnsWaiting() ? 0 : kWaitMillis);
+    if (nReady == -1) {
+        writeToLog(true, "epoll error - %s\n", get_strerror(errno).c_str());
+        return 0;
+    }
+    return nReady;
+}
+
+/// Descriptors whose input left the kernel in an earlier pass.
+void offerWaitingTurns(int nFirstIndex) {
+    epoll_event epe{};
+    for (int nIndex = nFirstIndex; bNextTurn(epe); ++nIndex) {
+        offerToHandlers(epe, nIndex);
+    }
+}
+
+}  // namespace
+
+void offerToHandlers(epoll_event& epe, int nIndex) {
+    if (!bIsCurrent(epe)) {
+        return;
+    }
+    for (const handler_t bHandles : kHandlersInOrder) {
+        if (bHandles(epe, nIndex)) {
+            return;
+        }
+    }
+}
+
+void runOnePass() {
+    headOfPass();
+    const int nReady = waitForEvents();
+    noteLoad(nReady);
+    beginTurns();
+    for (int i = 0; i < nReady; ++i) {
+        offerToHandlers(ep_events[i], i);
+    }
+    offerWaitingTurns(nReady);
+    tailOfPass();
+}
+
+void runEventLoop() {
+    while (exitRequested == 0) {
+        runOnePass();
+    }
+}

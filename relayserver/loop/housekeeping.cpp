@@ -1,0 +1,101 @@
+#include "relayserver/loop/housekeeping.h"
+
+#include <algorithm>
+
+#include "base/clock.h"
+#include "connserver/logging.h"
+#include "orvex/tesselsql.h"
+#include "relayserver/admission/accept_pause.h"
+#include "relayserver/cslink/recently_lost.h"
+#include "relayserver/loop/client_timers.h"
+#include "relayserver/loop/link_timers.h"
+
+std::time_t ttThisLoop = 0;
+std::time_t ttLastLoop = 0;
+std::time_t tLastHeartbeat = nowSecs();
+std::time_t tLastHeartbeatBurst = nowSecs();
+double epoll_load_avg_1 = 0;
+double epoll_load_avg_1K = 0;
+double epoll_load_avg_1M = 0;
+
+namespace {
+
+constexpr int kTickSecs = 4;
+constexpr int kLoadReportSecs = 60;
+
+bool bTimerTick = false;
+/// When the database was last found dead: it is tried again in the next second, not in each pass.
+std::time_t ttDatabaseTried = 0;
+
+void lookAfterDatabase() {
+    if (ttThisLoop == ttDatabaseTried || CheckSQLConnection(nullptr)) {
+        return;
+    }
+    ttDatabaseTried = ttThisLoop;
+    writeToLog(true, "PostgreSQL database not connected!\n");
+    (void)ResetSQL(nullptr);  // the next pass sees whether it worked
+}
+
+void reportLoad() {
+    if (ttThisLoop % kLoadReportSecs == 0) {
+        writeToLog(
+            true,
+            "Load reporting: epoll descriptors active per loop : %.0f / %.1f / %.1f (1 loop / "
+            "1K avg / 1M avg)\n",
+            epoll_load_avg_1, epoll_load_avg_1K, epoll_load_avg_1M);
+    }
+}
+
+void runTimers() {
+    lookAfterLink(ttThisLoop);
+    dropIdleClients(ttThisLoop);
+    dropStalledHandshakes(ttThisLoop);
+    dropLooseClients(ttThisLoop);
+    if (std::difftime(ttThisLoop, tLastHeartbeatBurst) <= dHeartbeatPeriod) {
+        return;
+    }
+    tLastHeartbeatBurst = ttThisLoop;
+    checkInputAndSendHeartbeats(ttThisLoop);
+    reportLoad();
+}
+
+}  // namespace
+
+void headOfPass() {
+    ttThisLoop = nowSecs();
+    lookAfterDatabase();
+    loggingTimeCheck();
+    clearRecentlyLostOnBoundary(ttThisLoop);
+    resumeAccepting();
+    bTimerTick = ttThisLoop > ttLastLoop && ttThisLoop % kTickSecs == 0;
+}
+
+void noteLoad(int nReady) {
+    constexpr double kThousand = 1000;
+    constexpr double kMillion = 1000000;
+    epoll_load_avg_1 = nReady;
+    epoll_load_avg_1K = epoll_load_avg_1K * (kThousand - 1) / kThousand + nReady / kThousand;
+    epoll_load_avg_1M = epoll_load_avg_1M * (kMillion - 1) / kMillion + nReady / kMillion;
+}
+
+void tailOfPass() {
+    if (bTimerTick) {
+        runTimers();
+    }
+    ttLastLoop = ttThisLoop;
+}
+
+void clampTimersToNow(std::time_t ttNow) {
+    tLastHeartbeat = std::min(tLastHeartbeat, ttNow);
+    tLastHeartbeatBurst = std::min(tLastHeartbeatBurst, ttNow);
+}
+
+void resetHousekeepingForTest() {
+    ttThisLoop = 0;
+    ttLastLoop = 0;
+    tLastHeartbeat = nowSecs();
+    tLastHeartbeatBurst = nowSecs();
+    epoll_load_avg_1 = epoll_load_avg_1K = epoll_load_avg_1M = 0;
+    bTimerTick = false;
+    ttDatabaseTried = 0;
+}

@@ -1,0 +1,63 @@
+#include "relayserver/loop/link_timers.h"
+
+#include <algorithm>
+
+#include "connserver/logging.h"
+#include "genner/output/HeartbeatNetMessage.h"
+#include "relayserver/cslink/client_report.h"
+#include "relayserver/cslink/connect_to_server.h"
+#include "relayserver/cslink/forward_queue.h"
+#include "relayserver/cslink/link_state.h"
+#include "relayserver/loop/housekeeping.h"
+#include "relayserver/startup/settings.h"
+
+namespace {
+
+void abandonLink(double dIdle) {
+    writeToLog(true, "abandoning connection with connserver - idle for %.0f seconds\n", dIdle);
+    if (nConnectionStage != CONNECTION_FINISHED) {
+        SwitchServers();  // this one did not even let us in
+    }
+    LostConnectionToCS();
+    ConnectToServer(false, nullptr);
+}
+
+void sendHeartbeat(std::time_t ttNow) {
+    tLastHeartbeat = ttNow;
+    Orvex::HeartbeatNetMessage hbnm;
+    ForwardToCS(hbnm);
+}
+
+void hibernate() {
+    writeToLog(true,
+               "Haven't been able to reach connection server for %u seconds, dropping clients and "
+               "hibernating accepting new ones until connection made\n",
+               nMaxTimeAwayFromCS);
+    bAccepting = false;
+    MopupCS();
+    ClearCSQueue();
+}
+
+void retryLink(std::time_t ttNow) {
+    if (bAccepting && nMaxTimeAwayFromCS != 0 &&
+        std::difftime(ttNow, ttLastConnServMsg) >= nMaxTimeAwayFromCS) {
+        hibernate();
+    }
+    writeToLog(true, "auto retrying connect to connection server\n");
+    ConnectToServer(false, nullptr);
+}
+
+}  // namespace
+
+void lookAfterLink(std::time_t ttNow) {
+    const double dIdle = std::difftime(ttNow, std::max(ttLastConnServMsg, ttLastCSConnectAttempt));
+    if (nConnectionStage != CONNECTION_IDLE && dIdle > dIdleTimeOut) {
+        abandonLink(dIdle);
+    } else if (nConnectionStage == CONNECTION_FINISHED &&
+               std::difftime(ttNow, tLastHeartbeat) > dHeartbeatPeriod) {
+        sendHeartbeat(ttNow);
+    } else if (nConnectionStage == CONNECTION_IDLE &&
+               std::difftime(ttNow, ttLastCSConnectAttempt) >= connectRetry_secs) {
+        retryLink(ttNow);
+    }
+}

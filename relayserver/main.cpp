@@ -1,0 +1,104 @@
+/// The life of the process, top to bottom.
+#include <gsl/util>
+
+#include "base/ConfigFile.h"
+#include "connserver/logging.h"
+#include "connserver/signal_handling.h"
+#include "orvex/tesselsql.h"
+#include "relayserver/cslink/connect_to_server.h"
+#include "relayserver/loop/epoll_set.h"
+#include "relayserver/loop/event_loop.h"
+#include "relayserver/route_store.h"
+#include "relayserver/startup/command_line.h"
+#include "relayserver/startup/descriptors.h"
+#include "relayserver/startup/listeners.h"
+#include "relayserver/startup/process_end.h"
+#include "relayserver/startup/session_keys.h"
+#include "relayserver/startup/settings.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr const char* kVersion = "relayserver Version 3.4.8";
+/// The log directory in effect: logging starts before the configuration could name another.
+constexpr const char* achLogDir = "/var/log/tessel/relayserver/";
+/// What returning -1 from `main` looks like from outside.
+constexpr int kMinusOne = 255;
+
+void openRouteStore() {
+    if (!ConnectSQL("127.0.0.1", "tessel", "postgres", "", nullptr)) {
+        writeToLog(true, "could not connect to database. relayserver quitting.\n");
+        quitProcess(1);
+    }
+    DBCleanup();
+}
+
+void endUnlessListening(ListenOutcome outcome) {
+    if (outcome == ListenOutcome::kExitRequested) {
+        shutDown();
+    }
+    if (outcome == ListenOutcome::kFailed) {
+        quitProcess(1);
+    }
+}
+
+void openListeners() {
+    endUnlessListening(openPlainListener());
+    endUnlessListening(openTlsListener());
+    if (!bOpenAudioSockets()) {
+        quitProcess(1);
+    }
+}
+
+/// From the configuration to the end of the event loop; returns only when start-up fails.
+int runRelay(const CommandLine& commandLine) {
+    const SettingsOutcome settingsOutcome =
+        readSettings(ConfigFile(commandLine.sConfFile), commandLine);
+    if (!settingsOutcome.bGoOn) {
+        if (settingsOutcome.nExitStatus != kMinusOne) {
+            quitProcess(settingsOutcome.nExitStatus);
+        }
+        return kMinusOne;
+    }
+    openRouteStore();
+    makeSessionKey();
+    const PublicKeyOutcome keyOutcome = loadPublicKey();
+    if (keyOutcome == PublicKeyOutcome::kUnreadable) {
+        quitProcess(1);
+    }
+    if (keyOutcome == PublicKeyOutcome::kNoFile) {
+        return 0;  // unlike the other ends: a service manager need not start us again
+    }
+    openListeners();
+    if (!bOpenEpollSet()) {
+        return kMinusOne;
+    }
+    if (!bConnectToFirstServer()) {
+        shutDown();
+    }
+    watchListeners();
+    runEventLoop();
+    shutDown();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    occupyStandardDescriptors();
+    raiseDescriptorLimit();
+    std::puts(kVersion);
+    const CommandLine commandLine = readCommandLine(argc, argv);
+    if (commandLine.bVersion) {
+        return 0;
+    }
+    setupSignalHandler();
+    const auto signalGuard = gsl::finally([] { closeSignalHandler(); });
+    setupLogging(commandLine.bDebug, achLogDir);
+    const auto logGuard = gsl::finally([] { closeLog(); });
+    if (!commandLine.bDebug) {
+        writeToLog(true, "%s\n", kVersion);
+    }
+    return runRelay(commandLine);
+}
