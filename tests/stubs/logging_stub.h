@@ -1,0 +1,12 @@
+/// Stands in for the log: keeps the lines instead of writing them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// Every line logged since the last clearing, without time stamps.
+std::vector<std::string>& loggedLines();
+
+/// How many of them are exactly `sLine`, and how many contain `sPart`.
+size_t nLogged(const std::string& sLine);
+size_t nLoggedContaining(const std::string& sPart);

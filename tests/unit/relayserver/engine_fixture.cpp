@@ -1,0 +1,192 @@
+#include "tests/unit/relayserver/engine_fixture.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/clock.h"
+#include "relayserver/admission/connect_limits.h"
+#include "relayserver/clients/client_tables.h"
+#include "relayserver/cslink/forward_queue.h"
+#include "relayserver/cslink/link_state.h"
+#include "relayserver/cslink/recently_lost.h"
+#include "relayserver/loop/epoll_set.h"
+#include "relayserver/loop/housekeeping.h"
+#include "relayserver/route_store.h"
+#include "relayserver/startup/settings.h"
+#include "relayserver/switching/switch_packet.h"
+#include "relayserver/switching/video_gate.h"
+#include "tests/stubs/logging_stub.h"
+#include "tests/stubs/tesselsql_stub.h"
+
+using Orvex::RelayClient;
+using Orvex::RelayClientTable;
+using Orvex::RelayMessageSocket;
+
+namespace {
+
+struct SocketPair {
+    int fdRelay;
+    int fdPeer;
+};
+
+SocketPair makePair() {
+    int fds[2] = {-1, -1};
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+    fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    return {fds[0], fds[1]};
+}
+
+void emptyTable(RelayClientTable& table) {
+    while (table.bBeginTraverse()) {
+        const int fd = table.current().GetMessageSocket()->getMsgSockFileDesc();
+        EXPECT_TRUE(table.bDelete(fd));
+        close(fd);
+    }
+}
+
+void resetEngine() {
+    emptyTable(ctAuthClientTable);
+    emptyTable(ctLooseClientTable);
+    emptyTable(ctSslHandshakingTable);
+    resetLinkStateForTest();
+    resetForwardQueueForTest();
+    resetRecentlyLostForTest();
+    resetRouteStoreForTest();
+    resetConnectLimitsForTest();
+    resetHousekeepingForTest();
+    resetSettingsForTest();
+    resetPacketsSwitchedForTest(0);
+    resetEpollSetForTest();
+    resetDatabaseStub();
+    videoPermissions.Clear();
+    loggedLines().clear();
+    nSenderID = 0;
+}
+
+}  // namespace
+
+Peer::~Peer() {
+    close();
+}
+
+void Peer::sendBytes(const std::string& sBytes) const {
+    ASSERT_EQ(static_cast<ssize_t>(sBytes.size()), ::send(_fd, sBytes.data(), sBytes.size(), 0));
+}
+
+void Peer::send(Orvex::NetMessage& nmMessage) const {
+    sendBytes(std::string(nmMessage.frame()));
+}
+
+std::string Peer::sReceived() const {
+    std::string sAll;
+    char achChunk[4096];
+    ssize_t nRead = 0;
+    while ((nRead = recv(_fd, achChunk, sizeof achChunk, MSG_DONTWAIT)) > 0) {
+        sAll.append(achChunk, static_cast<size_t>(nRead));
+    }
+    return sAll;
+}
+
+std::vector<std::string> Peer::images() const {
+    const std::string sAll = sReceived();
+    std::vector<std::string> found;
+    for (size_t nAt = 0; nAt < sAll.size();) {
+        const size_t nFrame = 2U * static_cast<unsigned char>(sAll[nAt]);
+        found.push_back(sAll.substr(nAt + 1, nFrame - 1));
+        nAt += nFrame;
+    }
+    return found;
+}
+
+bool Peer::bClosedByRelay() const {
+    char chByte = 0;
+    return recv(_fd, &chByte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
+}
+
+void Peer::close() {
+    if (_fd != -1) {
+        ::close(_fd);
+        _fd = -1;
+    }
+}
+
+void Peer::stopReading() const {
+    shutdown(_fd, SHUT_RD);
+}
+
+EngineTest::EngineTest() {
+    setClockForTest(kNow);
+    resetEngine();
+    EXPECT_TRUE(bOpenEpollSet());
+}
+
+EngineTest::~EngineTest() {
+    resetEngine();
+    resetClockForTest();
+}
+
+Peer EngineTest::addAuthClient(int nClientID) {
+    const SocketPair pair = makePair();
+    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
+    client.SetClientID(nClientID);
+    client.SetLastMessageTime(nowSecs());
+    ctAuthClientTable.Add(client);
+    addToEpollForRead(pair.fdRelay);
+    return Peer(pair.fdPeer);
+}
+
+Peer EngineTest::addLooseClient() {
+    const SocketPair pair = makePair();
+    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
+    client.SetLastMessageTime(nowSecs());
+    ctLooseClientTable.Add(client);
+    addToEpollForRead(pair.fdRelay);
+    return Peer(pair.fdPeer);
+}
+
+RelayClient& EngineTest::authClient(int nClientID) {
+    RelayClient* pClient = nullptr;
+    if (!ctAuthClientTable.bLookUp(nClientID, &pClient)) {
+        throw std::logic_error("no such client in the test");
+    }
+    return *pClient;
+}
+
+bool EngineTest::bIsAdmitted(int nClientID) {
+    RelayClient* pClient = nullptr;
+    return ctAuthClientTable.bLookUp(nClientID, &pClient);
+}
+
+int EngineTest::fdOf(int nClientID) {
+    return authClient(nClientID).GetMessageSocket()->getMsgSockFileDesc();
+}
+
+Peer EngineTest::openLink() {
+    const SocketPair pair = makePair();
+    connserv_sockfd = pair.fdRelay;
+    msConnServMsgSock = RelayMessageSocket(pair.fdRelay, sockaddr_in{});
+    nConnectionStage = CONNECTION_FINISHED;
+    addToEpollForRead(pair.fdRelay);
+    return Peer(pair.fdPeer);
+}
+
+std::string EngineTest::sImage(int nType, unsigned nSender, unsigned nDestination,
+                               const std::string& sPayload) {
+    std::string sResult(9, '\0');
+    sResult[0] = static_cast<char>(nType);
+    std::memcpy(sResult.data() + 1, &nSender, sizeof nSender);
+    std::memcpy(sResult.data() + 5, &nDestination, sizeof nDestination);
+    return sResult + sPayload;
+}
+
+std::string EngineTest::sFrame(const std::string& sImage) {
+    std::string sPadded = sImage;
+    if (sPadded.size() % 2 == 0) {
+        sPadded += '~';
+    }
+    return std::string(1, static_cast<char>((sPadded.size() + 1) / 2)) + sPadded;
+}

@@ -1,0 +1,63 @@
+/// What every test of the engine starts from: empty tables, an open epoll set, a clock that stands
+/// still, no link, nothing logged.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "orvex/net_message.h"
+#include "orvex/relay_client_table.h"
+
+/// One end of a connected pair of sockets is the relay's; this is the other.
+class Peer {
+  public:
+    explicit Peer(int fd) : _fd(fd) {}
+    ~Peer();
+    Peer(Peer&& rOther) noexcept : _fd(rOther._fd) { rOther._fd = -1; }
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+    Peer& operator=(Peer&&) = delete;
+
+    void sendBytes(const std::string& sBytes) const;
+    void send(Orvex::NetMessage& nmMessage) const;
+    /// All that has arrived, without waiting.
+    [[nodiscard]] std::string sReceived() const;
+    /// The images of the frames that have arrived.
+    [[nodiscard]] std::vector<std::string> images() const;
+    [[nodiscard]] bool bClosedByRelay() const;
+    void close();
+    /// Closes so that the relay's end reports an error.
+    void stopReading() const;
+    [[nodiscard]] int fd() const { return _fd; }
+
+  private:
+    int _fd;
+};
+
+class EngineTest : public testing::Test {
+  protected:
+    static constexpr std::time_t kNow = 1700000001;
+
+    EngineTest();
+    ~EngineTest() override;
+
+    /// An admitted, a loose client with its peer end.
+    static Peer addAuthClient(int nClientID);
+    static Peer addLooseClient();
+    /// The record of an admitted client; fails the test when there is none.
+    static Orvex::RelayClient& authClient(int nClientID);
+    static bool bIsAdmitted(int nClientID);
+    static int fdOf(int nClientID);
+
+    /// A logged-in link; the peer is the connection server.
+    static Peer openLink();
+
+    /// A message of `nType` from `nSender`, with `sPayload` behind the header.
+    static std::string sImage(int nType, unsigned nSender, unsigned nDestination,
+                              const std::string& sPayload);
+    /// The same as a frame.
+    static std::string sFrame(const std::string& sImage);
+};
