@@ -33,7 +33,6 @@ class Channel:
         self._wake_fd = os.eventfd(0, os.EFD_NONBLOCK) if wakeable else -1
         self._closed = False
         self.local = sock.getsockname()
-        self.peer = sock.getpeername()
         sock.setblocking(False)
 
     @property

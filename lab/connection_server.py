@@ -163,20 +163,14 @@ class ConnectionServer:
     def _accept(self, listener: socket.socket) -> None:
         while True:
             try:
-                sock, _ = listener.accept()
+                sock, peer = listener.accept()
             except OSError as error:
                 # A listener that was shut down answers EINVAL: the orderly end.
                 if error.errno != errno.EINVAL:
                     self.note_problem(f"accept: {error}")
                 return
             with self.changed:
-                try:
-                    sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-                    link = ServerLink(self, sock, len(self.links))
-                except OSError:
-                    # Gone between its connect and our accept.
-                    sock.close()
-                    continue
+                link = ServerLink(self, sock, peer, len(self.links))
                 self.links.append(link)
                 self.changed.notify_all()
             link.start()

@@ -38,10 +38,12 @@ class Network:
         tls: bool = False,
         binary: str | os.PathLike[str] | None = None,
         server: ConnectionServer | None = None,
+        env: dict[str, str] | None = None,
         **relay_options: object,
     ) -> None:
         """`tls` encrypts the link to the connection server and lets stations use TLS.
-        `server` is used as it is given, and started here. More options go to Relay."""
+        `server` is used as it is given, and started here. `env` is added to the relay's
+        environment. More options go to Relay."""
         self.tls = tls
         self.schema = cluster.new_schema()
         self._folder = tempfile.TemporaryDirectory(prefix="tessel-lab-")
@@ -50,7 +52,8 @@ class Network:
         config.servers = config.servers or [self.server.address]
         if self.server.tls_context is not None:
             config.server_tls_port = self.server.port
-        self.relay = Relay(config, env=self.schema.env, binary=binary, tls=tls, **relay_options)
+        env = {**self.schema.env, **(env or {})}
+        self.relay = Relay(config, env=env, binary=binary, tls=tls, **relay_options)
         self.stations: list[Station] = []
 
     def _make_server(self) -> ConnectionServer:

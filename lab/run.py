@@ -65,6 +65,7 @@ class Viewer:
         self.error = ""
         self._arrived = threading.Condition()
         self._stop = False
+        self._ending = False
         self._thread = threading.Thread(target=self._run, name=encoder.name, daemon=True)
         self._thread.start()
 
@@ -75,23 +76,35 @@ class Viewer:
             except LabTimeout:
                 continue
             except (PeerClosed, AssertionError) as error:
-                self.error = str(error)
-                texts = []
+                self._end(error)
+                return
             for text in texts:
                 say(self.encoder.name, f"reads  {text}")
             with self._arrived:
                 self._arrived.notify_all()
-            if self.error:
-                return
 
-    def wait_for(self, count: int, within_secs: float) -> bool:
+    def _end(self, error: Exception) -> None:
+        with self._arrived:
+            if not (self._ending and isinstance(error, PeerClosed)):
+                self.error = str(error)
+            self._arrived.notify_all()
+
+    def wait_for(self, count: int, deadline: Deadline) -> bool:
         """Waits for so many captions; false when they do not all come."""
-        deadline = Deadline(within_secs)
         with self._arrived:
             while len(self.encoder.captions) < count and not self.error:
                 if not self._arrived.wait(deadline.left()) and deadline.passed():
                     break
         return len(self.encoder.captions) >= count
+
+    def expect_end(self) -> None:
+        """From now on the relay may close the connection."""
+        self._ending = True
+
+    def read_to_end(self) -> None:
+        """Reads what is still there when the relay has ended, so that nothing escapes the
+        count."""
+        self._thread.join(5)
 
     def close(self) -> None:
         self._stop = True
@@ -147,12 +160,18 @@ def perform(network: Network, seconds: float) -> bool:
     viewers = [Viewer(encoder) for encoder in encoders]
     try:
         sent = play(captioner, schedule(scc.read(CLIP), seconds), seconds)
+        deadline = Deadline(_ARRIVAL_SECS)
         for viewer in viewers:
-            viewer.wait_for(len(sent), _ARRIVAL_SECS)
+            viewer.wait_for(len(sent), deadline)
+            viewer.expect_end()
+        status = network.relay.stop()
+        say("relay", f"ended with status {status}")
+        for viewer in viewers:
+            viewer.read_to_end()
     finally:
         for viewer in viewers:
             viewer.close()
-    return judge(sent, viewers)
+    return judge(sent, viewers) and status == 0
 
 
 def run(seconds: float, tls: bool, binary: Path) -> bool:
@@ -168,15 +187,12 @@ def run(seconds: float, tls: bool, binary: Path) -> bool:
             say("relay", f"is logged in and serves clients at {relay.address}:{port} ({how})")
             try:
                 good = perform(network, seconds)
-                status = relay.stop()
             except (AssertionError, OSError) as error:
                 print(f"\nThe demonstration failed: {error}")
-                good, status = False, 0
-            if status != 0:
-                print(f"The relay ended with status {status}.")
-            if not good or status != 0:
-                print("The end of its log:", *relay.log.lines[-20:], sep="\n  ")
-            return good and status == 0
+                good = False
+            if not good:
+                print("The end of the relay's log:", *relay.log.lines[-20:], sep="\n  ")
+            return good
 
 
 def main() -> int:

@@ -27,13 +27,19 @@ class ServerLink:
     "finished" (relay port received), "closed".
     """
 
-    def __init__(self, server: ConnectionServer, sock: socket.socket, number: int) -> None:
+    def __init__(
+        self,
+        server: ConnectionServer,
+        sock: socket.socket,
+        peer: tuple[str, int],
+        number: int,
+    ) -> None:
         self.server = server
         self.number = number
         self.stage = "accept"
         self.login: messages.LogIn | None = None
         self.challenge = 0
-        self.peer = sock.getpeername()
+        self.peer = peer
         self._sock = sock
         self._channel: Channel | None = None
         self._end_wanted = ""
@@ -112,6 +118,7 @@ class ServerLink:
 
     def _begin(self) -> bool:
         """Brings the connection up to the sent challenge; false when it is to be ended."""
+        self._sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         if self._fault_takes_over("accept"):
             return False
         sock = self._sock
