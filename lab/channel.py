@@ -23,6 +23,15 @@ class PeerClosed(ConnectionError):
     """The peer ended the connection (end of stream or reset)."""
 
 
+class PeerReset(PeerClosed):
+    """The peer ended the connection with a reset."""
+
+
+def _closed_by(error: OSError) -> PeerClosed:
+    rude = isinstance(error, (ConnectionResetError, BrokenPipeError))
+    return PeerReset(str(error)) if rude else PeerClosed(str(error))
+
+
 class Channel:
     """Owns a connected socket. Its calls raise PeerClosed once the connection is over."""
 
@@ -55,12 +64,14 @@ class Channel:
                     if data:
                         return data
                     raise PeerClosed("end of stream")
+                except PeerClosed:
+                    raise
                 except (BlockingIOError, ssl.SSLWantReadError):
                     pass
                 except ssl.SSLWantWriteError:
                     wanted = select.POLLOUT
                 except (ssl.SSLError, OSError) as error:
-                    raise PeerClosed(str(error)) from error
+                    raise _closed_by(error) from error
             if deadline.passed() or self._wait(wanted, deadline.left()):
                 return b""
 
@@ -81,7 +92,7 @@ class Channel:
                 except ssl.SSLWantReadError:
                     wanted = select.POLLIN
                 except (ssl.SSLError, OSError) as error:
-                    raise PeerClosed(str(error)) from error
+                    raise _closed_by(error) from error
             if sent:
                 view = view[sent:]
             elif deadline.passed():

@@ -9,48 +9,29 @@ Everything a relay sends is recorded and can be waited for. Faults are scripted 
 
 from __future__ import annotations
 
-import dataclasses
 import errno
 import itertools
 import socket
 import ssl
 import threading
-from collections import deque
-from typing import Any, Callable, TypeVar
 
 from lab import messages, tickets
 from lab.addresses import new_address
 from lab.channel import PeerClosed
 from lab.keys import Certificate, ServerKey, shared_server_key
 from lab.server_link import ServerLink
+from lab.server_record import ServerRecord
+from lab.server_script import Fault, ServerScript
 from lab.waiting import Deadline, LabTimeout
+
+__all__ = ["ConnectionServer", "Fault", "PLAIN_PORT"]
 
 #: Relays know no other port of a plain connection server.
 PLAIN_PORT = 9736
-STAGES = ("accept", "challenge", "login", "port")
 _JOIN_SECS = 5.0
 
-M = TypeVar("M", bound=messages.Message)
 
-
-@dataclasses.dataclass(frozen=True)
-class Fault:
-    """What to do in place of the normal step of a stage: send `data`, if any, and then stay
-    silent ("silence"), "close", "reset", or do the normal step after all ("go on")."""
-
-    then: str = "silence"
-    data: bytes = b""
-
-
-@dataclasses.dataclass(frozen=True)
-class Received:
-    """A message from a relay, and the link that it came on."""
-
-    message: messages.Message
-    link: ServerLink
-
-
-class ConnectionServer:
+class ConnectionServer(ServerScript, ServerRecord):
     """Listens at its own address from `start` to `close`; safe to call from any thread."""
 
     def __init__(
@@ -67,6 +48,10 @@ class ConnectionServer:
     ) -> None:
         """With a certificate the links are TLS. `receive_buffer` (bytes) makes links back up
         early while reading is paused."""
+        ServerScript.__init__(self)
+        ServerRecord.__init__(self)
+        # One condition for all: whoever waits sees scripts, links and record as one.
+        self.changed = threading.Condition()
         self.address = address or new_address()
         self.port = port
         self.key = key or shared_server_key()
@@ -74,21 +59,9 @@ class ConnectionServer:
         self.server_id = 1
         self.heartbeat_secs = heartbeat_secs
         self.tls_context = self._make_tls_context(certificate)
-        #: Any OK log-in is checked against these (agency, name, password) when given.
-        self.credentials: tuple[str, str, str] | None = None
-        #: Lets a relay continue a session that it began at another server.
-        self.continue_any = False
-        self.changed = threading.Condition()
         self.links: list[ServerLink] = []
-        self.received: list[Received] = []
         self._receive_buffer = receive_buffer
         self._client_ids = itertools.count(first_client_id)
-        self._sessions: set[tuple[str, bytes]] = set()
-        self._answers: deque[str] = deque()
-        self._faults: dict[str, deque[Fault]] = {stage: deque() for stage in STAGES}
-        self._standing: dict[str, Fault] = {}
-        #: What relays did that no sound relay does; empty after a good test.
-        self.problems: list[str] = []
         self.reading_paused = False
         self._listener: socket.socket | None = None
         self._acceptor: threading.Thread | None = None
@@ -160,6 +133,19 @@ class ConnectionServer:
             if not link.join(_JOIN_SECS):
                 raise LabTimeout(f"link {link.number} does not end")
 
+    def pause_reading(self) -> None:
+        """Stops reading from all links, so that they back up."""
+        self.reading_paused = True
+        with self.changed:
+            links = list(self.links)
+        for link in links:
+            link.wake()
+
+    def resume_reading(self) -> None:
+        with self.changed:
+            self.reading_paused = False
+            self.changed.notify_all()
+
     def _accept(self, listener: socket.socket) -> None:
         while True:
             try:
@@ -174,135 +160,6 @@ class ConnectionServer:
                 self.links.append(link)
                 self.changed.notify_all()
             link.start()
-
-    # -- scripted behaviour ----------------------------------------------------------------
-
-    def fault(self, stage: str, fault: Fault, times: int | None = 1) -> None:
-        """Plays `fault` at the next `times` occasions of `stage`; None: until cleared.
-
-        Stages: "accept" (before the TLS handshake), "challenge" (instead of sending it),
-        "login" (instead of an answer), "port" (when the relay port arrives).
-        """
-        with self.changed:
-            if times is None:
-                self._standing[stage] = fault
-            else:
-                self._faults[stage].extend([fault] * times)
-
-    def clear_faults(self) -> None:
-        """Normal service again; also forgets answers not given yet."""
-        with self.changed:
-            self._standing.clear()
-            self._answers.clear()
-            for queue in self._faults.values():
-                queue.clear()
-
-    def answer_next_login(self, *codes: str) -> None:
-        """The next log-ins get these return codes, whatever they say."""
-        with self.changed:
-            self._answers.extend(codes)
-
-    def forget(self) -> None:
-        """Loses all sessions: a relay that asks to continue hears "NO CONTINUE" and gets a
-        fresh challenge."""
-        with self.changed:
-            self._sessions.clear()
-
-    def pause_reading(self) -> None:
-        """Stops reading from all links, so that they back up."""
-        self.reading_paused = True
-        with self.changed:
-            links = list(self.links)
-        for link in links:
-            link.wake()
-
-    def resume_reading(self) -> None:
-        with self.changed:
-            self.reading_paused = False
-            self.changed.notify_all()
-
-    # -- used by the links -----------------------------------------------------------------
-
-    def take_fault(self, stage: str) -> Fault | None:
-        with self.changed:
-            queue = self._faults[stage]
-            return queue.popleft() if queue else self._standing.get(stage)
-
-    def judge_login(self, login: messages.LogIn, challenge: int) -> str:
-        """The return code for a log-in; an accepted one becomes a known session."""
-        with self.changed:
-            session = (login.name, login.des_key)
-            if self._answers:
-                code = self._answers.popleft()
-                if code == "OK":
-                    self._sessions.add(session)
-                return code
-            who = (login.agency, login.name, login.password)
-            if self.credentials is not None and who != self.credentials:
-                return "UNAUTHORIZED"
-            if login.login_number != challenge:
-                return "UNAUTHORIZED"
-            known = session in self._sessions or self.continue_any
-            if login.function == "CONTINUE" and not known:
-                return "NO CONTINUE"
-            self._sessions.add(session)
-            return "OK"
-
-    def record(self, message: messages.Message, link: ServerLink, stage: str = "") -> None:
-        """Records a message together with the stage that it brings its link to, if any."""
-        with self.changed:
-            link.stage = stage or link.stage
-            self.received.append(Received(message, link))
-            self.changed.notify_all()
-
-    def note_problem(self, text: str) -> None:
-        with self.changed:
-            self.problems.append(text)
-            self.changed.notify_all()
-
-    # -- what relays sent ------------------------------------------------------------------
-
-    def mark(self) -> int:
-        """A point in the record: `since=mark` looks only at what came later."""
-        with self.changed:
-            return len(self.received)
-
-    def messages_of(self, kind: type[M], since: int = 0) -> list[M]:
-        """The recorded messages of one class, in order of arrival."""
-        with self.changed:
-            found = [one.message for one in self.received[since:]]
-        return [message for message in found if isinstance(message, kind)]
-
-    def wait_for(
-        self,
-        predicate: Callable[[messages.Message], Any],
-        within_secs: float = 5.0,
-        *,
-        since: int = 0,
-    ) -> messages.Message:
-        """The first recorded message, old or new, for which `predicate` holds."""
-        deadline = Deadline(within_secs)
-        with self.changed:
-            while True:
-                while since < len(self.received):
-                    message = self.received[since].message
-                    since += 1
-                    if predicate(message):
-                        return message
-                if not self.changed.wait(deadline.left()) and deadline.passed():
-                    raise LabTimeout(f"message not received within {within_secs} s; {self}")
-
-    def wait_for_type(
-        self, kind: type[M], within_secs: float = 5.0, *, since: int = 0, **values: Any
-    ) -> M:
-        """Waits for a message of a class whose fields have the given values."""
-
-        def fits(message: messages.Message) -> bool:
-            return isinstance(message, kind) and all(
-                getattr(message, name) == value for name, value in values.items()
-            )
-
-        return self.wait_for(fits, within_secs, since=since)
 
     def __repr__(self) -> str:
         last = [one.message for one in self.received[-10:]]

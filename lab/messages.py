@@ -1,4 +1,4 @@
-"""Every message type as a dataclass that packs itself into an image and is parsed from one.
+"""Every message type as a dataclass, and the code tables.
 
 Codes (return code, request code, function) are kept as the text that travels, so a test sees
 exactly what came over the wire; the tables below give their numbers. `sender_id` and `dest_id`
@@ -9,10 +9,12 @@ from and takes no part in comparisons.
 from __future__ import annotations
 
 import dataclasses
-import re
-from typing import Any, Callable, ClassVar, TypeVar
+from typing import Any
 
 from lab import wire
+from lab.message import DEC, Message, Opaque, dec, parse, raw, read_signed, text, udec
+
+__all__ = ["Message", "Opaque", "parse"]
 
 RETURN_CODES = {
     "OK": 0, "NOT LOGGED IN": 1, "UNAUTHORIZED": 2, "NO CONTINUE": 3, "UDP UNAUTHORIZED": 4,
@@ -35,192 +37,43 @@ PIPE_TO_SERVER = 224
 TYPE_CAPTION_COMMAND = 6
 TYPE_MULTIPLE_CAPTION_COMMAND = 160
 
-_INTEGER = re.compile(rb"\s*[+-]?\d+")
-_UNSIGNED = re.compile(rb"\s*([+-]?)(0[xX][0-9a-fA-F]+|0[0-7]*|[1-9]\d*)")
-
-
-def signed32(value: int) -> int:
-    """`value` as a signed 32-bit number sees it; client ids travel so in some messages."""
-    return (value + 0x80000000) % 0x100000000 - 0x80000000
-
-
-def read_signed(text: bytes) -> int:
-    """A signed decimal number at the start of `text`, 0 when there is none."""
-    match = _INTEGER.match(text)
-    return signed32(int(match.group())) if match else 0
-
-
-def read_unsigned(text: bytes) -> int:
-    """An unsigned 32-bit number: decimal, hexadecimal after 0x, octal after a leading 0."""
-    match = _UNSIGNED.match(text)
-    if match is None:
-        return 0
-    digits = match.group(2)
-    if digits[:2].lower() == b"0x":
-        value = int(digits, 16)
-    else:
-        value = int(digits, 8 if digits[:1] == b"0" else 10)
-    return (-value if match.group(1) == b"-" else value) & 0xFFFFFFFF
-
-
-@dataclasses.dataclass(frozen=True)
-class _Kind:
-    """How one kind of field is written and read."""
-
-    write: Callable[[Any], bytes]
-    read: Callable[[bytes], Any]
-
-
-def _read_text(raw: bytes) -> str:
-    return raw.decode("latin-1")
-
-
-_DEC = _Kind(lambda value: b"%d" % signed32(value), read_signed)
-_UDEC = _Kind(lambda value: b"%d" % (value & 0xFFFFFFFF), read_unsigned)
-_TEXT = _Kind(lambda value: value.encode("latin-1"), _read_text)
-_BYTES = _Kind(bytes, bytes)
-
-
-def _field(kind: _Kind, default: Any) -> Any:
-    return dataclasses.field(default=default, metadata={"kind": kind})
-
-
-def _dec(default: int = 0) -> Any:
-    return _field(_DEC, default)
-
-
-def _udec(default: int = 0) -> Any:
-    return _field(_UDEC, default)
-
-
-def _text(default: str = "") -> Any:
-    return _field(_TEXT, default)
-
-
-def _bytes(default: bytes = b"") -> Any:
-    return _field(_BYTES, default)
-
-
-M = TypeVar("M", bound="Message")
-_CLASS_OF_TYPE: dict[int, type[Message]] = {}
-
-
-@dataclasses.dataclass
-class Message:
-    """What all messages share: the header, packing and parsing."""
-
-    TYPE: ClassVar[int] = -1
-
-    sender_id: int = dataclasses.field(default=0, kw_only=True)
-    dest_id: int = dataclasses.field(default=0, kw_only=True)
-    received_image: bytes = dataclasses.field(default=b"", kw_only=True, repr=False, compare=False)
-
-    def __init_subclass__(cls) -> None:
-        if cls.TYPE >= 0:
-            _CLASS_OF_TYPE[cls.TYPE] = cls
-
-    @property
-    def type_code(self) -> int:
-        """The type byte of this message."""
-        return self.TYPE
-
-    def fields(self) -> list[bytes]:
-        """The payload fields, unescaped, in wire order."""
-        return [
-            member.metadata["kind"].write(getattr(self, member.name))
-            for member in dataclasses.fields(self)
-            if "kind" in member.metadata
-        ]
-
-    def payload(self) -> bytes:
-        """The payload bytes."""
-        return wire.join_fields(self.fields())
-
-    def image(self) -> bytes:
-        """The image; WireError when the payload is too long, for nothing is cut off here."""
-        payload = self.payload()
-        if len(payload) > wire.MAX_PAYLOAD_LEN:
-            raise wire.WireError(f"{type(self).__name__}: payload of {len(payload)} bytes")
-        return wire.make_image(self.type_code, self.sender_id, self.dest_id, payload)
-
-    def frame(self) -> bytes:
-        """The stream frame."""
-        return wire.to_frame(self.image())
-
-    @classmethod
-    def from_payload(cls: type[M], payload: bytes, **header: Any) -> M:
-        """Reads the fields of `payload`; missing ones read as empty text."""
-        texts = wire.split_fields(payload)
-        values = {}
-        members = [m for m in dataclasses.fields(cls) if "kind" in m.metadata]
-        for index, member in enumerate(members):
-            text = texts[index] if index < len(texts) else b""
-            values[member.name] = member.metadata["kind"].read(text)
-        return cls(**values, **header)
-
-
-def parse(image: bytes) -> Message:
-    """The message in `image`; a type without a class gives an Opaque."""
-    type_code, sender_id, dest_id = wire.read_header(image)
-    payload = wire.payload_of(image)
-    header = {"sender_id": sender_id, "dest_id": dest_id, "received_image": image}
-    known = _CLASS_OF_TYPE.get(type_code)
-    if known is None:
-        return Opaque(type_code, payload, **header)
-    return known.from_payload(payload, **header)
-
-
-@dataclasses.dataclass
-class Opaque(Message):
-    """A message of any type with any payload, also of known types when a test wants bad bytes."""
-
-    code: int = -1
-    raw_payload: bytes = b""
-
-    @property
-    def type_code(self) -> int:
-        return self.code
-
-    def payload(self) -> bytes:
-        return self.raw_payload
-
 
 @dataclasses.dataclass
 class Response(Message):
     TYPE = 0
-    client_id: int = _udec()
-    return_code: str = _text("OK")
+    client_id: int = udec()
+    return_code: str = text("OK")
 
 
 @dataclasses.dataclass
 class LogIn(Message):
     TYPE = 1
-    name: str = _text()
-    password: str = _text()
-    function: str = _text("RELAY")
-    agency: str = _text()
-    des_key: bytes = _bytes()
-    login_number: int = _dec()
+    name: str = text()
+    password: str = text()
+    function: str = text("RELAY")
+    agency: str = text()
+    des_key: bytes = raw()
+    login_number: int = dec()
 
 
 @dataclasses.dataclass
 class LogOut(Message):
     TYPE = 2
-    name: str = _text()
-    organisation: str = _text()
+    name: str = text()
+    organisation: str = text()
 
 
 @dataclasses.dataclass
 class Chat(Message):
     TYPE = 3
-    name: str = _text()
-    chat: bytes = _bytes()
+    name: str = text()
+    chat: bytes = raw()
 
 
 @dataclasses.dataclass
 class Caption(Message):
     TYPE = 5
-    caption: bytes = _bytes()
+    caption: bytes = raw()
 
 
 @dataclasses.dataclass
@@ -231,54 +84,54 @@ class Heartbeat(Message):
 @dataclasses.dataclass
 class Challenge(Message):
     TYPE = 14
-    login_number: int = _dec()
+    login_number: int = dec()
 
 
 @dataclasses.dataclass
 class ConnectOrder(Message):
     TYPE = 15
-    connect_to_id: int = _dec()
-    relay_address: int = _udec()
-    tcp_port: int = _dec()
-    ticket: bytes = _bytes()
-    request: str = _text("CONNECT")
-    udp_port: int = _dec()
-    tls_port: int = _dec()
+    connect_to_id: int = dec()
+    relay_address: int = udec()
+    tcp_port: int = dec()
+    ticket: bytes = raw()
+    request: str = text("CONNECT")
+    udp_port: int = dec()
+    tls_port: int = dec()
 
 
 @dataclasses.dataclass
 class ConnectConfirm(Message):
     TYPE = 16
-    client_id: int = _dec()
+    client_id: int = dec()
 
 
 @dataclasses.dataclass
 class RoutingUpdate(Message):
     TYPE = 17
-    request: str = _text("CONNECT")
-    from_id: int = _udec()
-    to_id: int = _udec()
-    msg_class: int = _dec()
+    request: str = text("CONNECT")
+    from_id: int = udec()
+    to_id: int = udec()
+    msg_class: int = dec()
 
 
 @dataclasses.dataclass
 class LostConnection(Message):
     TYPE = 18
-    client_id: int = _dec()
+    client_id: int = dec()
 
 
 @dataclasses.dataclass
 class RelayConnect(Message):
     TYPE = 19
-    client_id: int = _udec()
-    ticket: bytes = _bytes()
+    client_id: int = udec()
+    ticket: bytes = raw()
 
 
 @dataclasses.dataclass
 class TicketRequest(Message):
     TYPE = 20
-    requested_id: int = _dec()
-    request: str = _text("UDP_REG")
+    requested_id: int = dec()
+    request: str = text("UDP_REG")
 
 
 @dataclasses.dataclass
@@ -287,7 +140,7 @@ class RelayIdentify(Message):
     relays: list[int] = dataclasses.field(default_factory=list)
 
     def fields(self) -> list[bytes]:
-        return [_DEC.write(number) for number in (len(self.relays), *self.relays)]
+        return [DEC.write(number) for number in (len(self.relays), *self.relays)]
 
     @classmethod
     def from_payload(cls, payload: bytes, **header: Any) -> RelayIdentify:
@@ -301,10 +154,10 @@ class VideoFeedback(Message):
     """One page of a video frame; pages count from 1."""
 
     TYPE = 65
-    paging: int = _dec(1 * 256 + 1)
-    sequence: int = _udec()
-    video_format: str = _text()
-    video: bytes = _bytes()
+    paging: int = dec(1 * 256 + 1)
+    sequence: int = udec()
+    video_format: str = text()
+    video: bytes = raw()
 
     @property
     def page(self) -> int:
@@ -318,26 +171,26 @@ class VideoFeedback(Message):
 @dataclasses.dataclass
 class AudioConfirm(Message):
     TYPE = 97
-    program_index: int = _udec()
+    program_index: int = udec()
 
 
 @dataclasses.dataclass
 class PremiumFeatureResponse(Message):
     TYPE = 106
-    transmit_id: int = _dec()
-    receive_id: int = _dec()
-    message_type: int = _dec(VideoFeedback.TYPE)
-    return_code: str = _text("OK")
+    transmit_id: int = dec()
+    receive_id: int = dec()
+    message_type: int = dec(VideoFeedback.TYPE)
+    return_code: str = text("OK")
 
 
 @dataclasses.dataclass
 class RelayPort(Message):
     TYPE = 225
-    tcp_port: int = _dec()
-    udp_port: int = _dec()
-    address: int = _udec()
-    tls_port: int = _dec()
-    private_address: int = _udec()
+    tcp_port: int = dec()
+    udp_port: int = dec()
+    address: int = udec()
+    tls_port: int = dec()
+    private_address: int = udec()
 
     @classmethod
     def from_payload(cls, payload: bytes, **header: Any) -> RelayPort:
@@ -352,5 +205,5 @@ class RelayPort(Message):
 @dataclasses.dataclass
 class StatusKeyPost(Message):
     TYPE = 232
-    key: str = _text()
-    value: str = _text()
+    key: str = text()
+    value: str = text()

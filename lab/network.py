@@ -15,7 +15,6 @@ import tempfile
 from pathlib import Path
 from typing import TypeVar
 
-from lab import messages
 from lab.addresses import new_address
 from lab.cluster import Cluster
 from lab.connection_server import ConnectionServer

@@ -8,7 +8,7 @@ import pytest
 from stand_in_relay import StandInRelay
 
 from lab import keys, messages, tickets
-from lab.channel import PeerClosed
+from lab.channel import PeerClosed, PeerReset
 from lab.connection_server import ConnectionServer, Fault
 from lab.waiting import LabTimeout
 
@@ -95,6 +95,8 @@ def test_a_link_ends_at_any_stage(server, stage, how):
         except PeerClosed:
             pass
         server.wait_for_link("closed")
+        if stage != "accept":
+            assert isinstance(relay.end_seen, PeerReset) == (how == "reset")
     with StandInRelay.at(server) as relay:
         assert relay.log_in(server) == "OK"
 

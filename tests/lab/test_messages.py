@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages, wire
+from lab import message, messages, wire
 
 EXAMPLES = [
     (messages.Response(5, "OK"), 0, b"5~OK~"),
@@ -42,7 +42,7 @@ def test_bytes_and_back(message, type_code, payload):
 
 
 def test_every_class_has_an_example():
-    assert {type(message) for message, _, _ in EXAMPLES} == set(messages._CLASS_OF_TYPE.values())
+    assert {type(message) for message, _, _ in EXAMPLES} == set(message._CLASS_OF_TYPE.values())
 
 
 def test_unsigned_numbers_may_be_hexadecimal_or_octal_on_input():
