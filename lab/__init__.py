@@ -1,0 +1,20 @@
+"""A network in a box: everything a relay talks to, in Python, on loopback addresses.
+
+The wire protocol is written here a second time, independently of the C++ sources, so that the
+two implementations check each other. Nothing in this package prints except lab.run.
+
+    wire, messages      images, frames, fields, datagrams; one dataclass per message type
+    tickets, keys       log-in tickets, the encrypted log-in, RSA keys, TLS certificates
+    channel             one TCP or TLS connection with deadlines
+    connection_server   the stand-in connection server, with scripted faults
+    server_link         one relay's link there: challenge, log-in, traffic
+    stations            captioner, encoder, monitor
+    scc, cea608         caption files and caption bytes as text
+    cluster, pgwire     a private PostgreSQL, and a look into it
+    relay               the real binary in a folder of its own
+    relay_config        its configuration file; process_log: its output
+    network             all of the above put together, in two lines
+    addresses, waiting  loopback addresses and free ports; waits with deadlines
+    pytest_relay_log    shows relay logs when a test fails
+    run                 the demonstration behind ./dev run
+"""

@@ -1,0 +1,34 @@
+"""A relay's side of the connection-server link, as small as it can be, to try the lab's server."""
+
+from __future__ import annotations
+
+import os
+
+from lab import messages, wire
+from lab.connection_server import ConnectionServer
+from lab.stations import Station
+
+
+class StandInRelay(Station):
+    """Logs in the way a relay does."""
+
+    @classmethod
+    def at(cls, server: ConnectionServer, tls: bool = False) -> StandInRelay:
+        relay = cls.connect(server.address, server.port, tls=tls)
+        relay.des_key = os.urandom(8)
+        return relay
+
+    def send_login(self, server: ConnectionServer, number: int, function: str = "RELAY") -> None:
+        login = messages.LogIn("relay", "secret", function, "company", self.des_key, number)
+        block = server.key.encrypt(login.payload())
+        self.send_image(wire.make_image(messages.LogIn.TYPE, self.client_id, 0, block))
+
+    def log_in(self, server: ConnectionServer, function: str = "RELAY") -> str:
+        """Answers the challenge; after an OK tells the ports. Returns the return code."""
+        challenge = self.expect(messages.Challenge)
+        self.send_login(server, challenge.login_number, function)
+        response = self.expect(messages.Response)
+        if response.return_code == "OK":
+            self.client_id = response.client_id
+            self.send(messages.RelayPort(9736, 6900))
+        return response.return_code
