@@ -31,9 +31,9 @@ class ServerKey:
         self.size_bytes = (bits + 7) // 8
 
     def public_pem(self) -> bytes:
-        """The public key as PEM in the PKCS #1 form, "BEGIN RSA PUBLIC KEY"."""
+        """The public key as PEM, "BEGIN PUBLIC KEY", the form that relays read."""
         return self._private.public_key().public_bytes(
-            serialization.Encoding.PEM, serialization.PublicFormat.PKCS1
+            serialization.Encoding.PEM, serialization.PublicFormat.SubjectPublicKeyInfo
         )
 
     def encrypt(self, plain: bytes) -> bytes:
