@@ -1,0 +1,212 @@
+"""What every end-to-end test stands on: a database, connection servers, relays, stations.
+
+Whatever a test makes through these fixtures is taken down after it, and every relay is judged on
+its way out: it ends in order with status 0 (or with its `expected_status`), no sanitizer accuses
+it, and the connection servers saw nothing from it that no sound relay sends.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import dataclasses
+import sys
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+
+from lab.addresses import new_address  # noqa: E402
+from lab.cluster import Cluster, Schema  # noqa: E402
+from lab.connection_server import ConnectionServer  # noqa: E402
+from lab.keys import Certificate, write_certificate  # noqa: E402
+from lab.pytest_relay_log import pytest_runtest_makereport  # noqa: E402, F401
+from lab.relay import Relay  # noqa: E402
+from lab.relay_config import RelayConfig  # noqa: E402
+from lab.stations import Station  # noqa: E402
+
+#: How long a relay may take to start and log in, and to end.
+READY_SECS = 20.0
+EXIT_SECS = 15.0
+
+_CONFIG_NAMES = {field.name for field in dataclasses.fields(RelayConfig)}
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    # A traceback in a thread of the lab fails the test in which it shows.
+    config.addinivalue_line("filterwarnings", "error::pytest.PytestUnhandledThreadExceptionWarning")
+
+
+class TestedRelay(Relay):
+    """A relay that knows its schema and server and how it is expected to end."""
+
+    #: The exit status asked for in the end; None accepts any.
+    expected_status: int | None = 0
+    schema: Schema
+    server: ConnectionServer
+
+    def end_and_judge(self) -> None:
+        """Ends the relay if it still runs; AssertionError when its end is not as expected."""
+        try:
+            if self._process is None:
+                return
+            status = self.stop(EXIT_SECS) if self.running else self.wait_exit(EXIT_SECS)
+            assert self.sanitizer_reports() == []
+            if self.expected_status is not None:
+                assert status == self.expected_status
+        finally:
+            self.close()
+
+
+@pytest.fixture(scope="session")
+def cluster() -> Iterator[Cluster]:
+    """One database server per test process."""
+    with Cluster() as cluster:
+        yield cluster
+
+
+@pytest.fixture
+def own_cluster() -> Iterator[Cluster]:
+    """A database server that the test may stop and start."""
+    with Cluster() as cluster:
+        yield cluster
+
+
+@pytest.fixture
+def make_server() -> Iterator[Callable[..., ConnectionServer]]:
+    """Makes connection servers, started unless `start` is false; options go to its class."""
+    servers: list[ConnectionServer] = []
+
+    def make(*, start: bool = True, **options: object) -> ConnectionServer:
+        server = ConnectionServer(**options)
+        servers.append(server)
+        return server.start() if start else server
+
+    yield make
+    for server in servers:
+        server.close()
+    for server in servers:
+        assert server.problems == []
+
+
+@pytest.fixture
+def server(make_server: Callable[..., ConnectionServer]) -> ConnectionServer:
+    """A plain connection server, started."""
+    return make_server()
+
+
+@pytest.fixture(scope="session")
+def server_certificate(tmp_path_factory: pytest.TempPathFactory) -> Certificate:
+    """The certificate of connection servers that speak TLS."""
+    return write_certificate(tmp_path_factory.mktemp("certificate"), "connserver")
+
+
+@pytest.fixture
+def tls_server(
+    make_server: Callable[..., ConnectionServer], server_certificate: Certificate
+) -> ConnectionServer:
+    """A connection server that speaks TLS, started at a port of its own."""
+    return make_server(address=new_address(), port=0, certificate=server_certificate)
+
+
+@pytest.fixture
+def make_relay(cluster: Cluster, server: ConnectionServer) -> Iterator[Callable[..., TestedRelay]]:
+    """Makes relays: `make_relay(servers=[...], max_time_away_secs=3, tls=True, ready=False)`.
+
+    Names of RelayConfig fields set those, all others go to Relay. Without `servers` the relay
+    logs in to `using` (the fixture `server` by default). Each gets a schema of its own, or
+    `schema`. `start` starts it, `ready` waits until it is logged in.
+    """
+    relays: list[TestedRelay] = []
+
+    def make(
+        *,
+        using: ConnectionServer | None = None,
+        schema: Schema | None = None,
+        start: bool = True,
+        ready: bool = True,
+        env: dict[str, str] | None = None,
+        **options: object,
+    ) -> TestedRelay:
+        using = using or server
+        config = RelayConfig(**{k: v for k, v in options.items() if k in _CONFIG_NAMES})
+        if not config.servers:
+            config.servers = [using.address]
+            if using.tls_context is not None and config.server_tls_port is None:
+                config.server_tls_port = using.port
+        schema = schema or cluster.new_schema()
+        others = {k: v for k, v in options.items() if k not in _CONFIG_NAMES}
+        relay = TestedRelay(config, env={**schema.env, **(env or {})}, **others)
+        relay.schema, relay.server = schema, using
+        relays.append(relay)
+        if start:
+            relay.start()
+        if start and ready:
+            relay.wait_ready(READY_SECS)
+            using.wait_logged_in(READY_SECS)
+        return relay
+
+    yield make
+    with contextlib.ExitStack() as ends:
+        for relay in relays:
+            ends.callback(relay.end_and_judge)
+
+
+@pytest.fixture
+def relay(make_relay: Callable[..., TestedRelay]) -> TestedRelay:
+    """A relay logged in to `server`, on a schema of its own."""
+    return make_relay()
+
+
+@pytest.fixture
+def tls_relay(make_relay: Callable[..., TestedRelay]) -> TestedRelay:
+    """Like `relay`, and it listens for TLS clients too."""
+    return make_relay(tls=True)
+
+
+@pytest.fixture
+def make_station() -> Iterator[Callable[..., Station]]:
+    """Connects stations: `make_station(relay, Captioner)` is logged in, under a new id or
+    `client_id`; `login=False` only connects. `tls` goes to the TLS port. Heartbeats keep it
+    from being dropped as idle. More options go to Station.connect."""
+    stations: list[Station] = []
+
+    def make(
+        relay: TestedRelay,
+        kind: type[Station] = Station,
+        *,
+        client_id: int | None = None,
+        login: bool = True,
+        tls: bool = False,
+        heartbeats: bool = True,
+        **options: object,
+    ) -> Station:
+        port = relay.tls_port if tls else relay.tcp_port
+        station = kind.connect(relay.address, port, tls=tls, **options)
+        stations.append(station)
+        if login:
+            client_id = relay.server.new_client_id() if client_id is None else client_id
+            station.login(client_id, relay.server.ticket_for(client_id))
+        if login and heartbeats:
+            station.start_heartbeats()
+        return station
+
+    yield make
+    for station in stations:
+        station.close()
+
+
+@pytest.fixture
+def route() -> Callable[..., None]:
+    """Orders a route between stations or ids and waits until it is in the table."""
+
+    def order(
+        relay: TestedRelay, source: Station | int, to: Station | int, msg_class: int
+    ) -> None:
+        from_id = source if isinstance(source, int) else source.client_id
+        to_id = to if isinstance(to, int) else to.client_id
+        relay.server.connect_route(from_id, to_id, msg_class)
+        relay.schema.wait_for_route((from_id, to_id, msg_class))
+
+    return order
