@@ -2,6 +2,8 @@
 
 #include <semaphore.h>
 
+#include <atomic>
+
 #include "connserver/semaphore_lock.h"
 
 namespace {
@@ -12,11 +14,13 @@ struct LogQueue {
         sem_init(&semLogQueueMsgWaiting, 0, 0);
     }
 
-    sem_t semLogQueueSafe;        ///< Guards all members below.
+    sem_t semLogQueueSafe;        ///< Guards the plain members below.
     sem_t semLogQueueMsgWaiting;  ///< Counts the lines pushed; the logging thread sleeps on it.
     std::deque<std::string> logMsgQueue;
     bool bOpen = false;
     LogQueueCounts counts{0, 0};
+
+    std::atomic<bool> bStopping{false};  ///< The logging thread shall end.
 };
 
 LogQueue& theQueue() {
@@ -31,6 +35,7 @@ void openLogQueue() {
     LogQueue& queue = theQueue();
     const SemaphoreLock lock(queue.semLogQueueSafe);
     queue.bOpen = true;
+    queue.bStopping = false;
 }
 
 std::deque<std::string> closeLogQueue() {
@@ -54,8 +59,18 @@ bool bQueueLogLine(std::string& sLine) {
     return true;
 }
 
-bool bAwaitLogLine() {
-    return sem_wait(&theQueue().semLogQueueMsgWaiting) == 0;
+LogWait awaitLogLine() {
+    LogQueue& queue = theQueue();
+    if (sem_wait(&queue.semLogQueueMsgWaiting) != 0) {
+        return LogWait::failed;
+    }
+    return queue.bStopping ? LogWait::stopped : LogWait::lines;
+}
+
+void stopLogWaits() {
+    LogQueue& queue = theQueue();
+    queue.bStopping = true;
+    sem_post(&queue.semLogQueueMsgWaiting);
 }
 
 void fetchLogLines(std::deque<std::string>& batch) {

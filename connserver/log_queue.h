@@ -19,9 +19,19 @@ std::deque<std::string> closeLogQueue();
 /// when the queue is not open.
 [[nodiscard]] bool bQueueLogLine(std::string& sLine);
 
-/// Waits until a line has been queued. False when waiting failed. The only place where the logging
-/// thread can be cancelled; outside it must have disabled cancellation.
-[[nodiscard]] bool bAwaitLogLine();
+enum class LogWait {
+    lines,    ///< Lines may be there to be fetched.
+    stopped,  ///< The logging thread shall end; what is left is not its business any more.
+    failed,   ///< Waiting failed.
+};
+
+/// Sleeps until a line is queued or `stopLogWaits` is called. Logging thread.
+[[nodiscard]] LogWait awaitLogLine();
+
+/// Ends the logging thread's present or next wait, and thereby the thread. Asking it takes the
+/// place of cancelling it: it ends only where it holds no line, no semaphore and no lock of a
+/// stream.
+void stopLogWaits();
 
 /// Moves all queued lines into `batch`, which must be empty. May find none: one call fetches also
 /// those lines whose wake-ups are still to come.
