@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "base/string_format.h"
 #include "connserver/semaphore_lock.h"
 
 namespace {
@@ -19,6 +20,7 @@ struct LogQueue {
     std::deque<std::string> logMsgQueue;
     bool bOpen = false;
     LogQueueCounts counts{0, 0};
+    std::size_t nLost = 0;  ///< Lines refused since the queue was fetched last.
 
     std::atomic<bool> bStopping{false};  ///< The logging thread shall end.
 };
@@ -53,6 +55,10 @@ bool bQueueLogLine(std::string& sLine) {
     if (!queue.bOpen) {
         return false;
     }
+    if (queue.logMsgQueue.size() >= kMaxQueuedLogLines) {
+        ++queue.nLost;
+        return true;
+    }
     queue.logMsgQueue.push_back(std::move(sLine));
     ++queue.counts.nQueued;
     sem_post(&queue.semLogQueueMsgWaiting);
@@ -77,6 +83,12 @@ void fetchLogLines(std::deque<std::string>& batch) {
     LogQueue& queue = theQueue();
     const SemaphoreLock lock(queue.semLogQueueSafe);
     batch.swap(queue.logMsgQueue);
+    if (queue.nLost != 0) {
+        batch.push_back(
+            string_format("WARNING: the log was too slow, %zu lines are lost\n", queue.nLost));
+        ++queue.counts.nQueued;
+        queue.nLost = 0;
+    }
 }
 
 void noteLogLinesWritten(std::size_t nLines) {

@@ -15,6 +15,9 @@ void openLogQueue();
 /// `bQueueLogLine` took is either fetched already or among them.
 std::deque<std::string> closeLogQueue();
 
+/// What a disk that hangs can make us hold; lines beyond are counted instead of kept.
+constexpr std::size_t kMaxQueuedLogLines = 200'000;
+
 /// Puts a finished line into the queue and wakes the logging thread. False, with `sLine` untouched,
 /// when the queue is not open.
 [[nodiscard]] bool bQueueLogLine(std::string& sLine);
@@ -33,8 +36,8 @@ enum class LogWait {
 /// stream.
 void stopLogWaits();
 
-/// Moves all queued lines into `batch`, which must be empty. May find none: one call fetches also
-/// those lines whose wake-ups are still to come.
+/// Moves all queued lines into `batch`, which must be empty, and a line about those lost, if any.
+/// May find none: one call fetches also those lines whose wake-ups are still to come.
 void fetchLogLines(std::deque<std::string>& batch);
 
 /// Notes that `nLines` fetched lines have been written and flushed.
