@@ -337,6 +337,7 @@ TEST_F(TlsSocketTest, ALargeRecordLeavesInputThatNoEventAnnounces) {
             EXPECT_EQ(got.sImage, std::string(509, static_cast<char>('a' + nGot)));
             ++nGot;
         }
+        EXPECT_EQ(socket.bHasMoreInput(), nGot < 24) << "what the session still holds counts";
     }
     EXPECT_EQ(nGot, 24);
     EXPECT_FALSE(socket.bHasMoreInput());

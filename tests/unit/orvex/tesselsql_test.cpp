@@ -267,6 +267,14 @@ TEST_F(SqlTest, ADuplicateKeyIsReportedOnly) {
     EXPECT_EQ(server.nConnections, 1);
 }
 
+TEST(Sql, ADuplicateKeyNeverCallsForAReconnect) {
+    EXPECT_FALSE(
+        bCallsForReconnect("ERROR:  duplicate key value violates unique constraint \"a\""));
+    EXPECT_TRUE(bCallsForReconnect("ERROR:  new row violates check constraint"));
+    EXPECT_TRUE(bCallsForReconnect("server closed the connection unexpectedly"));
+    EXPECT_TRUE(bCallsForReconnect(""));
+}
+
 TEST_F(SqlTest, ALostConnectionIsMadeAgain) {
     connectDefault();
     const std::string sOut = sExecute("die");
