@@ -1,0 +1,611 @@
+#include "orvex/net_message.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <sstream>
+
+#include "tests/unit/orvex/image_bytes.h"
+
+namespace Orvex {
+namespace {
+
+using namespace std::string_literals;
+
+/// Every test starts with the sender id of a fresh process.
+class NetMessageTest : public testing::Test {
+  protected:
+    void SetUp() override { nSenderID = 0; }
+    void TearDown() override { nSenderID = 0; }
+};
+
+/// A message with one text that it packs, to see when packing happens.
+class TextMessage : public NetMessage {
+  public:
+    TextMessage() : NetMessage(3) {}
+    TextMessage(const char* buf, int len) : NetMessage(buf, len) {}
+    void SetText(const std::string& sInText) {
+        sText = sInText;
+        MarkNotInSync();
+    }
+    std::string sText;
+    int nPacked = 0;
+
+  protected:
+    void doPack(int* npMsgHdrLen) override {
+        ++nPacked;
+        int nIndex = 0;
+        SetField(sText, nIndex, payload());
+        UpdateLength(nIndex);
+        if (npMsgHdrLen != nullptr) {
+            *npMsgHdrLen = nIndex;
+        }
+    }
+    void doUnpack() override {
+        int nLen = GetPayloadLen();
+        int nIndex = 0;
+        GetField(payload(), nLen, nIndex, sText);
+    }
+};
+
+/// Takes what is written and answers as told.
+struct FakeSocket {
+    int getMsgSockFileDesc() { return 42; }
+    int write_n_with_timeout(int f, const void* addr, int n, int secs, int microSecs) {
+        ++nCalls;
+        nFd = f;
+        nTimeoutMicroSecs = secs * 1000000 + microSecs;
+        sWritten.assign(static_cast<const char*>(addr), static_cast<std::size_t>(n));
+        return nAnswer == kAll ? n : nAnswer;
+    }
+    static constexpr int kAll = -100;
+    int nAnswer = kAll;
+    int nCalls = 0;
+    int nFd = -1;
+    int nTimeoutMicroSecs = 0;
+    std::string sWritten;
+};
+
+std::string sendBufferOf(NetMessage& rMessage, bool bSendLen = true) {
+    std::string sOut;
+    rMessage.GetSendBuffer(bSendLen, sOut);
+    return sOut;
+}
+
+std::string imageOfLen(std::size_t nLen) {
+    return imageWith(6, std::string(nLen - 9, 'x'));
+}
+
+/// A field as it is written into an empty payload of 499 bytes on the heap, guarded by the
+/// sanitizer.
+std::string fieldOf(const std::string& sText, int nIndex = 0) {
+    const auto achPayload = std::make_unique<char[]>(499);
+    const int nStart = nIndex;
+    NetMessage::SetField(sText, nIndex, achPayload.get());
+    return {achPayload.get() + nStart, static_cast<std::size_t>(nIndex - nStart)};
+}
+
+struct field_read_t {
+    std::string sField;
+    int nLen;
+    int nIndex;
+};
+
+field_read_t readField(const std::string& sPayload, int nLen, int nIndex = 0) {
+    const std::vector<char> exact(sPayload.begin(), sPayload.end());
+    field_read_t result{"old", nLen, nIndex};
+    NetMessage::GetField(exact.data(), result.nLen, result.nIndex, result.sField);
+    return result;
+}
+
+// Construction and header
+
+TEST_F(NetMessageTest, ConstantsAreThoseOfTheProtocol) {
+    EXPECT_EQ(NetMessage::nMSG_HDR_LEN, 9);
+    EXPECT_EQ(NetMessage::nMAX_MSG_LEN, 508);
+    EXPECT_EQ(NetMessage::nMAX_MSG_DATA_LEN, 499U);
+    EXPECT_EQ(NetMessage::nMAX_UDP_MSG_LEN, 524U);
+    EXPECT_EQ(NetMessage::chESC, '\\');
+    EXPECT_EQ(NetMessage::chDELIM, '~');
+}
+
+TEST_F(NetMessageTest, MadeFromNothingIsUnsetAndNotInSync) {
+    nSenderID = 0x01020304;
+    const NetMessage message;
+    EXPECT_FALSE(message.isInSync());
+    EXPECT_EQ(imageOf(message), "\xFF\x04\x03\x02\x01\0\0\0\0"s);
+    EXPECT_TRUE(message.GetNetMsgType() == -1);
+}
+
+TEST_F(NetMessageTest, MadeFromATypeIsInSync) {
+    const NetMessage message(232);
+    EXPECT_TRUE(message.isInSync());
+    EXPECT_EQ(imageOf(message), "\xE8\0\0\0\0\0\0\0\0"s);
+    EXPECT_EQ(message.GetMessageLen(), 9);
+    EXPECT_EQ(message.GetPayloadLen(), 0);
+}
+
+TEST_F(NetMessageTest, CreateFlagChoosesBetweenSendingAndReceiving) {
+    const std::string sImage = imageWith(16, "5~");
+    const NetMessage created(true, 3, sImage.data(), static_cast<int>(sImage.size()));
+    EXPECT_FALSE(created.isInSync());
+    EXPECT_EQ(imageOf(created), "\x03\0\0\0\0\0\0\0\0"s);
+    const NetMessage taken(false, 3, sImage.data(), static_cast<int>(sImage.size()));
+    EXPECT_EQ(imageOf(taken), sImage);
+    EXPECT_TRUE(taken.GetNetMsgType() == 16);
+    EXPECT_TRUE(taken.isInSync());
+}
+
+TEST_F(NetMessageTest, ReceivedImageGivesTypeAndIds) {
+    const auto message = receivedFrom<NetMessage>("\xE8\x01\x02\x03\x04\x05\x06\x07\xF8hello~"s);
+    NetMessageType nmt;
+    unsigned nSender = 0;
+    unsigned nDest = 0;
+    message.GetNetMsgType(nmt);
+    message.GetSenderID(nSender);
+    message.GetDestID(nDest);
+    EXPECT_TRUE(nmt == 232);
+    EXPECT_EQ(nSender, 0x04030201U);
+    EXPECT_EQ(nDest, 0xF8070605U);
+    EXPECT_EQ(message.GetPayloadLen(), 6);
+}
+
+TEST_F(NetMessageTest, ReceivedTypeByte255IsUnset) {
+    EXPECT_TRUE(receivedFrom<NetMessage>(imageWith(255, "")).GetNetMsgType() == -1);
+}
+
+TEST_F(NetMessageTest, ChangingTheSenderTouchesNothingElse) {
+    auto message = receivedFrom<NetMessage>(imageWith(16, "5~"));
+    message.ChangeSenderID(0xAABBCCDD);
+    EXPECT_EQ(imageOf(message), "\x10\xDD\xCC\xBB\xAA\x09\0\0\0"s + "5~");
+    EXPECT_TRUE(message.isInSync());
+}
+
+TEST_F(NetMessageTest, DestinationIsSetInMemberAndImage) {
+    NetMessage message(16);
+    message.SetDestID(0x0A0B0C0D);
+    EXPECT_EQ(imageOf(message), "\x10\0\0\0\0\x0D\x0C\x0B\x0A"s);
+    int nLen = 0;
+    message.basePack(&nLen);
+    EXPECT_EQ(nLen, 9);
+    EXPECT_EQ(message.GetDestID(), 0x0A0B0C0DU);
+}
+
+TEST_F(NetMessageTest, SenderIsReadWhenTheMessageIsMade) {
+    TextMessage message;
+    nSenderID = 5;
+    message.SetText("a");
+    EXPECT_EQ(sendBufferOf(message).substr(2, 4), "\0\0\0\0"s);
+}
+
+TEST_F(NetMessageTest, SenderOfARawImageNeedsNineBytes) {
+    const std::string sImage = imageWith(16, "");
+    EXPECT_EQ(GetNetMessageSenderID(sImage.data(), 9), 7U);
+    EXPECT_EQ(GetNetMessageSenderID(sImage.data(), 8), 0xFFFFFFFFU);
+    EXPECT_EQ(GetNetMessageSenderID(sImage.data(), -1), 0xFFFFFFFFU);
+    EXPECT_EQ(GetNetMessageSenderID(nullptr, 100), 0xFFFFFFFFU);
+}
+
+// Sizes
+
+TEST_F(NetMessageTest, MissingHeaderBytesReadAsZero) {
+    for (std::size_t nLen = 0; nLen < 9; ++nLen) {
+        auto message =
+            receivedFrom<TextMessage>("\x03\x11\x11\x11\x11\x22\x22\x22\x22"s.substr(0, nLen));
+        EXPECT_EQ(message.GetMessageLen(), static_cast<int>(nLen));
+        EXPECT_EQ(message.GetDestID(),
+                  nLen <= 5 ? 0U : 0x22222222U & ((1U << (8 * (nLen - 5))) - 1));
+        message.Unpack();
+        EXPECT_EQ(message.sText, "");
+    }
+}
+
+TEST_F(NetMessageTest, LengthsOfReceivedImagesAreBounded) {
+    const std::string sLong(10000, '~');
+    NetMessage tooLong(sLong.data(), 10000);
+    EXPECT_EQ(tooLong.GetMessageLen(), 509);
+    EXPECT_TRUE(tooLong.frame().empty());
+    EXPECT_EQ(sendBufferOf(tooLong), "");
+    EXPECT_EQ(sendBufferOf(tooLong, false), "");
+    const NetMessage negative(sLong.data(), -1);
+    EXPECT_EQ(negative.GetMessageLen(), 0);
+    const NetMessage none(nullptr, 100);
+    EXPECT_EQ(none.GetMessageLen(), 0);
+}
+
+TEST_F(NetMessageTest, FiveHundredTenBytesAreOversizeWhateverTheirEnd) {
+    auto message = receivedFrom<NetMessage>(std::string(510, '~'));
+    EXPECT_TRUE(message.frame().empty());
+}
+
+TEST_F(NetMessageTest, MaximalImageIsFramedAnyNumberOfTimes) {
+    const std::string sImage = imageOfLen(508);
+    auto message = receivedFrom<NetMessage>(sImage);
+    const std::string sFrame = "\xFF"s + sImage + "~";
+    FakeSocket sock;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(std::string(message.frame()), sFrame);
+        EXPECT_EQ(sendBufferOf(message), sFrame);
+        EXPECT_EQ(message.Send(true, sock), 510);
+        EXPECT_EQ(sock.sWritten, sFrame);
+        EXPECT_EQ(sendBufferOf(message, false), sImage);
+    }
+}
+
+TEST_F(NetMessageTest, PaddedMaximalImageIsKeptAndFramedUnchanged) {
+    const std::string sImage = imageOfLen(508) + "~";
+    auto message = receivedFrom<NetMessage>(sImage);
+    EXPECT_EQ(message.GetMessageLen(), 509);
+    EXPECT_EQ(imageOf(message), sImage);
+    EXPECT_EQ(std::string(message.frame()), "\xFF"s + sImage);
+    EXPECT_EQ(std::string(message.frame()), "\xFF"s + sImage);
+}
+
+TEST_F(NetMessageTest, FiveHundredNineBytesWithoutPadAreOversize) {
+    auto message = receivedFrom<NetMessage>(imageOfLen(509));
+    FakeSocket sock;
+    EXPECT_TRUE(message.frame().empty());
+    EXPECT_EQ(sendBufferOf(message), "");
+    EXPECT_EQ(message.Send(true, sock), 0);
+    EXPECT_EQ(sock.nCalls, 0);
+}
+
+TEST_F(NetMessageTest, UpdateLengthStaysWithinTheImage) {
+    NetMessage message(3);
+    EXPECT_EQ(message.UpdateLength(2), 11);
+    EXPECT_EQ(message.UpdateLength(-100), 9);
+    EXPECT_EQ(message.UpdateLength(1000000), 509);
+    EXPECT_TRUE(message.frame().empty());
+    EXPECT_EQ(message.UpdateLength(0), 9);
+    EXPECT_EQ(message.frame().size(), 10U);
+}
+
+TEST_F(NetMessageTest, CopiesKeepImageAndMarks) {
+    const auto message = receivedFrom<NetMessage>(imageWith(16, "5~"));
+    const NetMessage copy(message);
+    NetMessage assigned(3);
+    assigned = message;
+    EXPECT_EQ(imageOf(copy), imageOf(message));
+    EXPECT_EQ(imageOf(assigned), imageOf(message));
+    EXPECT_TRUE(assigned.GetNetMsgType() == 16);
+    EXPECT_TRUE(assigned.isInSync());
+    const auto oversize = receivedFrom<NetMessage>(std::string(600, '~'));
+    NetMessage oversizeCopy(oversize);
+    EXPECT_TRUE(oversizeCopy.frame().empty());
+}
+
+// Packing and sync
+
+TEST_F(NetMessageTest, PackingHappensOnlyWhenOutOfSync) {
+    TextMessage message;
+    message.SetText("a");
+    EXPECT_FALSE(message.isInSync());
+    (void)message.frame();
+    (void)message.frame();
+    EXPECT_EQ(message.nPacked, 1);
+    EXPECT_TRUE(message.isInSync());
+    message.SetText("bc");
+    EXPECT_EQ(sendBufferOf(message).substr(10), "bc~~");
+    EXPECT_EQ(message.nPacked, 2);
+}
+
+TEST_F(NetMessageTest, PackStoresThePayloadLength) {
+    TextMessage message;
+    message.sText = "abc";
+    int nLen = 0;
+    message.Pack(&nLen);
+    EXPECT_EQ(nLen, 4);
+}
+
+TEST_F(NetMessageTest, CopyingOutAndDatagramsDoNotPack) {
+    TextMessage message;
+    message.SetText("a");
+    EXPECT_EQ(imageOf(message).size(), 9U);
+    int nLen = 0;
+    message.ToRTPFormatChars(nullptr, &nLen);
+    EXPECT_EQ(nLen, 25);
+    EXPECT_EQ(message.nPacked, 0);
+}
+
+TEST_F(NetMessageTest, TakesOverAMessageOfItsType) {
+    TextMessage message;
+    EXPECT_TRUE(message.bCreateFromNetMsg(receivedFrom<NetMessage>(imageWith(3, "hi~"))));
+    EXPECT_EQ(message.sText, "hi");
+    EXPECT_EQ(imageOf(message), imageWith(3, "hi~"));
+    EXPECT_EQ(message.GetDestID(), 9U);
+    EXPECT_TRUE(message.isInSync());
+}
+
+TEST_F(NetMessageTest, RefusesAMessageOfAnotherType) {
+    TextMessage message;
+    message.SetText("kept");
+    EXPECT_FALSE(message.bCreateFromNetMsg(receivedFrom<NetMessage>(imageWith(4, "hi~"))));
+    EXPECT_EQ(message.sText, "kept");
+    EXPECT_EQ(message.GetDestID(), 0U);
+    EXPECT_FALSE(message.isInSync());
+}
+
+TEST_F(NetMessageTest, WithoutTypeTakesOverAnyMessage) {
+    NetMessage message;
+    EXPECT_TRUE(message.bCreateFromNetMsg(receivedFrom<NetMessage>(imageWith(4, "hi~"))));
+    EXPECT_TRUE(message.GetNetMsgType() == 4);
+    NetMessage fromOversize;
+    EXPECT_TRUE(fromOversize.bCreateFromNetMsg(receivedFrom<NetMessage>(std::string(600, '~'))));
+    EXPECT_TRUE(fromOversize.frame().empty());
+}
+
+// Fields
+
+TEST_F(NetMessageTest, SpecialBytesAreEscapedAndReadBack) {
+    const std::string sText = "a~b\\c\0"s;
+    const std::string sWritten = fieldOf(sText);
+    EXPECT_EQ(sWritten, "a\\~b\\\\c\\\0~"s);
+    EXPECT_EQ(readField(sWritten, static_cast<int>(sWritten.size())).sField, sText);
+}
+
+TEST_F(NetMessageTest, EmptyFieldIsATerminator) {
+    EXPECT_EQ(fieldOf(""), "~");
+    const field_read_t read = readField("~", 1);
+    EXPECT_EQ(read.sField, "");
+    EXPECT_EQ(read.nLen, 0);
+    EXPECT_EQ(read.nIndex, 1);
+}
+
+TEST_F(NetMessageTest, FieldsAreReadOneAfterTheOther) {
+    const std::string sPayload = "ab~\\~~c~";
+    const field_read_t first = readField(sPayload, 8);
+    EXPECT_EQ(first.sField, "ab");
+    const field_read_t second = readField(sPayload, first.nLen, first.nIndex);
+    EXPECT_EQ(second.sField, "~");
+    const field_read_t third = readField(sPayload, second.nLen, second.nIndex);
+    EXPECT_EQ(third.sField, "c");
+    EXPECT_EQ(third.nLen, 0);
+    const field_read_t past = readField(sPayload, third.nLen, third.nIndex);
+    EXPECT_EQ(past.sField, "");
+    EXPECT_EQ(past.nLen, -1);
+    EXPECT_EQ(past.nIndex, 9);
+}
+
+TEST_F(NetMessageTest, ReadingWithANegativeLengthGivesNothing) {
+    const field_read_t read = readField("abc~", -5, 1);
+    EXPECT_EQ(read.sField, "");
+    EXPECT_EQ(read.nLen, -6);
+    EXPECT_EQ(read.nIndex, 2);
+}
+
+TEST_F(NetMessageTest, FieldWithoutTerminatorEndsWithTheData) {
+    const field_read_t read = readField("abc", 3);
+    EXPECT_EQ(read.sField, "abc");
+    EXPECT_EQ(read.nLen, -1);
+    EXPECT_EQ(read.nIndex, 4);
+}
+
+TEST_F(NetMessageTest, FieldKeepsAtMost499Bytes) {
+    const field_read_t read = readField(std::string(500, 'x'), 500);
+    EXPECT_EQ(read.sField, std::string(499, 'x'));
+    EXPECT_EQ(read.nIndex, 501);
+}
+
+TEST_F(NetMessageTest, EscapesAreDeletedWhateverFollows) {
+    for (const auto& [sIn, sOut] : {std::pair{"\\a\\b"s, "ab"s},
+                                    {"\\\\"s, "\\"s},
+                                    {"a\\"s, "a"s},
+                                    {"\\"s, ""s},
+                                    {"\\\\\\~"s, "\\~"s},
+                                    {""s, ""s}}) {
+        std::string sText = sIn;
+        NetMessage::DeleteEscapes(sText);
+        EXPECT_EQ(sText, sOut);
+    }
+}
+
+TEST_F(NetMessageTest, OverlongFieldLosesItsTail) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(fieldOf(std::string(600, 'x')), std::string(498, 'x') + "~");
+    EXPECT_EQ(
+        testing::internal::GetCapturedStdout(),
+        "(TRACE) Data passed into a net message field with too much data to encode - 600 bytes "
+        "with 498 space (pre-escaped it was 600 bytes). Will try to truncate\n");
+}
+
+TEST_F(NetMessageTest, FieldOf498BytesFitsWithoutTruncation) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(fieldOf(std::string(498, 'x')), std::string(498, 'x') + "~");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(NetMessageTest, TruncationDoesNotSplitAnEscapePair) {
+    for (const char ch : {'~', '\\', '\0'}) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(fieldOf(std::string(497, 'x') + ch + "tail"), std::string(497, 'x') + "~");
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "(TRACE) Data passed into a net message field with too much data to encode - 503 "
+                  "bytes with 498 space (pre-escaped it was 502 bytes). Will try to truncate\n"
+                  "(TRACE) in truncation, needed to tear off an extra unpaired esc char\n");
+    }
+}
+
+TEST_F(NetMessageTest, TruncationKeepsAWholeEscapePair) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(fieldOf(std::string(496, 'x') + "~tail"), std::string(496, 'x') + "\\~~");
+    EXPECT_EQ(fieldOf(std::string(300, '~')).size(), 499U);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("tear off"), std::string::npos);
+}
+
+TEST_F(NetMessageTest, NothingIsWrittenWithoutRoomForATerminator) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(fieldOf("x", 498), "~");
+    EXPECT_EQ(fieldOf("x", 499), "");
+    EXPECT_EQ(fieldOf("", 499), "");
+    EXPECT_EQ(fieldOf("", 5000), "");
+    const std::string sOut = testing::internal::GetCapturedStdout();
+    EXPECT_NE(sOut.find("1 bytes with 0 space"), std::string::npos);
+    EXPECT_NE(sOut.find("1 bytes with -1 space"), std::string::npos);
+    EXPECT_NE(sOut.find("0 bytes with -1 space"), std::string::npos);
+}
+
+// Stream frames
+
+TEST_F(NetMessageTest, OddImageIsFramedAsItIs) {
+    auto message = receivedFrom<NetMessage>(imageOfLen(17));
+    EXPECT_EQ(sendBufferOf(message), "\x09"s + imageOfLen(17));
+}
+
+TEST_F(NetMessageTest, EvenImageIsPaddedAndKeepsItsPad) {
+    auto message = receivedFrom<NetMessage>(imageOfLen(18));
+    EXPECT_EQ(sendBufferOf(message), "\x0A"s + imageOfLen(18) + "~");
+    EXPECT_EQ(message.GetMessageLen(), 19);
+    EXPECT_EQ(sendBufferOf(message), "\x0A"s + imageOfLen(18) + "~");
+}
+
+TEST_F(NetMessageTest, UnframedImageHasNoLengthAndNoPad) {
+    auto message = receivedFrom<NetMessage>(imageOfLen(18));
+    EXPECT_EQ(sendBufferOf(message, false), imageOfLen(18));
+}
+
+TEST_F(NetMessageTest, EmptyImageIsNeverFramedWithALengthOfZero) {
+    auto message = receivedFrom<NetMessage>("");
+    EXPECT_EQ(sendBufferOf(message), "\x01~");
+}
+
+TEST_F(NetMessageTest, SendWritesTheFrameWithOneMillisecond) {
+    NetMessage message(12);
+    FakeSocket sock;
+    EXPECT_EQ(message.Send(true, sock), 10);
+    EXPECT_EQ(sock.sWritten, "\x05\x0C\0\0\0\0\0\0\0\0"s);
+    EXPECT_EQ(sock.nFd, 42);
+    EXPECT_EQ(sock.nTimeoutMicroSecs, 1000);
+    EXPECT_EQ(message.Send(false, sock), 9);
+}
+
+TEST_F(NetMessageTest, SendFailsWhenNotAllIsWritten) {
+    NetMessage message(12);
+    FakeSocket sock;
+    for (const int nAnswer : {9, 0, -1}) {
+        sock.nAnswer = nAnswer;
+        EXPECT_EQ(message.Send(true, sock), -1) << nAnswer;
+    }
+}
+
+TEST_F(NetMessageTest, BatchIsWrittenInOneGoWithoutOversizeMessages) {
+    NetMessage heartbeat(12);
+    auto oversize = receivedFrom<NetMessage>(std::string(600, 'x'));
+    auto even = receivedFrom<NetMessage>(imageOfLen(10));
+    NetMessage* messages[] = {&heartbeat, &oversize, &even};
+    FakeSocket sock;
+    EXPECT_EQ(NetMessage::Send(messages, 3, true, sock), 22);
+    EXPECT_EQ(sock.nCalls, 1);
+    EXPECT_EQ(sock.sWritten, "\x05\x0C\0\0\0\0\0\0\0\0\x06"s + imageOfLen(10) + "~");
+    EXPECT_EQ(NetMessage::Send(messages, 0, true, sock), 0);
+    EXPECT_EQ(sock.nCalls, 1);
+}
+
+// Datagrams
+
+TEST_F(NetMessageTest, DatagramCarriesTheProcessSenderId) {
+    nSenderID = 0x01020304;
+    const auto message = receivedFrom<NetMessage>(imageWith(19, "1~"));
+    char achOut[524];
+    std::memset(achOut, 'z', sizeof achOut);
+    int nLen = 524;
+    EXPECT_EQ(message.GetUdpSendToBuffer(achOut, &nLen), 27);
+    EXPECT_EQ(nLen, 27);
+    EXPECT_EQ(std::string(achOut, 28),
+              std::string(12, '\0') + "\x04\x03\x02\x01" + imageWith(19, "1~") + "z");
+}
+
+TEST_F(NetMessageTest, DatagramNeedsRoomForTheLargest) {
+    const NetMessage message(12);
+    char achOut[524] = {'z'};
+    int nLen = 523;
+    EXPECT_EQ(message.GetUdpSendToBuffer(achOut, &nLen), 0);
+    EXPECT_EQ(nLen, 0);
+    EXPECT_EQ(achOut[0], 'z');
+}
+
+TEST_F(NetMessageTest, RtpFormCarriesTheMessagesOwnSenderId) {
+    nSenderID = 0x01020304;
+    const auto message = receivedFrom<NetMessage>(imageWith(19, "1~"));
+    char achOut[524];
+    int nLen = 0;
+    message.ToRTPFormatChars(achOut, &nLen);
+    EXPECT_EQ(std::string(achOut, static_cast<std::size_t>(nLen)),
+              std::string(12, '\0') + "\x07\0\0\0"s + imageWith(19, "1~"));
+    message.ToRTPFormatChars(achOut, nullptr);
+    message.ToRTPFormatChars(nullptr, nullptr);
+}
+
+TEST_F(NetMessageTest, DatagramNeverExceedsItsLimit) {
+    const auto achOut = std::make_unique<char[]>(524);
+    const auto padded = receivedFrom<NetMessage>(imageOfLen(508) + "~");
+    int nLen = 0;
+    padded.ToRTPFormatChars(achOut.get(), &nLen);
+    EXPECT_EQ(nLen, 524);
+    EXPECT_EQ(std::string(achOut.get() + 16, 508), imageOfLen(508));
+    const auto oversize = receivedFrom<NetMessage>(imageOfLen(509));
+    oversize.ToRTPFormatChars(achOut.get(), &nLen);
+    EXPECT_EQ(nLen, 0);
+    nLen = 524;
+    EXPECT_EQ(oversize.GetUdpSendToBuffer(achOut.get(), &nLen), 0);
+}
+
+TEST_F(NetMessageTest, SendToSendsTheRtpForm) {
+    const int nSock = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in si{};
+    si.sin_family = AF_INET;
+    si.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t nSize = sizeof si;
+    ASSERT_EQ(::bind(nSock, reinterpret_cast<sockaddr*>(&si), sizeof si), 0);
+    ASSERT_EQ(::getsockname(nSock, reinterpret_cast<sockaddr*>(&si), &nSize), 0);
+    EXPECT_EQ(receivedFrom<NetMessage>(imageWith(19, "1~")).SendTo(nSock, si), 27);
+    char achIn[600];
+    // A datagram to a loopback socket is queued before sendto returns.
+    const auto nGot = ::recv(nSock, achIn, sizeof achIn, MSG_DONTWAIT);
+    ASSERT_EQ(nGot, 27);
+    EXPECT_EQ(std::string(achIn + 12, 15), "\x07\0\0\0"s + imageWith(19, "1~"));
+    EXPECT_EQ(receivedFrom<NetMessage>(imageOfLen(509)).SendTo(nSock, si), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+    ::close(nSock);
+}
+
+// Dump
+
+std::string printed(const std::string& sImage, int nField, bool bHex) {
+    std::ostringstream out;
+    receivedFrom<NetMessage>(sImage).Print(out, nField, bHex);
+    return out.str();
+}
+
+TEST_F(NetMessageTest, DumpShowsControlCodesAsCarets) {
+    EXPECT_EQ(printed("\0\x01\x1A\x1B\x1F A~\x7F"s, 0, false), "[00]^A^Z[1b][1f] A~\x7F");
+    EXPECT_EQ(printed("\xC1\x81\x80\x9B"s, 0, false), "A^A[80][9b]");
+}
+
+TEST_F(NetMessageTest, DumpShowsHexadecimal) {
+    EXPECT_EQ(printed("\x05\xAF~", 0, true), "[05][af][7e]");
+}
+
+TEST_F(NetMessageTest, DumpSelectsBytesByTheirHighBit) {
+    EXPECT_EQ(printed("A\xC2"
+                      "C",
+                      1, false),
+              "AC");
+    EXPECT_EQ(printed("A\xC2"
+                      "C",
+                      2, false),
+              "B");
+    EXPECT_EQ(printed("A\xC2"
+                      "C",
+                      3, false),
+              "");
+    EXPECT_EQ(printed("A\xC2"
+                      "C",
+                      -1, true),
+              "");
+}
+
+}  // namespace
+}  // namespace Orvex
