@@ -34,19 +34,37 @@ def _log_out():
 
 
 @pytest.mark.parametrize("end", ["close", "reset"])
+@pytest.mark.parametrize("absent", ["one", "many"])
 def test_a_batch_of_orders_before_the_end_of_the_link_is_carried_out(
-    end, any_server, make_relay
+    end, absent, any_server, make_relay
 ):
+    """Also when the relay finds out about the end in the middle of them: it tells the server of
+    every destination that is not here."""
     relay = make_relay(using=any_server)
-    frames, rows = _orders(_MANY)
+    batches = [_orders(1, 100000 + n, 9 + n * (absent == "many")) for n in range(_MANY)]
+    rows = set().union(*(rows for _, rows in batches))
     # Asleep, so that everything is there together with the end.
     relay.signal(signal.SIGSTOP)
-    any_server.send_raw(frames)
+    any_server.send_raw(b"".join(frames for frames, _ in batches))
     any_server.end_links(end)
     relay.signal(signal.SIGCONT)
-    relay.schema.wait_for_routes(rows, 20)
-    relay.log.expect("Lost connection to CS!")
+    relay.log.expect("Lost connection to CS!", 20)
     any_server.wait_logged_in(20, number=1)
+    assert relay.schema.routes() == rows
+
+
+def test_orders_are_carried_out_when_a_client_message_finds_the_link_broken(
+    server, relay, make_station
+):
+    stations = [make_station(relay) for _ in range(4)]
+    frames, rows = _orders(_MANY)
+    relay.signal(signal.SIGSTOP)
+    for station in stations:
+        station.send_all([messages.StatusKeyPost("key", "value")] * 20)
+    server.send_raw(frames)
+    server.end_links("reset")
+    relay.signal(signal.SIGCONT)
+    server.wait_logged_in(20, number=1)
     assert relay.schema.routes() == rows
 
 
