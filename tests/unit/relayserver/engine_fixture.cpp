@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "base/clock.h"
@@ -125,6 +126,7 @@ void Peer::stopReading() const {
 
 EngineTest::EngineTest() {
     setClockForTest(kNow);
+    std::signal(SIGPIPE, SIG_IGN);  // the process keeps it away from the engine, too
     resetEngine();
     EXPECT_TRUE(bOpenEpollSet());
 }
