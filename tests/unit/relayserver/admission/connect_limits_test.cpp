@@ -61,6 +61,12 @@ TEST_F(ConnectLimits, ANewPeriodBeginsWithTheConnectionThatOpensIt) {
     EXPECT_EQ(kNow + 25, ttIPCheckCurrPeriodStart);
 }
 
+TEST_F(ConnectLimits, AClockSetBackDoesNotStretchThePeriod) {
+    EXPECT_EQ(99, nAccepted("127.0.0.1", 100));
+    advanceClockForTest(-3600);
+    EXPECT_TRUE(CheckIPAddrConnectLimit("127.0.0.1"));
+}
+
 TEST_F(ConnectLimits, ANewPeriodForgetsEveryAddress) {
     EXPECT_TRUE(CheckIPAddrConnectLimit("127.0.0.1"));
     advanceClockForTest(11);

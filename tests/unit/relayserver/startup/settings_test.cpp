@@ -207,6 +207,14 @@ TEST_F(Settings, WithOneTlsKeyMissingNoneIsTaken) {
     }
 }
 
+TEST_F(Settings, ATlsPortBeyondTheRangeEndsTheStart) {
+    const std::string sFiles = "[SSL]\npem_file=c.pem\nkey_file=c.key\n[Ports]\nssl=";
+    EXPECT_TRUE(read(sFiles + "65535\n").bGoOn);
+    EXPECT_TRUE(read(sFiles + "-1\n").bGoOn) << "as good as none";
+    expectEnd(read(sFiles + "65536\n"), 1);
+    EXPECT_EQ("invalid ssl port option 65536\n", sPrinted);
+}
+
 TEST_F(Settings, MissingLoginKeysEndTheStart) {
     const char* const texts[] = {
         "[Login]\nusername=enc\npassword=abc\n[Servers]\nprimary=x\n",
