@@ -7,6 +7,7 @@
 #include "genner/output/LostConnectionNetMessage.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/connect_to_server.h"
+#include "relayserver/cslink/cs_messages.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/cslink/recently_lost.h"
@@ -20,6 +21,11 @@ namespace {
 
 void cleanConnServerSocket() {
     writeToLog(true, "cleanbadsocket was on connection server\n");
+    const std::uint64_t nThisLink = nLinkNumber;
+    readLastServerMessages();
+    if (nThisLink != nLinkNumber) {
+        return;  // one of them has ended the link
+    }
     LostConnectionToCS();
     SwitchServers();
     reconnectUnlessThrottled();
