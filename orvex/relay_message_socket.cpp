@@ -1,0 +1,190 @@
+#include "orvex/relay_message_socket.h"
+
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "orvex/nonblocking_guard.h"
+#include "orvex/timed_write.h"
+
+namespace Orvex {
+
+RelayMessageSocket::RelayMessageSocket() : RelayMessageSocket(-1, sockaddr_in{}, nullptr) {}
+
+RelayMessageSocket::RelayMessageSocket(int fd, sockaddr_in address)
+    : RelayMessageSocket(fd, address, nullptr) {}
+
+RelayMessageSocket::RelayMessageSocket(int fd, sockaddr_in address, SSL* ssl)
+    : sckMsgSockFileDesc(fd), siAddress(address), pSSL(ssl) {}
+
+RelayMessageSocket::RelayMessageSocket(const RelayMessageSocket& other)
+    : RelayMessageSocket(other.sckMsgSockFileDesc, other.siAddress, other.pSSL) {
+    *this = other;
+}
+
+RelayMessageSocket& RelayMessageSocket::operator=(const RelayMessageSocket& other) {
+    if (this == &other) {
+        return *this;
+    }
+    sckMsgSockFileDesc = other.sckMsgSockFileDesc;
+    siAddress = other.siAddress;
+    pSSL = other.pSSL;
+    bSeenNonBlocking = other.bSeenNonBlocking;
+    _lastErrorString = other._lastErrorString;
+    nBufStart = 0;
+    nNetMsgBufLen = other.nNetMsgBufLen;
+    std::memcpy(achNetMsgBuf.data(), other.achNetMsgBuf.data() + other.nBufStart,
+                static_cast<std::size_t>(nNetMsgBufLen));
+    return *this;
+}
+
+bool RelayMessageSocket::bCheckSocket() {
+    pollfd pfd{sckMsgSockFileDesc, POLLIN, 0};
+    int nReady = poll(&pfd, 1, 0);
+    if (sckMsgSockFileDesc < 0 || (pfd.revents & POLLNVAL) != 0) {
+        nReady = -1;  // poll ignores a descriptor that is none; here it is an error
+    }
+    if (nReady < 0) {
+        _lastErrorString = "select failed with code " + std::to_string(nReady);
+        return false;
+    }
+    return nReady > 0;
+}
+
+/// Moves what is held to the front of the buffer and returns the room behind it.
+int RelayMessageSocket::nRoomAfterCompaction() {
+    if (nBufStart > 0) {
+        std::memmove(achNetMsgBuf.data(), achNetMsgBuf.data() + nBufStart,
+                     static_cast<std::size_t>(nNetMsgBufLen));
+        nBufStart = 0;
+    }
+    return kReadBufferSize - nNetMsgBufLen;
+}
+
+unsigned char* RelayMessageSocket::pBufferTail() {
+    return achNetMsgBuf.data() + nBufStart + nNetMsgBufLen;
+}
+
+/// One read of at most `nRoom` bytes behind those held, which it adds to them.
+int RelayMessageSocket::nReadSome(int nRoom) {
+    int nResult = 0;
+    if (pSSL != nullptr) {
+        ERR_clear_error();
+        nResult = SSL_read(pSSL, pBufferTail(), nRoom);
+    } else {
+        nResult = static_cast<int>(
+            read(sckMsgSockFileDesc, pBufferTail(), static_cast<std::size_t>(nRoom)));
+    }
+    if (nResult > 0) {
+        nNetMsgBufLen += nResult;
+    }
+    return nResult;
+}
+
+int RelayMessageSocket::nReadSocket(bool bBlockNotCheck) {
+    if (!bBlockNotCheck && !bCheckSocket()) {
+        return 0;
+    }
+    const int nRoom = nRoomAfterCompaction();
+    return nRoom > 0 ? nReadSome(nRoom) : 0;
+}
+
+/// Whether a read that gave nothing only means that nothing waits; stores the reason otherwise.
+bool RelayMessageSocket::bGoOnAfterFailedRead(int nResult) {
+    if (pSSL == nullptr) {
+        const int nErrno = errno;
+        if (nResult < 0 && nErrno == EAGAIN) {
+            return true;
+        }
+        _lastErrorString = nResult == 0 ? "read returned EOF"
+                                        : "read returned error code " + std::to_string(nErrno);
+        return false;
+    }
+    const int nSslError = SSL_get_error(pSSL, nResult);
+    if (nSslError == SSL_ERROR_WANT_READ || nSslError == SSL_ERROR_WANT_WRITE) {
+        return true;
+    }
+    const bool bEnded = nResult == 0 || nSslError == SSL_ERROR_ZERO_RETURN;
+    _lastErrorString = bEnded ? "SSL read returned EOF" : "SSL lib error";
+    return false;
+}
+
+int RelayMessageSocket::nReadNonBlockingSocket() {
+    int nRoom = nRoomAfterCompaction();
+    int nTotal = 0;
+    // Reading stops at a full buffer: a read of no bytes would look like the end of the stream.
+    while (nTotal < kNonBlockingReadMax && nRoom > 0) {
+        const int nResult = nReadSome(nRoom);
+        if (nResult <= 0) {
+            return bGoOnAfterFailedRead(nResult) ? nTotal : -1;
+        }
+        nTotal += nResult;
+        nRoom -= nResult;
+    }
+    return nTotal;
+}
+
+std::optional<std::string_view> RelayMessageSocket::dequeueView() {
+    if (nNetMsgBufLen < 1) {
+        return std::nullopt;
+    }
+    const unsigned char* pFrame = achNetMsgBuf.data() + nBufStart;
+    const int nFrame = 2 * *pFrame;
+    if (nFrame == 0) {
+        nNetMsgBufLen = 0;  // the only way back for a stream that has lost its frames
+        return std::nullopt;
+    }
+    if (nNetMsgBufLen < nFrame) {
+        return std::nullopt;
+    }
+    nBufStart += nFrame;
+    nNetMsgBufLen -= nFrame;
+    return std::string_view(reinterpret_cast<const char*>(pFrame) + 1,
+                            static_cast<std::size_t>(nFrame - 1));
+}
+
+bool RelayMessageSocket::bDequeueNetMessage(char* chpOutNetMsg, int* nrOutNetMsgLen) {
+    const auto image = dequeueView();
+    if (!image) {
+        return false;
+    }
+    std::memcpy(chpOutNetMsg, image->data(), image->size());
+    *nrOutNetMsgLen = static_cast<int>(image->size());
+    return true;
+}
+
+bool RelayMessageSocket::bHasMoreInput() const {
+    if (pSSL != nullptr && SSL_pending(pSSL) > 0) {
+        return true;
+    }
+    return nNetMsgBufLen > 0 &&
+           nNetMsgBufLen >= 2 * achNetMsgBuf[static_cast<std::size_t>(nBufStart)];
+}
+
+bool RelayMessageSocket::bKnownNonBlocking(int f) {
+    if (f != sckMsgSockFileDesc) {
+        return false;
+    }
+    if (!bSeenNonBlocking) {
+        const int nFlags = fcntl(f, F_GETFL, 0);
+        bSeenNonBlocking = nFlags >= 0 && (nFlags & O_NONBLOCK) != 0;
+    }
+    return bSeenNonBlocking;
+}
+
+int RelayMessageSocket::write_n_with_timeout(int f, const void* addr, int n, int timeoutSecs,
+                                             int timeoutMicroSecs) {
+    std::optional<NonBlockingGuard> guard;
+    if (pSSL != nullptr && !bKnownNonBlocking(f)) {
+        guard.emplace(f);  // a plain socket is asked not to block in the call itself
+    }
+    return nTimedWrite({f, static_cast<const unsigned char*>(addr), n,
+                        nTimeoutMillis(timeoutSecs, timeoutMicroSecs), pSSL, &_lastErrorString});
+}
+
+}  // namespace Orvex

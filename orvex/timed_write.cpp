@@ -1,0 +1,174 @@
+#include "orvex/timed_write.h"
+
+#include <openssl/err.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "orvex/nonblocking_guard.h"
+
+namespace {
+
+/// How one attempt to write ended, when it wrote nothing.
+enum class Refusal { NoRoom, Failed };
+
+/// What a wait for room came to. `GivenUp` ends the write without failing it.
+enum class Wait { Ready, GivenUp, Failed };
+
+/// `send` can be told to raise no SIGPIPE, `SSL_write` and `write` cannot: threads that use them
+/// block it. The daemon has done so before; then this changes nothing.
+void blockSigPipeInThisThread() {
+    thread_local const bool bBlocked = [] {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGPIPE);
+        return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0;
+    }();
+    (void)bBlocked;
+}
+
+int nWriteToNoSocket(int fd, const void* pData, int nBytes, bool bDontWait) {
+    blockSigPipeInThisThread();
+    if (!bDontWait) {
+        return static_cast<int>(write(fd, pData, static_cast<std::size_t>(nBytes)));
+    }
+    const NonBlockingGuard guard(fd);
+    return static_cast<int>(write(fd, pData, static_cast<std::size_t>(nBytes)));
+}
+
+int nWriteOnce(const TimedWrite& job, int nWritten) {
+    const unsigned char* pRest = job.pData + nWritten;
+    const int nRest = job.nBytes - nWritten;
+    if (job.pSSL == nullptr) {
+        return nWritePlain(job.fd, pRest, nRest, MSG_DONTWAIT);
+    }
+    ERR_clear_error();
+    return SSL_write(job.pSSL, pRest, nRest);
+}
+
+Refusal judgePlain(bool bReportedReady) {
+    const int nErrno = errno;
+    const bool bTransient = nErrno == EAGAIN || nErrno == EINTR;
+    // Whether a descriptor can be waited for at all is judged by the wait.
+    if (!bReportedReady && (bTransient || nErrno == EBADF)) {
+        return Refusal::NoRoom;
+    }
+    if (bTransient) {
+        std::puts("orvex write - EAGAIN/EINTR");
+    } else {
+        std::printf("orvex msg write - errno = %s\n", std::strerror(nErrno));
+    }
+    errno = nErrno;
+    return Refusal::Failed;
+}
+
+void tellSslFailure(const TimedWrite& job, int nSslError) {
+    if (job.psErrorText == nullptr) {
+        std::printf("ssl error from write: %d\n", nSslError);
+    } else if (nSslError == SSL_ERROR_WANT_WRITE) {
+        *job.psErrorText = "SSL_ERROR_WANT_WRITE during SSL write, choosing close";
+    } else if (nSslError == SSL_ERROR_WANT_READ) {
+        *job.psErrorText = "SSL_ERROR_WANT_READ during SSL write, choosing close";
+    } else {
+        *job.psErrorText = "SSL lib error on write, unrecoverable";
+    }
+}
+
+Refusal judgeSsl(const TimedWrite& job, int nResult, bool bReportedReady) {
+    const int nErrno = errno;
+    const int nSslError = SSL_get_error(job.pSSL, nResult);
+    if (nSslError == SSL_ERROR_WANT_WRITE && !bReportedReady) {
+        return Refusal::NoRoom;
+    }
+    tellSslFailure(job, nSslError);
+    errno = nErrno;
+    return Refusal::Failed;
+}
+
+/// A descriptor that cannot be waited for: the free functions say so and fail, the member, which
+/// has never checked, behaves as if readiness did not come.
+Wait judgeBadDescriptor(const TimedWrite& job) {
+    if (job.psErrorText == nullptr) {
+        std::printf("orvex write_n_with_timeout_ssl, epoll_ctl returning error - strerror=%s\n",
+                    std::strerror(EBADF));
+        return Wait::Failed;
+    }
+    std::puts("orvex write msg to TCP buffer timed out");
+    return Wait::GivenUp;
+}
+
+Wait waitForRoom(const TimedWrite& job) {
+    pollfd pfd{job.fd, POLLOUT, 0};
+    const int nReady = poll(&pfd, 1, job.nTimeoutMillis);
+    if (nReady < 0) {
+        const int nErrno = errno;
+        std::printf("orvex write msg - epoll return code %d, error=%s", nReady,
+                    std::strerror(nErrno));
+        std::printf("orvex write msg returning error - strerror=%s\n", std::strerror(nErrno));
+        return Wait::Failed;
+    }
+    if (job.fd < 0 || (pfd.revents & POLLNVAL) != 0) {
+        return judgeBadDescriptor(job);
+    }
+    if (nReady == 0) {
+        std::puts("orvex write msg to TCP buffer timed out");
+        return Wait::GivenUp;
+    }
+    if ((pfd.revents & POLLOUT) == 0) {
+        std::printf("unexpected epoll return %u\n", static_cast<unsigned>(pfd.revents));
+        return Wait::GivenUp;
+    }
+    return Wait::Ready;
+}
+
+}  // namespace
+
+int nTimeoutMillis(int timeoutSecs, int timeoutMicroSecs) {
+    const std::int64_t nMillis = std::int64_t{timeoutSecs} * 1000 + timeoutMicroSecs / 1000;
+    return static_cast<int>(std::clamp<std::int64_t>(nMillis, INT_MIN, INT_MAX));
+}
+
+int nWritePlain(int fd, const void* pData, int nBytes, int nFlags) {
+    const auto nSent = send(fd, pData, static_cast<std::size_t>(nBytes), nFlags | MSG_NOSIGNAL);
+    if (nSent < 0 && errno == ENOTSOCK) {
+        return nWriteToNoSocket(fd, pData, nBytes, (nFlags & MSG_DONTWAIT) != 0);
+    }
+    return static_cast<int>(nSent);
+}
+
+int nTimedWrite(const TimedWrite& job) {
+    if (job.pSSL != nullptr) {
+        blockSigPipeInThisThread();
+        SSL_set_mode(job.pSSL, SSL_MODE_ENABLE_PARTIAL_WRITE);
+    }
+    int nWritten = 0;
+    bool bReportedReady = false;
+    while (nWritten < job.nBytes) {
+        const int nResult = nWriteOnce(job, nWritten);
+        if (nResult > 0) {
+            nWritten += nResult;
+            bReportedReady = false;
+            continue;
+        }
+        const Refusal refusal = job.pSSL == nullptr ? judgePlain(bReportedReady)
+                                                    : judgeSsl(job, nResult, bReportedReady);
+        if (refusal == Refusal::Failed) {
+            std::printf("orvex write msg returning error - strerror=%s\n", std::strerror(errno));
+            return -1;
+        }
+        const Wait wait = waitForRoom(job);
+        if (wait != Wait::Ready) {
+            return wait == Wait::Failed ? -1 : nWritten;
+        }
+        bReportedReady = true;
+    }
+    return nWritten;
+}
