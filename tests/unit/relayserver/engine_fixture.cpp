@@ -1,6 +1,7 @@
 #include "tests/unit/relayserver/engine_fixture.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -38,6 +39,35 @@ SocketPair makePair() {
     EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
     fcntl(fds[0], F_SETFL, O_NONBLOCK);
     return {fds[0], fds[1]};
+}
+
+/// A connected pair over the loopback interface; the peer's end takes little before it reads.
+SocketPair makeTcpPair() {
+    sockaddr_in siLocal{};
+    siLocal.sin_family = AF_INET;
+    siLocal.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t nLen = sizeof siLocal;
+    const int fdListen = socket(AF_INET, SOCK_STREAM, 0);
+    const int nSmall = 4096;
+    EXPECT_EQ(0, setsockopt(fdListen, SOL_SOCKET, SO_RCVBUF, &nSmall, sizeof nSmall));
+    EXPECT_EQ(0, bind(fdListen, reinterpret_cast<const sockaddr*>(&siLocal), sizeof siLocal));
+    EXPECT_EQ(0, listen(fdListen, 1));
+    EXPECT_EQ(0, getsockname(fdListen, reinterpret_cast<sockaddr*>(&siLocal), &nLen));
+    const int fdRelay = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(0, connect(fdRelay, reinterpret_cast<const sockaddr*>(&siLocal), sizeof siLocal));
+    const int fdPeer = accept(fdListen, nullptr, nullptr);
+    close(fdListen);
+    fcntl(fdRelay, F_SETFL, O_NONBLOCK);
+    return {fdRelay, fdPeer};
+}
+
+Peer admit(SocketPair pair, int nClientID) {
+    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
+    client.SetClientID(nClientID);
+    client.SetLastMessageTime(nowSecs());
+    ctAuthClientTable.Add(client);
+    addToEpollForRead(pair.fdRelay);
+    return Peer(pair.fdPeer);
 }
 
 void emptyTable(RelayClientTable& table) {
@@ -130,13 +160,11 @@ EngineTest::~EngineTest() {
 }
 
 Peer EngineTest::addAuthClient(int nClientID) {
-    const SocketPair pair = makePair();
-    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
-    client.SetClientID(nClientID);
-    client.SetLastMessageTime(nowSecs());
-    ctAuthClientTable.Add(client);
-    addToEpollForRead(pair.fdRelay);
-    return Peer(pair.fdPeer);
+    return admit(makePair(), nClientID);
+}
+
+Peer EngineTest::addTcpAuthClient(int nClientID) {
+    return admit(makeTcpPair(), nClientID);
 }
 
 Peer EngineTest::addLooseClient() {
