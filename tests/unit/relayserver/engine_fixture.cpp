@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <openssl/err.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -93,6 +94,7 @@ void resetEngine() {
     resetEpollSetForTest();
     resetDatabaseStub();
     videoPermissions.Clear();
+    ERR_clear_error();
     loggedLines().clear();
     nSenderID = 0;
 }
