@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import signal
 import subprocess
 import tempfile
 from collections import deque
+from collections.abc import Iterator
 from pathlib import Path
 
 from lab import addresses
@@ -168,6 +170,15 @@ class Relay:
         """Sends a signal, by process id."""
         self._running().send_signal(number)
 
+    @contextlib.contextmanager
+    def stopped(self) -> Iterator[None]:
+        """Holds the process still, so that what happens meanwhile meets it all at once."""
+        self.signal(signal.SIGSTOP)
+        try:
+            yield
+        finally:
+            self.signal(signal.SIGCONT)
+
     def wait_exit(self, within_secs: float = 10.0) -> int:
         """The exit status; negative when a signal ended the process. All output is in `log`."""
         process = self._running()
@@ -207,6 +218,12 @@ class Relay:
     def sanitizer_reports(self) -> list[str]:
         """Lines in which a sanitizer accuses the relay; none in a good run."""
         return [line for line in self.log.lines if any(w in line for w in _SANITIZER_WORDS)]
+
+    def cpu_secs(self) -> float:
+        """The processor time that the process has used so far."""
+        # Behind the name, which may hold blanks: field 14 is user time, field 15 system time.
+        fields = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def open_descriptors(self) -> int:
         """How many descriptors the process holds."""
