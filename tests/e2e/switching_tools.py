@@ -16,11 +16,12 @@ from collections.abc import Callable, Iterable
 from lab import messages, wire
 from lab.connection_server import ConnectionServer
 from lab.stations import Station
-from lab.waiting import Deadline, LabTimeout, patient
+from lab.waiting import Deadline, LabTimeout, patient, wait_until
 
 #: A type that relays deliver to the destination in the header.
 TYPE_DIRECT = 9
 
+_TAIL_LEN = 1024
 _numbers = itertools.count(1)
 
 
@@ -84,6 +85,7 @@ class Drain:
         self._sock.setblocking(False)
         self._parts: list[bytes] = []
         self._stop = threading.Event()
+        self._tail = b""
         self.length = 0
         self.ended = False
         self._thread = threading.Thread(target=self._run, name="drain", daemon=True)
@@ -103,6 +105,7 @@ class Drain:
                 self.ended = True
                 return
             self._parts.append(data)
+            self._tail = (self._tail + data)[-_TAIL_LEN:]
             self.length += len(data)
 
     def wait_for_length(self, length: int, within_secs: float) -> None:
@@ -112,6 +115,10 @@ class Drain:
             if deadline.passed():
                 raise LabTimeout(f"{self.length} of {length} bytes within {within_secs} s")
             time.sleep(0.005)
+
+    def wait_for_image(self, image: bytes, within_secs: float) -> None:
+        """Waits until an image has come that nothing but heartbeats follow."""
+        wait_until(lambda: image in self._tail, within_secs, f"the image {image!r}")
 
     def close(self) -> None:
         self._stop.set()
