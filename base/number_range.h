@@ -6,19 +6,23 @@
 #include <concepts>
 #include <limits>
 
-/// Cuts the fraction off `dValue` and stores the result in `out` if the integer type can hold it.
-/// False, with `out` untouched, for a number out of range, an infinity or a NaN. A `Chameleon` can
-/// be passed as it is. Any thread.
+/// The whole part of `dValue`, or the end of the integer type's range that lies nearest; 0 for a
+/// NaN. So a number out of range stays out of whatever narrower range the caller checks. A
+/// `Chameleon` can be passed as it is. Any thread.
 template <std::integral Int>
-requires(!std::same_as<Int, bool>) [[nodiscard]] bool bToInt(double dValue, Int& out) {
+[[nodiscard]] Int nSaturated(double dValue) {
     using Limits = std::numeric_limits<Int>;
     // The first number too large is a power of two, which a double holds exactly; the largest value
     // itself would be rounded up to it for 64-bit types.
     const double dEnd = std::ldexp(1.0, Limits::digits);
-    const double dWhole = std::trunc(dValue);
-    if (!(dWhole >= static_cast<double>(Limits::min()) && dWhole < dEnd)) {
-        return false;  // A NaN fails every comparison and ends here, too.
+    if (std::isnan(dValue)) {
+        return 0;
     }
-    out = static_cast<Int>(dWhole);
-    return true;
+    if (dValue >= dEnd) {
+        return Limits::max();
+    }
+    if (dValue <= static_cast<double>(Limits::min())) {
+        return Limits::min();
+    }
+    return static_cast<Int>(dValue);
 }

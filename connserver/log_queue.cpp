@@ -2,6 +2,9 @@
 
 #include <semaphore.h>
 
+#include <atomic>
+
+#include "base/string_format.h"
 #include "connserver/semaphore_lock.h"
 
 namespace {
@@ -12,11 +15,14 @@ struct LogQueue {
         sem_init(&semLogQueueMsgWaiting, 0, 0);
     }
 
-    sem_t semLogQueueSafe;        ///< Guards all members below.
+    sem_t semLogQueueSafe;        ///< Guards the plain members below.
     sem_t semLogQueueMsgWaiting;  ///< Counts the lines pushed; the logging thread sleeps on it.
     std::deque<std::string> logMsgQueue;
     bool bOpen = false;
     LogQueueCounts counts{0, 0};
+    std::size_t nLost = 0;  ///< Lines refused since the queue was fetched last.
+
+    std::atomic<bool> bStopping{false};  ///< The logging thread shall end.
 };
 
 LogQueue& theQueue() {
@@ -31,6 +37,7 @@ void openLogQueue() {
     LogQueue& queue = theQueue();
     const SemaphoreLock lock(queue.semLogQueueSafe);
     queue.bOpen = true;
+    queue.bStopping = false;
 }
 
 std::deque<std::string> closeLogQueue() {
@@ -48,20 +55,40 @@ bool bQueueLogLine(std::string& sLine) {
     if (!queue.bOpen) {
         return false;
     }
+    if (queue.logMsgQueue.size() >= kMaxQueuedLogLines) {
+        ++queue.nLost;
+        return true;
+    }
     queue.logMsgQueue.push_back(std::move(sLine));
     ++queue.counts.nQueued;
     sem_post(&queue.semLogQueueMsgWaiting);
     return true;
 }
 
-bool bAwaitLogLine() {
-    return sem_wait(&theQueue().semLogQueueMsgWaiting) == 0;
+LogWait awaitLogLine() {
+    LogQueue& queue = theQueue();
+    if (sem_wait(&queue.semLogQueueMsgWaiting) != 0) {
+        return LogWait::failed;
+    }
+    return queue.bStopping ? LogWait::stopped : LogWait::lines;
+}
+
+void stopLogWaits() {
+    LogQueue& queue = theQueue();
+    queue.bStopping = true;
+    sem_post(&queue.semLogQueueMsgWaiting);
 }
 
 void fetchLogLines(std::deque<std::string>& batch) {
     LogQueue& queue = theQueue();
     const SemaphoreLock lock(queue.semLogQueueSafe);
     batch.swap(queue.logMsgQueue);
+    if (queue.nLost != 0) {
+        batch.push_back(
+            string_format("WARNING: the log was too slow, %zu lines are lost\n", queue.nLost));
+        ++queue.counts.nQueued;
+        queue.nLost = 0;
+    }
 }
 
 void noteLogLinesWritten(std::size_t nLines) {

@@ -15,16 +15,29 @@ void openLogQueue();
 /// `bQueueLogLine` took is either fetched already or among them.
 std::deque<std::string> closeLogQueue();
 
+/// What a disk that hangs can make us hold; lines beyond are counted instead of kept.
+constexpr std::size_t kMaxQueuedLogLines = 200'000;
+
 /// Puts a finished line into the queue and wakes the logging thread. False, with `sLine` untouched,
 /// when the queue is not open.
 [[nodiscard]] bool bQueueLogLine(std::string& sLine);
 
-/// Waits until a line has been queued. False when waiting failed. The only place where the logging
-/// thread can be cancelled; outside it must have disabled cancellation.
-[[nodiscard]] bool bAwaitLogLine();
+enum class LogWait {
+    lines,    ///< Lines may be there to be fetched.
+    stopped,  ///< The logging thread shall end; what is left is not its business any more.
+    failed,   ///< Waiting failed.
+};
 
-/// Moves all queued lines into `batch`, which must be empty. May find none: one call fetches also
-/// those lines whose wake-ups are still to come.
+/// Sleeps until a line is queued or `stopLogWaits` is called. Logging thread.
+[[nodiscard]] LogWait awaitLogLine();
+
+/// Ends the logging thread's present or next wait, and thereby the thread. Asking it takes the
+/// place of cancelling it: it ends only where it holds no line, no semaphore and no lock of a
+/// stream.
+void stopLogWaits();
+
+/// Moves all queued lines into `batch`, which must be empty, and a line about those lost, if any.
+/// May find none: one call fetches also those lines whose wake-ups are still to come.
 void fetchLogLines(std::deque<std::string>& batch);
 
 /// Notes that `nLines` fetched lines have been written and flushed.

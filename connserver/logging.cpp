@@ -47,15 +47,6 @@ std::string sTimePrefix() {
     return std::string(achStamp, nLength);
 }
 
-/// Waits for lines with cancellation allowed, and only here: a thread cancelled while it writes
-/// would take lines, a semaphore or the lock of an output stream with it.
-bool bAwaitLogLineCancellable() {
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    const bool bAwaited = bAwaitLogLine();
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    return bAwaited;
-}
-
 void writeFetchedLines(std::deque<std::string>& batch) {
     if (batch.empty()) {
         return;  // A wake-up for lines that an earlier one has fetched.
@@ -72,10 +63,16 @@ void stopQueueing() {
 }
 
 void* logging_thread(void*) {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     std::puts("logging thread starting...");
     std::deque<std::string> batch;
-    while (bAwaitLogLineCancellable()) {
+    for (;;) {
+        const LogWait result = awaitLogLine();
+        if (result == LogWait::stopped) {
+            return nullptr;
+        }
+        if (result == LogWait::failed) {
+            break;
+        }
         fetchLogLines(batch);
         writeFetchedLines(batch);
     }
@@ -137,7 +134,7 @@ void awaitEmptyLogQueue() {
 void endLoggingThread() {
     std::puts("log thread running, let's close it");
     awaitEmptyLogQueue();
-    pthread_cancel(pttLogWrite);
+    stopLogWaits();
     std::puts("joining log thread...");
     pthread_join(pttLogWrite, nullptr);
     pttLogWrite = 0;

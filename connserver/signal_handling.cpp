@@ -19,6 +19,10 @@ sigset_t mask;                   ///< The three signals.
 sigset_t oldmask;                ///< The mask of the calling thread before they were blocked.
 pthread_t pttSignalHandler = 0;  ///< The signal thread; zero when none was started.
 
+/// Set while the signal thread shall end at the next signal, whatever it is. Cancelling it instead
+/// would leave its stack without the clean-up of returning.
+std::atomic<bool> bClosing{false};
+
 /// Posted when exit is requested, to wake a sleeper. Posting takes no lock. Ready before the first
 /// use and never destroyed, because a sleeper may outlive the main function.
 sem_t& semExitRequest() {
@@ -92,6 +96,9 @@ void* signal_handling_thread(void* arg) {
             std::printf("sigwait error: %s", get_strerror(nError).c_str());
             return nullptr;
         }
+        if (bClosing) {
+            return nullptr;
+        }
         if (nSignal == SIGTERM || nSignal == SIGINT) {
             requestExit();
             return nullptr;  // One request is enough; later ones stay pending.
@@ -104,12 +111,14 @@ void closeSignalHandler() {
         return;
     }
     std::puts("signal handler thread running, let's close it");
-    pthread_cancel(pttSignalHandler);
+    bClosing = true;
+    pthread_kill(pttSignalHandler, SIGPIPE);  // Has no effect if the thread has ended by itself.
     std::puts("joining signal handler thread...");
     pthread_join(pttSignalHandler, nullptr);
     std::puts("signal handler thread joined");
     std::fflush(stdout);  // While a closed pipe behind it cannot kill us yet.
     pttSignalHandler = 0;
+    bClosing = false;
     if (exitRequested != 0) {
         ignoreTerminationSignals();
     }

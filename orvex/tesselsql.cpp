@@ -28,11 +28,6 @@ PGconn* connectionToUse(PGconn* pgc) {
     return bDefaultFinished ? nullptr : pgcpConn;
 }
 
-/// An existing route being inserted again is harmless; anything else may be a lost connection.
-bool bMayBeLostConnection(const char* cpErrorMessage) {
-    return std::strstr(cpErrorMessage, "duplicate key value violates unique constraint") == nullptr;
-}
-
 /// Prints why a statement failed; returns whether the connection is to be tested.
 bool bReportFailure(const char* cpCommand, const PGresult* res) {
     if (res == nullptr) {
@@ -42,7 +37,7 @@ bool bReportFailure(const char* cpCommand, const PGresult* res) {
     const char* cpErrorMessage = PQresultErrorMessage(res);
     std::printf("SQL statement %s failed with code %s, message %s\n", cpCommand,
                 PQresStatus(PQresultStatus(res)), cpErrorMessage);
-    return bMayBeLostConnection(cpErrorMessage);
+    return bCallsForReconnect(cpErrorMessage);
 }
 
 void reconnect(PGconn* pgc) {
@@ -114,6 +109,10 @@ bool ExecuteSQL(const char* cpCommand, PGresult** res_ptr, PGconn* pgc) {
         reconnect(pgcUsed);
     }
     return false;
+}
+
+bool bCallsForReconnect(const char* cpErrorMessage) {
+    return std::strstr(cpErrorMessage, "duplicate key value violates unique constraint") == nullptr;
 }
 
 std::string SqlEscape(const std::string& s, PGconn* pgc) {

@@ -32,6 +32,10 @@ void setDefaultDatabaseConnectParams(const std::string& sAddress, const std::str
 /// insert that meets an existing row is taken for harmless and never resets the connection.
 bool ExecuteSQL(const char* cpCommand, PGresult** res_ptr, PGconn* pgc = nullptr);
 
+/// Whether a statement that failed with this text may have failed for a lost connection, which is
+/// then tested. A row inserted a second time has not.
+[[nodiscard]] bool bCallsForReconnect(const char* cpErrorMessage);
+
 /// `s` escaped for use within quotes; empty without a connection or on an escaping error.
 [[nodiscard]] std::string SqlEscape(const std::string& s, PGconn* pgc = nullptr);
 

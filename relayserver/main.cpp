@@ -17,6 +17,7 @@
 #include "relayserver/startup/settings.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -26,7 +27,15 @@ constexpr const char* achLogDir = "/var/log/tessel/relayserver/";
 /// What returning -1 from `main` looks like from outside.
 constexpr int kMinusOne = 255;
 
+/// The loop reconnects to the database itself and must not hang on one that accepts and is silent;
+/// an operator's own limit stands.
+void boundDatabaseConnects() {
+    constexpr int kKeepExisting = 0;
+    setenv("PGCONNECT_TIMEOUT", "2", kKeepExisting);
+}
+
 void openRouteStore() {
+    boundDatabaseConnects();
     if (!ConnectSQL("127.0.0.1", "tessel", "postgres", "", nullptr)) {
         writeToLog(true, "could not connect to database. relayserver quitting.\n");
         quitProcess(1);

@@ -50,7 +50,10 @@ class SqlResult {
 };
 
 void reConfirmAbsence(unsigned nToID) {
-    if (nToID != lastClientBadRoutingUpdate) {
+    const bool bRepeated = nToID == lastClientBadRoutingUpdate;
+    // First, because a link that fails now has further orders handled before we come back.
+    lastClientBadRoutingUpdate = nToID;
+    if (!bRepeated) {
         writeToLog(true,
                    "Got a routing insert request for client ID %u, but it's not currently one "
                    "connected to this relay. Re-confirming that to conn server\n",
@@ -58,7 +61,6 @@ void reConfirmAbsence(unsigned nToID) {
         Orvex::LostConnectionNetMessage lcnm(static_cast<int>(nToID));
         ForwardToCS(lcnm);
     }
-    lastClientBadRoutingUpdate = nToID;
 }
 
 void insertRoute(unsigned nFromID, unsigned nToID, int nMsgClass) {

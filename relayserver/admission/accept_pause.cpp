@@ -36,3 +36,9 @@ void resumeAccepting() {
     }
     pausedListeners.clear();
 }
+
+void resetAcceptPauseForTest() {
+    pausedListeners.clear();
+    ttPaused = 0;
+    bWantReported = false;
+}

@@ -11,3 +11,6 @@ void noteAccepted();
 
 /// Watches the paused listeners again, at most once a second. Call in each pass.
 void resumeAccepting();
+
+/// Forgets what is paused.
+void resetAcceptPauseForTest();

@@ -15,7 +15,8 @@ template <class Key>
 bool bCountWithin(std::map<Key, int>& rHistory, std::time_t& rttPeriodStart, const Key& key,
                   int nLimit) {
     const std::time_t ttNow = nowSecs();
-    if (std::difftime(ttNow, rttPeriodStart) > kPeriodNewConnects) {
+    // A clock that was set back must not stretch the period, perhaps by hours.
+    if (std::difftime(ttNow, rttPeriodStart) > kPeriodNewConnects || ttNow < rttPeriodStart) {
         rHistory.clear();
         rttPeriodStart = ttNow;
     }

@@ -165,16 +165,15 @@ void stepLooseClient(RelayClient& client) {
     if (outcome == LooseOutcome::kNotLoose) {
         return;
     }
-    if (outcome == LooseOutcome::kEndPass) {
-        offerAgain(fd);
+    if (outcome == LooseOutcome::kGoOn && bDropTalker(client)) {
         return;
     }
-    if (bDropTalker(client)) {
-        return;
-    }
-    if (bBroken) {
+    if (outcome == LooseOutcome::kGoOn && bBroken) {
         loseLooseClient(client, sProblem);
-    } else if (client.GetMessageSocket()->bHasMoreInput()) {
+        return;
+    }
+    // A broken connection whose pass ended early is read to its end, and dropped, in a later pass.
+    if (bBroken || client.GetMessageSocket()->bHasMoreInput()) {
         offerAgain(fd);
     }
 }

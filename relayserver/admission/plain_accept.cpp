@@ -30,9 +30,6 @@ constexpr AcceptTexts kPlainTexts{
 
 void onAcceptFailed(int fdListener, const AcceptTexts& texts) {
     const int nProblem = errno;
-    if (nProblem == EAGAIN) {
-        return;  // the peer went away between its announcement and now
-    }
     const bool bNoDescriptors =
         nProblem == EMFILE || nProblem == ENFILE || nProblem == ENOBUFS || nProblem == ENOMEM;
     if (!bNoDescriptors || bPauseAccepting(fdListener)) {
@@ -74,10 +71,12 @@ void acceptPlainClient() {
                nPortOf(siPeer));
     if (!bDisableNagle(fd)) {
         // Kept: the words say quitting, but the connection is served all the same.
+        const int nProblem = errno;
         writeToLog(true,
                    "Error: Couldn't disable Nagle algorithm for send socket. %s. relayserver "
                    "quitting.\n",
-                   get_strerror(errno).c_str());
+                   get_strerror(nProblem).c_str());
+        errno = nProblem;  // logging may have changed it
         std::perror("disable Nagle algorithm for send socket");
     }
     Orvex::RelayClient client{Orvex::RelayMessageSocket(fd, siPeer)};

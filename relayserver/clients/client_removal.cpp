@@ -7,6 +7,7 @@
 #include "genner/output/LostConnectionNetMessage.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/connect_to_server.h"
+#include "relayserver/cslink/cs_messages.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/cslink/recently_lost.h"
@@ -20,6 +21,11 @@ namespace {
 
 void cleanConnServerSocket() {
     writeToLog(true, "cleanbadsocket was on connection server\n");
+    const std::uint64_t nThisLink = nLinkNumber;
+    readLastServerMessages();
+    if (nThisLink != nLinkNumber) {
+        return;  // one of them has ended the link
+    }
     LostConnectionToCS();
     SwitchServers();
     reconnectUnlessThrottled();
@@ -59,6 +65,15 @@ void reportLostClient(unsigned nClientID) {
     AddToRecentlyLost(&lcnm);
 }
 
+void reportAndDelete(RelayClientTable& table, RelayClient& client) {
+    const int fd = client.GetMessageSocket()->getMsgSockFileDesc();
+    const std::uint64_t nSerial = client.nSerial();
+    reportLostClient(static_cast<unsigned>(client.GetClientID()));
+    if (RelayClient* const pStillThere = table.findBySerial(fd, nSerial)) {
+        DeleteClient(table, *pStillThere);
+    }
+}
+
 void CleanBadSocket(int fd) {
     writeToLog(true, "cleaning up socket fd %d\n", fd);
     if (connserv_sockfd != 0 && fd == connserv_sockfd) {
@@ -72,10 +87,11 @@ void CleanBadSocket(int fd) {
         closeDescriptor(fd);
         return;
     }
-    if (pClientFound->GetClientID() != 0) {
-        const auto nClientID = static_cast<unsigned>(pClientFound->GetClientID());
-        writeToLog(true, "removing socket for client %u, and notifying CS\n", nClientID);
-        reportLostClient(nClientID);
+    if (pClientFound->GetClientID() == 0) {
+        DeleteClient(*pTableFound, *pClientFound);
+        return;
     }
-    DeleteClient(*pTableFound, *pClientFound);
+    writeToLog(true, "removing socket for client %u, and notifying CS\n",
+               static_cast<unsigned>(pClientFound->GetClientID()));
+    reportAndDelete(*pTableFound, *pClientFound);
 }

@@ -1,6 +1,7 @@
 #include "relayserver/cslink/cs_messages.h"
 
 #include <openssl/err.h>
+#include <sys/ioctl.h>
 
 #include <sstream>
 
@@ -96,15 +97,23 @@ void onLinkEvent(epoll_event& epe) {
 }
 
 void readLastServerMessages() {
-    if (nConnectionStage < WAITING_FOR_CHALLENGE) {
+    if (nConnectionStage < WAITING_FOR_CHALLENGE || bLinkGoesDown) {
         return;
     }
+    // A server that goes on sending does not keep us here: only what has come by now counts, and
+    // what the TLS session may hold of it.
+    constexpr int kTlsRecordBytes = 16384;
+    int nWaiting = 0;
+    ioctl(connserv_sockfd, FIONREAD, &nWaiting);
+    nWaiting += kTlsRecordBytes;
+    bLinkGoesDown = true;
     const std::uint64_t nThisLink = nLinkNumber;
-    bool bMore = true;
-    while (bMore && nThisLink == nLinkNumber) {
-        bMore = msConnServMsgSock.nReadNonBlockingSocket() > 0;
-        (void)handleLinkMessages();  // a lost link shows in the link's number
+    (void)handleLinkMessages();  // a lost link shows in the link's number
+    for (int nRead = 1; nRead > 0 && nWaiting > 0 && nThisLink == nLinkNumber; nWaiting -= nRead) {
+        nRead = msConnServMsgSock.nReadNonBlockingSocket();
+        (void)handleLinkMessages();
     }
+    bLinkGoesDown = false;
 }
 
 void onServerMessage(const char* achMsg, int nMsgLen) {

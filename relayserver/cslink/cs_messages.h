@@ -6,7 +6,8 @@
 /// Handles one event of the link's socket, whatever the stage.
 void onLinkEvent(epoll_event& epe);
 
-/// The link has failed: handles what the server sent before that. The link may be down afterwards.
+/// The link has failed: handles what the server sent before that, and sends nothing more on it. The
+/// link may be down afterwards.
 void readLastServerMessages();
 
 /// One message from the server to the logged-in relay. May remove clients and may take the link

@@ -62,7 +62,7 @@ int ForwardToCS(NetMessage& nmp) {
     if (nmp.frame().empty()) {
         return 0;  // no link could ever carry it, so none is to be blamed for it
     }
-    if (connserv_sockfd != 0 && nConnectionStage == CONNECTION_FINISHED) {
+    if (connserv_sockfd != 0 && nConnectionStage == CONNECTION_FINISHED && !bLinkGoesDown) {
         const int nSent = nmp.Send(true, msConnServMsgSock);
         nmLastSentToCS = nmp;
         if (nSent >= 1) {

@@ -11,6 +11,7 @@ int connserv_sockfd = 0;
 SSL* connserv_ssl = nullptr;
 Orvex::RelayMessageSocket msConnServMsgSock;
 std::uint64_t nLinkNumber = 0;
+bool bLinkGoesDown = false;
 int nLastChallenge = 0;
 bool bLoginContinue = false;
 bool bAccepting = true;
@@ -52,6 +53,7 @@ void closeLink() {
 
 void resetLinkStateForTest() {
     closeLink();
+    bLinkGoesDown = false;
     serverQ = {};
     sLastServer.clear();
     nLastChallenge = 0;

@@ -37,6 +37,10 @@ extern Orvex::RelayMessageSocket msConnServMsgSock;
 /// same.
 extern std::uint64_t nLinkNumber;
 
+/// The link has failed and the last messages of its server are being handled: nothing is sent on
+/// it any more.
+extern bool bLinkGoesDown;
+
 /// The last challenge received.
 extern int nLastChallenge;
 /// Whether the next login asks to continue the session of an earlier one.

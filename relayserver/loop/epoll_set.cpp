@@ -96,6 +96,9 @@ bool bIsCurrent(const epoll_event& epe) {
 }
 
 void offerAgain(int fd) {
+    if (fd < 0) {
+        return;
+    }
     Registration& rRegistration = registrationOf(fd);
     if (rRegistration.bWatched && !rRegistration.bTurnWaiting) {
         rRegistration.bTurnWaiting = true;

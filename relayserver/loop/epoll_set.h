@@ -41,7 +41,8 @@ void closeDescriptor(int fd);
 }
 
 /// Gives the watched `fd` another turn in the next pass although its peer may send nothing more:
-/// for input that has left the kernel but could not be handled now.
+/// for input that has left the kernel but could not be handled now. Nothing happens for a
+/// descriptor that is not watched.
 void offerAgain(int fd);
 
 /// Whether some descriptor waits for another turn, so that the loop must not sleep.

@@ -53,9 +53,10 @@ ListenOutcome bindAndListen(int fd, const sockaddr_in& siAddress, const char* sP
 
 /// Logs and shows that a socket could not be created; `sSocket` is its name in the texts.
 void reportNoSocket(const char* sSocket) {
-    const std::string sProblem = get_strerror(errno);
+    const int nProblem = errno;
     writeToLog(true, "Error: %s socket creation failed. %s. relayserver quitting.\n", sSocket,
-               sProblem.c_str());
+               get_strerror(nProblem).c_str());
+    errno = nProblem;  // logging may have changed it
     std::perror((std::string(sSocket) + " socket").c_str());
 }
 
@@ -112,8 +113,10 @@ void openFecSockets(int i, const sockaddr_in& siAddress) {
     }
     const sockaddr_in siAddress = siListenAddress("UDP", rtp_listen_port[i]);
     if (nBind(fd, siAddress) == -1) {
+        const int nProblem = errno;
         writeToLog(true, "Error: bind udp failed. %s. relayserver quitting.\n",
-                   get_strerror(errno).c_str());
+                   get_strerror(nProblem).c_str());
+        errno = nProblem;  // logging may have changed it
         std::perror("bind udp");
         return false;
     }
@@ -190,5 +193,20 @@ void closeListeners() {
     }
     if (ssl_listen_sockfd != 0) {
         closeDescriptor(ssl_listen_sockfd);
+    }
+}
+
+void resetListenersForTest() {
+    for (int* const pfd : {&connect_listen_sockfd, &ssl_listen_sockfd}) {
+        if (*pfd != 0) {
+            closeDescriptor(*pfd);
+            *pfd = 0;
+        }
+    }
+    for (auto* const pSockets : {&udp_listen_sockfd, &udp_fec1_sockfd, &udp_fec2_sockfd}) {
+        for (int& rfd : *pSockets) {
+            closeDescriptor(rfd);
+            rfd = -1;
+        }
     }
 }

@@ -31,3 +31,6 @@ void watchListeners();
 
 /// Closes the TCP listeners and the audio sockets.
 void closeListeners();
+
+/// Closes every socket and forgets it.
+void resetListenersForTest();

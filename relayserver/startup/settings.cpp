@@ -1,10 +1,9 @@
 #include "relayserver/startup/settings.h"
 
-#include <cmath>
 #include <cstdio>
-#include <limits>
 #include <optional>
 
+#include "base/number_range.h"
 #include "connserver/logging.h"
 #include "relayserver/cslink/link_state.h"
 
@@ -36,21 +35,6 @@ constexpr SettingsOutcome kEndWithMinusOne{false, 255};
 constexpr int kLowestPort = 1024;
 constexpr int kHighestPort = 65535;
 
-/// The whole part of `dNumber`, or the nearest number that `Integer` can hold; 0 for not-a-number.
-template <class Integer>
-Integer nSaturated(double dNumber) {
-    if (std::isnan(dNumber)) {
-        return 0;
-    }
-    if (dNumber <= static_cast<double>(std::numeric_limits<Integer>::min())) {
-        return std::numeric_limits<Integer>::min();
-    }
-    if (dNumber >= static_cast<double>(std::numeric_limits<Integer>::max())) {
-        return std::numeric_limits<Integer>::max();
-    }
-    return static_cast<Integer>(dNumber);
-}
-
 void takeText(const ConfigFile& configFile, const char* sSection, const char* sKey,
               std::string& rsSetting) {
     if (const auto chValue = configFile.OptionalValue(sSection, sKey)) {
@@ -61,7 +45,7 @@ void takeText(const ConfigFile& configFile, const char* sSection, const char* sK
 void takeNumber(const ConfigFile& configFile, const char* sSection, const char* sKey,
                 int& rnSetting) {
     if (const auto chValue = configFile.OptionalValue(sSection, sKey)) {
-        rnSetting = nSaturated<int>(double(*chValue));
+        rnSetting = nSaturated<int>(*chValue);
     }
 }
 
@@ -92,7 +76,7 @@ void readTls(const ConfigFile& configFile) {
     if (chCrtFile && chKeyFile && chPort) {
         sCrtFile = std::string(*chCrtFile);
         sKeyFile = std::string(*chKeyFile);
-        ssl_msg_port = nSaturated<int>(double(*chPort));
+        ssl_msg_port = nSaturated<int>(*chPort);
     }
 }
 
@@ -198,7 +182,7 @@ SettingsOutcome readTlsToServers(const ConfigFile& configFile) {
     if (!bTakeRequired(configFile, "Servers", "cs_ssl_port", sPort)) {
         return kEndWithError;
     }
-    const int nPort = nSaturated<int>(double(Chameleon(sPort)));
+    const int nPort = nSaturated<int>(Chameleon(sPort));
     if (nPort < 1 || nPort > kHighestPort) {
         writeToLog(true, "ERROR: key 'cs_ssl_port' in section 'Servers' is no port: %s\n",
                    sPort.c_str());
@@ -219,7 +203,7 @@ SettingsOutcome readServers(const ConfigFile& configFile) {
         return tlsOutcome;
     }
     if (const auto chSecs = configFile.OptionalValue("Servers", "max_time_away_from_cs")) {
-        nMaxTimeAwayFromCS = nSaturated<unsigned>(double(*chSecs));
+        nMaxTimeAwayFromCS = nSaturated<unsigned>(*chSecs);
     }
     return kGoOn;
 }

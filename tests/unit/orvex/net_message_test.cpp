@@ -272,8 +272,9 @@ TEST_F(NetMessageTest, CopiesKeepImageAndMarks) {
     EXPECT_EQ(imageOf(assigned), imageOf(message));
     EXPECT_TRUE(assigned.GetNetMsgType() == 16);
     EXPECT_TRUE(assigned.isInSync());
-    NetMessage oversize(receivedFrom<NetMessage>(std::string(600, '~')));
-    EXPECT_TRUE(oversize.frame().empty());
+    const auto oversize = receivedFrom<NetMessage>(std::string(600, '~'));
+    NetMessage oversizeCopy(oversize);
+    EXPECT_TRUE(oversizeCopy.frame().empty());
 }
 
 // Packing and sync

@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "base/clock.h"
+#include "relayserver/admission/accept_pause.h"
 #include "relayserver/admission/connect_limits.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/forward_queue.h"
@@ -16,6 +18,7 @@
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/loop/housekeeping.h"
 #include "relayserver/route_store.h"
+#include "relayserver/startup/listeners.h"
 #include "relayserver/startup/settings.h"
 #include "relayserver/switching/switch_packet.h"
 #include "relayserver/switching/video_gate.h"
@@ -43,6 +46,7 @@ SocketPair makePair() {
 void emptyTable(RelayClientTable& table) {
     while (table.bBeginTraverse()) {
         const int fd = table.current().GetMessageSocket()->getMsgSockFileDesc();
+        SSL_free(table.current().GetMessageSocket()->getSSLPtr());
         EXPECT_TRUE(table.bDelete(fd));
         close(fd);
     }
@@ -59,6 +63,8 @@ void resetEngine() {
     resetConnectLimitsForTest();
     resetHousekeepingForTest();
     resetSettingsForTest();
+    resetListenersForTest();
+    resetAcceptPauseForTest();
     resetPacketsSwitchedForTest(0);
     resetEpollSetForTest();
     resetDatabaseStub();
@@ -120,6 +126,7 @@ void Peer::stopReading() const {
 
 EngineTest::EngineTest() {
     setClockForTest(kNow);
+    std::signal(SIGPIPE, SIG_IGN);  // the process keeps it away from the engine, too
     resetEngine();
     EXPECT_TRUE(bOpenEpollSet());
 }

@@ -1,0 +1,68 @@
+"""Return codes other than OK end the attempt; the relay tries the same server again and gets in as
+soon as it is let in."""
+
+from __future__ import annotations
+
+import pytest
+
+from lab import messages
+
+_REFUSALS = [code for code in messages.RETURN_CODES if code not in ("OK", "NO CONTINUE")]
+
+
+def test_every_refusal_ends_the_attempt_and_the_same_server_is_tried_again(
+    make_server, make_relay
+):
+    server, backup = make_server(), make_server()
+    codes = ["UNAUTHORIZED", "NOT LOGGED IN"]
+    server.answer_next_login(*codes)
+    relay = make_relay(using=server, servers=[server.address, backup.address])
+    for code in codes:
+        relay.log.expect_in_order(
+            f"Server response: {code}.",
+            "Lost connection to CS!",
+            "connection to server failed with code -1...",
+            "retrying",
+        )
+    assert len(server.messages_of(messages.LogIn)) == 3
+    assert backup.links == []
+
+
+@pytest.mark.parametrize("code", [*_REFUSALS, "BRAND NEW CODE", "", "11", "-1", "~" * 30])
+def test_any_other_code_is_a_refusal(code, server, make_relay):
+    server.answer_next_login(code)
+    relay = make_relay(ready=False)
+    relay.log.expect_in_order(
+        "debug: got response",
+        "Server response: ",
+        "Lost connection to CS!",
+        "connection to server failed with code -1...",
+    )
+    relay.wait_ready()
+    assert relay.log.count("Switched from server") == 1
+
+
+def test_a_refused_first_login_is_repeated_as_a_first_login(server, make_relay):
+    server.answer_next_login("UNAUTHORIZED", "NO CONTINUE")
+    relay = make_relay()
+    relay.log.expect_in_order(
+        "Server response: UNAUTHORIZED.",
+        "Server response: NO CONTINUE.",
+        "server didn't recognize our continue id",
+        "sent login- waiting for response",
+        "Server response: OK.",
+    )
+    logins = server.messages_of(messages.LogIn)
+    assert [login.function for login in logins] == ["RELAY"] * 3
+    assert len({login.des_key for login in logins}) == 1
+    assert len(server.links) == 2, "a NO CONTINUE goes on on the same connection"
+
+
+def test_wrong_credentials_keep_the_relay_out(server, make_relay):
+    server.credentials = ("company", "relay", "right")
+    relay = make_relay(password="wrong", ready=False)
+    relay.log.expect_in_order(
+        "Server response: UNAUTHORIZED.", "retrying", "Server response: UNAUTHORIZED."
+    )
+    server.credentials = ("company", "relay", "wrong")
+    relay.wait_ready()

@@ -1,0 +1,442 @@
+#include "orvex/relay_client_table.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <set>
+#include <stdexcept>
+#include <vector>
+
+using Orvex::RelayClient;
+using Orvex::RelayClientTable;
+using Orvex::RelayMessageSocket;
+
+namespace {
+
+RelayClient clientWith(int fd, int nID = 0) {
+    RelayClient client{RelayMessageSocket(fd, sockaddr_in{})};
+    client.SetClientID(nID);
+    return client;
+}
+
+int fdOf(const RelayClient& client) {
+    return client.GetMessageSocket()->getMsgSockFileDesc();
+}
+
+/// The descriptors a whole walk meets.
+std::vector<int> vWalked(RelayClientTable& table) {
+    std::vector<int> vFds;
+    RelayClientTable::Walk walk(table);
+    if (walk.bBeginTraverse()) {
+        do {
+            vFds.push_back(fdOf(walk.current()));
+        } while (walk.bContinueTraverse());
+    }
+    return vFds;
+}
+
+class RelayClientTableTest : public testing::Test {
+  protected:
+    void addClients(int nCount) {
+        for (int fd = 10; fd < 10 + nCount; ++fd) {
+            table.Add(clientWith(fd, fd * 100));
+        }
+    }
+    [[nodiscard]] RelayClient* byID(int nID) const {
+        RelayClient* pFound = nullptr;
+        return table.bLookUp(nID, &pFound) ? pFound : nullptr;
+    }
+    [[nodiscard]] RelayClient* byFd(int fd) const {
+        RelayClient* pFound = nullptr;
+        return table.bFileDescLookUp(fd, &pFound) ? pFound : nullptr;
+    }
+    RelayClientTable table;
+};
+
+using Fds = std::vector<int>;
+
+}  // namespace
+
+TEST_F(RelayClientTableTest, IsEmptyAtFirst) {
+    EXPECT_EQ(table.GetSize(), 0);
+    EXPECT_FALSE(table.bBeginTraverse());
+    EXPECT_FALSE(table.bContinueTraverse());
+    EXPECT_EQ(byID(0), nullptr);
+    EXPECT_EQ(byFd(-1), nullptr);
+    EXPECT_EQ(table.getFileDescFromID(0), -1);
+}
+
+TEST_F(RelayClientTableTest, SteppingOutOfRangeThrows) {
+    const auto expectThrow = [this] {
+        try {
+            (void)table.current();
+            ADD_FAILURE() << "nothing thrown";
+        } catch (const std::out_of_range& error) {
+            EXPECT_STREQ(error.what(),
+                         "no clients left in this iteration of Tessel RelayClientTable!\n");
+        }
+    };
+    expectThrow();
+    addClients(1);
+    ASSERT_TRUE(table.bBeginTraverse());
+    EXPECT_FALSE(table.bContinueTraverse());
+    expectThrow();
+}
+
+TEST_F(RelayClientTableTest, FindsRecordsByIdAndDescriptor) {
+    addClients(3);
+    ASSERT_NE(byID(1100), nullptr);
+    EXPECT_EQ(fdOf(*byID(1100)), 11);
+    ASSERT_NE(byFd(12), nullptr);
+    EXPECT_EQ(byFd(12)->GetClientID(), 1200);
+    EXPECT_EQ(table.getFileDescFromID(1000), 10);
+    EXPECT_EQ(table.getFileDescFromID(7), -1);
+    EXPECT_EQ(byFd(13), nullptr);
+}
+
+TEST_F(RelayClientTableTest, AMissLeavesTheOutputUntouched) {
+    RelayClient other;
+    RelayClient* pFound = &other;
+    EXPECT_FALSE(table.bLookUp(5, &pFound));
+    EXPECT_FALSE(table.bFileDescLookUp(5, &pFound));
+    EXPECT_EQ(pFound, &other);
+}
+
+TEST_F(RelayClientTableTest, AddStoresACopyAndReturnsIt) {
+    RelayClient client = clientWith(10, 1);
+    RelayClient& stored = table.Add(client);
+    client.SetClientID(2);
+    EXPECT_EQ(stored.GetClientID(), 1);
+    EXPECT_EQ(byFd(10), &stored);
+}
+
+TEST_F(RelayClientTableTest, MeansTheFirstOfEqualKeysInInsertionOrder) {
+    for (const int fd : {20, 21, 22}) {
+        table.Add(clientWith(fd, 7));
+    }
+    EXPECT_EQ(table.getFileDescFromID(7), 20);
+    EXPECT_TRUE(table.bDelete(20));
+    EXPECT_EQ(table.getFileDescFromID(7), 21);
+    EXPECT_TRUE(table.bDelete(22));
+    EXPECT_EQ(table.getFileDescFromID(7), 21);
+
+    table.Add(clientWith(-1, 1));
+    table.Add(clientWith(-1, 2));
+    EXPECT_EQ(byFd(-1)->GetClientID(), 1);
+    EXPECT_TRUE(table.bDelete(-1));
+    EXPECT_EQ(byFd(-1)->GetClientID(), 2);
+}
+
+TEST_F(RelayClientTableTest, AnIdGivenLaterTakesItsPlaceInInsertionOrder) {
+    for (const int fd : {20, 21, 22, 23}) {
+        table.Add(clientWith(fd, 0));
+    }
+    byFd(23)->SetClientID(7);
+    byFd(21)->SetClientID(7);
+    EXPECT_EQ(table.getFileDescFromID(7), 21);
+    byFd(22)->SetClientID(7);
+    EXPECT_TRUE(table.bDelete(21));
+    EXPECT_EQ(table.getFileDescFromID(7), 22);
+    EXPECT_TRUE(table.bDelete(22));
+    EXPECT_EQ(table.getFileDescFromID(7), 23);
+    EXPECT_EQ(table.getFileDescFromID(0), 20);
+    byFd(23)->SetClientID(0);
+    EXPECT_EQ(table.getFileDescFromID(7), -1);
+    EXPECT_EQ(table.getFileDescFromID(0), 20);
+}
+
+TEST_F(RelayClientTableTest, FindsARecordUnderItsNewSocket) {
+    addClients(2);
+    byFd(10)->SetMessageSocket(RelayMessageSocket(30, sockaddr_in{}));
+    EXPECT_EQ(byFd(10), nullptr);
+    EXPECT_EQ(byFd(30), byID(1000));
+    EXPECT_TRUE(table.bDelete(30));
+    EXPECT_EQ(vWalked(table), Fds({11}));
+}
+
+TEST_F(RelayClientTableTest, FindsARecordThatWasAssignedTo) {
+    addClients(2);
+    RelayClient* pStored = byFd(10);
+    const auto nSerial = pStored->nSerial();
+    *pStored = clientWith(40, 4000);
+    EXPECT_EQ(byFd(40), pStored);
+    EXPECT_EQ(byID(4000), pStored);
+    EXPECT_EQ(byFd(10), nullptr);
+    EXPECT_EQ(byID(1000), nullptr);
+    EXPECT_EQ(pStored->nSerial(), nSerial);
+}
+
+TEST_F(RelayClientTableTest, ACopyOfARecordIsInNoTable) {
+    addClients(1);
+    RelayClient copy = *byFd(10);
+    EXPECT_EQ(copy.nSerial(), 0U);
+    copy.SetClientID(5);
+    EXPECT_EQ(byID(5), nullptr);
+    EXPECT_NE(byID(1000), nullptr);
+}
+
+TEST_F(RelayClientTableTest, ARecordMovesBetweenTables) {
+    RelayClientTable other;
+    addClients(2);
+    RelayClient& moved = other.Add(*byFd(10));
+    EXPECT_TRUE(table.bDelete(10));
+    moved.SetClientID(9);
+    EXPECT_EQ(other.getFileDescFromID(9), 10);
+    EXPECT_EQ(table.GetSize(), 1);
+}
+
+TEST_F(RelayClientTableTest, RecordsDoNotMoveWhenOthersComeAndGo) {
+    addClients(1);
+    RelayClient* pStored = byFd(10);
+    for (int fd = 100; fd < 400; ++fd) {
+        table.Add(clientWith(fd));
+    }
+    for (int fd = 100; fd < 400; ++fd) {
+        EXPECT_TRUE(table.bDelete(fd));
+    }
+    EXPECT_EQ(byFd(10), pStored);
+}
+
+TEST_F(RelayClientTableTest, DeletesByDescriptorOrByRecord) {
+    addClients(3);
+    EXPECT_FALSE(table.bDelete(99));
+    EXPECT_TRUE(table.bDelete(11));
+    EXPECT_FALSE(table.bDelete(11));
+    EXPECT_TRUE(table.bDelete(*byFd(12)));
+    EXPECT_EQ(table.GetSize(), 1);
+    EXPECT_EQ(vWalked(table), Fds({10}));
+    RelayClient notStored = clientWith(10);
+    EXPECT_TRUE(table.bDelete(notStored)) << "the descriptor is what counts";
+    EXPECT_EQ(table.GetSize(), 0);
+}
+
+TEST_F(RelayClientTableTest, WalksInInsertionOrder) {
+    addClients(3);
+    EXPECT_EQ(vWalked(table), Fds({10, 11, 12}));
+}
+
+TEST_F(RelayClientTableTest, DeletingTheCurrentFirstRecordGoesOnWithTheSecond) {
+    addClients(3);
+    ASSERT_TRUE(table.bBeginTraverse());
+    EXPECT_TRUE(table.bDelete(10));
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_EQ(fdOf(table.current()), 11);
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_EQ(fdOf(table.current()), 12);
+}
+
+TEST_F(RelayClientTableTest, DeletingTheCurrentRecordGoesOnWithTheNext) {
+    addClients(3);
+    ASSERT_TRUE(table.bBeginTraverse());
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_TRUE(table.bDelete(11));
+    EXPECT_EQ(fdOf(table.current()), 10) << "the cursor has stepped back";
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_EQ(fdOf(table.current()), 12);
+}
+
+TEST_F(RelayClientTableTest, DeletingTheCurrentLastRecordEndsTheWalk) {
+    addClients(2);
+    ASSERT_TRUE(table.bBeginTraverse());
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_TRUE(table.bDelete(11));
+    EXPECT_FALSE(table.bContinueTraverse());
+}
+
+TEST_F(RelayClientTableTest, DeletingTheOnlyRecordEndsTheWalk) {
+    addClients(1);
+    ASSERT_TRUE(table.bBeginTraverse());
+    EXPECT_TRUE(table.bDelete(10));
+    EXPECT_EQ(table.GetSize(), 0);
+    EXPECT_FALSE(table.bContinueTraverse());
+}
+
+TEST_F(RelayClientTableTest, DeletingAnotherRecordKeepsTheCursorOnItsOwn) {
+    addClients(4);
+    ASSERT_TRUE(table.bBeginTraverse());
+    ASSERT_TRUE(table.bContinueTraverse());
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_TRUE(table.bDelete(10));
+    EXPECT_TRUE(table.bDelete(13));
+    EXPECT_EQ(fdOf(table.current()), 12);
+    EXPECT_FALSE(table.bContinueTraverse());
+}
+
+TEST_F(RelayClientTableTest, DeletingSeveralAtTheStartStaysOnTheSuccessor) {
+    addClients(4);
+    ASSERT_TRUE(table.bBeginTraverse());
+    EXPECT_TRUE(table.bDelete(10));
+    EXPECT_TRUE(table.bDelete(11));
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_EQ(fdOf(table.current()), 12);
+}
+
+TEST_F(RelayClientTableTest, BeginningAgainForgetsADeletion) {
+    addClients(3);
+    ASSERT_TRUE(table.bBeginTraverse());
+    EXPECT_TRUE(table.bDelete(10));
+    ASSERT_TRUE(table.bBeginTraverse());
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_EQ(fdOf(table.current()), 12);
+}
+
+TEST_F(RelayClientTableTest, ACursorBehindTheLastRecordMeetsTheOneAddedThere) {
+    addClients(1);
+    ASSERT_TRUE(table.bBeginTraverse());
+    EXPECT_FALSE(table.bContinueTraverse());
+    EXPECT_FALSE(table.bContinueTraverse()) << "and does not move further";
+    table.Add(clientWith(50));
+    EXPECT_EQ(fdOf(table.current()), 50);
+    EXPECT_FALSE(table.bContinueTraverse());
+    EXPECT_TRUE(table.bDelete(10));
+    table.Add(clientWith(51));
+    EXPECT_EQ(fdOf(table.current()), 51);
+}
+
+TEST_F(RelayClientTableTest, TheFirstRecordAddedIsUnderTheIdleCursor) {
+    addClients(1);
+    EXPECT_EQ(fdOf(table.current()), 10);
+    table.Add(clientWith(11));
+    EXPECT_EQ(fdOf(table.current()), 10);
+}
+
+TEST_F(RelayClientTableTest, RecordsAddedDuringAWalkAreMet) {
+    addClients(2);
+    ASSERT_TRUE(table.bBeginTraverse());
+    ASSERT_TRUE(table.bContinueTraverse());
+    table.Add(clientWith(60));
+    ASSERT_TRUE(table.bContinueTraverse());
+    EXPECT_EQ(fdOf(table.current()), 60);
+}
+
+TEST_F(RelayClientTableTest, NestedWalksDoNotDisturbEachOther) {
+    addClients(3);
+    Fds vOuter;
+    ASSERT_TRUE(table.bBeginTraverse());
+    do {
+        vOuter.push_back(fdOf(table.current()));
+        EXPECT_EQ(vWalked(table), Fds({10, 11, 12}));
+    } while (table.bContinueTraverse());
+    EXPECT_EQ(vOuter, Fds({10, 11, 12}));
+}
+
+TEST_F(RelayClientTableTest, AWalkSurvivesDeletionsByANestedOne) {
+    addClients(5);
+    Fds vOuter;
+    RelayClientTable::Walk outer(table);
+    ASSERT_TRUE(outer.bBeginTraverse());
+    do {
+        vOuter.push_back(fdOf(outer.current()));
+        RelayClientTable::Walk inner(table);
+        if (vOuter.size() == 2 && inner.bBeginTraverse()) {
+            do {
+                const int fd = fdOf(inner.current());
+                if (fd == 10 || fd == 11 || fd == 13) {
+                    EXPECT_TRUE(table.bDelete(fd));
+                }
+            } while (inner.bContinueTraverse());
+        }
+    } while (outer.bContinueTraverse());
+    EXPECT_EQ(vOuter, Fds({10, 11, 12, 14}));
+    EXPECT_EQ(vWalked(table), Fds({12, 14}));
+}
+
+TEST_F(RelayClientTableTest, EveryRecordHasASerialOfItsOwn) {
+    RelayClientTable other;
+    std::set<std::uint64_t> serials;
+    for (int fd = 0; fd < 50; ++fd) {
+        serials.insert(table.Add(clientWith(fd)).nSerial());
+        serials.insert(other.Add(clientWith(fd)).nSerial());
+    }
+    EXPECT_EQ(serials.size(), 100U);
+    EXPECT_FALSE(serials.contains(0));
+}
+
+TEST_F(RelayClientTableTest, ASerialTellsARecordFromANewcomerOnItsDescriptor) {
+    const auto nSerial = table.Add(clientWith(10)).nSerial();
+    ASSERT_NE(table.findBySerial(10, nSerial), nullptr);
+    EXPECT_EQ(table.findBySerial(11, nSerial), nullptr);
+    EXPECT_TRUE(table.bDelete(10));
+    EXPECT_EQ(table.findBySerial(10, nSerial), nullptr);
+    const RelayClient& newcomer = table.Add(clientWith(10));
+    EXPECT_EQ(table.findBySerial(10, nSerial), nullptr);
+    EXPECT_EQ(table.findBySerial(10, newcomer.nSerial()), &newcomer);
+}
+
+// A table that searched would need some 10^9 steps here; this one is done in milliseconds.
+TEST_F(RelayClientTableTest, StaysQuickWithThousandsOfRecordsOfOneId) {
+    constexpr int kRecords = 20000;
+    const auto tStart = std::chrono::steady_clock::now();
+    for (int fd = 0; fd < kRecords; ++fd) {
+        table.Add(clientWith(fd, 0));
+    }
+    for (int fd = kRecords - 1; fd >= 0; --fd) {
+        ASSERT_NE(byFd(fd), nullptr);
+        ASSERT_EQ(table.getFileDescFromID(0), 0);
+        ASSERT_TRUE(table.bDelete(fd));
+    }
+    EXPECT_EQ(table.GetSize(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - tStart, std::chrono::seconds(5));
+}
+
+// The same steps against the plain model of the rules: a vector and a cursor index.
+TEST_F(RelayClientTableTest, BehavesLikeAVectorWithACursorIndex) {
+    Fds model;
+    std::size_t nCursor = 0;
+    bool bDeleteFlag = false;
+    unsigned nRandom = 12345;
+    const auto nNext = [&nRandom](unsigned nBelow) {
+        nRandom = nRandom * 1103515245U + 12345U;
+        return (nRandom >> 16U) % nBelow;
+    };
+    int fdNew = 100;
+    for (int nStep = 0; nStep < 20000; ++nStep) {
+        const unsigned nAction = nNext(16);
+        if (nAction < 5) {
+            table.Add(clientWith(++fdNew));
+            model.push_back(fdNew);
+        } else if (nAction < 10 && !model.empty()) {
+            const std::size_t p = nNext(static_cast<unsigned>(model.size()));
+            EXPECT_TRUE(table.bDelete(model[p]));
+            if (p <= nCursor && nCursor-- == 0) {
+                nCursor = 0;
+                bDeleteFlag = true;
+            }
+            model.erase(model.begin() + static_cast<std::ptrdiff_t>(p));
+        } else if (nAction == 10) {
+            const bool bAny = !model.empty();
+            if (bAny) {
+                nCursor = 0;
+                bDeleteFlag = false;
+            }
+            ASSERT_EQ(table.bBeginTraverse(), bAny);
+        } else {
+            bool bOnRecord = false;
+            if (nCursor < model.size()) {
+                nCursor += bDeleteFlag ? 0 : 1;
+                bDeleteFlag = false;
+                bOnRecord = nCursor < model.size();
+            }
+            ASSERT_EQ(table.bContinueTraverse(), bOnRecord) << "step " << nStep;
+        }
+        if (nCursor < model.size()) {
+            ASSERT_EQ(fdOf(table.current()), model[nCursor]) << "step " << nStep;
+        } else {
+            ASSERT_THROW((void)table.current(), std::out_of_range) << "step " << nStep;
+        }
+    }
+    EXPECT_EQ(vWalked(table), model);
+}
+
+#ifndef NDEBUG
+TEST(RelayClientTableDeathTest, ATableMustOutliveItsWalks) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            auto* pTable = new RelayClientTable;
+            const RelayClientTable::Walk walk(*pTable);
+            delete pTable;
+        },
+        "outlives its walks");
+}
+#endif
