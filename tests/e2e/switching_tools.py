@@ -15,6 +15,7 @@ from collections.abc import Callable, Iterable
 
 from lab import messages, wire
 from lab.connection_server import ConnectionServer
+from lab.relay import Relay
 from lab.stations import Station
 from lab.waiting import Deadline, LabTimeout, patient, wait_until
 
@@ -69,12 +70,21 @@ def got_before_order_fence(
     return _until(fence, receiver, within_secs)
 
 
-def settle(one: Station, other: Station) -> None:
-    """Waits until the relay has read what third stations had sent before this call: the second
-    round trip begins a pass after all that was there at the first. Nothing else may arrive at
-    `other` meanwhile."""
-    for _ in range(2):
-        assert got_before_fence(one, other) == []
+def line_count(relay: Relay, station: Station, text: str) -> int:
+    """In how many lines of the log `text` stands, of all that the relay had to say until now. The
+    log is written by a thread of its own, so a line that must come later is waited for: that about
+    a message of `station` under an id of nobody."""
+    nobody = 0x70000000 + next(_numbers)
+    station.send(messages.Caption(sender_id=nobody))
+    relay.log.expect(f"Message with invalid sender id string {nobody} ", 10)
+    return relay.log.count(text)
+
+
+def server_heard(server: ConnectionServer, since: int) -> list[messages.Message]:
+    """What the server got, apart from heartbeats and arrivals of clients."""
+    usual = (messages.Heartbeat, messages.ConnectConfirm)
+    heard = server.messages_of(messages.Message, since)
+    return [message for message in heard if not isinstance(message, usual)]
 
 
 class Drain:

@@ -3,7 +3,7 @@ told, and what is remembered for it."""
 
 from __future__ import annotations
 
-from switching_tools import got_before_order_fence
+from switching_tools import got_before_order_fence, line_count
 
 from lab.message import signed32
 from lab.messages import PIPE_CAPTION, PIPE_CHAT, LostConnection
@@ -33,8 +33,8 @@ def test_an_absent_destination_is_confirmed_once_per_id_in_a_row(relay, make_sta
     server.wait_for(lambda _: len(losses(server, first)) == 2)
     assert len(losses(server, second)) == 1
     assert losses(server, station.client_id) == []
-    assert relay.log.count(ABSENT.format(first)) == 2
-    assert relay.log.count(ABSENT.format(second) + AND_SO) == 1
+    assert line_count(relay, station, ABSENT.format(first)) == 2
+    assert line_count(relay, station, ABSENT.format(second) + AND_SO) == 1
     # The rows are there all the same: the client may be on its way.
     expected = {(100 + n, to_id, PIPE_CAPTION) for n, to_id in enumerate(orders)}
     expected |= {(100, station.client_id, PIPE_CAPTION), (200, first, PIPE_CAPTION)}
@@ -69,19 +69,19 @@ def test_a_lost_client_is_confirmed_with_its_last_row(relay, make_station):
     server.disconnect_route(0, lost_id, PIPE_CHAT)
     got_before_order_fence(server, other)
     assert relay.schema.routes() == {(lost_id, other_id, PIPE_CAPTION)}
-    assert relay.log.count(confirmed) == 0  # it is still a source
+    assert line_count(relay, other, confirmed) == 0  # it is still a source
 
     server.disconnect_route(lost_id, 0, PIPE_CAPTION)
     got_before_order_fence(server, other)
     assert relay.schema.routes() == set()
     # The order named no destination, so it is that of nobody that was looked at.
-    assert relay.log.count(confirmed) == 0
+    assert line_count(relay, other, confirmed) == 0
 
     server.disconnect_route(other_id, lost_id, PIPE_CAPTION)
     relay.log.expect_in_order(FORGOTTEN.format(lost_id) + " (1 instances)", confirmed)
     server.disconnect_route(other_id, lost_id, PIPE_CAPTION)
     got_before_order_fence(server, other)
-    assert relay.log.count(confirmed) == 1
+    assert line_count(relay, other, confirmed) == 1
 
 
 def test_a_client_that_is_here_is_not_confirmed(relay, make_station):
@@ -89,5 +89,5 @@ def test_a_client_that_is_here_is_not_confirmed(relay, make_station):
     relay.server.connect_route(one.client_id, two.client_id, PIPE_CAPTION)
     relay.server.disconnect_route(one.client_id, two.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, one)
-    assert relay.log.count(TAKEN_CARE_OF.format(two.client_id)) == 0
+    assert line_count(relay, one, TAKEN_CARE_OF.format(two.client_id)) == 0
     assert losses(relay.server, two.client_id) == []

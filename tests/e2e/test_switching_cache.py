@@ -4,7 +4,13 @@ that key."""
 from __future__ import annotations
 
 import pytest
-from switching_tools import arriving_image, got_before_fence, got_before_order_fence, images
+from switching_tools import (
+    arriving_image,
+    got_before_fence,
+    got_before_order_fence,
+    images,
+    line_count,
+)
 
 from lab.messages import PIPE_CAPTION, PIPE_CHAT, Chat
 from lab.stations import Captioner, Encoder
@@ -22,7 +28,7 @@ def encoder(relay, make_station):
 
 def misses(relay, source, msg_class=PIPE_CAPTION):
     """The lines of queries for a key."""
-    return relay.log.count(f"cache miss for source {source.client_id} type {msg_class}, ")
+    return line_count(relay, source, f"cache miss for source {source.client_id} type {msg_class}, ")
 
 
 def captions_through(captioner, encoder, count=1):

@@ -5,9 +5,16 @@ from __future__ import annotations
 import random
 
 import pytest
-from switching_tools import arriving_image, got_before_fence, got_before_order_fence, images
+from switching_tools import (
+    Drain,
+    arriving_image,
+    got_before_fence,
+    got_before_order_fence,
+    images,
+    line_count,
+)
 
-from lab.messages import PIPE_CAPTION
+from lab.messages import PIPE_CAPTION, Caption, Opaque
 from lab.stations import Captioner, Encoder
 
 ENCODERS = 50
@@ -36,7 +43,7 @@ def test_fifty_encoders_get_every_caption_in_order(tls_relay, make_station, enco
     for encoder in encoders:
         assert images(got_before_fence(captioner, encoder)) == sent
     line = f"cache miss for source {captioner.client_id} type 192, now sending to 50 clients"
-    assert tls_relay.log.count(line) == 1
+    assert line_count(tls_relay, captioner, line) == 1
 
 
 def test_captioners_that_interleave_do_not_mix(tls_relay, make_station, encoders):
@@ -70,3 +77,28 @@ def test_an_encoder_that_leaves_does_not_disturb_the_others(tls_relay, make_stat
             leaver.reset() if number % 4 == 0 else leaver.close()
     for encoder in encoders[30:]:
         assert images(got_before_fence(captioner, encoder)) == sent
+
+
+def test_the_200000th_routed_message_is_reported(relay, make_station):
+    """Messages on no route do not count."""
+    captioner, last = make_station(relay, Captioner), make_station(relay, Captioner)
+    encoders = [make_station(relay, Encoder) for _ in range(20)]
+    connect(relay, captioner, encoders)
+    connect(relay, last, encoders[:1])
+    drains = [Drain(encoder) for encoder in encoders]
+    report = "200000 tcp packets switched and sent, this packet switched from {} to {}"
+    try:
+        for start in range(0, 9999, 101):
+            captioner.send_all([Caption(b"%d" % n) for n in range(start, start + 101)], 30)
+        last.send_all([Caption(b"%d" % number) for number in range(19)])
+        final = Opaque(9, b"the 199999th is through~", dest_id=encoders[0].client_id)
+        for sender in (captioner, last, last):
+            final.sender_id = sender.client_id
+            sender.send(final)
+            drains[0].wait_for_image(arriving_image(final), 60)
+        assert line_count(relay, last, "tcp packets switched and sent") == 0
+        last.caption(b"200000")
+        relay.log.expect(report.format(last.client_id, encoders[0].client_id))
+    finally:
+        for drain in drains:
+            drain.close()

@@ -4,7 +4,7 @@ in the middle of its own messages, and nobody else suffers."""
 from __future__ import annotations
 
 import pytest
-from switching_tools import arriving_image, got_before_fence, images
+from switching_tools import arriving_image, got_before_fence, images, line_count
 
 from lab.channel import PeerClosed
 from lab.messages import PIPE_CAPTION, Caption, LostConnection
@@ -47,7 +47,8 @@ def test_a_client_that_does_not_hear_itself_is_dropped(
     send_until_dropped(talker)
     relay.server.wait_for_type(LostConnection, 15, client_id=talker.client_id)
     relay.log.expect("TCP message send failed in SwitchPacket - rc=")
-    assert relay.log.count(f"removing socket for client {talker.client_id}, and notifying CS") == 1
+    dropped = f"removing socket for client {talker.client_id}, and notifying CS"
+    assert line_count(relay, sender, dropped) == 1
     got = got_before_fence(sender, listener, 20)
     assert all(m.caption == b"x" * 490 and m.sender_id == talker.client_id for m in got)
     sent = arriving_image(sender.caption(b"\x41\x42"))
