@@ -42,6 +42,8 @@ def test_what_follows_a_log_out_is_not_handled(tls_relay, make_station, route, t
     captioner.send_all([first, LogOut("captioner"), late, LogOut("again")])
     assert captioner.closed_by_peer()
     assert images(got_before_fence(encoder, encoder)) == [arriving_image(first)]
+    encoder.send(messages.Opaque(224, b"after that~"))
+    relay.server.wait_for_type(messages.Opaque, code=224)
     assert [m.name for m in relay.server.messages_of(LogOut)] == ["captioner"]
 
 

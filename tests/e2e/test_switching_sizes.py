@@ -7,7 +7,7 @@ from switching_tools import arriving_image, got_before_fence, got_before_order_f
 
 from lab import messages, wire
 from lab.messages import PIPE_CAPTION, Opaque
-from lab.stations import Captioner, Encoder, Station
+from lab.stations import Captioner, Encoder
 
 IGNORED = "Message with invalid sender id string {} and len {} passed from client {}, ignoring"
 #: No byte of it reads as text, a delimiter or an escape everywhere.
