@@ -6,8 +6,8 @@
 
 /// Advances the link and returns its new stage (353 when logged in), or -1 when the attempt failed.
 /// - `bWait`: starts an attempt if there is none and waits until the relay is logged in or the
-/// attempt
-///   has failed, at most 5 s for each event. For start-up, when no other descriptor is watched.
+///   attempt has failed, at most 5 s for each event. For start-up, when no other descriptor is
+///   watched.
 /// - otherwise one step: handles `epe`, an event of the link's socket, or, with null, starts an
 ///   attempt if there is none.
 int ConnectToServer(bool bWait, epoll_event* epe);

@@ -97,4 +97,5 @@ void ClearCSQueue() {
 void resetForwardQueueForTest() {
     ClearCSQueue();
     queueLogPrintThreshold = 1;
+    nmLastSentToCS = NetMessage();
 }

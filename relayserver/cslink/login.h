@@ -2,8 +2,7 @@
 #pragma once
 
 /// Sends the login that answers `nLastChallenge`, encrypted under the server's public key. Returns
-/// 4
-/// (`WAITING_FOR_LOGIN_RESPONSE`), or -1 when it could not be encrypted or sent: the link is down
+/// 4 (`WAITING_FOR_LOGIN_RESPONSE`), or -1 when it could not be encrypted or sent: the link is down
 /// then and the next server is in front.
 int SendLogin();
 

@@ -58,6 +58,7 @@ TEST_F(RouteStore, RepeatsInARowForTheSameAbsentClientAreSilent) {
     const Peer server = openLink();
     update(rcConnect, 7, 9, 192);
     update(rcConnect, 8, 9, 128);
+    update(rcConnect, 8, 9, 192);
     EXPECT_EQ(1U, loggedLines().size());
     EXPECT_EQ(1U, server.images().size());
     update(rcConnect, 7, 10, 192);
@@ -65,7 +66,7 @@ TEST_F(RouteStore, RepeatsInARowForTheSameAbsentClientAreSilent) {
     EXPECT_EQ(1U, server.images().size());
     update(rcConnect, 7, 9, 192);
     EXPECT_EQ(3U, loggedLines().size());
-    EXPECT_EQ(4U, executedStatements().size());
+    EXPECT_EQ(5U, executedStatements().size());
 }
 
 TEST_F(RouteStore, AConnectedDestinationDoesNotResetTheMemoryOfTheAbsentOne) {
