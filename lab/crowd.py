@@ -36,11 +36,14 @@ def source_addresses() -> Iterator[str]:
 class Crowd:
     """Stations that come and go together. Use as a context manager, or call `close`."""
 
-    def __init__(self, address: str, port: int, *, tls: bool = False) -> None:
+    def __init__(
+        self, address: str, port: int, *, tls: bool = False, sources: Iterator[str] | None = None
+    ) -> None:
+        """`sources` are the addresses to connect from, for crowds that share them."""
         raise_descriptor_limit()
         self._where = (address, port)
         self._tls = tls
-        self._sources = source_addresses()
+        self._sources = sources or source_addresses()
         self.stations: list[Station] = []
 
     def __enter__(self) -> Crowd:

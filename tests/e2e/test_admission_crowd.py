@@ -6,6 +6,7 @@ import pytest
 
 from lab import messages
 from lab.crowd import Crowd
+from lab.waiting import wait_until
 
 _CROWD = 1550
 _SAMPLE = 12
@@ -38,10 +39,9 @@ def test_a_crowd_that_leaves_gives_all_descriptors_back(server, relay):
     with Crowd(relay.address, relay.tcp_port) as crowd:
         clients = {station.client_id for station in crowd.admit(_CROWD, server)}
         assert relay.open_descriptors() == held + _CROWD
-    last = max(clients)
-    server.wait_for_type(messages.LostConnection, 20, client_id=last)
-    server.wait_for(
-        lambda _: {one.client_id for one in server.messages_of(messages.LostConnection)} == clients,
+    wait_until(
+        lambda: {one.client_id for one in server.messages_of(messages.LostConnection)} == clients,
         20,
+        "every client reported lost",
     )
-    assert relay.open_descriptors() == held
+    wait_until(lambda: relay.open_descriptors() == held, 5, "descriptors given back")

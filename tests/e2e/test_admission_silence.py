@@ -32,6 +32,7 @@ def test_connections_without_a_login_are_dropped_after_15_seconds(
     no_handshake = channel.connect(tls_relay.address, tls_relay.tls_port)
     half_a_handshake = channel.connect(tls_relay.address, tls_relay.tls_port)
     half_a_handshake.write(b"\x16\x03\x01\x02\x00\x01\x00")
+    tls_relay.log.expect_in_order(*["Starting SSL handshake on socket "] * 3)
     held = tls_relay.open_descriptors()
 
     loose = [silent, half_a_frame, silent_over_tls, talker]
