@@ -65,6 +65,15 @@ void reportLostClient(unsigned nClientID) {
     AddToRecentlyLost(&lcnm);
 }
 
+void reportAndDelete(RelayClientTable& table, RelayClient& client) {
+    const int fd = client.GetMessageSocket()->getMsgSockFileDesc();
+    const std::uint64_t nSerial = client.nSerial();
+    reportLostClient(static_cast<unsigned>(client.GetClientID()));
+    if (RelayClient* const pStillThere = table.findBySerial(fd, nSerial)) {
+        DeleteClient(table, *pStillThere);
+    }
+}
+
 void CleanBadSocket(int fd) {
     writeToLog(true, "cleaning up socket fd %d\n", fd);
     if (connserv_sockfd != 0 && fd == connserv_sockfd) {
@@ -78,10 +87,11 @@ void CleanBadSocket(int fd) {
         closeDescriptor(fd);
         return;
     }
-    if (pClientFound->GetClientID() != 0) {
-        const auto nClientID = static_cast<unsigned>(pClientFound->GetClientID());
-        writeToLog(true, "removing socket for client %u, and notifying CS\n", nClientID);
-        reportLostClient(nClientID);
+    if (pClientFound->GetClientID() == 0) {
+        DeleteClient(*pTableFound, *pClientFound);
+        return;
     }
-    DeleteClient(*pTableFound, *pClientFound);
+    writeToLog(true, "removing socket for client %u, and notifying CS\n",
+               static_cast<unsigned>(pClientFound->GetClientID()));
+    reportAndDelete(*pTableFound, *pClientFound);
 }

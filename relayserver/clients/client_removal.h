@@ -11,8 +11,12 @@
 void DeleteClient(Orvex::RelayClientTable& table, Orvex::RelayClient& client);
 
 /// Tells the connection server that it lost the admitted client `nClientID`, and remembers so for a
-/// connection server that is out of reach.
+/// connection server that is out of reach. A link that turns out to be broken has its last orders
+/// carried out, which may remove clients.
 void reportLostClient(unsigned nClientID);
+
+/// Reports the loss of `client`, a record of `table`, and deletes it.
+void reportAndDelete(Orvex::RelayClientTable& table, Orvex::RelayClient& client);
 
 /// Ends whatever stands behind a descriptor that failed: the connection-server link (which moves to
 /// the next server and reconnects, not more often than every `connectRetry_secs`), or a client of

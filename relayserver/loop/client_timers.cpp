@@ -62,8 +62,7 @@ void dropIdleClient(RelayClient& client, double dSilent) {
     cnm.SetName("SERVER");
     cnm.SetChat(kFarewell.data(), static_cast<int>(kFarewell.size()));
     (void)cnm.Send(true, *client.GetMessageSocket());  // it goes in any case
-    reportLostClient(nClientID);
-    DeleteClient(ctAuthClientTable, client);
+    reportAndDelete(ctAuthClientTable, client);
 }
 
 /// False when the client had sent too much and is gone.

@@ -83,8 +83,7 @@ void loseClient(RelayClient& client) {
     writeToLog(true, "Connection lost to user %u at %s(%d) : %s\n", nClientID,
                sDottedAddress(siAddress).c_str(), nPortOf(siAddress),
                client.GetMessageSocket()->getErrorString().c_str());
-    reportLostClient(nClientID);
-    DeleteClient(ctAuthClientTable, client);
+    reportAndDelete(ctAuthClientTable, client);
 }
 
 }  // namespace

@@ -55,6 +55,12 @@ def test_the_steps_of_a_login_are_logged_in_order(any_server, make_relay):
     )
 
 
+def test_the_link_comes_from_the_address_that_the_relay_is_bound_to(any_server, make_relay):
+    relay = make_relay(using=any_server)
+    assert any_server.link.peer[0] == relay.address
+    relay.log.expect(f"Bind to local address {relay.address}")
+
+
 def test_the_relay_port_message_tells_where_clients_connect(any_server, make_relay):
     relay = make_relay(
         using=any_server, tls=True, public_address="192.0.2.7", private_address="10.1.2.3"

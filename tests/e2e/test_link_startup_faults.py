@@ -8,6 +8,7 @@ import pytest
 
 from lab import messages
 from lab.connection_server import Fault
+from lab.waiting import wait_until
 
 _STAGES = ("accept", "challenge", "login")
 
@@ -29,11 +30,20 @@ def _gives_up_and_gets_in(relay, server, attempts):
 
 
 def test_silence_at_each_stage_is_given_up_after_five_seconds(any_server, make_relay):
+    undisturbed = make_relay(using=any_server)
     for stage in _STAGES:
         any_server.fault(stage, Fault("silence"))
     relay = make_relay(using=any_server, ready=False)
-    _gives_up_and_gets_in(relay, any_server, len(_STAGES))
+    relay.wait_ready(40)
+    any_server.wait_logged_in(number=1 + len(_STAGES))
     assert relay.log.count("waiting for login response timed out") == len(_STAGES)
+    assert relay.log.count("connection to server failed with code -1...") == len(_STAGES)
+    assert relay.log.count("cs epoll - no new data to operate on!") == 0
+    assert [one.stage for one in any_server.links[1:-1]] == ["closed"] * len(_STAGES)
+    # The attempts that were given up have left nothing open.
+    wait_until(
+        lambda: relay.open_descriptors() == undisturbed.open_descriptors(), 5, "as many descriptors"
+    )
 
 
 @pytest.mark.parametrize("end", ["close", "reset"])

@@ -1,6 +1,8 @@
 #include "tests/unit/relayserver/engine_fixture.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -43,6 +45,35 @@ SocketPair makePair() {
     return {fds[0], fds[1]};
 }
 
+/// A connected pair over the loopback interface; the peer's end takes little before it reads.
+SocketPair makeTcpPair() {
+    sockaddr_in siLocal{};
+    siLocal.sin_family = AF_INET;
+    siLocal.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t nLen = sizeof siLocal;
+    const int fdListen = socket(AF_INET, SOCK_STREAM, 0);
+    const int nSmall = 4096;
+    EXPECT_EQ(0, setsockopt(fdListen, SOL_SOCKET, SO_RCVBUF, &nSmall, sizeof nSmall));
+    EXPECT_EQ(0, bind(fdListen, reinterpret_cast<const sockaddr*>(&siLocal), sizeof siLocal));
+    EXPECT_EQ(0, listen(fdListen, 1));
+    EXPECT_EQ(0, getsockname(fdListen, reinterpret_cast<sockaddr*>(&siLocal), &nLen));
+    const int fdRelay = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(0, connect(fdRelay, reinterpret_cast<const sockaddr*>(&siLocal), sizeof siLocal));
+    const int fdPeer = accept(fdListen, nullptr, nullptr);
+    close(fdListen);
+    fcntl(fdRelay, F_SETFL, O_NONBLOCK);
+    return {fdRelay, fdPeer};
+}
+
+Peer admit(SocketPair pair, int nClientID) {
+    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
+    client.SetClientID(nClientID);
+    client.SetLastMessageTime(nowSecs());
+    ctAuthClientTable.Add(client);
+    addToEpollForRead(pair.fdRelay);
+    return Peer(pair.fdPeer);
+}
+
 void emptyTable(RelayClientTable& table) {
     while (table.bBeginTraverse()) {
         const int fd = table.current().GetMessageSocket()->getMsgSockFileDesc();
@@ -69,6 +100,7 @@ void resetEngine() {
     resetEpollSetForTest();
     resetDatabaseStub();
     videoPermissions.Clear();
+    ERR_clear_error();
     loggedLines().clear();
     nSenderID = 0;
 }
@@ -137,13 +169,11 @@ EngineTest::~EngineTest() {
 }
 
 Peer EngineTest::addAuthClient(int nClientID) {
-    const SocketPair pair = makePair();
-    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
-    client.SetClientID(nClientID);
-    client.SetLastMessageTime(nowSecs());
-    ctAuthClientTable.Add(client);
-    addToEpollForRead(pair.fdRelay);
-    return Peer(pair.fdPeer);
+    return admit(makePair(), nClientID);
+}
+
+Peer EngineTest::addTcpAuthClient(int nClientID) {
+    return admit(makeTcpPair(), nClientID);
 }
 
 Peer EngineTest::addLooseClient() {

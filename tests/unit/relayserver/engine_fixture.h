@@ -47,6 +47,9 @@ class EngineTest : public testing::Test {
     /// An admitted, a loose client with its peer end.
     static Peer addAuthClient(int nClientID);
     static Peer addLooseClient();
+    /// As `addAuthClient`, over TCP, and the peer takes little before it reads: for tests that
+    /// count unsent bytes.
+    static Peer addTcpAuthClient(int nClientID);
     /// The record of an admitted client; fails the test when there is none.
     static Orvex::RelayClient& authClient(int nClientID);
     static bool bIsAdmitted(int nClientID);

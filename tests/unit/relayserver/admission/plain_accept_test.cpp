@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "base/clock.h"
@@ -79,6 +81,30 @@ TEST_F(PlainAccept, ItsSocketIsWatchedForInput) {
     ASSERT_TRUE(bWaitReadable(fd));
     ASSERT_EQ(1, epoll_wait(ep_fd, ep_events, kMaxEpollEvents, 0));
     EXPECT_EQ(fd, nDescriptorOf(ep_events[0]));
+}
+
+TEST_F(PlainAccept, AConnectionWithoutNaglesAlgorithmIsServedWhateverTheLogSays) {
+    // A local listener: its connections have no TCP options.
+    sockaddr_un suListener{};
+    suListener.sun_family = AF_UNIX;
+    resetListenersForTest();
+    connect_listen_sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(0, bind(connect_listen_sockfd, reinterpret_cast<const sockaddr*>(&suListener),
+                      sizeof suListener.sun_family));  // the system finds a name
+    ASSERT_EQ(0, listen(connect_listen_sockfd, 1));
+    socklen_t nLen = sizeof suListener;
+    getsockname(connect_listen_sockfd, reinterpret_cast<sockaddr*>(&suListener), &nLen);
+    const Peer peer(socket(AF_UNIX, SOCK_STREAM, 0));
+    ASSERT_EQ(0, connect(peer.fd(), reinterpret_cast<const sockaddr*>(&suListener), nLen));
+    testing::internal::CaptureStderr();
+    acceptPlainClient();
+    EXPECT_EQ("disable Nagle algorithm for send socket: Operation not supported\n",
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ(1, ctLooseClientTable.GetSize());
+    EXPECT_EQ(
+        "Error: Couldn't disable Nagle algorithm for send socket. Operation not supported. "
+        "relayserver quitting.\n",
+        loggedLines().back());
 }
 
 TEST_F(PlainAccept, OneCallTakesOneConnection) {

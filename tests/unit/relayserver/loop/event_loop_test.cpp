@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "connserver/signal_handling.h"
@@ -208,7 +210,9 @@ TEST_F(EventLoop, AWaitingTurnIsServedWithoutAnEventAndWithoutSleep) {
     EXPECT_EQ(0U, nLoggedContaining("unauthorized client"));
     EXPECT_EQ(0, nReady());
     ASSERT_TRUE(bTurnsWaiting());
+    const auto begin = std::chrono::steady_clock::now();
     runOnePass();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
     EXPECT_EQ(1U, nLoggedContaining("unauthorized client"));
     EXPECT_DOUBLE_EQ(0, epoll_load_avg_1) << "turns are no load of epoll";
     EXPECT_FALSE(bTurnsWaiting());

@@ -1,0 +1,68 @@
+#!/bin/bash
+# Checks the sources, cheapest check first; ends at the first that finds something.
+#   scripts/lint.sh all | format | CHECK
+# `format` changes files; everything else only looks. Run by ./dev, which installs the tools and
+# configures build/release, whose compile database clang-tidy reads.
+set -euo pipefail
+
+readonly ROOMS=(base orvex genner/output connserver relayserver)
+CORES=$(nproc)
+readonly CORES
+readonly SCRIPTS=(dev .ci/run scripts/*.sh)
+readonly CHECKS=(layout generated scripts python cppcheck clang-tidy)
+
+# find_sources FOLDER... : C++ files, each ended by a NUL.
+find_sources() {
+    find "$@" -type f \( -name '*.cpp' -o -name '*.h' \) -print0
+}
+
+# The generator lays out what it writes, so that genner/output is left alone.
+format() {
+    find_sources "${ROOMS[@]/genner\/output/tests}" | xargs -0 clang-format -i
+}
+
+check_layout() {
+    find_sources "${ROOMS[@]}" tests | xargs -0 -P "$CORES" -n 40 clang-format --dry-run -Werror
+}
+
+check_generated() {
+    /usr/bin/python3 genner/generate.py --check
+}
+
+check_scripts() {
+    shellcheck --external-sources "${SCRIPTS[@]}"
+}
+
+# Parses every Python file; what the compiler warns of is an error.
+check_python() {
+    find lab genner tests -name '*.py' -print0 |
+        xargs -0 /usr/bin/python3 -W error -c '
+import sys
+for name in sys.argv[1:]:
+    with open(name, encoding="utf-8") as source:
+        compile(source.read(), name, "exec")'
+}
+
+check_cppcheck() {
+    cppcheck --quiet -j "$CORES" --std=c++20 --language=c++ --library=posix,openssl \
+        --enable=warning,performance,portability --suppressions-list=.cppcheck-suppressions \
+        --inline-suppr --error-exitcode=1 -I. -Ibase -Iorvex "${ROOMS[@]}"
+}
+
+# A source at a time, so that all cores work; the count of suppressed warnings is no news.
+check_clang-tidy() {
+    find "${ROOMS[@]}" -name '*.cpp' -print0 |
+        xargs -0 -P "$CORES" -n 1 clang-tidy -p build/release --quiet 2> >(
+            grep -v ' warnings\? \(generated\|treated as\)' >&2
+        )
+}
+
+case ${1:-} in
+    format) format ;;
+    all) scripts/timed-steps.sh "${CHECKS[@]/#/scripts/lint.sh }" ;;
+    layout | generated | scripts | python | cppcheck | clang-tidy) "check_$1" ;;
+    *)
+        echo "usage: scripts/lint.sh all | format | ${CHECKS[*]}" >&2
+        exit 2
+        ;;
+esac
