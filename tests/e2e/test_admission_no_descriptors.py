@@ -48,8 +48,8 @@ def test_the_shortage_costs_neither_processor_time_nor_log(small_relay, make_sta
         Crowd(small_relay.address, small_relay.tls_port) as secure,
     ):
         plain.connect(_LIMIT)
-        secure.connect(5)
         small_relay.log.expect(_PLAIN)
+        secure.connect(5)
         small_relay.log.expect(_TLS)
         began, used = time.monotonic(), small_relay.cpu_secs()
         since = small_relay.log.mark()
