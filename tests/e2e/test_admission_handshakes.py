@@ -122,7 +122,7 @@ def test_a_peer_that_leaves_in_the_middle_is_removed(relay_is_well, how, link, t
 def test_a_handshake_in_single_bytes_succeeds_and_the_login_behind_it_counts(
     server, link, tls_relay
 ):
-    """Its last bytes and the log-in are one write: no readiness event announces the log-in."""
+    """Its last bytes and the log-in are one write; the log-in must not wait for more to come."""
     handshake = _Handshake(link)
     last_bytes = handshake.complete()
     login = messages.RelayConnect(4001, server.ticket_for(4001)).frame()
