@@ -108,13 +108,15 @@ def test_hundreds_of_comings_and_goings_leak_no_descriptor(server, tls_relay):
 
 
 def test_an_interrupted_wait_goes_on(server, relay, make_station):
-    """To be stopped and continued interrupts the wait for events."""
+    """To be stopped and continued interrupts the wait for events, if the relay is in one."""
     station = make_station(relay)
-    for _ in range(5):
-        since = relay.log.mark()
+
+    def interrupt():
         with relay.stopped():
             pass
-        relay.log.expect(" - epoll error - Interrupted system call", since=since)
-        server.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
-        station.expect(messages.Chat, chat=b"hello")
-        make_station(relay, source_ip=new_address())
+        return relay.log.count(" - epoll error - Interrupted system call") >= 3
+
+    wait_until(interrupt, 20, "three interrupted waits")
+    server.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
+    station.expect(messages.Chat, chat=b"hello")
+    make_station(relay, source_ip=new_address())
