@@ -15,7 +15,7 @@ from lab import addresses
 from lab.keys import shared_server_key, write_certificate
 from lab.process_log import ProcessLog
 from lab.relay_config import RelayConfig
-from lab.waiting import Deadline, LabTimeout, patient
+from lab.waiting import Deadline, LabTimeout, patient, wait_until
 
 ROOT = Path(__file__).resolve().parents[1]
 DEFAULT_BINARY = ROOT / "build" / "release" / "bin" / "relayserver"
@@ -175,6 +175,7 @@ class Relay:
         """Holds the process still, so that what happens meanwhile meets it all at once."""
         self.signal(signal.SIGSTOP)
         try:
+            wait_until(lambda: self._stat_fields()[0] == "T", 5, "the process stopped")
             yield
         finally:
             self.signal(signal.SIGCONT)
@@ -221,9 +222,13 @@ class Relay:
 
     def cpu_secs(self) -> float:
         """The processor time that the process has used so far."""
-        # Behind the name, which may hold blanks: field 14 is user time, field 15 system time.
-        fields = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        user_ticks, system_ticks = self._stat_fields()[11:13]
+        return (int(user_ticks) + int(system_ticks)) / os.sysconf("SC_CLK_TCK")
+
+    def _stat_fields(self) -> list[str]:
+        """What the kernel tells of the process: the fields behind its name, which may hold
+        blanks."""
+        return Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
 
     def open_descriptors(self) -> int:
         """How many descriptors the process holds."""

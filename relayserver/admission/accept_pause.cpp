@@ -1,5 +1,6 @@
 #include "relayserver/admission/accept_pause.h"
 
+#include <algorithm>
 #include <ctime>
 #include <vector>
 
@@ -10,7 +11,8 @@ namespace {
 
 std::vector<int> pausedListeners;
 std::time_t ttPaused = 0;
-bool bWantReported = false;
+/// Listeners whose want has had its line.
+std::vector<int> reportedListeners;
 
 }  // namespace
 
@@ -18,13 +20,16 @@ bool bPauseAccepting(int fdListener) {
     removeFromEpoll(fdListener);
     pausedListeners.push_back(fdListener);
     ttPaused = nowSecs();
-    const bool bFirst = !bWantReported;
-    bWantReported = true;
+    const bool bFirst = std::find(reportedListeners.begin(), reportedListeners.end(), fdListener) ==
+                        reportedListeners.end();
+    if (bFirst) {
+        reportedListeners.push_back(fdListener);
+    }
     return bFirst;
 }
 
 void noteAccepted() {
-    bWantReported = false;
+    reportedListeners.clear();
 }
 
 void resumeAccepting() {
@@ -40,5 +45,5 @@ void resumeAccepting() {
 void resetAcceptPauseForTest() {
     pausedListeners.clear();
     ttPaused = 0;
-    bWantReported = false;
+    reportedListeners.clear();
 }

@@ -2,8 +2,8 @@
 /// stays readable then, and would be offered in every pass. Main thread only.
 #pragma once
 
-/// Stops watching `fdListener` after `accept` failed for want of descriptors. True for the first
-/// time since a connection was last accepted: that one is worth a line in the log.
+/// Stops watching `fdListener` after `accept` failed for want of descriptors. True for its
+/// first time since a connection was last accepted: that one is worth a line in the log.
 bool bPauseAccepting(int fdListener);
 
 /// A connection was accepted: the want is over.

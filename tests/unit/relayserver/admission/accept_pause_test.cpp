@@ -37,10 +37,14 @@ TEST_F(AcceptPause, APausedListenerIsNotWatched) {
     EXPECT_EQ(1, nWatched());
 }
 
-TEST_F(AcceptPause, AnotherListenerOfTheSameWantIsNoNews) {
+TEST_F(AcceptPause, TheSameWantIsNewsOnceForEachListener) {
     EXPECT_TRUE(bPauseAccepting(connect_listen_sockfd));
-    EXPECT_FALSE(bPauseAccepting(ssl_listen_sockfd));
+    EXPECT_TRUE(bPauseAccepting(ssl_listen_sockfd));
     EXPECT_EQ(0, nWatched());
+    advanceClockForTest(1);
+    resumeAccepting();
+    EXPECT_FALSE(bPauseAccepting(connect_listen_sockfd));
+    EXPECT_FALSE(bPauseAccepting(ssl_listen_sockfd));
 }
 
 TEST_F(AcceptPause, ListenersStayPausedWithinTheSecond) {
