@@ -64,4 +64,4 @@ def test_standard_input_does_not_matter(make_relay, make_station, stdin):
 def test_clients_see_the_end_of_their_connection(relay, make_station):
     station = make_station(relay)
     relay.stop()
-    station.closed_by_peer(within_secs=5)
+    assert station.closed_by_peer(within_secs=5)
