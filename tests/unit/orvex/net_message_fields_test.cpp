@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace Orvex {
 namespace {
@@ -30,8 +32,6 @@ field_read_t readField(const std::string& sPayload, int nLen, int nIndex = 0) {
     NetMessage::GetField(exact.data(), result.nLen, result.nIndex, result.sField);
     return result;
 }
-
-// Construction and header
 
 TEST(NetMessageFields, SpecialBytesAreEscapedAndReadBack) {
     const std::string sText = "a~b\\c\0"s;

@@ -79,6 +79,8 @@ std::string imageOfLen(std::size_t nLen) {
     return imageWith(6, std::string(nLen - 9, 'x'));
 }
 
+// Construction and header
+
 TEST_F(NetMessageTest, ConstantsAreThoseOfTheProtocol) {
     EXPECT_EQ(NetMessage::nMSG_HDR_LEN, 9);
     EXPECT_EQ(NetMessage::nMAX_MSG_LEN, 508);
