@@ -141,7 +141,5 @@ TEST(NetMessageFields, NothingIsWrittenWithoutRoomForATerminator) {
     EXPECT_NE(sOut.find("0 bytes with -1 space"), std::string::npos);
 }
 
-// Stream frames
-
 }  // namespace
 }  // namespace Orvex

@@ -315,7 +315,7 @@ TEST_F(NetMessageTest, WithoutTypeTakesOverAnyMessage) {
     EXPECT_TRUE(fromOversize.frame().empty());
 }
 
-// Fields
+// Stream frames
 
 TEST_F(NetMessageTest, OddImageIsFramedAsItIs) {
     auto message = receivedFrom<NetMessage>(imageOfLen(17));
