@@ -108,9 +108,12 @@ class RelayClient {
 
     std::array<unsigned, kAudioPrograms> nPacketsSourced{};  ///< UDP packets from it, per program
     int nTicketsGranted = 0;                ///< relay-to-relay tickets, up to `_kMaxTicketsGranted`
-    std::uint16_t nRelayUdpBasePort = 0;    ///< a relay peer's UDP base port
+    std::uint16_t nRelayUdpBasePort = 0;    ///< a relay peer's UDP base port, network byte order
     std::time_t ttLastTicketGranted = 0;    ///< when a ticket was last granted to it
-    std::time_t ttLastTicketRequested = 0;  ///< when it last requested one
+    std::time_t ttLastTicketRequested = 0;  ///< when a ticket to it was last requested
+    bool bLoginUnanswered = false;          ///< we logged in to it and have no answer yet
+    bool bUdpRegistrationOwed = false;      ///< we could not register with it for lack of a ticket
+    int nUdpRetries = 0;                    ///< how often that was tried again by itself
 
   private:
     std::array<bool, kAudioPrograms> bRcvAudio{};

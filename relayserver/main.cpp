@@ -5,6 +5,7 @@
 #include "connserver/logging.h"
 #include "connserver/signal_handling.h"
 #include "orvex/tesselsql.h"
+#include "relayserver/audio/udp_receive.h"
 #include "relayserver/cslink/connect_to_server.h"
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/loop/event_loop.h"
@@ -87,6 +88,7 @@ int runRelay(const CommandLine& commandLine) {
         shutDown();
     }
     watchListeners();
+    watchAudioSockets();
     runEventLoop();
     shutDown();
 }

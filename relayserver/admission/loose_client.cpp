@@ -13,6 +13,7 @@
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/recently_lost.h"
 #include "relayserver/loop/epoll_set.h"
+#include "relayserver/peers/pending_connects.h"
 #include "relayserver/startup/settings.h"
 #include "relayserver/switching/message_types.h"
 
@@ -94,14 +95,20 @@ void refuseLogin(RelayClient& client, unsigned nClientID) {
     DeleteClient(ctLooseClientTable, client);
 }
 
-void onTicketLogin(RelayClient& client, const char* achMsg, int nMsgLen) {
+LooseOutcome onTicketLogin(RelayClient& client, const char* achMsg, int nMsgLen) {
     const Orvex::RelayConnectNetMessage rcnm(achMsg, nMsgLen);
     const unsigned nClientID = rcnm.GetClientID();
-    if (CheckTicket(rcnm, siAddressOf(client).sin_addr)) {
-        acceptLogin(client, nClientID);
-    } else {
+    if (!CheckTicket(rcnm, siAddressOf(client).sin_addr)) {
         refuseLogin(client, nClientID);
+        return LooseOutcome::kNotLoose;
     }
+    if (bOwnLoginGoesFirst(nClientID)) {
+        writeToLog(true, "INFO: relay %u connects to us while we connect to it, ours is to stand\n",
+                   nClientID);
+        return LooseOutcome::kGoOn;  // the other relay closes this connection for ours
+    }
+    acceptLogin(client, nClientID);
+    return LooseOutcome::kNotLoose;
 }
 
 LooseOutcome onLooseMessage(RelayClient& client, const char* achMsg, int nMsgLen) {
@@ -112,8 +119,7 @@ LooseOutcome onLooseMessage(RelayClient& client, const char* achMsg, int nMsgLen
         return LooseOutcome::kEndPass;
     }
     if (nmtType == nmtNetMsgTypeRelayConnect) {
-        onTicketLogin(client, achMsg, nMsgLen);
-        return LooseOutcome::kNotLoose;
+        return onTicketLogin(client, achMsg, nMsgLen);
     }
     const sockaddr_in siAddress = siAddressOf(client);
     writeToLog(true, "Message type 0x%02x received from unauthorized client at %s(%d)- discarded\n",

@@ -22,9 +22,13 @@ struct TicketClaim {
     in_addr iaPeer;
     std::time_t ttNow;
     KTicket ktTicket;
+    TicketLog log;
 };
 
 void logRejection(const char* sWhy, const TicketClaim& claim) {
+    if (claim.log == TicketLog::kQuiet) {
+        return;
+    }
     unsigned nTicketID = 0;
     int nTicketAddr = 0;
     std::time_t ttTicket = 0;
@@ -53,10 +57,12 @@ bool bJudge(const TicketClaim& claim) {
         if (CheckTicketIDConnectLimit(claim.nClientID)) {
             return true;
         }
-        writeToLog(true,
-                   "Rejecting ticket for client %u based on temporary connection limits for this "
-                   "ID!\n",
-                   claim.nClientID);
+        if (claim.log == TicketLog::kTell) {
+            writeToLog(true,
+                       "Rejecting ticket for client %u based on temporary connection limits for "
+                       "this ID!\n",
+                       claim.nClientID);
+        }
         return false;
     }
     // Small clock differences are everyday business and would only fill the log.
@@ -68,16 +74,18 @@ bool bJudge(const TicketClaim& claim) {
 
 }  // namespace
 
-bool CheckTicket(const Orvex::RelayConnectNetMessage& rcnm, in_addr iaPeer) {
+bool CheckTicket(const Orvex::RelayConnectNetMessage& rcnm, in_addr iaPeer, TicketLog log) {
     unsigned char achTicket[kMaxTicketLen] = {};
     int nTicketLen = 0;
     rcnm.GetTicket(achTicket, nTicketLen);
     const auto nWholeBlocks = static_cast<size_t>(nTicketLen) / kDESKeyLen * kDESKeyLen;
     if (nWholeBlocks < static_cast<size_t>(KTicket::KTICKET_SIZE)) {
-        writeToLog(true, "ticket rejected: improper length\n");
+        if (log == TicketLog::kTell) {
+            writeToLog(true, "ticket rejected: improper length\n");
+        }
         return false;
     }
     decryptTicketBlocks(achTicket, nWholeBlocks);
     return bJudge({rcnm.GetClientID(), iaPeer, nowSecs(),
-                   KTicket(gsl::span<const unsigned char>(achTicket, nWholeBlocks))});
+                   KTicket(gsl::span<const unsigned char>(achTicket, nWholeBlocks)), log});
 }

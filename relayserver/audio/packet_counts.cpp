@@ -1,3 +1,37 @@
 #include "relayserver/audio/packet_counts.h"
 
+#include "connserver/logging.h"
+#include "genner/output/AudioConfirmNetMessage.h"
+#include "relayserver/clients/client_removal.h"
+
+using Orvex::RelayClient;
+
 unsigned nAudioPacketsRcvd = 0;
+
+namespace {
+
+constexpr unsigned kPacketsPerConfirm = 300;
+constexpr unsigned kPacketsPerReport = 100000;
+
+void confirm(RelayClient& client, unsigned nProgram) {
+    Orvex::AudioConfirmNetMessage acnm(nProgram);
+    if (acnm.Send(true, *client.GetMessageSocket()) <= 0) {
+        CleanBadSocket(client.GetMessageSocket()->getMsgSockFileDesc());
+    }
+}
+
+}  // namespace
+
+void countSourcedPacket(RelayClient& client, unsigned nProgram) {
+    const auto nClientID = static_cast<unsigned>(client.GetClientID());
+    ++nAudioPacketsRcvd;
+    if (++client.nPacketsSourced[nProgram] >= kPacketsPerConfirm) {
+        client.nPacketsSourced[nProgram] = 0;
+        confirm(client, nProgram);
+    }
+    if (nAudioPacketsRcvd % kPacketsPerReport == 0) {
+        writeToLog(true,
+                   "%u audio packets received from local senders, this packet from client %u\n",
+                   nAudioPacketsRcvd, nClientID);
+    }
+}

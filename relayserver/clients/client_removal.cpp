@@ -84,6 +84,8 @@ void CleanBadSocket(int fd) {
     RelayClientTable* const pTableFound = findTableOf(fd, pClientFound);
     if (pTableFound == nullptr) {
         writeToLog(true, "WARNING: could not identify client - closing fd anyway\n");
+        // Were it a pending connect, a newcomer on the same descriptor would take its place.
+        (void)ctOutboundConnectsPending.bDelete(fd);
         closeDescriptor(fd);
         return;
     }

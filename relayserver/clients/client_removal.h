@@ -20,5 +20,6 @@ void reportAndDelete(Orvex::RelayClientTable& table, Orvex::RelayClient& client)
 
 /// Ends whatever stands behind a descriptor that failed: the connection-server link (which moves to
 /// the next server and reconnects, not more often than every `connectRetry_secs`), or a client of
-/// any table, whose loss is reported if it had an id. A descriptor of nobody is closed.
+/// any table, whose loss is reported if it had an id. A descriptor of nobody is closed; so is a
+/// pending connect to another relay, of which the connection server has not heard yet.
 void CleanBadSocket(int fd);

@@ -1,5 +1,6 @@
 /// The tables of connected peers. A connection stands in exactly one of them; it moves from
-/// handshaking (TLS only) to loose to admitted and leaves through `client_removal`.
+/// handshaking (TLS only) to loose to admitted, or
+/// from pending to admitted, and leaves through `client_removal`.
 /// Main thread only. Never destroyed, because the process ends with clients connected.
 #pragma once
 
@@ -10,6 +11,9 @@ extern Orvex::RelayClientTable& ctSslHandshakingTable;
 
 /// Connections that have not yet presented a valid ticket; their client id is 0.
 extern Orvex::RelayClientTable& ctLooseClientTable;
+
+/// Connects to other relays, ordered and not yet completed; their client id is the other relay's.
+extern Orvex::RelayClientTable& ctOutboundConnectsPending;
 
 /// Admitted clients and relay peers, with their client id.
 extern Orvex::RelayClientTable& ctAuthClientTable;

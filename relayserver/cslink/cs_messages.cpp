@@ -12,6 +12,7 @@
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/cslink/login.h"
+#include "relayserver/peers/connect_order.h"
 #include "relayserver/route_store.h"
 #include "relayserver/startup/ssl_contexts.h"
 #include "relayserver/switching/message_types.h"
@@ -127,6 +128,8 @@ void onServerMessage(const char* achMsg, int nMsgLen) {
     const Orvex::NetMessageType nmtType(achMsg, nMsgLen);
     if (nmtType == nmtNetMsgTypeRoutingUpdate) {
         UpdateDB(Orvex::RoutingUpdateNetMessage(achMsg, nMsgLen));
+    } else if (nmtType == nmtNetMsgTypeConnectOrder) {
+        onConnectOrder(Orvex::ConnectOrderNetMessage(achMsg, nMsgLen));
     } else if (nmtType == kTypePremiumFeatureResponse) {
         onVideoPermission(achMsg, nMsgLen);
     } else if (nmtType == nmtNetMsgTypeLogOut) {

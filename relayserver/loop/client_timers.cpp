@@ -18,6 +18,8 @@ namespace {
 
 constexpr const char* kAuthOutOfRange =
     "WARNING - step through authenticated clients, out of bounds\n";
+constexpr const char* kPendingOutOfRange =
+    "WARNING - connects pending table, stepped out of range\n";
 constexpr const char* kLooseOutOfRange = "WARNING - loose client table, stepped out of range\n";
 constexpr const char* kHandshakeOutOfRange =
     "WARNING - ssl handshake table, stepped out of range\n";
@@ -98,6 +100,16 @@ void dropIdleClients(std::time_t ttNow) {
         const double dSilent = dSilentSecs(client, ttNow);
         if (dSilent > dIdleTimeOut) {
             dropIdleClient(client, dSilent);
+        }
+    });
+}
+
+void cancelStaleConnects(std::time_t ttNow) {
+    walkTable(ctOutboundConnectsPending, kPendingOutOfRange, [ttNow](RelayClient& client) {
+        if (dSilentSecs(client, ttNow) > dPeerConnectTimeOut) {
+            writeToLog(true, "Failed to reach out to relay %s in 5 seconds, cancelling attempt\n",
+                       sAddressOf(client).c_str());
+            DeleteClient(ctOutboundConnectsPending, client);
         }
     });
 }

@@ -7,6 +7,9 @@
 /// server.
 void dropIdleClients(std::time_t ttNow);
 
+/// Gives up connects to other relays that have taken more than 5 s.
+void cancelStaleConnects(std::time_t ttNow);
+
 /// Drops connections whose TLS handshake takes more than 15 s from accept.
 void dropStalledHandshakes(std::time_t ttNow);
 

@@ -11,12 +11,14 @@
 #include "relayserver/admission/plain_accept.h"
 #include "relayserver/admission/tls_accept.h"
 #include "relayserver/admission/tls_handshake.h"
+#include "relayserver/audio/udp_receive.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/cs_messages.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/loop/housekeeping.h"
+#include "relayserver/peers/pending_connects.h"
 #include "relayserver/startup/listeners.h"
 #include "relayserver/switching/client_messages.h"
 
@@ -49,7 +51,8 @@ bool bClientHasLastWords(int fd) {
 
 bool bHandleBadSocket(epoll_event& epe, int nIndex) {
     const int fd = nDescriptorOf(epe);
-    if ((epe.events & (EPOLLERR | EPOLLHUP)) == 0 || bClientHasLastWords(fd)) {
+    if ((epe.events & (EPOLLERR | EPOLLHUP)) == 0 || bClientHasLastWords(fd) ||
+        bClearAudioSocketError(fd)) {
         return false;
     }
     if (fd == connserv_sockfd) {
@@ -118,8 +121,9 @@ bool bHandlePlainAccept(epoll_event& epe, int /*nIndex*/) {
 
 // The order is behaviour: an error is seen before any read, a client before a listener.
 constexpr handler_t kHandlersInOrder[] = {
-    bHandleBadSocket, bHandleConnServer, bHandleAuthClient,  bHandleLooseClient,
-    bHandleHandshake, bHandleTlsAccept,  bHandlePlainAccept,
+    bHandleBadSocket,      bHandleUdpAudio,   bHandleConnServer,
+    bHandlePendingConnect, bHandleAuthClient, bHandleLooseClient,
+    bHandleHandshake,      bHandleTlsAccept,  bHandlePlainAccept,
 };
 
 /// The number of ready descriptors; 0 when the wait failed, which is logged.

@@ -6,6 +6,8 @@
 #include "connserver/logging.h"
 #include "orvex/tesselsql.h"
 #include "relayserver/admission/accept_pause.h"
+#include "relayserver/audio/register_udp.h"
+#include "relayserver/audio/udp_registration.h"
 #include "relayserver/cslink/recently_lost.h"
 #include "relayserver/loop/client_timers.h"
 #include "relayserver/loop/link_timers.h"
@@ -49,8 +51,10 @@ void reportLoad() {
 void runTimers() {
     lookAfterLink(ttThisLoop);
     dropIdleClients(ttThisLoop);
+    cancelStaleConnects(ttThisLoop);
     dropStalledHandshakes(ttThisLoop);
     dropLooseClients(ttThisLoop);
+    retryOwedRegistrations(ttThisLoop);
     if (std::difftime(ttThisLoop, tLastHeartbeatBurst) <= dHeartbeatPeriod) {
         return;
     }
@@ -88,6 +92,7 @@ void tailOfPass() {
 void clampTimersToNow(std::time_t ttNow) {
     tLastHeartbeat = std::min(tLastHeartbeat, ttNow);
     tLastHeartbeatBurst = std::min(tLastHeartbeatBurst, ttNow);
+    ttLastUdpReregister = std::min(ttLastUdpReregister, ttNow);
 }
 
 void resetHousekeepingForTest() {

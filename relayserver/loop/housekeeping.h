@@ -7,6 +7,8 @@
 constexpr double dIdleTimeOut = 15.0;
 /// Seconds that a TLS handshake or a client without a valid ticket may take.
 constexpr double dLogInTimeOut = 15.0;
+/// Seconds that a connect to another relay may take.
+constexpr double dPeerConnectTimeOut = 5.0;
 /// Heartbeat period, and the period over which input is measured (seconds).
 constexpr double dHeartbeatPeriod = 3.0;
 /// Input limit of an admitted client that is no relay peer.

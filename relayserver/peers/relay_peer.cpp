@@ -1,21 +1,85 @@
 #include "relayserver/peers/relay_peer.h"
 
+#include <stdexcept>
+
+#include "connserver/logging.h"
+#include "relayserver/audio/register_udp.h"
+#include "relayserver/clients/client_tables.h"
+#include "relayserver/peers/peer_sources.h"
 #include "relayserver/startup/socket_options.h"
 
-bool bIsRelayPeer(const Orvex::RelayClient& client) {
+using Orvex::RelayClient;
+using Orvex::RelayClientTable;
+
+namespace {
+
+/// False when a peer could not be registered.
+bool bReregisterAll() {
+    RelayClientTable::Walk walk(ctAuthClientTable);
+    if (!walk.bBeginTraverse()) {
+        return true;
+    }
+    do {
+        if (bIsRelayPeer(walk.current()) &&
+            RegisterUdp(walk.current(), true, true, true, kAllPrograms) < 1) {
+            return false;
+        }
+    } while (walk.bContinueTraverse());
+    return true;
+}
+
+}  // namespace
+
+bool bIsRelayPeer(const RelayClient& client) {
     return client.bIsRcvAudio(0) && client.bIsSrcAudio(0);
 }
 
-void MarkAsRelay(Orvex::RelayClient& client) {
+void MarkAsRelay(RelayClient& client) {
     if (bIsRelayPeer(client)) {
         return;
     }
-    sockaddr_in siNotYetKnown{};
+    const sockaddr_in siAudio = siPeerAudioAddress(client, 0);
     if (!client.bIsRcvAudio(0)) {
-        client.StartRcvAudio(0, siNotYetKnown);
+        client.StartRcvAudio(0, siAudio);
     }
     if (!client.bIsSrcAudio(0)) {
-        client.StartSrcAudio(0, siNotYetKnown);
+        client.StartSrcAudio(0, siAudio);
     }
+    notePeerSources(client);
     bIncreaseSockTxBuf(client.GetMessageSocket()->getMsgSockFileDesc(), kLinkTxBufBytes);
+}
+
+sockaddr_in siPeerAudioAddress(const RelayClient& client, unsigned nProgram) {
+    constexpr unsigned kPortsPerProgram = 2;
+    sockaddr_in siPeer{};
+    client.GetAddress(siPeer);
+    const unsigned nPort = ntohs(client.nRelayUdpBasePort) + kPortsPerProgram * nProgram;
+    siPeer.sin_port = htons(static_cast<std::uint16_t>(nPort));
+    return siPeer;
+}
+
+void namePeerPort(RelayClient& client, int nUdpBasePort) {
+    if (nUdpBasePort == 0) {
+        return;
+    }
+    client.nRelayUdpBasePort = htons(static_cast<std::uint16_t>(nUdpBasePort));
+    for (unsigned nProgram = 0; nProgram < RelayClient::kAudioPrograms; ++nProgram) {
+        if (client.bIsRcvAudio(nProgram)) {
+            client.StartRcvAudio(nProgram, siPeerAudioAddress(client, nProgram));
+        }
+        if (client.bIsSrcAudio(nProgram)) {
+            client.StartSrcAudio(nProgram, siPeerAudioAddress(client, nProgram));
+        }
+    }
+    notePeerSources(client);
+}
+
+bool ReregisterRelayPeers() {
+    writeToLog(true, "reregistering all relay peers\n");
+    try {
+        return bReregisterAll();
+    } catch (const std::out_of_range&) {
+        writeToLog(true, "WARNING - search for relay peers in table, stepped out of range!\n");
+        return true;
+    }
 }

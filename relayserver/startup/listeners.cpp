@@ -10,6 +10,7 @@
 #include "base/get_strerror.h"
 #include "connserver/logging.h"
 #include "connserver/signal_handling.h"
+#include "relayserver/audio/fec_ports.h"
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/startup/socket_options.h"
 #include "relayserver/startup/ssl_contexts.h"
@@ -25,8 +26,6 @@ namespace {
 constexpr int kListenBacklog = 500;
 constexpr int kBindRetryMillis = 10000;
 constexpr int kAudioBufBytes = 2097152;
-constexpr int kFec1PortOffset = 100;
-constexpr int kFec2PortOffset = 200;
 
 bool bSetOption(int fd, int nLevel, int nOption) {
     const int nOn = 1;
@@ -79,14 +78,14 @@ int nOpenFecSocket(sockaddr_in siAddress, int nPort) {
 
 /// The two FEC companions of program `i`; ends FEC when one cannot be had.
 void openFecSockets(int i, const sockaddr_in& siAddress) {
-    udp_fec1_sockfd[i] = nOpenFecSocket(siAddress, rtp_listen_port[i] + kFec1PortOffset);
+    udp_fec1_sockfd[i] = nOpenFecSocket(siAddress, rtp_listen_port[i] + kFecSocketPortOffset);
     if (udp_fec1_sockfd[i] == -1) {
         writeToLog(true, "WARNING: could not set up udp FEC socket: %s\n",
                    get_strerror(errno).c_str());
         bFecEnable = false;
         return;
     }
-    udp_fec2_sockfd[i] = nOpenFecSocket(siAddress, rtp_listen_port[i] + kFec2PortOffset);
+    udp_fec2_sockfd[i] = nOpenFecSocket(siAddress, rtp_listen_port[i] + 2 * kFecSocketPortOffset);
     if (udp_fec2_sockfd[i] == -1) {
         writeToLog(true, "WARNING: could not set up udp  FEC 2 socket: %s\n",
                    get_strerror(errno).c_str());

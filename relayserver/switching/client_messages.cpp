@@ -8,6 +8,7 @@
 #include "connserver/logging.h"
 #include "genner/output/LogOutNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
+#include "relayserver/audio/register_udp.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/loop/epoll_set.h"
@@ -47,14 +48,18 @@ void endPeer(RelayClient& client) {
 void onResponse(RelayClient& client, const char* achMsg, int nMsgLen) {
     const Orvex::ResponseNetMessage rnm(achMsg, nMsgLen);
     const int nClientID = client.GetClientID();
+    client.bLoginUnanswered = false;
     if (rnm.GetReturnCode() == rcOK) {
         writeToLog(true, "received OK message from relay %d\n", nClientID);
         MarkAsRelay(client);
+        writeToLog(true, "debug: sending udp reg to other relay %d\n", nClientID);
+        RegisterUdp(client, true, true, true, kAllPrograms);
         return;
     }
     if (rnm.GetReturnCode() == rcUdpUnauthorized) {
         writeToLog(true, "relay-to-relay ticket rejected by %d\n", nClientID);
         client.SetTicket(nullptr, 0);
+        RegisterUdp(client, true, true, true, kAllPrograms);
         return;
     }
     std::string sCode;

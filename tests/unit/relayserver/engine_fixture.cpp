@@ -13,12 +13,17 @@
 #include "base/clock.h"
 #include "relayserver/admission/accept_pause.h"
 #include "relayserver/admission/connect_limits.h"
+#include "relayserver/audio/packet_counts.h"
+#include "relayserver/audio/switch_audio.h"
+#include "relayserver/audio/udp_receive.h"
+#include "relayserver/audio/udp_registration.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/cslink/recently_lost.h"
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/loop/housekeeping.h"
+#include "relayserver/peers/peer_sources.h"
 #include "relayserver/route_store.h"
 #include "relayserver/startup/listeners.h"
 #include "relayserver/startup/settings.h"
@@ -87,6 +92,7 @@ void resetEngine() {
     emptyTable(ctAuthClientTable);
     emptyTable(ctLooseClientTable);
     emptyTable(ctSslHandshakingTable);
+    emptyTable(ctOutboundConnectsPending);
     resetLinkStateForTest();
     resetForwardQueueForTest();
     resetRecentlyLostForTest();
@@ -97,6 +103,11 @@ void resetEngine() {
     resetListenersForTest();
     resetAcceptPauseForTest();
     resetPacketsSwitchedForTest(0);
+    resetPeerSourcesForTest();
+    resetSwitchAudioForTest(0);
+    resetUdpReceiveForTest();
+    resetUdpRegistrationForTest();
+    nAudioPacketsRcvd = 0;
     resetEpollSetForTest();
     resetDatabaseStub();
     videoPermissions.Clear();

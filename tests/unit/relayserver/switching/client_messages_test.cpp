@@ -4,6 +4,7 @@
 #include "genner/output/LogOutNetMessage.h"
 #include "genner/output/LostConnectionNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
+#include "genner/output/TicketRequestNetMessage.h"
 #include "relayserver/RoutingCache.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/forward_queue.h"
@@ -41,6 +42,12 @@ class ClientMessages : public EngineTest {
         Orvex::ResponseNetMessage rnm(nSender, Orvex::ReturnCode(lCode));
         rnm.ChangeSenderID(nSender);
         return std::string(rnm.frame().substr(1));
+    }
+
+    /// What asks the connection server for a ticket to register audio with a peer.
+    static std::string sTicketRequest(int nPeerID) {
+        Orvex::TicketRequestNetMessage trnm(nPeerID, Orvex::RequestCode(2));
+        return std::string(trnm.frame().substr(1));
     }
 
     static std::string sLogOut(unsigned nSender) {
@@ -183,7 +190,8 @@ TEST_F(ClientMessages, TheOkOfAnotherRelayMakesItAPeer) {
     receive({sResponse(7, 0)});
     EXPECT_TRUE(bIsRelayPeer(authClient(7)));
     EXPECT_EQ("received OK message from relay 7\n", loggedLines().front());
-    EXPECT_THAT(server.images(), IsEmpty());
+    EXPECT_EQ(1U, nLogged("debug: sending udp reg to other relay 7\n"));
+    EXPECT_THAT(server.images(), ElementsAre(sTicketRequest(7)));
 }
 
 TEST_F(ClientMessages, ARejectedTicketIsForgottenAndTheConnectionStays) {
@@ -198,7 +206,7 @@ TEST_F(ClientMessages, ARejectedTicketIsForgottenAndTheConnectionStays) {
     authClient(7).GetTicket(achLeft, nLen, tAge);
     EXPECT_EQ(0, nLen);
     EXPECT_EQ("relay-to-relay ticket rejected by 7\n", loggedLines().front());
-    EXPECT_THAT(server.images(), IsEmpty());
+    EXPECT_THAT(server.images(), ElementsAre(sTicketRequest(7)));
 }
 
 TEST_F(ClientMessages, AnyOtherResponseEndsARelayPeer) {

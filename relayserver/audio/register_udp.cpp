@@ -1,0 +1,133 @@
+#include "relayserver/audio/register_udp.h"
+
+#include "base/clock.h"
+#include "base/ip_utils.h"
+#include "connserver/logging.h"
+#include "genner/output/RelayConnectNetMessage.h"
+#include "genner/output/TicketRequestNetMessage.h"
+#include "relayserver/audio/fec_ports.h"
+#include "relayserver/clients/client_tables.h"
+#include "relayserver/cslink/forward_queue.h"
+#include "relayserver/peers/relay_peer.h"
+#include "relayserver/startup/listeners.h"
+
+using Orvex::RelayClient;
+using Orvex::RelayClientTable;
+
+namespace {
+
+constexpr int kDone = 1;
+
+constexpr unsigned kFlagReceives = 1;
+constexpr unsigned kFlagCallback = 2;
+constexpr unsigned kFlagSends = 4;
+
+/// Retries that follow each other by themselves; a request so long after the last one, which has
+/// another reason, may have them all again.
+constexpr int kMaxRetries = 3;
+constexpr int kNewRoundSecs = 60;
+
+const Orvex::RequestCode rcUdpReg(2);
+
+/// A peer's stored ticket.
+struct StoredTicket {
+    unsigned char achTicket[RelayClient::nMAX_TICKET_LEN];
+    int nLen;
+    long lAge;
+};
+
+StoredTicket ticketOf(const RelayClient& otherRelay) {
+    StoredTicket ticket{};
+    otherRelay.GetTicket(ticket.achTicket, ticket.nLen, ticket.lAge);
+    return ticket;
+}
+
+bool bUsable(const StoredTicket& ticket) {
+    return ticket.nLen != 0 && nowSecs() <= ticket.lAge + kTicketUsableSecs;
+}
+
+/// One registration: from `sockets[i]` to where the peer's socket of the same kind is.
+void sendFrom(const int (&sockets)[kAudioPrograms], int i, sockaddr_in siPeer, int nPortOffset,
+              const Orvex::RelayConnectNetMessage& rcnm) {
+    siPeer.sin_port = htons(static_cast<std::uint16_t>(ntohs(siPeer.sin_port) + nPortOffset));
+    (void)rcnm.SendTo(sockets[i], siPeer);  // a datagram may get lost in any case
+}
+
+void sendRegistrations(const RelayClient& otherRelay, int specificProgram,
+                       const Orvex::RelayConnectNetMessage& rcnm) {
+    const auto eachProgram = [&](const int(&sockets)[kAudioPrograms], int nPortOffset) {
+        for (int i = 0; i < kAudioPrograms; ++i) {
+            if (specificProgram == kAllPrograms || specificProgram == i) {
+                sendFrom(sockets, i, siPeerAudioAddress(otherRelay, static_cast<unsigned>(i)),
+                         nPortOffset, rcnm);
+            }
+        }
+    };
+    // The peer takes no more than a few log-ins of one id at a time: the programs themselves first.
+    eachProgram(udp_listen_sockfd, 0);
+    if (bFecEnable) {
+        eachProgram(udp_fec1_sockfd, kFecSocketPortOffset);
+        eachProgram(udp_fec2_sockfd, 2 * kFecSocketPortOffset);
+    }
+}
+
+bool bRequestedLately(const RelayClient& otherRelay, std::time_t ttNow) {
+    const double dSince = std::difftime(ttNow, otherRelay.ttLastTicketRequested);
+    return dSince >= 0 && dSince < kTicketRequestSecs;  // not after the clock was set back
+}
+
+/// `otherRelay` may be gone afterwards.
+void requestTicket(RelayClient& otherRelay) {
+    const int nPeerID = otherRelay.GetClientID();
+    const std::time_t ttNow = nowSecs();
+    otherRelay.bUdpRegistrationOwed = true;
+    if (bRequestedLately(otherRelay, ttNow)) {
+        writeToLog(true, "last ticket request for udp reg to relay %d still pending\n", nPeerID);
+        return;
+    }
+    sockaddr_in siPeer{};
+    otherRelay.GetAddress(siPeer);
+    writeToLog(true, "retrieving a new ticket for udp registration to client %d at %s\n", nPeerID,
+               sDottedAddress(siPeer).c_str());
+    if (std::difftime(ttNow, otherRelay.ttLastTicketRequested) > kNewRoundSecs) {
+        otherRelay.nUdpRetries = 0;
+    }
+    otherRelay.ttLastTicketRequested = ttNow;
+    Orvex::TicketRequestNetMessage trnm(nPeerID, rcUdpReg);
+    ForwardToCS(trnm);
+}
+
+}  // namespace
+
+int RegisterUdp(RelayClient& otherRelay, bool rx, bool tx, bool callback, int specificProgram) {
+    const StoredTicket ticket = ticketOf(otherRelay);
+    if (!bUsable(ticket)) {
+        requestTicket(otherRelay);
+        return kDone;
+    }
+    otherRelay.bUdpRegistrationOwed = false;
+    writeToLog(true, "debug: registering udp with relay peer %u on udp ports with base %u\n",
+               static_cast<unsigned>(otherRelay.GetClientID()),
+               static_cast<unsigned>(ntohs(otherRelay.nRelayUdpBasePort)));
+    Orvex::RelayConnectNetMessage rcnm(nSenderID, ticket.achTicket, ticket.nLen);
+    rcnm.SetDestID((rx ? kFlagReceives : 0) | (tx ? kFlagSends : 0) |
+                   (callback ? kFlagCallback : 0));
+    rcnm.Pack(nullptr);
+    sendRegistrations(otherRelay, specificProgram, rcnm);
+    return kDone;
+}
+
+void retryOwedRegistrations(std::time_t ttNow) {
+    RelayClientTable::Walk walk(ctAuthClientTable);
+    if (!walk.bBeginTraverse()) {
+        return;
+    }
+    do {
+        RelayClient& rClient = walk.current();
+        if (rClient.bUdpRegistrationOwed && rClient.nUdpRetries < kMaxRetries &&
+            !bRequestedLately(rClient, ttNow)) {
+            ++rClient.nUdpRetries;
+            RegisterUdp(rClient, true, true, true, kAllPrograms);
+        }
+    } while (walk.bContinueTraverse());
+}

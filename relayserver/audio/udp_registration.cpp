@@ -1,0 +1,221 @@
+#include "relayserver/audio/udp_registration.h"
+
+#include <random>
+
+#include "base/clock.h"
+#include "base/ip_utils.h"
+#include "connserver/logging.h"
+#include "genner/output/RelayConnectNetMessage.h"
+#include "genner/output/ResponseNetMessage.h"
+#include "relayserver/admission/ticket_check.h"
+#include "relayserver/audio/register_udp.h"
+#include "relayserver/clients/client_removal.h"
+#include "relayserver/clients/client_tables.h"
+#include "relayserver/peers/peer_sources.h"
+#include "relayserver/peers/relay_peer.h"
+
+using Orvex::RelayClient;
+using Orvex::RelayConnectNetMessage;
+
+std::time_t ttLastUdpReregister = nowSecs();
+
+namespace {
+
+constexpr unsigned kFlagReceives = 1;
+constexpr unsigned kFlagCallback = 2;
+constexpr unsigned kFlagSends = 4;
+constexpr unsigned kFirstIllFormedFlags = 8;
+
+/// Refused registrations that are logged and answered within one second. A flood of them is to fill
+/// neither the disk nor the connection of the client in whose name it comes.
+constexpr unsigned kRefusalsToldPerSec = 200;
+
+std::time_t ttRefusalSecond = 0;
+unsigned nRefusedThisSecond = 0;
+
+unsigned nProgramOf(const AudioDatagram& datagram) {
+    return static_cast<unsigned>(datagram.socket.nProgram);
+}
+
+void startRefusalSecond(std::time_t ttNow) {
+    if (nRefusedThisSecond > kRefusalsToldPerSec) {
+        writeToLog(true,
+                   "WARNING: %u more UDP registrations were refused within one second, neither "
+                   "logged nor answered\n",
+                   nRefusedThisSecond - kRefusalsToldPerSec);
+    }
+    ttRefusalSecond = ttNow;
+    nRefusedThisSecond = 0;
+}
+
+/// Whether a refusal would still be told of.
+bool bTellRefusal() {
+    const std::time_t ttNow = nowSecs();
+    if (ttNow != ttRefusalSecond) {
+        startRefusalSecond(ttNow);
+    }
+    return nRefusedThisSecond < kRefusalsToldPerSec;
+}
+
+void logArrival(const AudioDatagram& datagram) {
+    writeToLog(true, "UDP registration messages from source %u, program_idx %u, addr %s\n",
+               datagram.nMarkedID, nProgramOf(datagram), sDottedAddress(datagram.siFrom).c_str());
+}
+
+void logZeroID(const AudioDatagram& datagram) {
+    constexpr unsigned kOneInTen = 10;
+    static std::minstd_rand random;  // which of them is dumped does not matter
+    writeToLog(true, "client ID in relay connect message came back as zero\n");
+    if (random() % kOneInTen == 0) {
+        writeToLog(true, "full udp message contents:\n");
+        printchars(datagram.achBytes, static_cast<int>(datagram.nLength));
+    }
+}
+
+/// `rcnm` bears the id of the client that is to be registered.
+[[nodiscard]] bool bTicketHolds(const RelayConnectNetMessage& rcnm, const AudioDatagram& datagram,
+                                bool bTell) {
+    const TicketLog log = bTell ? TicketLog::kTell : TicketLog::kQuiet;
+    if (rcnm.GetDestID() < kFirstIllFormedFlags) {
+        return CheckTicket(rcnm, datagram.siFrom.sin_addr, log);
+    }
+    if (bTell) {
+        writeToLog(true, "ticket rejected for ill-formed flags - %u. Listed client ID was %u\n",
+                   rcnm.GetDestID(), rcnm.GetClientID());
+    }
+    return false;
+}
+
+void refuse(const AudioDatagram& datagram) {
+    writeToLog(true, "udp registration ticket not accepted from ID %u, addr %s(%u)\n",
+               datagram.nMarkedID, sDottedAddress(datagram.siFrom).c_str(),
+               static_cast<unsigned>(nPortOf(datagram.siFrom)));
+    RelayClient* pClient = nullptr;
+    if (!ctAuthClientTable.bLookUp(static_cast<int>(datagram.nMarkedID), &pClient)) {
+        return;
+    }
+    Orvex::ResponseNetMessage rnm(datagram.nMarkedID, Orvex::ReturnCode(4));
+    if (rnm.Send(true, *pClient->GetMessageSocket()) <= 0) {
+        CleanBadSocket(pClient->GetMessageSocket()->getMsgSockFileDesc());
+    }
+}
+
+/// Where the client registers from. A relay that an order has named also registers from its FEC
+/// sockets, which says nothing new about its audio.
+sockaddr_in siRegistered(const RelayClient& client, const AudioDatagram& datagram) {
+    const bool bFecOfRelay = datagram.socket.nFecChannel != 0 && client.nRelayUdpBasePort != 0;
+    return bFecOfRelay ? siPeerAudioAddress(client, nProgramOf(datagram)) : datagram.siFrom;
+}
+
+/// A client that registers again may have a new address; peers may have one just as well.
+/// `client` may be gone afterwards.
+void reregisterPeersAfter(const RelayClient& client, const AudioDatagram& datagram) {
+    if (std::difftime(nowSecs(), ttLastUdpReregister) <= kUdpReregisterPeriod ||
+        bIsRelayPeer(client)) {
+        return;
+    }
+    ttLastUdpReregister = nowSecs();
+    writeToLog(true, "Notice: Client %d re-registering to rx audio program %u at %s(%d)\n",
+               client.GetClientID(), nProgramOf(datagram), sDottedAddress(datagram.siFrom).c_str(),
+               nPortOf(datagram.siFrom));
+    (void)ReregisterRelayPeers();  // logged there
+}
+
+/// `client` may be gone afterwards.
+void startReceiving(RelayClient& client, const AudioDatagram& datagram) {
+    const unsigned nProgram = nProgramOf(datagram);
+    const bool bBefore = client.bIsRcvAudio(nProgram);
+    client.StartRcvAudio(nProgram, siRegistered(client, datagram));
+    if (bBefore) {
+        reregisterPeersAfter(client, datagram);
+        return;
+    }
+    writeToLog(true, "Client %u registered to rx audio program %u at %s(%d)\n",
+               static_cast<unsigned>(client.GetClientID()), nProgram,
+               sDottedAddress(datagram.siFrom).c_str(), nPortOf(datagram.siFrom));
+}
+
+void startSending(RelayClient& client, const AudioDatagram& datagram) {
+    const unsigned nProgram = nProgramOf(datagram);
+    const bool bBefore = client.bIsSrcAudio(nProgram);
+    client.StartSrcAudio(nProgram, siRegistered(client, datagram));
+    if (!bBefore) {
+        writeToLog(true, "Client %u registered to send audio program %u at %s(%u)\n",
+                   static_cast<unsigned>(client.GetClientID()), nProgram,
+                   sDottedAddress(datagram.siFrom).c_str(),
+                   static_cast<unsigned>(nPortOf(datagram.siFrom)));
+    }
+}
+
+void callBack(RelayClient& client, const AudioDatagram& datagram) {
+    writeToLog(true, "debug: performing udp registration callback to client %d\n",
+               client.GetClientID());
+    MarkAsRelay(client);
+    RegisterUdp(client, true, true, false, datagram.socket.nProgram);
+}
+
+/// Does what the flags ask for.
+void registerClient(RelayClient& client, unsigned nFlags, const AudioDatagram& datagram) {
+    const int fd = client.GetMessageSocket()->getMsgSockFileDesc();
+    const std::uint64_t nSerial = client.nSerial();
+    if ((nFlags & kFlagReceives) != 0) {
+        startReceiving(client, datagram);
+    }
+    RelayClient* const pClient = ctAuthClientTable.findBySerial(fd, nSerial);
+    if (pClient == nullptr) {
+        return;
+    }
+    if ((nFlags & kFlagSends) != 0) {
+        startSending(*pClient, datagram);
+    }
+    notePeerSources(*pClient);
+    if ((nFlags & kFlagCallback) != 0) {
+        callBack(*pClient, datagram);
+    }
+}
+
+void accept(const RelayConnectNetMessage& rcnm, const AudioDatagram& datagram) {
+    RelayClient* pClient = nullptr;
+    if (ctAuthClientTable.bLookUp(static_cast<int>(rcnm.GetClientID()), &pClient)) {
+        registerClient(*pClient, rcnm.GetDestID(), datagram);
+        return;
+    }
+    writeToLog(true,
+               "UDP registration marked as from client %u, but that ID not found in TCP "
+               "registration table\n",
+               rcnm.GetClientID());
+}
+
+}  // namespace
+
+void handleRegistration(const AudioDatagram& datagram) {
+    const bool bTell = bTellRefusal();
+    if (bTell) {
+        logArrival(datagram);
+    }
+    RelayConnectNetMessage rcnm(datagram.achBytes + kDatagramPrefixBytes,
+                                static_cast<int>(datagram.nLength - kDatagramPrefixBytes));
+    if (rcnm.GetClientID() == 0) {
+        if (bTell) {
+            logZeroID(datagram);
+        }
+        rcnm.SetClientID(datagram.nMarkedID);
+    }
+    if (!bTicketHolds(rcnm, datagram, bTell)) {
+        ++nRefusedThisSecond;
+        if (bTell) {
+            refuse(datagram);
+        }
+        return;
+    }
+    if (!bTell) {
+        logArrival(datagram);
+    }
+    accept(rcnm, datagram);
+}
+
+void resetUdpRegistrationForTest() {
+    ttLastUdpReregister = nowSecs();
+    ttRefusalSecond = 0;
+    nRefusedThisSecond = 0;
+}
