@@ -64,6 +64,7 @@ def test_without_a_log_a_refusal_proves_that_the_registration_was_seen(relay):
         assert [messages.parse(one[16:]).dest_id for one in relay.registrations] == [1, 8]
         audio.expect(audio.send(b"a"))
         receiver.expect(messages.Chat, chat=b"stays")
+        assert receiver.receives_nothing(0.05)
 
 
 def test_audio_outlives_the_connection_until_the_station_closes(relay):
