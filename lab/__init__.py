@@ -9,6 +9,10 @@ two implementations check each other. Nothing in this package prints except lab.
     connection_server   the stand-in connection server, with scripted faults
     server_link         one relay's link there: challenge, log-in, traffic
     stations            captioner, encoder, monitor
+    audio_stations      stations that speak and stations that listen
+    audio_socket        a station's UDP side; audio_wire: its datagrams; udp: rows of sockets
+    audio_player        plays a clip of speech; audio_listener: judges what arrived of it
+    ogg_opus            the packets of a clip
     scc, cea608         caption files and caption bytes as text
     cluster, pgwire     a private PostgreSQL, and a look into it
     relay               the real binary in a folder of its own
