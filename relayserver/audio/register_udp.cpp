@@ -55,8 +55,11 @@ void sendFrom(const int (&sockets)[kAudioPrograms], int i, sockaddr_in siPeer, i
 
 void sendRegistrations(const RelayClient& otherRelay, int specificProgram,
                        const Orvex::RelayConnectNetMessage& rcnm) {
+    // What a peer lets through is what comes first: each retry begins at the other end.
+    const bool bBackwards = otherRelay.nUdpRetries % 2 == 1;
     const auto eachProgram = [&](const int(&sockets)[kAudioPrograms], int nPortOffset) {
-        for (int i = 0; i < kAudioPrograms; ++i) {
+        for (int nTurn = 0; nTurn < kAudioPrograms; ++nTurn) {
+            const int i = bBackwards ? kAudioPrograms - 1 - nTurn : nTurn;
             if (specificProgram == kAllPrograms || specificProgram == i) {
                 sendFrom(sockets, i, siPeerAudioAddress(otherRelay, static_cast<unsigned>(i)),
                          nPortOffset, rcnm);
