@@ -111,7 +111,7 @@ class RelayClient {
     std::uint16_t nRelayUdpBasePort = 0;    ///< a relay peer's UDP base port, network byte order
     std::time_t ttLastTicketGranted = 0;    ///< when a ticket was last granted to it
     std::time_t ttLastTicketRequested = 0;  ///< when a ticket to it was last requested
-    bool bLoginUnanswered = false;          ///< we logged in to it and have no answer yet
+    std::time_t ttOwnLoginSent = 0;         ///< when we logged in to it; 0: it logged in to us
     bool bUdpRegistrationOwed = false;      ///< we could not register with it for lack of a ticket
     int nUdpRetries = 0;                    ///< how often that was tried again by itself
 

@@ -104,7 +104,7 @@ void logIn(RelayClient& client, int fd) {
         CleanBadSocket(fd);
         return;
     }
-    client.bLoginUnanswered = true;
+    client.ttOwnLoginSent = nowSecs();
     ctAuthClientTable.Add(client);
     (void)ctOutboundConnectsPending.bDelete(fd);  // moved, not closed
 }
@@ -164,10 +164,9 @@ bool bOwnLoginGoesFirst(unsigned nPeerID) {
     if (!ctAuthClientTable.bLookUp(static_cast<int>(nPeerID), &pClient)) {
         return false;
     }
-    long lLoginSent = 0;
-    pClient->GetLastMessageTime(lLoginSent);
-    // A peer that has not answered for so long may well be another one by now.
-    const bool bUnderWay =
-        pClient->bLoginUnanswered && std::difftime(nowSecs(), lLoginSent) <= dPeerConnectTimeOut;
-    return bUnderWay && nSenderID < nPeerID;
+    // What the other relay sent before it took our log-in may still be on its way here, even after
+    // its answer. One that connects much later has a reason of its own.
+    const bool bFresh = pClient->ttOwnLoginSent != 0 &&
+                        std::difftime(nowSecs(), pClient->ttOwnLoginSent) <= dPeerConnectTimeOut;
+    return bFresh && nSenderID < nPeerID;
 }

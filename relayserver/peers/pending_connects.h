@@ -20,6 +20,6 @@ void startPeerConnect(const Orvex::ConnectOrderNetMessage& order);
 void confirmExistingPeer(Orvex::RelayClient& client);
 
 /// Two relays that connect to each other at once would each close the connection of its own making
-/// in favour of the other's. True when our log-in to relay `nPeerID` is under way and the one that
-/// stands, because our id is the lower of the two.
+/// in favour of the other's. True when we have just logged in to relay `nPeerID` and that is the
+/// link that stands, because our id is the lower of the two.
 [[nodiscard]] bool bOwnLoginGoesFirst(unsigned nPeerID);

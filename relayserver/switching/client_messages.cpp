@@ -48,7 +48,6 @@ void endPeer(RelayClient& client) {
 void onResponse(RelayClient& client, const char* achMsg, int nMsgLen) {
     const Orvex::ResponseNetMessage rnm(achMsg, nMsgLen);
     const int nClientID = client.GetClientID();
-    client.bLoginUnanswered = false;
     if (rnm.GetReturnCode() == rcOK) {
         writeToLog(true, "received OK message from relay %d\n", nClientID);
         MarkAsRelay(client);
