@@ -235,4 +235,5 @@ class ServerRelays:
                 if found is not None and found.logged_in and len(found.logins) >= logins:
                     return found
                 if not self.changed.wait(deadline.left()) and deadline.passed():
-                    raise LabTimeout(f"relay {which!r} not logged in within {within_secs} s; {self}")
+                    late = f"relay {which!r} not logged in within {within_secs} s"
+                    raise LabTimeout(f"{late}; {self}")

@@ -16,6 +16,7 @@ from typing import TYPE_CHECKING, Callable
 from lab import messages
 from lab.channel import PeerClosed
 from lab.known_relay import KnownRelay, unsigned
+from lab.server_plan import KeptPair
 from lab.server_record import Received
 from lab.waiting import LabTimeout
 
@@ -99,7 +100,7 @@ class ServerClerk:
             times += [pair.due_at for pair in self._server.plan.pairs if self._is_ours(pair)]
         return min(times) - time.monotonic() if times else None
 
-    def _is_ours(self, pair) -> bool:
+    def _is_ours(self, pair: KeptPair) -> bool:
         """Whether a pair is apart and we could join it."""
         relays = [self._server.find_relay(name) for name in (pair.opener, pair.peer)]
         return not pair.joined and all(one is not None and one.logged_in for one in relays)
