@@ -64,10 +64,11 @@ def log_in(address: str, function: str) -> None:
     block = public.encrypt(login.payload(), keys._OAEP)
     link.send_image(wire.make_image(1, 0, 0, block))
     link.client_id = link.expect(messages.Response, return_code="OK").client_id
+    # Clients may come as soon as the ports are told.
+    server = link
     ports = config["Ports"]
     log("sending relay port message")
     link.send(messages.RelayPort(int(ports["tcp"]), int(ports["rtp"]), 0, ports.getint("ssl", 0)))
-    server = link
 
 
 def keep_link() -> None:
