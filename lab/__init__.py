@@ -8,6 +8,9 @@ two implementations check each other. Nothing in this package prints except lab.
     channel             one TCP or TLS connection with deadlines
     connection_server   the stand-in connection server, with scripted faults
     server_link         one relay's link there: challenge, log-in, traffic
+    known_relay         the relays that a server knows, by name and id
+    server_orders       what it can order; server_plan: what it keeps up by itself; server_clerk
+                        does so and answers requests
     stations            captioner, encoder, monitor
     audio_stations      stations that speak and stations that listen
     audio_socket        a station's UDP side; audio_wire: its datagrams; udp: rows of sockets
@@ -17,7 +20,8 @@ two implementations check each other. Nothing in this package prints except lab.
     cluster, pgwire     a private PostgreSQL, and a look into it
     relay               the real binary in a folder of its own
     relay_config        its configuration file; process_log: its output
-    network             all of the above put together, in two lines
+    network             all of the above put together, in two lines; relay_network: with several
+                        joined relays (relay_nodes), whose logs join_log reads
     addresses, waiting  loopback addresses and free ports; waits with deadlines
     pytest_relay_log    shows relay logs when a test fails
     run                 the demonstration behind ./dev run

@@ -5,12 +5,14 @@ Everything a relay sends is recorded and can be waited for. Faults are scripted 
     server.fault("login", Fault(then="reset"))      # reset when the log-in arrives
     server.answer_next_login("UNAUTHORIZED")        # any return code
     server.pause_reading()                          # lets the relay's link back up
+
+Serves any number of relays, told apart by their log-in names; see lab.known_relay for them and
+lab.server_orders for what they can be told. `answers` says how requests for tickets are met.
 """
 
 from __future__ import annotations
 
 import errno
-import itertools
 import socket
 import ssl
 import threading
@@ -19,7 +21,11 @@ from lab import messages, tickets
 from lab.addresses import new_address
 from lab.channel import PeerClosed
 from lab.keys import Certificate, ServerKey, shared_server_key
+from lab.known_relay import RelayName, RelayRoster, ServerRelays
+from lab.server_clerk import ServerClerk, TicketAnswers
 from lab.server_link import ServerLink
+from lab.server_orders import ServerOrders
+from lab.server_plan import ServerPlan
 from lab.server_record import ServerRecord
 from lab.server_script import Fault, ServerScript
 from lab.waiting import Deadline, LabTimeout
@@ -31,7 +37,7 @@ PLAIN_PORT = 9736
 _JOIN_SECS = 5.0
 
 
-class ConnectionServer(ServerScript, ServerRecord):
+class ConnectionServer(ServerScript, ServerRecord, ServerRelays, ServerOrders):
     """Listens at its own address from `start` to `close`; safe to call from any thread."""
 
     def __init__(
@@ -45,23 +51,32 @@ class ConnectionServer(ServerScript, ServerRecord):
         first_client_id: int = 2001,
         heartbeat_secs: float = 3.0,
         receive_buffer: int = 0,
+        stands_in_for: ConnectionServer | None = None,
     ) -> None:
         """With a certificate the links are TLS. `receive_buffer` (bytes) makes links back up
-        early while reading is paused."""
+        early while reading is paused. The first relay gets `relay_id`, the next the following.
+        A server that stands in for another knows its ids and its plan and lets every relay
+        continue its session."""
         ServerScript.__init__(self)
         ServerRecord.__init__(self)
+        ServerRelays.__init__(self)
+        ServerOrders.__init__(self)
         # One condition for all: whoever waits sees scripts, links and record as one.
         self.changed = threading.Condition()
         self.address = address or new_address()
         self.port = port
         self.key = key or shared_server_key()
-        self.relay_id = relay_id
+        other = stands_in_for
+        self.roster = other.roster if other else RelayRoster(relay_id, first_client_id)
+        self.plan = other.plan if other else ServerPlan()
+        self.continue_any = other is not None
         self.server_id = 1
         self.heartbeat_secs = heartbeat_secs
         self.tls_context = self._make_tls_context(certificate)
         self.links: list[ServerLink] = []
         self._receive_buffer = receive_buffer
-        self._client_ids = itertools.count(first_client_id)
+        self.answers = TicketAnswers()
+        self._clerk = ServerClerk(self)
         self.reading_paused = False
         self._listener: socket.socket | None = None
         self._acceptor: threading.Thread | None = None
@@ -101,6 +116,7 @@ class ConnectionServer(ServerScript, ServerRecord):
             target=self._accept, args=(listener,), name="server-accept", daemon=True
         )
         self._acceptor.start()
+        self._clerk.start()
         return self
 
     def stop_listening(self) -> None:
@@ -115,6 +131,7 @@ class ConnectionServer(ServerScript, ServerRecord):
     def close(self, how: str = "close") -> None:
         """Stops listening and ends every link ("close" or "reset")."""
         self.stop_listening()
+        self._clerk.stop()
         self.resume_reading()
         self.end_links(how)
 
@@ -199,8 +216,17 @@ class ConnectionServer(ServerScript, ServerRecord):
 
     # -- ids and tickets -------------------------------------------------------------------
 
+    @property
+    def relay_id(self) -> int:
+        """The id of the first relay; a change holds from the next log-in on."""
+        return self.roster.first_id
+
+    @relay_id.setter
+    def relay_id(self, relay_id: int) -> None:
+        self.roster.first_id = relay_id
+
     def new_client_id(self) -> int:
-        return next(self._client_ids)
+        return self.roster.new_client_id()
 
     @property
     def des_key(self) -> bytes:
@@ -218,45 +244,12 @@ class ConnectionServer(ServerScript, ServerRecord):
         address: str = "127.0.0.1",
         issued_at: int | None = None,
         des_key: bytes | None = None,
+        relay: RelayName | None = None,
     ) -> bytes:
-        """A ticket for `client_id`, made `age_secs` ago, under the relay's key or another."""
-        key = self.des_key if des_key is None else des_key
+        """A ticket for `client_id`, made `age_secs` ago, under the key of `relay` (by default
+        the relay that logged in last) or another."""
+        if des_key is None:
+            des_key = self.des_key if relay is None else self.relay(relay).des_key
         return tickets.make_ticket(
-            client_id, key, age_secs=age_secs, address=address, issued_at=issued_at
+            client_id, des_key, age_secs=age_secs, address=address, issued_at=issued_at
         )
-
-    # -- orders to the relay ---------------------------------------------------------------
-
-    def send(self, message: messages.Message) -> None:
-        """Sends on the newest link."""
-        self.link.send(message)
-
-    def send_raw(self, data: bytes) -> None:
-        self.link.send_raw(data)
-
-    def send_challenge(self, number: int | None = None) -> None:
-        self.link.send_challenge(number)
-
-    def heartbeat(self) -> None:
-        self.send(messages.Heartbeat())
-
-    def connect_route(self, from_id: int, to_id: int, msg_class: int) -> None:
-        """Orders a route; see the PIPE_ constants of lab.messages."""
-        self.send(messages.RoutingUpdate("CONNECT", from_id, to_id, msg_class))
-
-    def disconnect_route(self, from_id: int, to_id: int, msg_class: int) -> None:
-        """Orders a route away; an id of 0 means any."""
-        self.send(messages.RoutingUpdate("DISCONNECT", from_id, to_id, msg_class))
-
-    def grant_video(self, from_id: int, to_id: int) -> None:
-        self.send(messages.PremiumFeatureResponse(from_id, to_id, return_code="OK"))
-
-    def deny_video(self, from_id: int, to_id: int, code: str = "UNAUTHORIZED") -> None:
-        self.send(messages.PremiumFeatureResponse(from_id, to_id, return_code=code))
-
-    def order_connect(self, order: messages.ConnectOrder) -> None:
-        self.send(order)
-
-    def log_out_relay(self, name: str = "connserver") -> None:
-        """Tells the relay that its session is over."""
-        self.send(messages.LogOut(name))

@@ -15,6 +15,7 @@ from lab.waiting import LabTimeout
 
 if TYPE_CHECKING:
     from lab.connection_server import ConnectionServer
+    from lab.known_relay import KnownRelay
 
 _HANDSHAKE_SECS = 10.0
 _TURN_SECS = 0.5
@@ -38,6 +39,8 @@ class ServerLink:
         self.number = number
         self.stage = "accept"
         self.login: messages.LogIn | None = None
+        #: Whose link it is, once a log-in was accepted.
+        self.relay: KnownRelay | None = None
         self.challenge = 0
         self.peer = peer
         self._sock = sock
@@ -190,7 +193,7 @@ class ServerLink:
         if self._fault_takes_over("login"):
             return
         code = self.server.judge_login(login, self.challenge)
-        relay_id = self.server.relay_id if code == "OK" else 0
+        relay_id = self.server.admit(login, self) if code == "OK" else 0
         self.send(messages.Response(relay_id, code))
         if code == "NO CONTINUE":
             self._set_stage("challenge")

@@ -25,8 +25,8 @@ class ServerScript:
 
     def __init__(self) -> None:
         self.changed = threading.Condition()
-        #: Log-ins are checked against these (agency, name, password) when given.
-        self.credentials: tuple[str, str, str] | None = None
+        #: Log-ins are checked against this (agency, name, password), or a set of such, if given.
+        self.credentials: tuple[str, str, str] | set[tuple[str, str, str]] | None = None
         #: Lets a relay continue a session that it began at another server.
         self.continue_any = False
         self._sessions: set[tuple[str, bytes]] = set()
@@ -80,7 +80,7 @@ class ServerScript:
                     self._sessions.add(session)
                 return code
             who = (login.agency, login.name, login.password)
-            if self.credentials is not None and who != self.credentials:
+            if self.credentials is not None and not self._is_allowed(who):
                 return "UNAUTHORIZED"
             if login.login_number != challenge:
                 return "UNAUTHORIZED"
@@ -89,3 +89,7 @@ class ServerScript:
                 return "NO CONTINUE"
             self._sessions.add(session)
             return "OK"
+
+    def _is_allowed(self, who: tuple[str, str, str]) -> bool:
+        allowed = self.credentials
+        return who in allowed if isinstance(allowed, set) else who == allowed

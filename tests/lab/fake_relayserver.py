@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """A relay in miniature, to try the lab without the real one: logs in, keeps routes in the
-database, admits clients by ticket, passes captions on. FAKE_RELAY_FAULT=drop|change spoils the
+database, admits clients by ticket, passes captions on, connects to other relays by order and
+continues its session at the next server. FAKE_RELAY_FAULT=drop|change spoils the
 third caption, =status ends with status 3, =silent never logs in."""
 
 from __future__ import annotations
@@ -11,6 +12,7 @@ import re
 import signal
 import socket
 import ssl
+import struct
 import sys
 import threading
 from pathlib import Path
@@ -23,9 +25,10 @@ from lab import keys, messages, tickets, wire  # noqa: E402
 from lab.channel import Channel, PeerClosed  # noqa: E402
 from lab.pgwire import PgConnection, SqlError  # noqa: E402
 from lab.stations import Station  # noqa: E402
+from lab.waiting import LabTimeout, wait_until  # noqa: E402
 
 FAULT = os.environ.get("FAKE_RELAY_FAULT", "")
-DES_KEY = bytes(range(1, 9))
+DES_KEY = os.urandom(8)
 config = configparser.ConfigParser()
 config.read(sys.argv[sys.argv.index("-f") + 1])
 bind_address = config["Bind"]["address"]
@@ -45,30 +48,69 @@ def database(sql: str) -> list:
         return connection.query(f"SET search_path = {schema}; {sql}")
 
 
-def log_in() -> None:
+def log_in(address: str, function: str) -> None:
     global server
     servers = config["Servers"]
     tls = servers.get("use_ssl") == "yes"
     port = int(servers["cs_ssl_port"]) if tls else 9736
-    server = link = Station.connect(servers["primary"], port, source_ip=bind_address, tls=tls)
+    link = Station.connect(address, port, source_ip=bind_address, tls=tls)
     link.show_heartbeats = True
     number = link.expect(messages.Challenge).login_number
     who = config["Login"]
     login = messages.LogIn(
-        who["username"], who["password"], "RELAY", who["company"], DES_KEY, number
+        who["username"], who["password"], function, who["company"], DES_KEY, number
     )
     public = serialization.load_pem_public_key(Path("pub.key").read_bytes())
     block = public.encrypt(login.payload(), keys._OAEP)
     link.send_image(wire.make_image(1, 0, 0, block))
     link.client_id = link.expect(messages.Response, return_code="OK").client_id
+    # Clients may come as soon as the ports are told.
+    server = link
     ports = config["Ports"]
     log("sending relay port message")
     link.send(messages.RelayPort(int(ports["tcp"]), int(ports["rtp"]), 0, ports.getint("ssl", 0)))
 
 
+def keep_link() -> None:
+    servers = config["Servers"]
+    names = [servers[key] for key in ("primary", "backup1") if key in servers]
+    while True:
+        try:
+            obey()
+        except (PeerClosed, LabTimeout):
+            pass
+        wait_until(lambda: any(log_in_again(name) for name in names), 60)
+
+
+def log_in_again(name: str) -> bool:
+    try:
+        log_in(name, "CONTINUE")
+    except (OSError, AssertionError):
+        return False
+    return True
+
+
+def connect_to_peer(order: messages.ConnectOrder) -> None:
+    address = socket.inet_ntoa(struct.pack("<I", order.relay_address))
+    peer = Station.connect(address, order.tcp_port, source_ip=bind_address)
+    peer.login(server.client_id, order.ticket)
+    clients[order.connect_to_id] = peer
+    log(f"received OK message from relay {order.connect_to_id}")
+    threading.Thread(target=watch_peer, args=(peer, order.connect_to_id), daemon=True).start()
+
+
+def watch_peer(peer: Station, peer_id: int) -> None:
+    try:
+        peer.receive(3600)
+    except PeerClosed:
+        server.send(messages.LostConnection(peer_id))
+
+
 def obey() -> None:
     while True:
         message = server.receive(3600)
+        if isinstance(message, messages.ConnectOrder):
+            connect_to_peer(message)
         if isinstance(message, messages.RoutingUpdate):
             to, source, kind = message.to_id, message.from_id, message.msg_class
             if message.request == "CONNECT":
@@ -85,6 +127,7 @@ def serve(sock: socket.socket, context: ssl.SSLContext | None) -> None:
             client.send(messages.Response(server.client_id, "UNAUTHORIZED"))
             client.close()
             return
+        log(f"authenticated ticket for client {connect.client_id}")
         clients[connect.client_id] = client
         client.send(messages.Response(server.client_id, "OK", sender_id=server.client_id))
         server.send(messages.ConnectConfirm(connect.client_id))
@@ -133,8 +176,8 @@ def main() -> None:
             context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             context.load_cert_chain(config["SSL"]["pem_file"], config["SSL"]["key_file"])
             listen(int(config["Ports"]["ssl"]), context)
-        log_in()
-        threading.Thread(target=obey, daemon=True).start()
+        log_in(config["Servers"]["primary"], "RELAY")
+        threading.Thread(target=keep_link, daemon=True).start()
     signal.sigwait({signal.SIGTERM, signal.SIGINT})
     log("Cleaning up main method")
     os._exit(3 if FAULT == "status" else 0)

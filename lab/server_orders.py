@@ -1,0 +1,240 @@
+"""What a stand-in connection server tells its relays: routes, permissions, whom to connect to.
+
+Without `relay` an order goes to the newest link. Relays are named as in lab.known_relay.
+
+    server.join("east", "west")                              # east connects to west
+    server.join("east", "west", tcp_port=1)                  # an odd order
+    server.route_across(2001, "east", 2002, "west", messages.PIPE_CAPTION)
+    server.keep_joined("east", "west")                       # again whenever they part
+"""
+
+from __future__ import annotations
+
+import dataclasses
+import time
+from typing import TYPE_CHECKING, Any
+
+from lab import messages
+from lab.channel import PeerClosed
+from lab.known_relay import KnownRelay, RelayName
+from lab.server_plan import KeptPair, KeptRoute, ServerPlan
+from lab.tickets import address_value, make_ticket
+from lab.waiting import LabTimeout
+
+if TYPE_CHECKING:
+    from lab.server_link import ServerLink
+
+
+@dataclasses.dataclass(frozen=True)
+class SentOrder:
+    """A connect order, the relay it went to, and when (monotonic)."""
+
+    relay: str
+    order: messages.ConnectOrder
+    at: float
+
+
+class ServerOrders:
+    """Orders, built and sent. Safe from any thread."""
+
+    plan: ServerPlan
+
+    def __init__(self) -> None:
+        #: Every connect order that was sent, in order.
+        self.sent_orders: list[SentOrder] = []
+
+    def _link_to(self, relay: RelayName | None) -> ServerLink:
+        return self.link if relay is None else self.relay(relay).link
+
+    def send(self, message: messages.Message, relay: RelayName | None = None) -> None:
+        self._link_to(relay).send(message)
+
+    def send_raw(self, data: bytes, relay: RelayName | None = None) -> None:
+        self._link_to(relay).send_raw(data)
+
+    def send_challenge(self, number: int | None = None, relay: RelayName | None = None) -> None:
+        self._link_to(relay).send_challenge(number)
+
+    def heartbeat(self, relay: RelayName | None = None) -> None:
+        self.send(messages.Heartbeat(), relay)
+
+    def log_out_relay(self, name: str = "connserver", relay: RelayName | None = None) -> None:
+        """Tells the relay that its session is over; `name` stands in the message."""
+        self.send(messages.LogOut(name), relay)
+
+    def grant_video(self, from_id: int, to_id: int, relay: RelayName | None = None) -> None:
+        self.send(messages.PremiumFeatureResponse(from_id, to_id, return_code="OK"), relay)
+
+    def deny_video(
+        self, from_id: int, to_id: int, code: str = "UNAUTHORIZED", relay: RelayName | None = None
+    ) -> None:
+        self.send(messages.PremiumFeatureResponse(from_id, to_id, return_code=code), relay)
+
+    # -- routes ----------------------------------------------------------------------------
+
+    def connect_route(
+        self, from_id: int, to_id: int, msg_class: int, relay: RelayName | None = None
+    ) -> None:
+        """Orders a route; see the PIPE_ constants of lab.messages."""
+        self.send(messages.RoutingUpdate("CONNECT", from_id, to_id, msg_class), relay)
+
+    def disconnect_route(
+        self, from_id: int, to_id: int, msg_class: int, relay: RelayName | None = None
+    ) -> None:
+        """Orders a route away; an id of 0 means any."""
+        self.send(messages.RoutingUpdate("DISCONNECT", from_id, to_id, msg_class), relay)
+
+    def route_across(
+        self,
+        source_id: int,
+        source_at: RelayName,
+        to_id: int,
+        to_at: RelayName,
+        msg_class: int,
+        *,
+        keep: bool = False,
+    ) -> None:
+        """Orders a route from a client of one relay to a client of another: at the source's
+        relay towards the other relay, there towards the client. `keep`: as keep_route does."""
+        first, last = self.relay(source_at), self.relay(to_at)
+        if keep:
+            self.keep_route(source_id, to_id, msg_class, last)
+            self.keep_route(source_id, last.name, msg_class, first)
+        else:
+            self.connect_route(source_id, to_id, msg_class, last)
+            self.connect_route(source_id, last.id, msg_class, first)
+
+    def keep_route(
+        self, from_id: int, to: int | str, msg_class: int, relay: RelayName
+    ) -> None:
+        """Orders a route at `relay` now or at its next log-in, and again whenever that relay
+        begins a new session. `to` is a client id or the name of another relay."""
+        name = relay if isinstance(relay, str) else self.relay(relay).name
+        with self.plan.lock:
+            self.plan.routes.setdefault(KeptRoute(name, from_id, to, msg_class), 0)
+        self.send_kept_routes(name)
+
+    def drop_route(self, from_id: int, to: int | str, msg_class: int, relay: RelayName) -> None:
+        """Orders a kept route away and keeps it no longer."""
+        name = relay if isinstance(relay, str) else self.relay(relay).name
+        with self.plan.lock:
+            self.plan.routes.pop(KeptRoute(name, from_id, to, msg_class), None)
+        found = self.find_relay(name)
+        if found is not None and found.logged_in:
+            self.disconnect_route(from_id, self._target_id(to), msg_class, found)
+
+    def send_kept_routes(self, name: str) -> None:
+        """Sends a relay the kept routes that it has not been sent in its present session, if
+        it is logged in here."""
+        with self.plan.sending:
+            relay = self.find_relay(name)
+            if relay is None or not relay.logged_in:
+                return
+            session = self.roster.session(name)
+            with self.plan.lock:
+                missing = [
+                    route
+                    for route, sent_in in self.plan.routes.items()
+                    if route.relay == name and sent_in != session
+                ]
+            for route in missing:
+                self._send_kept_route(relay, route, session)
+
+    def _send_kept_route(self, relay: KnownRelay, route: KeptRoute, session: int) -> None:
+        try:
+            to_id = self._target_id(route.to)
+            self.connect_route(route.from_id, to_id, route.msg_class, relay)
+        except (PeerClosed, LabTimeout):
+            return  # It is sent at the next log-in.
+        with self.plan.lock:
+            if route in self.plan.routes:
+                self.plan.routes[route] = session
+
+    def _target_id(self, to: int | str) -> int:
+        return self.roster.id_of(to) if isinstance(to, str) else to
+
+    # -- relays to relays ------------------------------------------------------------------
+
+    def connect_order(
+        self,
+        opener: RelayName,
+        peer: RelayName,
+        request: str = "CONNECT",
+        *,
+        ticket_age_secs: int = 0,
+        bad_ticket: bool = False,
+        address: str = "",
+        **changes: Any,
+    ) -> messages.ConnectOrder:
+        """An order for `opener` that names `peer`, with a fresh ticket under the peer's key.
+        A bad ticket is under another key. `changes` replace fields of the order."""
+        who, whom = self.relay(opener), self.relay(peer)
+        key = bytes(byte ^ 0x5A for byte in whom.des_key) if bad_ticket else whom.des_key
+        ticket = make_ticket(who.id, key, age_secs=ticket_age_secs, address=who.address)
+        order = messages.ConnectOrder(
+            whom.id,
+            address_value(address or whom.address),
+            whom.tcp_port,
+            ticket,
+            request,
+            whom.udp_port,
+            whom.tls_port,
+        )
+        return dataclasses.replace(order, **changes)
+
+    def order_connect(
+        self, order: messages.ConnectOrder, relay: RelayName | None = None
+    ) -> messages.ConnectOrder:
+        """Sends a connect order of any kind."""
+        link = self._link_to(relay)
+        name = link.relay.name if link.relay is not None else ""
+        # Noted first: whoever has seen the order arrive finds it here.
+        sent = SentOrder(name, order, time.monotonic())
+        self.sent_orders.append(sent)
+        try:
+            link.send(order)
+        except (PeerClosed, LabTimeout):
+            self.sent_orders.remove(sent)
+            raise
+        return order
+
+    def join(self, opener: RelayName, peer: RelayName, **changes: Any) -> messages.ConnectOrder:
+        """Orders `opener` to connect to `peer`; options as of connect_order."""
+        return self.order_connect(self.connect_order(opener, peer, **changes), opener)
+
+    def order_udp_registration(
+        self, relay: RelayName, peer: RelayName, **changes: Any
+    ) -> messages.ConnectOrder:
+        """Orders `relay` to register its UDP addresses with `peer` afresh."""
+        order = self.connect_order(relay, peer, **{"request": "UDP_REG", **changes})
+        return self.order_connect(order, relay)
+
+    def keep_joined(self, opener: RelayName, peer: RelayName) -> None:
+        """Joins two relays as soon as both are logged in, and again whenever one of them has
+        lost the other or begins a new session; at most once a second."""
+        names = [one if isinstance(one, str) else self.relay(one).name for one in (opener, peer)]
+        with self.changed:
+            with self.plan.lock:
+                if self.plan.pair(*names) is None:
+                    self.plan.pairs.append(KeptPair(*names))
+            self.changed.notify_all()
+
+    def stop_keeping_joined(self, opener: RelayName, peer: RelayName) -> None:
+        """Leaves two relays to themselves; what joins them now stays."""
+        names = [one if isinstance(one, str) else self.relay(one).name for one in (opener, peer)]
+        with self.plan.lock:
+            self.plan.pairs = [one for one in self.plan.pairs if one is not self.plan.pair(*names)]
+
+    def wait_joined(
+        self, one: RelayName, other: RelayName, within_secs: float = 10.0, *, since: int = 0
+    ) -> None:
+        """Waits until one of two relays has confirmed the other as its client, since `mark`."""
+        ids = [self.relay(which).id for which in (one, other)]
+
+        def confirms(received: Any) -> bool:
+            message, relay = received.message, received.link.relay
+            if relay is None or not isinstance(message, messages.ConnectConfirm):
+                return False
+            return {relay.id, message.client_id & 0xFFFFFFFF} == set(ids)
+
+        self.wait_for_received(confirms, within_secs, since=since)
