@@ -8,6 +8,8 @@ import pytest
 
 from lab.connection_server import Fault
 
+pytestmark = pytest.mark.threads
+
 SHUT_DOWN_LINES = ("0 Audio packets forwarded.", "Cleaning up main method")
 
 
