@@ -1,5 +1,7 @@
 #include "relayserver/loop/client_timers.h"
 
+#include <sys/socket.h>
+
 #include "base/string_format.h"
 #include "genner/output/ChatNetMessage.h"
 #include "genner/output/HeartbeatNetMessage.h"
@@ -249,6 +251,18 @@ TEST_F(ClientTimers, TheRateOfAPeerIsNotReported) {
     authClient(7).IncrementTcpInputByteCounter(1000000);
     checkInputAndSendHeartbeats(kReportTime);
     EXPECT_THAT(loggedLines(), IsEmpty());
+}
+
+TEST_F(ClientTimers, AClientWhoseSocketIsFullIsLost) {
+    const Peer peer = addAuthClient(7);
+    const Peer other = addAuthClient(8);
+    const std::string sMuch(65536, 'x');
+    while (send(fdOf(7), sMuch.data(), sMuch.size(), MSG_DONTWAIT) > 0) {
+    }
+    checkInputAndSendHeartbeats(kNow);
+    EXPECT_FALSE(bIsAdmitted(7));
+    EXPECT_EQ(1U, nLogged("removing socket for client 7, and notifying CS\n"));
+    EXPECT_EQ(sHeartbeat(), other.sReceived());
 }
 
 TEST_F(ClientTimers, AClientThatTakesNoHeartbeatIsLost) {
