@@ -126,6 +126,14 @@ void closeSignalHandler() {
     pthread_sigmask(SIG_SETMASK, &oldmask, nullptr);
 }
 
+void joinEndedSignalThread() {
+    // The thread makes the request and returns, so that this waits for an instant at most.
+    if (pttSignalHandler != 0 && exitRequested != 0) {
+        pthread_join(pttSignalHandler, nullptr);
+        pttSignalHandler = 0;
+    }
+}
+
 bool bWaitForExitRequest(int nMillis) {
     const timespec deadline = deadlineIn(std::max(nMillis, 0));
     while (exitRequested == 0) {

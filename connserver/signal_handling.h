@@ -21,6 +21,11 @@ bool setupSignalHandler();
 /// ending. Harmless when no thread was started. Same thread as `setupSignalHandler`.
 void closeSignalHandler();
 
+/// Joins the signal thread if it has ended because exit was requested, and leaves it alone while it
+/// still waits. Says nothing and changes no mask. For ends of the process that skip
+/// `closeSignalHandler`; harmless twice. Same thread as `setupSignalHandler`.
+void joinEndedSignalThread();
+
 /// Sleeps for `nMillis` milliseconds, or until exit is requested. True, at once, when it is. Never
 /// touches a descriptor. Any thread.
 [[nodiscard]] bool bWaitForExitRequest(int nMillis);

@@ -4,6 +4,12 @@
 #include "connserver/logging.h"
 #include "relayserver/loop/epoll_set.h"
 
+namespace {
+
+constexpr unsigned kLeastSecsBetweenAttempts = 1;
+
+}  // namespace
+
 connection_stage_t nConnectionStage = CONNECTION_IDLE;
 std::queue<std::string> serverQ;
 std::string sLastServer;
@@ -18,7 +24,7 @@ bool bAccepting = true;
 std::time_t ttLastConnServMsg = nowSecs();
 std::time_t ttLastCSConnectAttempt = nowSecs();
 std::time_t ttConnectLost = 0;
-unsigned connectRetry_secs = 1;
+unsigned connectRetry_secs = kLeastSecsBetweenAttempts;
 
 void SwitchServers() {
     if (serverQ.empty()) {
@@ -62,5 +68,5 @@ void resetLinkStateForTest() {
     ttLastConnServMsg = nowSecs();
     ttLastCSConnectAttempt = nowSecs();
     ttConnectLost = 0;
-    connectRetry_secs = 1;
+    connectRetry_secs = kLeastSecsBetweenAttempts;
 }

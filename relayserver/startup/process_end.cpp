@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "connserver/logging.h"
+#include "connserver/signal_handling.h"
 #include "relayserver/audio/packet_counts.h"
 #include "relayserver/startup/listeners.h"
 
@@ -14,6 +15,7 @@ constexpr int kLogDrainMillis = 2000;
 
 void quitProcess(int nStatus) {
     (void)bDrainLog(kLogDrainMillis);  // a disk that takes no more lines must not keep us
+    joinEndedSignalThread();
     std::exit(nStatus);
 }
 

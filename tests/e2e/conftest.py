@@ -36,6 +36,9 @@ _CONFIG_NAMES = {field.name for field in dataclasses.fields(RelayConfig)}
 def pytest_configure(config: pytest.Config) -> None:
     # A traceback in a thread of the lab fails the test in which it shows.
     config.addinivalue_line("filterwarnings", "error::pytest.PytestUnhandledThreadExceptionWarning")
+    config.addinivalue_line(
+        "markers", "threads: runs with the thread sanitizer too, for it keeps all threads busy"
+    )
 
 
 class TestedRelay(Relay):

@@ -8,6 +8,8 @@ from lab import channel, messages
 from lab.addresses import new_address
 from lab.waiting import wait_until
 
+pytestmark = pytest.mark.threads
+
 _ROUNDS = 60
 
 

@@ -8,6 +8,8 @@ import pytest
 from lab import messages
 from lab.stations import Captioner, Encoder
 
+pytestmark = pytest.mark.threads
+
 _LOSE = ("close", "reset")
 
 

@@ -3,9 +3,12 @@ that stays away longer than clients may be kept."""
 
 from __future__ import annotations
 
+import contextlib
+import socket
+
 from lab import messages
 from lab.addresses import new_address
-from lab.connection_server import Fault
+from lab.connection_server import PLAIN_PORT, Fault
 
 #: Fifteen seconds of silence and a tick of the timers.
 _GIVEN_UP_SECS = 30
@@ -61,6 +64,47 @@ def test_a_way_back_that_hangs_leads_to_the_next_server(make_server, make_relay,
     )
     backup.wait_logged_in()
     backup.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+
+
+@contextlib.contextmanager
+def _plugged(address):
+    """A listener so full that whoever connects gets no answer."""
+    with contextlib.ExitStack() as sockets:
+        listener = sockets.enter_context(socket.socket())
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind((address, PLAIN_PORT))
+        listener.listen(0)
+        with contextlib.suppress(TimeoutError):
+            while True:
+                filler = sockets.enter_context(socket.socket())
+                filler.settimeout(0.5)
+                filler.connect((address, PLAIN_PORT))
+        yield
+
+
+def test_a_connect_that_nobody_answers_leads_to_the_next_server(
+    make_server, make_relay, make_station
+):
+    server, backup = make_server(), make_server()
+    backup.continue_any = True
+    relay = make_relay(using=server, servers=[server.address, backup.address])
+    station = make_station(relay)
+    server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    server.stop_listening()
+    with _plugged(server.address):
+        server.end_links()
+        relay.log.expect_in_order(
+            f"Attempting connection to server {server.address}",
+            "Lost connection to CS!",
+            f"Attempting connection to server {server.address}",
+            "abandoning connection with connserver - idle for ",
+            "Connection attempt timed out to CS!",
+            f"Attempting connection to server {backup.address}",
+            "Successful continuation with server",
+            within_secs=2 * _GIVEN_UP_SECS,
+        )
+        backup.wait_logged_in()
+    assert station.end_seen is None
 
 
 def test_a_relay_too_long_without_server_sends_its_clients_away_until_it_is_back(

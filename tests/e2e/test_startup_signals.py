@@ -8,6 +8,8 @@ import pytest
 
 from lab.connection_server import Fault
 
+pytestmark = pytest.mark.threads
+
 SHUT_DOWN_LINES = ("0 Audio packets forwarded.", "Cleaning up main method")
 
 
@@ -15,7 +17,8 @@ SHUT_DOWN_LINES = ("0 Audio packets forwarded.", "Cleaning up main method")
 def test_a_termination_signal_ends_the_process_in_order(relay, number):
     relay.signal(number)
     assert relay.wait_exit() == 0
-    relay.log.expect_in_order(*SHUT_DOWN_LINES)
+    # The very last words: the process ends at once, without the clean-ups of other ends.
+    assert [line.partition(" - ")[2] for line in relay.log.lines[-2:]] == [*SHUT_DOWN_LINES]
 
 
 def test_more_signals_while_the_process_ends_have_no_effect(relay):

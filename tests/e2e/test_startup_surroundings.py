@@ -8,6 +8,8 @@ import pytest
 
 from lab.keys import ServerKey
 
+pytestmark = pytest.mark.threads
+
 
 def ends_with(relay, status: int, within_secs: float = 20) -> None:
     relay.expected_status = status

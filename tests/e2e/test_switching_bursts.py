@@ -10,6 +10,8 @@ from lab import messages, wire
 from lab.messages import PIPE_CAPTION, Caption, LostConnection
 from lab.stations import Captioner, Encoder
 
+pytestmark = pytest.mark.threads
+
 BURST = 5000
 KINDS = [False, True]
 

@@ -10,6 +10,8 @@ from lab import messages
 from lab.messages import PIPE_CAPTION, Caption, LogOut, LostConnection
 from lab.stations import Captioner, Encoder, Station
 
+pytestmark = pytest.mark.threads
+
 LEAVERS = 15
 
 

@@ -2,10 +2,17 @@
 
 #include <algorithm>
 #include <cstdarg>
+#include <iterator>
 
 #include "base/printable_str.h"
 #include "base/string_format.h"
 #include "connserver/logging.h"
+
+namespace {
+
+size_t nTimeChecks = 0;
+
+}  // namespace
 
 std::vector<std::string>& loggedLines() {
     static std::vector<std::string> lines;
@@ -22,6 +29,19 @@ size_t nLoggedContaining(const std::string& sPart) {
         [&](const std::string& sLine) { return sLine.find(sPart) != std::string::npos; }));
 }
 
+std::vector<std::string> partsInLogOrder(const std::vector<std::string>& parts) {
+    std::vector<std::string> found;
+    for (const std::string& sLine : loggedLines()) {
+        std::copy_if(parts.begin(), parts.end(), std::back_inserter(found),
+                     [&](const std::string& sPart) { return sLine.find(sPart) != sLine.npos; });
+    }
+    return found;
+}
+
+size_t nLoggingTimeChecks() {
+    return nTimeChecks;
+}
+
 void writeToLog(bool /*timePrefix*/, const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -33,7 +53,9 @@ bool setupLogging(bool /*bSimpleOnly*/, std::string /*sLogDirIn*/) {
     return true;
 }
 
-void loggingTimeCheck() {}
+void loggingTimeCheck() {
+    ++nTimeChecks;
+}
 
 void closeLog() {}
 

@@ -10,3 +10,9 @@ std::vector<std::string>& loggedLines();
 /// How many of them are exactly `sLine`, and how many contain `sPart`.
 size_t nLogged(const std::string& sLine);
 size_t nLoggedContaining(const std::string& sPart);
+
+/// For each logged line that contains one of `parts`, that part.
+std::vector<std::string> partsInLogOrder(const std::vector<std::string>& parts);
+
+/// How often `loggingTimeCheck` was called.
+size_t nLoggingTimeChecks();

@@ -142,6 +142,24 @@ TEST_F(SignalHandling, ClosesWithoutWaitingWhenTheThreadHasEnded) {
     EXPECT_EQ(1, nOccurrences(stdout_.sText(), "signal handler thread joined"));
 }
 
+TEST_F(SignalHandling, JoinsAThreadThatHasEndedWithoutAWord) {
+    ASSERT_TRUE(setupSignalHandler());
+    kill(getpid(), SIGTERM);
+    ASSERT_TRUE(bWaitForExitRequest(10'000));
+    joinEndedSignalThread();
+    joinEndedSignalThread();
+    closeSignalHandler();  // There is no thread left to close.
+    EXPECT_EQ("", stdout_.sText());
+}
+
+TEST_F(SignalHandling, DoesNotWaitForAThreadThatIsNotAskedToEnd) {
+    joinEndedSignalThread();  // There is none.
+    ASSERT_TRUE(setupSignalHandler());
+    joinEndedSignalThread();
+    kill(getpid(), SIGTERM);  // The thread still listens.
+    EXPECT_TRUE(bWaitForExitRequest(10'000));
+}
+
 TEST_F(SignalHandling, IsHarmlessToCloseTwiceOrUnused) {
     closeSignalHandler();
     ASSERT_TRUE(setupSignalHandler());

@@ -79,6 +79,16 @@ Peer admit(SocketPair pair, int nClientID) {
     return Peer(pair.fdPeer);
 }
 
+/// A client that has just connected, in `table`.
+Peer enter(RelayClientTable& table) {
+    const SocketPair pair = makePair();
+    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
+    client.SetLastMessageTime(nowSecs());
+    table.Add(client);
+    addToEpollForRead(pair.fdRelay);
+    return Peer(pair.fdPeer);
+}
+
 void emptyTable(RelayClientTable& table) {
     while (table.bBeginTraverse()) {
         const int fd = table.current().GetMessageSocket()->getMsgSockFileDesc();
@@ -188,12 +198,11 @@ Peer EngineTest::addTcpAuthClient(int nClientID) {
 }
 
 Peer EngineTest::addLooseClient() {
-    const SocketPair pair = makePair();
-    RelayClient client{RelayMessageSocket(pair.fdRelay, sockaddr_in{})};
-    client.SetLastMessageTime(nowSecs());
-    ctLooseClientTable.Add(client);
-    addToEpollForRead(pair.fdRelay);
-    return Peer(pair.fdPeer);
+    return enter(ctLooseClientTable);
+}
+
+Peer EngineTest::addHandshaking() {
+    return enter(ctSslHandshakingTable);
 }
 
 RelayClient& EngineTest::authClient(int nClientID) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orvex/net_message.h"
@@ -19,7 +20,10 @@ class Peer {
     Peer(Peer&& rOther) noexcept : _fd(rOther._fd) { rOther._fd = -1; }
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
-    Peer& operator=(Peer&&) = delete;
+    Peer& operator=(Peer&& rOther) noexcept {
+        std::swap(_fd, rOther._fd);
+        return *this;
+    }
 
     void sendBytes(const std::string& sBytes) const;
     void send(Orvex::NetMessage& nmMessage) const;
@@ -44,9 +48,10 @@ class EngineTest : public testing::Test {
     EngineTest();
     ~EngineTest() override;
 
-    /// An admitted, a loose client with its peer end.
+    /// An admitted, a loose, a handshaking client with its peer end.
     static Peer addAuthClient(int nClientID);
     static Peer addLooseClient();
+    static Peer addHandshaking();
     /// As `addAuthClient`, over TCP, and the peer takes little before it reads: for tests that
     /// count unsent bytes.
     static Peer addTcpAuthClient(int nClientID);

@@ -2,7 +2,6 @@
 
 #include <sys/socket.h>
 
-#include "base/clock.h"
 #include "base/string_format.h"
 #include "genner/output/ChatNetMessage.h"
 #include "genner/output/HeartbeatNetMessage.h"
@@ -35,15 +34,6 @@ class ClientTimers : public EngineTest {
     static std::string sHeartbeat() {
         Orvex::HeartbeatNetMessage hbnm;
         return std::string(hbnm.frame());
-    }
-    /// A client in the handshaking table, with its peer end.
-    static Peer addHandshaking() {
-        int fds[2] = {-1, -1};
-        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-        Orvex::RelayClient client{Orvex::RelayMessageSocket(fds[0], sockaddr_in{})};
-        client.SetLastMessageTime(nowSecs());
-        ctSslHandshakingTable.Add(client);
-        return Peer(fds[1]);
     }
     static int fdOfFirst(Orvex::RelayClientTable& table) {
         EXPECT_TRUE(table.bBeginTraverse());
@@ -140,10 +130,10 @@ TEST_F(ClientTimers, ALooseClientMayTakeFifteenSeconds) {
     dropLooseClients(kNow + 15);
     EXPECT_EQ(1, ctLooseClientTable.GetSize());
     const int fd = fdOfFirst(ctLooseClientTable);
-    dropLooseClients(kNow + 17);
+    dropLooseClients(kNow + 16);
     EXPECT_EQ(0, ctLooseClientTable.GetSize());
     EXPECT_THAT(loggedLines(),
-                ElementsAre(string_format("Dropping client that has sent no login ticket after 17 "
+                ElementsAre(string_format("Dropping client that has sent no login ticket after 16 "
                                           "seconds, socket %d, 0.0.0.0\n",
                                           fd),
                             kRemoved));
@@ -201,6 +191,15 @@ TEST_F(ClientTimers, OneByteMoreEndsTheClient) {
                             "removing socket for client 7, and notifying CS\n", kRemoved));
 }
 
+TEST_F(ClientTimers, EachBurstStartsTheMeasureAnew) {
+    const Peer peer = addAuthClient(7);
+    for (int nBurst = 0; nBurst < 3; ++nBurst) {
+        authClient(7).IncrementTcpInputByteCounter(6000000);
+        checkInputAndSendHeartbeats(kNow + 4 * nBurst);
+    }
+    EXPECT_TRUE(bIsAdmitted(7));
+}
+
 TEST_F(ClientTimers, RelayPeersHaveNoInputLimit) {
     const Peer peer = addAuthClient(7);
     MarkAsRelay(authClient(7));
@@ -228,6 +227,16 @@ TEST_F(ClientTimers, HighRatesAreReportedOnceInAHalfHour) {
     EXPECT_EQ(1U, loggedLines().size());
 }
 
+TEST_F(ClientTimers, RatesAreReportedInEveryHalfHour) {
+    const Peer peer = addAuthClient(7);
+    for (const std::time_t ttReport : {kReportTime, kReportTime + 1800, kReportTime + 3600}) {
+        authClient(7).IncrementTcpInputByteCounter(60000);
+        checkInputAndSendHeartbeats(ttReport);
+    }
+    EXPECT_EQ(3U, nLogged("DEBUG: input TCP bandwidth check on client 7, rate is 20000 bytes per "
+                          "second\n"));
+}
+
 TEST_F(ClientTimers, ARateAtTheThresholdIsNotReported) {
     const Peer peer = addAuthClient(7);
     authClient(7).IncrementTcpInputByteCounter(37500);
@@ -242,6 +251,18 @@ TEST_F(ClientTimers, TheRateOfAPeerIsNotReported) {
     authClient(7).IncrementTcpInputByteCounter(1000000);
     checkInputAndSendHeartbeats(kReportTime);
     EXPECT_THAT(loggedLines(), IsEmpty());
+}
+
+TEST_F(ClientTimers, AClientWhoseSocketIsFullIsLost) {
+    const Peer peer = addAuthClient(7);
+    const Peer other = addAuthClient(8);
+    const std::string sMuch(65536, 'x');
+    while (send(fdOf(7), sMuch.data(), sMuch.size(), MSG_DONTWAIT) > 0) {
+    }
+    checkInputAndSendHeartbeats(kNow);
+    EXPECT_FALSE(bIsAdmitted(7));
+    EXPECT_EQ(1U, nLogged("removing socket for client 7, and notifying CS\n"));
+    EXPECT_EQ(sHeartbeat(), other.sReceived());
 }
 
 TEST_F(ClientTimers, AClientThatTakesNoHeartbeatIsLost) {

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "base/clock.h"
@@ -16,6 +17,7 @@
 #include "relayserver/loop/housekeeping.h"
 #include "relayserver/startup/listeners.h"
 #include "tests/stubs/logging_stub.h"
+#include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/admission/tls_peer.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 #include "tests/unit/relayserver/loopback.h"
@@ -200,6 +202,48 @@ TEST_F(EventLoop, APassHandlesEveryReadyDescriptor) {
     EXPECT_EQ(1U, nLoggedContaining("unauthorized client"));
     EXPECT_DOUBLE_EQ(3, epoll_load_avg_1);
     EXPECT_EQ(0, nReady());
+}
+
+TEST_F(EventLoop, APassHasAHeadAWaitAndATail) {
+    const Peer peer = addAuthClient(7);
+    setDatabaseHealthy(false);
+    setClockForTest(kNow + 19);  // divisible by four
+    close(ep_fd);
+    ep_fd = -1;
+    runOnePass();
+    const std::vector<std::string> steps = {"PostgreSQL database not connected!", "epoll error - ",
+                                            "Dropping connect to client ID 7"};
+    EXPECT_EQ(steps, partsInLogOrder(steps));
+}
+
+TEST_F(EventLoop, WhatArrivesInAPassCountsForItsTimers) {
+    const Peer peer = addAuthClient(7);
+    setClockForTest(kNow + 19);
+    peer.sendBytes(sFrame(sImage(12, 7, 0, "")));
+    runOnePass();
+    EXPECT_TRUE(bIsAdmitted(7)) << "it has just spoken";
+}
+
+TEST_F(EventLoop, TheReportHasTheLoadOfItsOwnPass) {
+    const Peer peer = addAuthClient(7);
+    setClockForTest(kNow / 60 * 60 + 60);
+    peer.sendBytes(sFrame(sImage(12, 7, 0, "")));
+    runOnePass();
+    EXPECT_EQ(1U, nLogged("Load reporting: epoll descriptors active per loop : 1 / 0.0 / 0.0 (1 "
+                          "loop / 1K avg / 1M avg)\n"));
+}
+
+TEST_F(EventLoop, AQuietPassEndsAfterHalfASecond) {
+    using std::chrono::milliseconds;
+    using std::chrono::steady_clock;
+    steady_clock::duration shortest = milliseconds(10000);
+    for (int i = 0; i < 5 && shortest > milliseconds(900); ++i) {  // the machine may be slow once
+        const auto begin = steady_clock::now();
+        runOnePass();
+        shortest = std::min(shortest, steady_clock::now() - begin);
+    }
+    EXPECT_GE(shortest, milliseconds(495));
+    EXPECT_LT(shortest, milliseconds(900));
 }
 
 TEST_F(EventLoop, AWaitingTurnIsServedWithoutAnEventAndWithoutSleep) {

@@ -5,12 +5,16 @@
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "genner/output/HeartbeatNetMessage.h"
+#include "relayserver/admission/accept_pause.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/cslink/recently_lost.h"
+#include "relayserver/loop/epoll_set.h"
+#include "relayserver/startup/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"
+#include "tests/unit/relayserver/loopback.h"
 
 namespace {
 
@@ -107,6 +111,57 @@ TEST_F(Housekeeping, EveryTimerOfTheClientsRuns) {
     EXPECT_EQ(0, ctLooseClientTable.GetSize());
 }
 
+TEST_F(Housekeeping, TheStepsOfTheTailHaveTheirOrder) {
+    const Peer server = openLink();  // silent for long
+    const Peer handshaking = addHandshaking();
+    const Peer loose = addLooseClient();
+    const Peer talkative = addAuthClient(2);
+    const Peer idle = addAuthClient(1);
+    authClient(2).SetLastMessageTime(kBoundary);
+    authClient(2).IncrementTcpInputByteCounter(6000001);
+    passAt(kBoundary);
+    const std::vector<std::string> steps = {"abandoning connection with connserver",
+                                            "Dropping connect to client ID 1",
+                                            "SSL handshake timed out",
+                                            "Dropping client that has sent no login ticket",
+                                            "input TCP count on client 2 over limit",
+                                            "Load reporting"};
+    EXPECT_EQ(steps, partsInLogOrder(steps));
+}
+
+TEST_F(Housekeeping, NoStepOfTheTailRunsBetweenTicks) {
+    const Peer handshaking = addHandshaking();
+    const Peer loose = addLooseClient();
+    const Peer idle = addAuthClient(1);
+    for (std::time_t ttNow = kBoundary + 1; ttNow < kBoundary + 4; ++ttNow) {
+        passAt(ttNow);
+    }
+    EXPECT_THAT(loggedLines(), IsEmpty());
+    EXPECT_EQ("", idle.sReceived());
+    passAt(kBoundary + 4);
+    EXPECT_EQ(0, ctSslHandshakingTable.GetSize());
+    EXPECT_EQ(0, ctLooseClientTable.GetSize());
+    EXPECT_FALSE(bIsAdmitted(1));
+}
+
+TEST_F(Housekeeping, OnlyTheBurstAndWhatFollowsWaitForTheHeartbeatPeriod) {
+    const Peer handshaking = addHandshaking();
+    const Peer loose = addLooseClient();
+    const Peer idle = addAuthClient(1);
+    const Peer talkative = addAuthClient(2);
+    authClient(2).SetLastMessageTime(kBoundary);
+    authClient(2).IncrementTcpInputByteCounter(6000001);
+    tLastHeartbeatBurst = kBoundary - 3;
+    passAt(kBoundary);
+    EXPECT_EQ(1U, nLoggedContaining("auto retrying connect"));
+    EXPECT_EQ(0, ctSslHandshakingTable.GetSize());
+    EXPECT_EQ(0, ctLooseClientTable.GetSize());
+    EXPECT_FALSE(bIsAdmitted(1));
+    ASSERT_TRUE(bIsAdmitted(2));
+    EXPECT_EQ(6000001U, authClient(2).GetTcpInputByteCounter());
+    EXPECT_EQ(0U, nLoadReports());
+}
+
 TEST_F(Housekeeping, HeartbeatsAndLoadReportWaitForMoreThanThreeSeconds) {
     const Peer peer = addAuthClient(7);
     authClient(7).SetLastMessageTime(kBoundary);
@@ -180,6 +235,26 @@ TEST_F(Housekeeping, AHealthyDatabaseIsLeftAlone) {
     EXPECT_THAT(loggedLines(), IsEmpty());
 }
 
+TEST_F(Housekeeping, EachPassLetsTheLogLookAtTheTime) {
+    const size_t nBefore = nLoggingTimeChecks();
+    passAt(kBoundary + 1);
+    passAt(kBoundary + 1);
+    EXPECT_EQ(nBefore + 2, nLoggingTimeChecks());
+}
+
+TEST_F(Housekeeping, APassWatchesPausedListenersAgain) {
+    connect_listen_sockfd = nOpenLoopbackListener();
+    addToEpollForRead(connect_listen_sockfd);
+    const Peer waiting(nConnectLoopback(nLocalPort(connect_listen_sockfd)));
+    ASSERT_TRUE(bWaitReadable(connect_listen_sockfd));
+    setClockForTest(kBoundary + 1);
+    ASSERT_TRUE(bPauseAccepting(connect_listen_sockfd));
+    passAt(kBoundary + 1);
+    EXPECT_EQ(0, epoll_wait(ep_fd, ep_events, kMaxEpollEvents, 0));
+    passAt(kBoundary + 2);
+    EXPECT_EQ(1, epoll_wait(ep_fd, ep_events, kMaxEpollEvents, 0));
+}
+
 class LossClearing : public Housekeeping {
   protected:
     LossClearing() : _server(openLink()) {
@@ -188,6 +263,12 @@ class LossClearing : public Housekeeping {
         AddToRecentlyLost(&lcnm);
         ttLastConnServMsg = kBoundary;
         tLastHeartbeat = kBoundary;
+    }
+    /// The timers have abandoned the silent link.
+    void openLinkAnew() {
+        if (nConnectionStage == CONNECTION_IDLE) {
+            _server = openLink();
+        }
     }
     Peer _server;
 };
@@ -204,6 +285,25 @@ TEST_F(LossClearing, HappensInThatVerySecondOnly) {
     passAt(kBoundary - 1);
     passAt(kBoundary + 1);
     EXPECT_EQ(2U, vRecentlyLost.size());
+}
+
+TEST_F(LossClearing, HappensEveryThreeHours) {
+    for (const int nOtherHour : {1, 2, 4, 5, 7}) {
+        passAt(kBoundary + nOtherHour * 3600);
+        openLinkAnew();
+    }
+    passAt(kBoundary + 5400);
+    openLinkAnew();
+    EXPECT_EQ(2U, vRecentlyLost.size());
+    passAt(kBoundary + 10800);
+    EXPECT_THAT(vRecentlyLost, IsEmpty());
+}
+
+TEST_F(LossClearing, ComesAfterTheLookAtTheDatabase) {
+    setDatabaseHealthy(false);
+    passAt(kBoundary);
+    const std::vector<std::string> steps = {kDatabaseGone, "periodic cleanup"};
+    EXPECT_EQ(steps, partsInLogOrder(steps));
 }
 
 TEST_F(LossClearing, NeedsALoggedInRelay) {

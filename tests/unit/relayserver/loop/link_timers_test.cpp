@@ -67,6 +67,26 @@ TEST_F(LinkTimers, AHungAttemptMovesToTheNextServer) {
     EXPECT_EQ(kNow + 16, ttLastCSConnectAttempt);
 }
 
+TEST_F(LinkTimers, AnAttemptMayHangForFifteenSecondsAtAnyStage) {
+    const Peer server = openLink();
+    for (const connection_stage_t stage :
+         {WAITING_FOR_CONNECT, SSL_HANDSHAKE, WAITING_FOR_CHALLENGE, WAITING_FOR_LOGIN_RESPONSE}) {
+        nConnectionStage = stage;
+        lookAfterLink(kNow + 15);
+        EXPECT_EQ(stage, nConnectionStage);
+    }
+    EXPECT_EQ("", serverQ.front());
+    EXPECT_THAT(loggedLines(), IsEmpty());
+}
+
+TEST_F(LinkTimers, AConnectThatHangsIsCalledTimedOut) {
+    const Peer server = openLink();
+    nConnectionStage = WAITING_FOR_CONNECT;
+    passAfter(16);
+    EXPECT_EQ("Connection attempt timed out to CS!\n", loggedLines().at(1));
+    EXPECT_EQ(" ", serverQ.front());
+}
+
 TEST_F(LinkTimers, TheLaterOfMessageAndAttemptCounts) {
     const Peer server = openLink();
     ttLastConnServMsg = kNow - 100;
@@ -111,6 +131,13 @@ TEST_F(LinkTimers, WithoutALinkAnAttemptIsMadeAfterTheRetryTime) {
     EXPECT_EQ(kNow + 5, ttLastCSConnectAttempt);
 }
 
+TEST_F(LinkTimers, AttemptsAreOneSecondApartAtLeast) {
+    passAfter(0);
+    EXPECT_THAT(loggedLines(), IsEmpty());
+    passAfter(1);
+    EXPECT_EQ(1U, nLogged(kRetrying));
+}
+
 TEST_F(LinkTimers, AFailedAttemptIsRepeated) {
     passAfter(4);
     passAfter(4);
@@ -136,10 +163,10 @@ TEST_F(LinkTimers, AtTheLimitTheRelayHibernates) {
     EXPECT_TRUE(bIsAdmitted(7));
     loggedLines().clear();
     passAfter(1);
-    EXPECT_EQ(kHibernating, loggedLines().front());
-    EXPECT_EQ(1U, nLogged("Mopping up CS! Client connections being cancelled\n"));
-    EXPECT_EQ(1U, nLogged("Cancelled 2 client connections\n"));
-    EXPECT_EQ(1U, nLogged(kRetrying)) << "attempts go on";
+    const std::vector<std::string> inOrder = {kHibernating,
+                                              "Mopping up CS! Client connections being cancelled\n",
+                                              "Cancelled 2 client connections\n", kRetrying};
+    EXPECT_EQ(inOrder, partsInLogOrder(inOrder)) << "attempts go on";
     EXPECT_FALSE(bAccepting);
     EXPECT_TRUE(peer.bClosedByRelay());
     EXPECT_TRUE(loose.bClosedByRelay());
