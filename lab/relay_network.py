@@ -40,14 +40,16 @@ class RelayNetwork(RelayNodes):
         return {name: node.log.mark() for name, node in self.nodes.items()}
 
     def join(self, opener: str, peer: str, *, keep: bool = False, audio: bool = False) -> None:
-        """Has two relays joined and waits for it; `keep`: joined again whenever they part;
-        `audio`: waits for the registrations of all programs too."""
+        """Has two relays joined and waits until they and the server know; `keep`: joined again
+        whenever they part; `audio`: waits for the registrations of all programs too."""
         since, server = self.mark(), self.server_of(opener)
+        told = server.mark()
         if keep:
             server.keep_joined(opener, peer)
         else:
             server.join(opener, peer)
         self.wait_joined(opener, peer, since=since)
+        server.wait_joined(opener, peer, since=told)
         if audio:
             self.wait_audio_joined(opener, peer, since=since)
 

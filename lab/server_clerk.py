@@ -34,8 +34,6 @@ class TicketAnswers:
     delay_secs: float = 0.0
     #: So many of the next answers carry a ticket that the peer refuses; float("inf"): all.
     bad_tickets: float = 0
-    #: How many answers were sent.
-    given: int = 0
 
 
 class ServerClerk:
@@ -119,6 +117,9 @@ class ServerClerk:
                 pair.order(now)
         for pair in due:
             self._try(lambda one=pair: self._server.join(one.opener, one.peer))
+            # Sending takes time, and the spacing is to hold from order to order.
+            with self._server.plan.lock:
+                pair.order(time.monotonic())
 
     @staticmethod
     def _try(action: Callable[[], None]) -> None:
@@ -172,4 +173,3 @@ class ServerClerk:
         if bad:
             answers.bad_tickets -= 1
         self._server.order_udp_registration(relay, peer, bad_ticket=bad)
-        answers.given += 1

@@ -60,7 +60,7 @@ def test_a_request_for_a_ticket_is_answered_at_once(pair):
     order = west.expect(messages.ConnectOrder, connect_to_id=1000, request="UDP_REG")
     assert (order.tcp_port, order.udp_port) == (10001, 20001)
     assert tickets.read_ticket(order.ticket, east.des_key)[0] == 1001
-    assert server.answers.given == 1
+    assert [(one.relay, one.order) for one in server.sent_orders] == [("west", order)]
     assert server.relay("west").messages_of(messages.TicketRequest)[0].requested_id == 1000
 
 

@@ -42,6 +42,7 @@ def test_a_caption_crosses_two_relays_and_stays_at_one(cluster, tls):
         }  # fmt: skip
         assert network["west"].schema.routes() == {(captioner.client_id, far.client_id, 192)}
         assert network.home_of(far) == "west"
+        network.known("west").wait_for_type(messages.ConnectConfirm, client_id=far.client_id)
         assert network.known("west").clients == {1000, far.client_id}
         pids = [network[name].relay.pid for name in ("east", "west")]
         assert network.server.problems == []
