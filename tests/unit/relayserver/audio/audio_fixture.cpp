@@ -27,6 +27,8 @@ int nOpenUdp(const sockaddr_in& siAddress, bool& rbBound) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const int nBytes = 4194304;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &nBytes, sizeof nBytes);
+    const int nOn = 1;
+    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &nOn, sizeof nOn);
     rbBound = bind(fd, reinterpret_cast<const sockaddr*>(&siAddress), sizeof siAddress) == 0;
     return fd;
 }
@@ -80,6 +82,23 @@ int Station::nPortOfNext() const {
     (void)recvfrom(_fd, achBytes, sizeof achBytes, MSG_DONTWAIT,
                    reinterpret_cast<sockaddr*>(&siFrom), &nLen);
     return nPortOf(siFrom);
+}
+
+long long Station::nNanosOfNext() const {
+    constexpr long long kNanosPerSec = 1000000000;
+    alignas(cmsghdr) char achControl[128];
+    msghdr header{};
+    header.msg_control = achControl;
+    header.msg_controllen = sizeof achControl;
+    if (recvmsg(_fd, &header, MSG_DONTWAIT) == -1) {
+        return 0;
+    }
+    timespec arrival{};
+    const cmsghdr* const pStamp = CMSG_FIRSTHDR(&header);
+    if (pStamp != nullptr && pStamp->cmsg_type == SO_TIMESTAMPNS) {
+        std::memcpy(&arrival, CMSG_DATA(pStamp), sizeof arrival);
+    }
+    return arrival.tv_sec * kNanosPerSec + arrival.tv_nsec;
 }
 
 std::string Station::sAddress() const {

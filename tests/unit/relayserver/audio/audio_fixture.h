@@ -29,6 +29,8 @@ class Station {
     [[nodiscard]] std::vector<std::string> received() const;
     /// The port that the next waiting datagram came from, which is taken; 0 without one.
     [[nodiscard]] int nPortOfNext() const;
+    /// When the next waiting datagram arrived, in nanoseconds; it is taken. 0 without one.
+    [[nodiscard]] long long nNanosOfNext() const;
     [[nodiscard]] sockaddr_in siAddress() const { return _siAddress; }
     [[nodiscard]] int nPort() const { return ntohs(_siAddress.sin_port); }
     [[nodiscard]] std::string sAddress() const;
