@@ -59,7 +59,10 @@ Station::~Station() {
 }
 
 void Station::send(int fdRelay, const std::string& sBytes) const {
-    const sockaddr_in siTo = siLoopbackHost(1, nLocalPort(fdRelay));
+    sendTo(siLoopbackHost(1, nLocalPort(fdRelay)), sBytes);
+}
+
+void Station::sendTo(const sockaddr_in& siTo, const std::string& sBytes) const {
     ASSERT_EQ(static_cast<ssize_t>(sBytes.size()),
               sendto(_fd, sBytes.data(), sBytes.size(), 0, reinterpret_cast<const sockaddr*>(&siTo),
                      sizeof siTo));

@@ -25,6 +25,7 @@ class Station {
 
     /// To the port of a socket of the relay.
     void send(int fdRelay, const std::string& sBytes) const;
+    void sendTo(const sockaddr_in& siTo, const std::string& sBytes) const;
     /// The datagrams that have arrived, without waiting.
     [[nodiscard]] std::vector<std::string> received() const;
     /// The port that the next waiting datagram came from, which is taken; 0 without one.

@@ -1,6 +1,7 @@
 #include "relayserver/audio/register_udp.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 
 #include "base/clock.h"
@@ -27,6 +28,21 @@ class RegisterUdpTest : public AudioTest {
     /// The datagram that the peer receives.
     static std::string sExpected(unsigned nFlags) {
         return sDatagram(kRelayID, sImage(19, kRelayID, nFlags, "500~a stored ticket!~"));
+    }
+
+    /// Until the system stamps datagrams when they arrive: at first only when they are read.
+    static void awaitArrivalTimes() {
+        const Station station(2);
+        const std::time_t ttDeadline = std::time(nullptr) + 5;
+        while (std::time(nullptr) < ttDeadline) {
+            station.sendTo(station.siAddress(), "x");
+            const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+            if (station.nNanosOfNext() <=
+                std::chrono::duration_cast<std::chrono::nanoseconds>(sinceEpoch).count()) {
+                return;
+            }
+        }
+        ADD_FAILURE() << "no arrival times";
     }
 
     /// The only datagram at one socket of the peer.
@@ -90,6 +106,7 @@ TEST_F(RegisterUdpTest, RegistersOneProgramOnly) {
 }
 
 TEST_F(RegisterUdpTest, SendsTheMainRegistrationsBeforeThoseOfErrorCorrection) {
+    awaitArrivalTimes();
     (void)registerAll();
     long long nLastMain = 0;
     long long nFirstCorrection = std::numeric_limits<long long>::max();

@@ -162,17 +162,15 @@ TEST_F(UdpReceive, ADatagramOfAPeerIsNotForAnotherPeer) {
 
 TEST_F(UdpReceive, EachChannelOfErrorCorrectionGoesToAPortOfItsOwn) {
     authClient(7).StartSrcAudio(2, mouth.siAddress());
-    const Station near(5);
-    const Station fec1(5, near.nPort() + 2);
-    const Station fec2(5, near.nPort() + 4);
-    authClient(9).StartRcvAudio(2, near.siAddress());
+    const PeerAudio ports(5);  // two apart
+    authClient(9).StartRcvAudio(2, ports.of(0, 0).siAddress());
     mouth.send(udp_fec1_sockfd[2], sDatagram(7, "first"));
     receive(udp_fec1_sockfd[2]);
     mouth.send(udp_fec2_sockfd[2], sDatagram(7, "second"));
     receive(udp_fec2_sockfd[2]);
-    EXPECT_THAT(near.received(), IsEmpty());
-    EXPECT_THAT(fec1.received(), ElementsAre(sDatagram(7, "first")));
-    EXPECT_THAT(fec2.received(), ElementsAre(sDatagram(7, "second")));
+    EXPECT_THAT(ports.of(0, 0).received(), IsEmpty());
+    EXPECT_THAT(ports.of(0, 1).received(), ElementsAre(sDatagram(7, "first")));
+    EXPECT_THAT(ports.of(0, 2).received(), ElementsAre(sDatagram(7, "second")));
 }
 
 }  // namespace
