@@ -10,6 +10,7 @@
 #include "relayserver/loop/event_loop.h"
 #include "relayserver/startup/listeners.h"
 #include "tests/stubs/logging_stub.h"
+#include "tests/stubs/send_buffer.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"
 
 using testing::ElementsAre;
@@ -62,7 +63,9 @@ class UdpReceiveBatch : public AudioTest {
 
 TEST_F(UdpReceiveBatch, TakesAThousandAtOnceAndTheRestWithTheNextEventInOrder) {
     sendNumbered(0, 1203);
+    const size_t nBefore = nSendCalls();
     receive(udp_listen_sockfd[0]);
+    EXPECT_EQ(nBefore + 1, nSendCalls());  // they leave together, too
     const std::vector<std::string> first = ear.received();
     ASSERT_EQ(1000U, first.size());
     for (int i = 0; i < 1000; ++i) {
