@@ -57,11 +57,6 @@ bool bTellRefusal() {
     return nRefusedThisSecond < kRefusalsToldPerSec;
 }
 
-void logArrival(const AudioDatagram& datagram) {
-    writeToLog(true, "UDP registration messages from source %u, program_idx %u, addr %s\n",
-               datagram.nMarkedID, nProgramOf(datagram), sDottedAddress(datagram.siFrom).c_str());
-}
-
 void logZeroID(const AudioDatagram& datagram) {
     constexpr unsigned kOneInTen = 10;
     static std::minstd_rand random;  // which of them is dumped does not matter
@@ -69,6 +64,15 @@ void logZeroID(const AudioDatagram& datagram) {
     if (random() % kOneInTen == 0) {
         writeToLog(true, "full udp message contents:\n");
         printchars(datagram.achBytes, static_cast<int>(datagram.nLength));
+    }
+}
+
+/// `bZeroID`: the message does not say for whom it is.
+void logArrival(const AudioDatagram& datagram, bool bZeroID) {
+    writeToLog(true, "UDP registration messages from source %u, program_idx %u, addr %s\n",
+               datagram.nMarkedID, nProgramOf(datagram), sDottedAddress(datagram.siFrom).c_str());
+    if (bZeroID) {
+        logZeroID(datagram);
     }
 }
 
@@ -190,15 +194,13 @@ void accept(const RelayConnectNetMessage& rcnm, const AudioDatagram& datagram) {
 
 void handleRegistration(const AudioDatagram& datagram) {
     const bool bTell = bTellRefusal();
-    if (bTell) {
-        logArrival(datagram);
-    }
     RelayConnectNetMessage rcnm(datagram.achBytes + kDatagramPrefixBytes,
                                 static_cast<int>(datagram.nLength - kDatagramPrefixBytes));
-    if (rcnm.GetClientID() == 0) {
-        if (bTell) {
-            logZeroID(datagram);
-        }
+    const bool bZeroID = rcnm.GetClientID() == 0;
+    if (bTell) {
+        logArrival(datagram, bZeroID);
+    }
+    if (bZeroID) {
         rcnm.SetClientID(datagram.nMarkedID);
     }
     if (!bTicketHolds(rcnm, datagram, bTell)) {
@@ -209,7 +211,7 @@ void handleRegistration(const AudioDatagram& datagram) {
         return;
     }
     if (!bTell) {
-        logArrival(datagram);
+        logArrival(datagram, bZeroID);
     }
     accept(rcnm, datagram);
 }

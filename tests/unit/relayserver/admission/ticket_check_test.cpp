@@ -17,12 +17,14 @@ class TicketCheck : public EngineTest {
         loggedLines().clear();
     }
 
-    static bool bAdmits(unsigned nClaimedID, const std::string& sTicket) {
+    static bool bAdmits(unsigned nClaimedID, const std::string& sTicket,
+                        TicketLog log = TicketLog::kTell) {
         const std::string sImage = sLoginImage(nClaimedID, sTicket);
         in_addr iaPeer{};
         EXPECT_TRUE(bParseIPv4("10.1.2.3", iaPeer));
         return CheckTicket(
-            Orvex::RelayConnectNetMessage(sImage.data(), static_cast<int>(sImage.size())), iaPeer);
+            Orvex::RelayConnectNetMessage(sImage.data(), static_cast<int>(sImage.size())), iaPeer,
+            log);
     }
 
     static bool bAdmitsWithAge(int nAgeSecs) {
@@ -131,6 +133,26 @@ TEST_F(TicketCheck, ShowsIdsAboveTheSignedRangeUnsigned) {
     EXPECT_TRUE(bAdmits(4000000000U, sEncryptedTicket(4000000000U, kNow)));
     EXPECT_FALSE(bAdmits(4000000000U, sEncryptedTicket(7, kNow)));
     EXPECT_EQ(1U, nLoggedContaining(" - id=4000000000, addr="));
+}
+
+TEST_F(TicketCheck, CanRejectForEveryReasonInSilence) {
+    EXPECT_FALSE(bAdmits(7, "", TicketLog::kQuiet));
+    EXPECT_FALSE(bAdmits(7, sEncryptedTicket(7, kNow).substr(0, 15), TicketLog::kQuiet));
+    EXPECT_FALSE(bAdmits(8, sEncryptedTicket(7, kNow), TicketLog::kQuiet));
+    EXPECT_FALSE(bAdmits(7, sEncryptedTicket(7, kNow - 601), TicketLog::kQuiet));
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_TRUE(bAdmits(7, sEncryptedTicket(7, kNow), TicketLog::kQuiet));
+    }
+    EXPECT_FALSE(bAdmits(7, sEncryptedTicket(7, kNow), TicketLog::kQuiet));
+    EXPECT_TRUE(loggedLines().empty());
+}
+
+TEST_F(TicketCheck, CountsLogInsInSilenceAsWell) {
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_TRUE(bAdmits(7, sEncryptedTicket(7, kNow), TicketLog::kQuiet));
+    }
+    EXPECT_FALSE(bAdmitsWithAge(0));
+    EXPECT_EQ(1U, nLoggedContaining("Rejecting ticket for client 7"));
 }
 
 }  // namespace
