@@ -77,6 +77,7 @@ TEST_F(VanishingClients, TheCurrentOneOfAWalkGoesWhileItIsReported) {
     EXPECT_EQ(0, ctAuthClientTable.GetSize());
     (void)second.sReceived();
     EXPECT_TRUE(second.bClosedByRelay());
+    EXPECT_EQ(2U, nLoggedContaining("Removing client table entry")) << "each goes once";
 }
 
 TEST_F(VanishingClients, AllOthersGoWhileOneIsCleanedUpForItsHeartbeat) {

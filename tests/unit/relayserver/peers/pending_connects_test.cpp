@@ -166,8 +166,7 @@ TEST_F(PendingConnects, ComeFromTheAddressThatIsConfigured) {
     start({.nTcpPort = other.nPort()});
     sockaddr_in siLocal{};
     socklen_t nLen = sizeof siLocal;
-    ASSERT_EQ(0,
-              getsockname(fdOf(pending(8)), reinterpret_cast<sockaddr*>(&siLocal), &nLen));
+    ASSERT_EQ(0, getsockname(fdOf(pending(8)), reinterpret_cast<sockaddr*>(&siLocal), &nLen));
     EXPECT_EQ(siOf("127.0.0.5", 0).sin_addr.s_addr, siLocal.sin_addr.s_addr);
     EXPECT_EQ(0U, nLogged(kCannotBind));
 }
