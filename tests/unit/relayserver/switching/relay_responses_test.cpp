@@ -122,17 +122,6 @@ TEST_F(RelayResponses, ARefusedLoginLeavesTheConnectionToTheOtherRelay) {
     EXPECT_THAT(server.images(), IsEmpty());
 }
 
-TEST_F(RelayResponses, AnyAnswerEndsTheWaitForOne) {
-    for (const long lCode : {kOK, kUnauthorized, kUdpUnauthorized}) {
-        authClient(8).bLoginUnanswered = true;
-        if (bIsRelayPeer(authClient(8))) {
-            authClient(8).StopRcvAudio(0);
-        }
-        receive({sResponse(8, lCode)});
-        EXPECT_FALSE(authClient(8).bLoginUnanswered) << lCode;
-    }
-}
-
 TEST_F(RelayResponses, AnAnswerInAnothersNameIsIgnored) {
     receive({sResponse(9, kOK)});
     EXPECT_FALSE(bIsRelayPeer(authClient(8)));
