@@ -1,7 +1,7 @@
 /// The tables of connected peers. A connection stands in exactly one of them; it moves from
-/// handshaking (TLS only) to loose to admitted, or
-/// from pending to admitted, and leaves through `client_removal`.
-/// Main thread only. Never destroyed, because the process ends with clients connected.
+/// handshaking (TLS only) to loose to admitted, or from pending to admitted, and leaves through
+/// `client_removal`. Main thread only. Never destroyed, because the process ends with clients
+/// connected.
 #pragma once
 
 #include "orvex/relay_client_table.h"

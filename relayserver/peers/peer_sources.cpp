@@ -88,6 +88,14 @@ bool bPeerSendsFrom(in_addr iaSource, unsigned nProgram) {
     return false;
 }
 
+size_t nPeerSourceNotesForTest() {
+    size_t nCount = 0;
+    for (const auto& noted : notes) {
+        nCount += noted.second.size();
+    }
+    return nCount;
+}
+
 void resetPeerSourcesForTest() {
     notes.clear();
     nNotes = 0;

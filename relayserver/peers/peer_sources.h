@@ -4,6 +4,8 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
+
 #include "orvex/relay_client.h"
 
 /// Takes note of where `client`, an admitted one, sends from, if it is a relay peer. Call after
@@ -12,5 +14,8 @@ void notePeerSources(const Orvex::RelayClient& client);
 
 /// Whether some relay peer has `iaSource` as its source address for audio program `nProgram`.
 [[nodiscard]] bool bPeerSendsFrom(in_addr iaSource, unsigned nProgram);
+
+/// How many notes are kept, those that hold no longer included.
+size_t nPeerSourceNotesForTest();
 
 void resetPeerSourcesForTest();

@@ -130,6 +130,7 @@ void startPeerConnect(const ConnectOrderNetMessage& order) {
     if (ctOutboundConnectsPending.bLookUp(order.GetConnectToID(), &pPending)) {
         if (bSameAddress(*pPending, siPeer)) {
             takeTicket(*pPending, order);
+            RemoveFromRecentlyLost(static_cast<unsigned>(order.GetConnectToID()));
             return;
         }
         DeleteClient(ctOutboundConnectsPending, *pPending);
@@ -166,7 +167,7 @@ bool bOwnLoginGoesFirst(unsigned nPeerID) {
     }
     // What the other relay sent before it took our log-in may still be on its way here, even after
     // its answer. One that connects much later has a reason of its own.
-    const bool bFresh = pClient->ttOwnLoginSent != 0 &&
-                        std::difftime(nowSecs(), pClient->ttOwnLoginSent) <= dPeerConnectTimeOut;
+    const double dSince = std::difftime(nowSecs(), pClient->ttOwnLoginSent);
+    const bool bFresh = dSince >= 0 && dSince <= dPeerConnectTimeOut;  // 0 was long ago
     return bFresh && nSenderID < nPeerID;
 }

@@ -59,10 +59,11 @@ sockaddr_in siPeerAudioAddress(const RelayClient& client, unsigned nProgram) {
 }
 
 void namePeerPort(RelayClient& client, int nUdpBasePort) {
-    if (nUdpBasePort == 0) {
+    const auto nPort = static_cast<std::uint16_t>(nUdpBasePort);  // as ports are added up, too
+    if (nPort == 0) {
         return;
     }
-    client.nRelayUdpBasePort = htons(static_cast<std::uint16_t>(nUdpBasePort));
+    client.nRelayUdpBasePort = htons(nPort);
     for (unsigned nProgram = 0; nProgram < RelayClient::kAudioPrograms; ++nProgram) {
         if (client.bIsRcvAudio(nProgram)) {
             client.StartRcvAudio(nProgram, siPeerAudioAddress(client, nProgram));

@@ -139,6 +139,24 @@ TEST_F(ClientRemoval, ABadSocketOfNobodyIsClosedAnyway) {
         ElementsAre(sCleaning(fds[0]), "WARNING: could not identify client - closing fd anyway\n"));
 }
 
+TEST_F(ClientRemoval, ABadSocketOfAPendingConnectTakesItsRecordWithIt) {
+    const Peer server = openLink();
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+    const Peer peer(fds[1]);
+    Orvex::RelayClient client{Orvex::RelayMessageSocket(fds[0], sockaddr_in{})};
+    client.SetClientID(8);
+    ctOutboundConnectsPending.Add(client);
+    CleanBadSocket(fds[0]);
+    EXPECT_EQ(0, ctOutboundConnectsPending.GetSize());
+    EXPECT_TRUE(peer.bClosedByRelay());
+    EXPECT_THAT(loggedLines(), ElementsAre(sCleaning(fds[0]),
+                                           "WARNING: could not identify client - closing fd "
+                                           "anyway\n"));
+    EXPECT_EQ("", server.sReceived()) << "the server has not heard of it yet";
+    EXPECT_THAT(vRecentlyLost, IsEmpty());
+}
+
 TEST_F(ClientRemoval, ALostLinkMovesToTheNextServerAndWaitsItsTurn) {
     const Peer server = openLink();
     serverQ.push("first.invalid");

@@ -1,21 +1,33 @@
 #include "relayserver/peers/relay_peer.h"
 
+#include "base/ip_utils.h"
+#include "relayserver/startup/listeners.h"
 #include "tests/stubs/logging_stub.h"
-#include "tests/unit/relayserver/engine_fixture.h"
+#include "tests/unit/relayserver/peers/peer_fixture.h"
 
+using Orvex::RelayClient;
 using testing::IsEmpty;
 
 namespace {
 
-class RelayPeer : public EngineTest {
+class RelayPeer : public PeerTest {
   protected:
-    RelayPeer() : peer(addAuthClient(8)) {}
+    RelayPeer() : peer(addAuthClientAt(8, "127.0.0.7")) {}
 
-    static sockaddr_in siAddress(unsigned short nPort) {
+    static sockaddr_in siAddress(int nPort) { return siOf("127.0.0.9", nPort); }
+    /// Where program `nProgram` goes to, and where it comes from.
+    static std::string sReceivesAt(unsigned nProgram) {
         sockaddr_in siResult{};
-        siResult.sin_family = AF_INET;
-        siResult.sin_port = htons(nPort);
-        return siResult;
+        authClient(8).GetAudioRcvAddress(nProgram, siResult);
+        return sText(siResult);
+    }
+    static std::string sSendsFrom(unsigned nProgram) {
+        sockaddr_in siResult{};
+        authClient(8).GetAudioSrcAddress(nProgram, siResult);
+        return sText(siResult);
+    }
+    static std::string sText(const sockaddr_in& siAddress) {
+        return sDottedAddress(siAddress) + ":" + std::to_string(nPortOf(siAddress));
     }
 
     const Peer peer;
@@ -33,6 +45,15 @@ TEST_F(RelayPeer, IsAClientThatReceivesAndSourcesAudioOfProgram0) {
     EXPECT_FALSE(bIsRelayPeer(authClient(8)));
 }
 
+TEST_F(RelayPeer, IsNoClientThatOnlySourcesOrOnlyReceivesOtherPrograms) {
+    for (unsigned nProgram = 1; nProgram < RelayClient::kAudioPrograms; ++nProgram) {
+        authClient(8).StartRcvAudio(nProgram, siAddress(1));
+        authClient(8).StartSrcAudio(nProgram, siAddress(1));
+    }
+    authClient(8).StartSrcAudio(0, siAddress(1));
+    EXPECT_FALSE(bIsRelayPeer(authClient(8)));
+}
+
 TEST_F(RelayPeer, MarkingStartsAudioAndEnlargesTheSendBuffer) {
     MarkAsRelay(authClient(8));
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
@@ -42,24 +63,139 @@ TEST_F(RelayPeer, MarkingStartsAudioAndEnlargesTheSendBuffer) {
     EXPECT_EQ(1U, nLoggedContaining("(of 8388608 requested)"));
 }
 
+TEST_F(RelayPeer, MarkingTakesThePeersOwnAddressAndItsBasePort) {
+    namePeerPort(authClient(8), 6900);
+    MarkAsRelay(authClient(8));
+    EXPECT_EQ("127.0.0.7:6900", sReceivesAt(0));
+    EXPECT_EQ("127.0.0.7:6900", sSendsFrom(0));
+}
+
+TEST_F(RelayPeer, MarkingAPeerWhosePortNoOrderHasNamedLeavesThePortOpen) {
+    MarkAsRelay(authClient(8));
+    EXPECT_EQ("127.0.0.7:0", sReceivesAt(0));
+    EXPECT_EQ("127.0.0.7:0", sSendsFrom(0));
+}
+
 TEST_F(RelayPeer, MarkingTwiceChangesNothing) {
     MarkAsRelay(authClient(8));
     loggedLines().clear();
     authClient(8).StartRcvAudio(0, siAddress(6900));
+    // A buffer that were small again would be raised a second time.
+    const int nSmall = 4096;
+    ASSERT_EQ(0, setsockopt(fdOf(8), SOL_SOCKET, SO_SNDBUF, &nSmall, sizeof nSmall));
     MarkAsRelay(authClient(8));
     EXPECT_THAT(loggedLines(), IsEmpty());
-    sockaddr_in siLeft{};
-    authClient(8).GetAudioRcvAddress(0, siLeft);
-    EXPECT_EQ(htons(6900), siLeft.sin_port);
+    EXPECT_EQ("127.0.0.9:6900", sReceivesAt(0));
 }
 
-TEST_F(RelayPeer, MarkingKeepsAnAddressThatIsKnownAlready) {
+TEST_F(RelayPeer, MarkingKeepsTheSourceThatIsKnownAlready) {
     authClient(8).StartSrcAudio(0, siAddress(6900));
     MarkAsRelay(authClient(8));
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
-    sockaddr_in siLeft{};
-    authClient(8).GetAudioSrcAddress(0, siLeft);
-    EXPECT_EQ(htons(6900), siLeft.sin_port);
+    EXPECT_EQ("127.0.0.9:6900", sSendsFrom(0));
+    EXPECT_EQ("127.0.0.7:0", sReceivesAt(0));
+}
+
+TEST_F(RelayPeer, MarkingKeepsTheReceptionThatIsKnownAlready) {
+    authClient(8).StartRcvAudio(0, siAddress(6900));
+    MarkAsRelay(authClient(8));
+    EXPECT_TRUE(bIsRelayPeer(authClient(8)));
+    EXPECT_EQ("127.0.0.9:6900", sReceivesAt(0));
+    EXPECT_EQ("127.0.0.7:0", sSendsFrom(0));
+}
+
+class PeerPort : public RelayPeer {};
+
+TEST_F(PeerPort, IsKeptInNetworkByteOrder) {
+    namePeerPort(authClient(8), 6900);
+    EXPECT_EQ(htons(6900), authClient(8).nRelayUdpBasePort);
+}
+
+TEST_F(PeerPort, EachProgramIsTwoPortsAboveTheOneBefore) {
+    namePeerPort(authClient(8), 6900);
+    for (unsigned nProgram = 0; nProgram < RelayClient::kAudioPrograms; ++nProgram) {
+        EXPECT_EQ("127.0.0.7:" + std::to_string(6900 + 2 * nProgram),
+                  sText(siPeerAudioAddress(authClient(8), nProgram)));
+    }
+}
+
+TEST_F(PeerPort, WrapsAtSixteenBits) {
+    namePeerPort(authClient(8), 65532);
+    EXPECT_EQ("127.0.0.7:65534", sText(siPeerAudioAddress(authClient(8), 1)));
+    EXPECT_EQ("127.0.0.7:0", sText(siPeerAudioAddress(authClient(8), 2)));
+    EXPECT_EQ("127.0.0.7:6", sText(siPeerAudioAddress(authClient(8), 5)));
+    namePeerPort(authClient(8), 70000);
+    EXPECT_EQ(htons(70000 - 65536), authClient(8).nRelayUdpBasePort);
+}
+
+TEST_F(PeerPort, ZeroSaysNothing) {
+    namePeerPort(authClient(8), 6900);
+    MarkAsRelay(authClient(8));
+    for (const int nNothing : {0, 65536, -65536}) {
+        namePeerPort(authClient(8), nNothing);
+        EXPECT_EQ(htons(6900), authClient(8).nRelayUdpBasePort) << nNothing;
+        EXPECT_EQ("127.0.0.7:6900", sReceivesAt(0)) << nNothing;
+    }
+}
+
+TEST_F(PeerPort, MovesTheProgramsThatAreRegisteredAndNoOthers) {
+    authClient(8).StartRcvAudio(1, siAddress(1111));
+    authClient(8).StartSrcAudio(3, siAddress(3333));
+    namePeerPort(authClient(8), 6900);
+    EXPECT_EQ("127.0.0.7:6902", sReceivesAt(1));
+    EXPECT_EQ("127.0.0.7:6906", sSendsFrom(3));
+    for (const unsigned nProgram : {0U, 2U, 3U, 4U, 5U}) {
+        EXPECT_FALSE(authClient(8).bIsRcvAudio(nProgram));
+    }
+    for (const unsigned nProgram : {0U, 1U, 2U, 4U, 5U}) {
+        EXPECT_FALSE(authClient(8).bIsSrcAudio(nProgram));
+    }
+}
+
+class Reregistration : public RelayPeer {
+  protected:
+    Reregistration() { openOwnAudio(); }
+
+    static void giveTicket(int nClientID) {
+        const unsigned char achTicket[16] = {1};
+        authClient(nClientID).SetTicket(achTicket, sizeof achTicket);
+    }
+};
+
+TEST_F(Reregistration, ReachesEveryPeerAndNobodyElse) {
+    const AudioPorts first;
+    const AudioPorts second;
+    const AudioPorts station;
+    const Peer peer9 = addAuthClientAt(9, "127.0.0.1");
+    const Peer peer10 = addAuthClientAt(10, "127.0.0.1");
+    const Peer peer11 = addAuthClientAt(11, "127.0.0.1");
+    namePeerPort(authClient(9), first.nBase());
+    namePeerPort(authClient(10), station.nBase());
+    namePeerPort(authClient(11), second.nBase());
+    MarkAsRelay(authClient(9));
+    MarkAsRelay(authClient(11));
+    for (const int nClientID : {8, 9, 10, 11}) {
+        giveTicket(nClientID);
+    }
+    loggedLines().clear();
+    EXPECT_TRUE(ReregisterRelayPeers());
+    EXPECT_EQ("reregistering all relay peers\n", loggedLines().front());
+    EXPECT_EQ(2U, nLoggedContaining("debug: registering udp with relay peer"));
+    for (int nProgram = 0; nProgram < kAudioPrograms; ++nProgram) {
+        for (const AudioPorts* const pPorts : {&first, &second}) {
+            const std::vector<std::string> datagrams = pPorts->received(nProgram);
+            ASSERT_EQ(1U, datagrams.size());
+            EXPECT_EQ(7, datagrams[0][21]) << "receives, sends, calls back";
+        }
+        EXPECT_THAT(station.received(nProgram), IsEmpty());
+    }
+}
+
+TEST_F(Reregistration, WithoutClientsOnlySaysSo) {
+    const Peer server = openLink();
+    EXPECT_TRUE(ReregisterRelayPeers());
+    EXPECT_THAT(loggedLines(), testing::ElementsAre("reregistering all relay peers\n"));
+    EXPECT_THAT(server.images(), IsEmpty());
 }
 
 }  // namespace
