@@ -13,6 +13,7 @@ from audio_tools import listening, on_air
 from lab import audio_wire
 from lab.addresses import new_address
 from lab.audio_socket import AudioSocket
+from lab.audio_stations import AudioSource
 from lab.messages import PIPE_AUDIO, PIPE_CAPTION
 
 
@@ -77,8 +78,7 @@ def test_the_id_of_another_client_is_no_source(relay, make_station, route, pair)
     source, receiver = pair
     mute, other = make_station(relay), on_air(make_station, relay, [3])
     for one in (receiver, mute, other):
-        if one is not receiver:
-            route(relay, one, receiver, PIPE_AUDIO)
+        route(relay, one, receiver, PIPE_AUDIO)
         source.audio(0).send_raw(audio_wire.audio_datagram(one.client_id, b"feigned"))
     _expect_only_the_last(source, receiver)
 
@@ -92,8 +92,7 @@ def test_a_program_that_is_not_sourced_is_not_passed_on(relay, pair):
 
 
 def test_sound_before_the_registration_is_lost_and_does_no_harm(relay, make_station, route, server):
-    source, receiver = make_station(relay, type(on_air(make_station, relay))), None
-    receiver = listening(make_station, relay)
+    source, receiver = make_station(relay, AudioSource), listening(make_station, relay)
     route(relay, source, receiver, PIPE_AUDIO)
     source.open_audio(relay).send_burst([b"too early"] * 50)
     source.go_on_air(relay, server.ticket_for)

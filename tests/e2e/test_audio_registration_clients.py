@@ -4,8 +4,7 @@ its connection ends."""
 from __future__ import annotations
 
 import pytest
-from audio_tools import lines_until_fence, listening, on_air, outcome, register
-from switching_tools import got_before_order_fence
+from audio_tools import lines_until_fence, listening, on_air, register
 
 from lab.addresses import new_address
 from lab.audio_socket import AudioSocket
@@ -25,14 +24,20 @@ def station(relay, make_station):
     return station
 
 
-def test_a_good_ticket_of_nobody_connected_is_of_no_use(relay, server, station):
+def test_a_good_ticket_of_nobody_connected_is_of_no_use(
+    relay, server, make_station, route, station
+):
     stranger = server.new_client_id()
     result = register(relay, station, server.ticket_for(stranger), 7, client_id=stranger)
     assert result.taken
     assert result.lines[1:] == [_NOT_CONNECTED.format(stranger)]
-    # Not even to the stranger, when it connects: the registration is not kept.
-    result = register(relay, station, server.ticket_for(stranger), 8, client_id=stranger)
-    assert not result.taken
+    # Nor afterwards, when it connects: nothing was kept.
+    source, witness = on_air(make_station, relay), listening(make_station, relay)
+    newcomer = make_station(relay, AudioStation, client_id=stranger)
+    for one in (newcomer, witness):
+        route(relay, source, one, PIPE_AUDIO)
+    witness.audio(0).expect(source.say(b"word"))
+    assert station.audio(0).receives_nothing(0.05)
 
 
 def test_a_client_that_has_left_cannot_register(relay, server, make_station, station):
@@ -144,6 +149,6 @@ def test_a_refusal_that_cannot_be_delivered_costs_nobody_else(relay, server, mak
         victim.reset()
     server.wait_for_type(LostConnection, client_id=victim.client_id)
     audio.register_raw(victim.client_id, b"bad")
-    result = outcome(relay, witness, lambda: None)
-    assert result.taken
-    assert got_before_order_fence(server, witness) == []
+    lines_until_fence(relay, audio)
+    assert register(relay, witness, server.ticket_for(witness.client_id)).taken
+    assert len(server.messages_of(LostConnection)) == 1
