@@ -63,32 +63,39 @@ class Outcome:
         return not refused
 
 
-def lines_until_fence(relay: Relay, audio: AudioSocket, channel: int = 0, since: int = 0) -> list:
-    """Has the relay deal with all that was sent from `audio` on this channel; what it logged
-    from line `since` on until then."""
+def fence(relay: Relay, audio: AudioSocket, channel: int = 0) -> tuple[int, int]:
+    """Has the relay deal with all that was sent from `audio` on this channel, and log it; where
+    the lines of the fence begin and end in the log."""
     flags = next(_fence_flags)
-    audio.register_raw(audio.client_id, flags=flags, channel=channel)
     ill_formed = f"ticket rejected for ill-formed flags - {flags}. "
-    relay.log.expect_in_order(ill_formed, "udp registration ticket not accepted", since=since)
-    texts = [line.partition(" - ")[2] for line in relay.log.lines[since:]]
-    # The first line of the fence tells that it came.
-    return texts[: next(i for i, text in enumerate(texts) if text.startswith(ill_formed)) - 1]
+    audio.register_raw(audio.client_id, flags=flags, channel=channel)
+    relay.log.expect_in_order(ill_formed, "udp registration ticket not accepted")
+    second = next(i for i, line in enumerate(relay.log.lines) if ill_formed in line)
+    # The first line tells that something came, the third what became of it.
+    return second - 1, second + 2
 
 
-def outcome(relay: Relay, station: AudioStation, send: Callable[[], object], **fence) -> Outcome:
-    """What became of what `send` sends; `fence` names audio socket and channel if they are not
-    those of the station's program 0."""
-    audio = fence.pop("audio", None) or station.audio(0)
+def outcome(
+    relay: Relay,
+    station: AudioStation,
+    send: Callable[[], object],
+    *,
+    audio: AudioSocket | None = None,
+    channel: int = 0,
+) -> Outcome:
+    """What became of what `send` sends to the program and channel of `audio`, the station's own
+    of program 0 if none is given."""
+    audio = audio or station.audio(0)
+    _, begin = fence(relay, audio, channel)
     got_before_order_fence(relay.server, station)
-    since = relay.log.mark()
     send()
-    lines = lines_until_fence(relay, audio, since=since, **fence)
+    end, _ = fence(relay, audio, channel)
     got = got_before_order_fence(relay.server, station)
     answers = [one.return_code for one in got if isinstance(one, messages.Response)]
-    # Who the fence names is told of it, last.
+    # Whom the fence names is told of it, last.
     if audio.client_id == station.client_id:
         assert answers.pop() == REFUSED
-    return Outcome(lines, answers)
+    return Outcome([line.partition(" - ")[2] for line in relay.log.lines[begin:end]], answers)
 
 
 def register(

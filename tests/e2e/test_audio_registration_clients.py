@@ -4,7 +4,7 @@ its connection ends."""
 from __future__ import annotations
 
 import pytest
-from audio_tools import lines_until_fence, listening, on_air, register
+from audio_tools import fence, listening, on_air, outcome, register
 
 from lab.addresses import new_address
 from lab.audio_socket import AudioSocket
@@ -90,10 +90,8 @@ def test_registering_anew_moves_a_receiver(relay, server, make_station, route):
     old = receiver.audio(PROGRAM)
     for address in (old.local_address[0], new_address()):
         with AudioSocket(relay, PROGRAM, client_id=me, address=address) as moved:
-            since = relay.log.mark()
-            moved.register(me, ticket)
-            lines = lines_until_fence(relay, moved, since=since)
-            assert lines == [
+            result = outcome(relay, receiver, lambda: moved.register(me, ticket), audio=moved)
+            assert result.lines == [
                 f"UDP registration messages from source {me}, program_idx {PROGRAM}, addr {address}"
             ]
             moved.expect(source.say(b"here", PROGRAM))
@@ -149,6 +147,6 @@ def test_a_refusal_that_cannot_be_delivered_costs_nobody_else(relay, server, mak
         victim.reset()
     server.wait_for_type(LostConnection, client_id=victim.client_id)
     audio.register_raw(victim.client_id, b"bad")
-    lines_until_fence(relay, audio)
+    fence(relay, audio)
     assert register(relay, witness, server.ticket_for(witness.client_id)).taken
     assert len(server.messages_of(LostConnection)) == 1
