@@ -62,6 +62,15 @@ _libc.ptrace.restype = ctypes.c_long
 _libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
 
 
+#: A pass that takes more is none that anybody wants to count: a timer works through thousands of
+#: clients, which would take minutes step by step.
+_MAX_STEPS = 100_000
+
+
+class TooManySteps(Exception):
+    """A pass is longer than can be counted; the process runs freely again."""
+
+
 class LoopTracer:
     """Use as a context manager; the process runs freely again afterwards. Only its main thread is
     traced and held, always where its next wait for events begins. Signals that come to it
@@ -143,7 +152,7 @@ class LoopTracer:
         return calls[:-1]
 
     def instructions(self) -> int:
-        """The same, and how many instructions of the program that took."""
+        """The same, and how many instructions of the program that took; TooManySteps."""
         self._resume(_SINGLESTEP)  # the wait as a whole
         self._in_wait = False
         return self._step_to_wait()
@@ -152,6 +161,8 @@ class LoopTracer:
         wait = self._wait_ends_at - _CALL_LEN
         steps = 0
         while self._look().instruction_pointer != wait:
+            if steps == _MAX_STEPS:
+                raise TooManySteps
             self._resume(_SINGLESTEP)
             steps += 1
         return steps
