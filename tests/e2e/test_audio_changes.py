@@ -1,5 +1,5 @@
-"""The cast of a stream changes while it runs: receivers and sources leave and come back, routes come
-and go, ports close; whoever stays loses nothing."""
+"""The cast of a stream changes while it runs: receivers and sources leave and come back, routes
+come and go, ports close; whoever stays loses nothing."""
 
 from __future__ import annotations
 
@@ -110,7 +110,9 @@ def test_routes_take_effect_at_once(relay, server, make_station, route, stream, 
     assert others[1].audio(0).receives_nothing(0.05)
 
 
-def test_routes_that_come_and_go_cost_the_others_nothing(relay, server, make_station, stream, receivers):
+def test_routes_that_come_and_go_cost_the_others_nothing(
+    relay, server, make_station, stream, receivers
+):
     """In the middle of the stream, without any pause in it."""
     guest = listening(make_station, relay)
     key = (stream.source.client_id, guest.client_id, PIPE_AUDIO)

@@ -1,4 +1,4 @@
-"""One source for a hundred receivers, receivers that are sources, and a route back to its source."""
+"""One source for a hundred receivers, receivers that are sources, a route back to its source."""
 
 from __future__ import annotations
 
@@ -33,7 +33,9 @@ def test_a_hundred_receivers_get_everything_in_order(relay, make_station, route)
     assert all(receiver.audio(0).receives_nothing(0) for receiver in receivers)
 
 
-def test_two_stations_hear_each_other_on_all_programs_but_the_first(relay, server, make_station, route):
+def test_two_stations_hear_each_other_on_all_programs_but_the_first(
+    relay, server, make_station, route
+):
     """Sources that receive; who does both on program 0 is taken for a relay."""
     first, second = make_station(relay, AudioStation), make_station(relay, AudioStation)
     for one, other in ((first, second), (second, first)):

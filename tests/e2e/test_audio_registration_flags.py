@@ -27,7 +27,8 @@ def station(relay, make_station):
 @pytest.fixture
 def neighbours(relay, make_station, route, station):
     """A source that is routed to the station, and a receiver that the station is routed to."""
-    source, receiver = on_air(make_station, relay, [PROGRAM]), listening(make_station, relay, [PROGRAM])
+    source = on_air(make_station, relay, [PROGRAM])
+    receiver = listening(make_station, relay, [PROGRAM])
     route(relay, source, station, PIPE_AUDIO)
     route(relay, source, receiver, PIPE_AUDIO)
     route(relay, station, receiver, PIPE_AUDIO)

@@ -66,7 +66,8 @@ def test_a_ticket_that_is_no_more_than_noise_is_refused(relay, new_station):
 def test_another_key_and_another_id_are_refused(relay, server, new_station):
     station = new_station()
     me = station.client_id
-    for ticket in (server.ticket_for(me, des_key=bytes(range(1, 16, 2))), server.ticket_for(me + 1)):
+    other_key = server.ticket_for(me, des_key=bytes(range(1, 16, 2)))
+    for ticket in (other_key, server.ticket_for(me + 1)):
         result = register(relay, station, ticket)
         assert result.answers == [REFUSED]
         assert f"{_MISMATCH} - plaintext/established info - id={me}, addr=" in _reasons(result)[0]

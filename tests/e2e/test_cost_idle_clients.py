@@ -1,5 +1,5 @@
-"""What it costs to switch a caption and a datagram of sound does not grow with the clients that have
-nothing to do with it: machine instructions and system calls are counted, not seconds.
+"""What it costs to switch a caption and a datagram of sound does not grow with the clients that
+have nothing to do with it: machine instructions and system calls are counted, not seconds.
 
 The idle ones are no easy company: each is registered to send and to receive the program at play,
 from the address of the source.
@@ -62,7 +62,7 @@ class Cast:
         steps, calls = [], []
         deadline = Deadline(60)
         while len(calls) < MEASUREMENTS:
-            assert not deadline.passed(), "the relay had no quiet moment"
+            assert not deadline.passed(), "more steps than can be counted, again and again"
             self._wait_for_quiet()
             acts = 0
             with contextlib.suppress(TooManySteps), LoopTracer(self.relay.pid) as tracer:
