@@ -1,0 +1,116 @@
+"""Small tools of the audio tests: stations that are on the air, and what became of a registration.
+
+Nothing answers a good registration. A fence shows what was done with it: an ill-formed one that
+follows from the same socket, under flags of its own that the log tells.
+"""
+
+from __future__ import annotations
+
+import dataclasses
+import itertools
+from collections.abc import Callable, Iterable
+
+from switching_tools import got_before_order_fence
+
+from lab import messages
+from lab.audio_socket import AudioSocket
+from lab.audio_stations import AudioReceiver, AudioSource, AudioStation
+from lab.relay import Relay
+
+REFUSED = "UDP UNAUTHORIZED"
+_fence_flags = itertools.count(100_000)
+
+
+def on_air(
+    make_station: Callable[..., AudioStation],
+    relay: Relay,
+    programs: Iterable[int] = (0,),
+    **options: object,
+) -> AudioSource:
+    """A source that is registered to send these programs."""
+    source = make_station(relay, AudioSource, **options)
+    for program in programs:
+        source.go_on_air(relay, relay.server.ticket_for, program)
+    return source
+
+
+def listening(
+    make_station: Callable[..., AudioStation],
+    relay: Relay,
+    programs: Iterable[int] = (0,),
+    **options: object,
+) -> AudioReceiver:
+    """A receiver that is registered for these programs."""
+    receiver = make_station(relay, AudioReceiver, **options)
+    for program in programs:
+        receiver.listen(relay, relay.server.ticket_for, program)
+    return receiver
+
+
+@dataclasses.dataclass
+class Outcome:
+    """What the relay had to say about a registration: its lines, without their times, and the
+    return codes that the station got over its connection."""
+
+    lines: list[str]
+    answers: list[str]
+
+    @property
+    def taken(self) -> bool:
+        """Neither logged as refused nor answered."""
+        refused = any("udp registration ticket not accepted" in line for line in self.lines)
+        assert refused == (self.answers == [REFUSED]), self
+        return not refused
+
+
+def fence(relay: Relay, audio: AudioSocket, channel: int = 0) -> tuple[int, int]:
+    """Has the relay deal with all that was sent from `audio` on this channel, and log it; where
+    the lines of the fence begin and end in the log."""
+    flags = next(_fence_flags)
+    ill_formed = f"ticket rejected for ill-formed flags - {flags}. "
+    audio.register_raw(audio.client_id, flags=flags, channel=channel)
+    relay.log.expect_in_order(ill_formed, "udp registration ticket not accepted")
+    second = next(i for i, line in enumerate(relay.log.lines) if ill_formed in line)
+    # The first line tells that something came, the third what became of it.
+    return second - 1, second + 2
+
+
+def outcome(
+    relay: Relay,
+    station: AudioStation,
+    send: Callable[[], object],
+    *,
+    audio: AudioSocket | None = None,
+    channel: int = 0,
+) -> Outcome:
+    """What became of what `send` sends to the program and channel of `audio`, the station's own
+    of program 0 if none is given."""
+    audio = audio or station.audio(0)
+    _, begin = fence(relay, audio, channel)
+    got_before_order_fence(relay.server, station)
+    send()
+    end, _ = fence(relay, audio, channel)
+    got = got_before_order_fence(relay.server, station)
+    answers = [one.return_code for one in got if isinstance(one, messages.Response)]
+    # Whom the fence names is told of it, last.
+    if audio.client_id == station.client_id:
+        assert answers.pop() == REFUSED
+    return Outcome([line.partition(" - ")[2] for line in relay.log.lines[begin:end]], answers)
+
+
+def register(
+    relay: Relay,
+    station: AudioStation,
+    ticket: bytes,
+    flags: int = 1,
+    *,
+    program: int = 0,
+    client_id: int | None = None,
+    **odd: object,
+) -> Outcome:
+    """Sends one registration of the station from its socket of a program."""
+    client_id = station.client_id if client_id is None else client_id
+    audio = station.audio(program)
+    return outcome(
+        relay, station, lambda: audio.register_raw(client_id, ticket, flags, **odd), audio=audio
+    )

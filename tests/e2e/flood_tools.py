@@ -1,0 +1,105 @@
+"""Floods of datagrams on one program of a relay, and everyday traffic beside them."""
+
+from __future__ import annotations
+
+import time
+from pathlib import Path
+
+from audio_tools import listening, on_air
+from switching_tools import got_before_order_fence, in_threads
+
+from lab.audio_player import ClipListener, ClipPlayer
+from lab.audio_socket import AudioSocket
+from lab.messages import PIPE_AUDIO, PIPE_CAPTION, Response
+from lab.stations import Captioner, Encoder
+from lab.waiting import patient, wait_until
+
+DATAGRAMS = 60_000
+PROGRAM = 5
+#: What a caption may take at most meanwhile; on an idle machine it is under a millisecond.
+NOTICEABLE_SECS = 1.0
+GROWTH_BYTES = 4 << 20
+#: Lines that have nothing to do with the flood.
+OTHER_LINES = 20
+
+
+def resident_bytes(relay) -> int:
+    """The memory that the process holds; 0 under sanitizers, which keep what is given back."""
+    if "san.so" in Path(f"/proc/{relay.pid}/maps").read_text():
+        return 0
+    pages = Path(f"/proc/{relay.pid}/statm").read_text().split()[1]
+    return int(pages) * 4096
+
+
+def dropped_by_kernel(relay, program) -> int:
+    """Datagrams that found the receive buffer of the relay full."""
+    port = f":{relay.audio_port(program):04X} "
+    rows = [row for row in Path("/proc/net/udp").read_text().splitlines() if port in row]
+    host = "".join(f"{int(part):02X}" for part in reversed(relay.address.split(".")))
+    return sum(int(row.split()[-1]) for row in rows if host in row)
+
+
+def make_everyday(relay, make_station, route):
+    """A function that runs `flood` while captions and a clip of speech cross the relay; all of them
+    arrive, each caption soon. It tells how many captions crossed meanwhile."""
+    captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
+    route(relay, captioner, encoder, PIPE_CAPTION)
+    source, receiver = on_air(make_station, relay), listening(make_station, relay)
+    route(relay, source, receiver, PIPE_AUDIO)
+
+    def during(flood) -> int:
+        busy, trips = [True], []
+
+        def pour():
+            try:
+                flood()
+            finally:
+                busy[0] = False
+
+        def write():
+            while busy[0]:
+                begun = time.monotonic()
+                captioner.caption(b"%d" % len(trips))
+                assert encoder.receive_caption(20)[0] == b"%d" % len(trips)
+                trips.append(time.monotonic() - begun)
+
+        with ClipListener(receiver.audio(0)) as listener:
+            player = ClipPlayer(source.audio(0), seconds=60).start()
+            try:
+                in_threads([pour, write])
+            finally:
+                player.stop()
+            listener.wait_for(len(player.sent()))
+            assert listener.verdict(player.sent()).perfect
+        assert max(trips) < patient(NOTICEABLE_SECS)
+        return len(trips)
+
+    return during
+
+
+def flood(relay, datagrams, addresses):
+    audios = [AudioSocket(relay, PROGRAM, address=one, fec=False) for one in addresses]
+    try:
+        for number in range(DATAGRAMS):
+            audios[number % len(audios)].send_raw(datagrams[number % len(datagrams)])
+    finally:
+        for audio in audios:
+            audio.close()
+
+
+def settle(relay, station):
+    """All of the flood that was received has been dealt with; the line that proves it is told
+    although thousands were refused just now."""
+
+    def is_told():
+        since = relay.log.mark()
+        station.audio(PROGRAM).register_raw(station.client_id, flags=8)
+        got = got_before_order_fence(relay.server, station)
+        return any(isinstance(one, Response) for one in got) and relay.log.mark() > since
+
+    wait_until(is_told, 20, "the end of the flood")
+
+
+def grown(relay, before):
+    """By how much memory and descriptors grew."""
+    return resident_bytes(relay) - before[0], relay.open_descriptors() - before[1]

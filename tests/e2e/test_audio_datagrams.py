@@ -1,0 +1,135 @@
+"""Which datagrams are passed on: those of a registered source, from its address, under its id, on
+its program, unchanged, whatever is in them; all others leave no trace."""
+
+from __future__ import annotations
+
+import os
+import random
+import struct
+
+import pytest
+from audio_tools import listening, on_air
+
+from lab import audio_wire
+from lab.addresses import new_address
+from lab.audio_socket import AudioSocket
+from lab.audio_stations import AudioSource
+from lab.messages import PIPE_AUDIO, PIPE_CAPTION
+
+
+@pytest.fixture
+def pair(relay, make_station, route):
+    """A source of programs 0 and 2 and a receiver of all."""
+    source = on_air(make_station, relay, [0, 2])
+    receiver = listening(make_station, relay, range(6))
+    route(relay, source, receiver, PIPE_AUDIO)
+    return source, receiver
+
+
+def _expect_only_the_last(source, receiver, program=0):
+    receiver.audio(program).expect(source.say(b"the last", program))
+    assert all(receiver.audio(one).receives_nothing(0.02) for one in range(6))
+
+
+def test_every_length_goes_out_unchanged(pair):
+    source, receiver = pair
+    for length in (0, 1, 2, 3, 15, 16, 17, 491, 492, 493, 1000, 1456, 2030, 2031, 2032):
+        payload = os.urandom(length)
+        receiver.audio(2).expect(source.say(payload, 2))
+
+
+@pytest.mark.parametrize("total", [2049, 2050, 4096, 65507])
+def test_more_than_2048_bytes_are_dropped_whole(pair, total):
+    source, receiver = pair
+    source.say(bytes(total - 16))
+    source.say(b"~" * (total - 16))
+    _expect_only_the_last(source, receiver)
+
+
+def test_every_byte_may_stand_in_front(pair):
+    """No type of message means anything here, a registration's neither without its end."""
+    source, receiver = pair
+    for number in range(256):
+        receiver.audio(0).expect(source.say(bytes([number]) + b"sound"))
+
+
+def test_what_stands_before_the_marked_id_does_not_matter(pair):
+    source, receiver = pair
+    datagram = b"\xff" * 12 + struct.pack("<I", source.client_id) + b"sound"
+    receiver.audio(0).expect(source.audio(0).send_raw(datagram))
+
+
+def test_from_another_address_nothing_is_passed_on(relay, pair):
+    source, receiver = pair
+    with AudioSocket(relay, 0, client_id=source.client_id, address=new_address()) as stranger:
+        stranger.send_burst([b"stranger"] * 20)
+    _expect_only_the_last(source, receiver)
+
+
+@pytest.mark.parametrize("marked_id", [0, 1, 2**31 - 1, 2**31, 2**31 + 7, 2**32 - 1])
+def test_an_unknown_id_is_nobody(pair, marked_id):
+    source, receiver = pair
+    source.audio(0).send_raw(audio_wire.audio_datagram(marked_id, b"whose?"))
+    _expect_only_the_last(source, receiver)
+
+
+def test_the_id_of_another_client_is_no_source(relay, make_station, route, pair):
+    """One that only listens, one that is not registered at all, one of another program."""
+    source, receiver = pair
+    mute, other = make_station(relay), on_air(make_station, relay, [3])
+    for one in (receiver, mute, other):
+        route(relay, one, receiver, PIPE_AUDIO)
+        source.audio(0).send_raw(audio_wire.audio_datagram(one.client_id, b"feigned"))
+    _expect_only_the_last(source, receiver)
+
+
+def test_a_program_that_is_not_sourced_is_not_passed_on(relay, pair):
+    source, receiver = pair
+    for program in (1, 3, 4, 5):
+        with AudioSocket(relay, program, client_id=source.client_id) as audio:
+            audio.send(b"unasked")
+    _expect_only_the_last(source, receiver, 2)
+
+
+def test_sound_before_the_registration_is_lost_and_does_no_harm(relay, make_station, route, server):
+    source, receiver = make_station(relay, AudioSource), listening(make_station, relay)
+    route(relay, source, receiver, PIPE_AUDIO)
+    source.open_audio(relay).send_burst([b"too early"] * 50)
+    source.go_on_air(relay, server.ticket_for)
+    receiver.audio(0).expect(source.say(b"in time"))
+
+
+def test_only_routes_of_audio_lead_anywhere(relay, make_station, route):
+    source, receiver = on_air(make_station, relay), listening(make_station, relay)
+    other = listening(make_station, relay)
+    route(relay, source, other, PIPE_CAPTION)
+    route(relay, source, receiver, PIPE_AUDIO)
+    receiver.audio(0).expect(source.say(b"sound"))
+    assert other.audio(0).receives_nothing(0.05)
+
+
+def test_noise_of_every_kind_passes_by(relay, pair):
+    """Thousands of random datagrams, many of them nearly right, at every program."""
+    source, receiver = pair
+    dice = random.Random(4711)
+    audios = [AudioSocket(relay, program, client_id=source.client_id) for program in range(6)]
+    ids = [0, source.client_id, receiver.client_id, 2**31, 2**32 - 1]
+    try:
+        for number in range(3000):
+            body = dice.randbytes(dice.choice([0, 1, 2, 9, 10, 20, 100, 508, 509, 2032, 2033]))
+            if number % 3 == 0:
+                # Not from a client's id: refusals would be told of.
+                body = b"\x13" + body[:-2] + b"~"
+                client_id = 77
+            else:
+                client_id = dice.choice(ids)
+            datagram = audio_wire.audio_datagram(client_id, body)
+            if number % 7 == 0:
+                datagram = datagram[: dice.randrange(20)]
+            audio = dice.choice([one for one in audios if one.program in (1, 3, 4, 5)])
+            audio.send_raw(datagram)
+    finally:
+        for audio in audios:
+            audio.close()
+    _expect_only_the_last(source, receiver)
+    _expect_only_the_last(source, receiver, 2)

@@ -1,0 +1,74 @@
+"""Datagrams that wait together are taken in one system call and leave in few."""
+
+from __future__ import annotations
+
+import time
+
+import pytest
+from audio_tools import listening, on_air
+
+from lab.messages import PIPE_AUDIO
+from lab.tracer import LoopTracer
+from lab.waiting import wait_until
+
+DATAGRAMS = 290
+RECEIVERS = 10
+#: The most that one call sends, and the most that one takes.
+SENT_AT_ONCE, TAKEN_AT_ONCE = 1024, 1000
+
+pytestmark = pytest.mark.skipif(not LoopTracer.supported(), reason="unknown kind of processor")
+
+
+@pytest.fixture
+def server(make_server):
+    """Nobody here sends heartbeats, which would cost calls of their own."""
+    return make_server(heartbeat_secs=60)
+
+
+@pytest.fixture
+def source(relay, make_station):
+    return on_air(make_station, relay, [1], heartbeats=False)
+
+
+@pytest.fixture
+def receivers(relay, make_station, route, source):
+    receivers = [listening(make_station, relay, [1], heartbeats=False) for _ in range(RECEIVERS)]
+    for receiver in receivers:
+        route(relay, source, receiver, PIPE_AUDIO)
+    warm_up = source.say(b"the route is looked up once", 1)
+    for receiver in receivers:
+        receiver.audio(1).expect(warm_up)
+    # Timers run in seconds that four divides.
+    wait_until(lambda: int(time.time()) % 4 == 1, 10, "a second without timers")
+    return receivers
+
+
+def test_a_datagram_takes_two_calls_whatever_its_receivers(relay, source, receivers):
+    with LoopTracer(relay.pid) as tracer:
+        sent = source.say(b"sound", 1)
+        calls = tracer.system_calls()
+    assert calls == ["recvmmsg", "sendmmsg"]
+    for receiver in receivers:
+        receiver.audio(1).expect(sent)
+
+
+def test_what_waits_together_leaves_together(relay, source, receivers):
+    """A call takes no more than 1024 from us, so a few are needed, and no other call at all."""
+    with LoopTracer(relay.pid) as tracer:
+        sent = [source.say(b"%06d" % number, 1) for number in range(DATAGRAMS)]
+        calls = tracer.system_calls()
+    assert calls.count("recvmmsg") == 1
+    assert calls.count("sendmmsg") == -(-DATAGRAMS * RECEIVERS // SENT_AT_ONCE)
+    assert set(calls) == {"recvmmsg", "sendmmsg"}
+    for receiver in receivers:
+        assert receiver.audio(1).receive_count(DATAGRAMS, 10) == sent
+
+
+def test_a_flow_takes_turns_with_everything_else(relay, source, receivers):
+    """Not more than a thousand datagrams are taken before others get their turn."""
+    with LoopTracer(relay.pid) as tracer:
+        for _ in range(TAKEN_AT_ONCE + 1):
+            source.audio(1).send_raw(bytes(16))
+        assert tracer.system_calls() == ["recvmmsg"]
+        assert tracer.system_calls() == ["recvmmsg"]
+        assert tracer.system_calls() == []
