@@ -111,24 +111,6 @@ TEST_F(Housekeeping, EveryTimerOfTheClientsRuns) {
     EXPECT_EQ(0, ctLooseClientTable.GetSize());
 }
 
-TEST_F(Housekeeping, TheStepsOfTheTailHaveTheirOrder) {
-    const Peer server = openLink();  // silent for long
-    const Peer handshaking = addHandshaking();
-    const Peer loose = addLooseClient();
-    const Peer talkative = addAuthClient(2);
-    const Peer idle = addAuthClient(1);
-    authClient(2).SetLastMessageTime(kBoundary);
-    authClient(2).IncrementTcpInputByteCounter(6000001);
-    passAt(kBoundary);
-    const std::vector<std::string> steps = {"abandoning connection with connserver",
-                                            "Dropping connect to client ID 1",
-                                            "SSL handshake timed out",
-                                            "Dropping client that has sent no login ticket",
-                                            "input TCP count on client 2 over limit",
-                                            "Load reporting"};
-    EXPECT_EQ(steps, partsInLogOrder(steps));
-}
-
 TEST_F(Housekeeping, NoStepOfTheTailRunsBetweenTicks) {
     const Peer handshaking = addHandshaking();
     const Peer loose = addLooseClient();
