@@ -1,7 +1,5 @@
 #include "relayserver/audio/udp_registration.h"
 
-#include <random>
-
 #include "base/clock.h"
 #include "base/ip_utils.h"
 #include "connserver/logging.h"
@@ -59,9 +57,9 @@ bool bTellRefusal() {
 
 void logZeroID(const AudioDatagram& datagram) {
     constexpr unsigned kOneInTen = 10;
-    static std::minstd_rand random;  // which of them is dumped does not matter
+    static unsigned nZeroIDs = 0;
     writeToLog(true, "client ID in relay connect message came back as zero\n");
-    if (random() % kOneInTen == 0) {
+    if (++nZeroIDs % kOneInTen == 0) {
         writeToLog(true, "full udp message contents:\n");
         printchars(datagram.achBytes, static_cast<int>(datagram.nLength));
     }

@@ -40,8 +40,9 @@ bool bHolds(std::uint64_t nKey, int fd, std::uint64_t nSerial) {
 /// Peers that came and went must not pile up.
 void sweepWhenMostlyStale() {
     constexpr size_t kAlwaysAllowed = 1024;
-    const auto nPeersAtMost = static_cast<size_t>(ctAuthClientTable.GetSize());
-    if (nNotes <= kAlwaysAllowed + 2 * RelayClient::kAudioPrograms * nPeersAtMost) {
+    constexpr size_t kAllowedPerClient = 2UL * RelayClient::kAudioPrograms;
+    const auto nClients = static_cast<size_t>(ctAuthClientTable.GetSize());
+    if (nNotes <= kAlwaysAllowed + kAllowedPerClient * nClients) {
         return;
     }
     nNotes = 0;
