@@ -113,7 +113,7 @@ class RelayClient {
     std::time_t ttLastTicketRequested = 0;  ///< when a ticket to it was last requested
     std::time_t ttOwnLoginSent = 0;         ///< when we logged in to it; 0: it logged in to us
     bool bUdpRegistrationOwed = false;      ///< we could not register with it for lack of a ticket
-    int nUdpRetries = 0;                    ///< how often that was tried again by itself
+    int nTicketRequests = 0;                ///< how many of them have followed each other
 
   private:
     std::array<bool, kAudioPrograms> bRcvAudio{};

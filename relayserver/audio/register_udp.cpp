@@ -22,9 +22,10 @@ constexpr unsigned kFlagReceives = 1;
 constexpr unsigned kFlagCallback = 2;
 constexpr unsigned kFlagSends = 4;
 
-/// Retries that follow each other by themselves; a request so long after the last one, which has
-/// another reason, may have them all again.
-constexpr int kMaxRetries = 3;
+/// Requests for a ticket that may follow each other. Two relays that call each other back, each
+/// refusing what comes too often, would give each other reasons for ever. A request so long after
+/// the last one has another reason, and may have as many behind it again.
+constexpr int kMaxRequests = 4;
 constexpr int kNewRoundSecs = 60;
 
 const Orvex::RequestCode rcUdpReg(2);
@@ -56,7 +57,7 @@ void sendFrom(const int (&sockets)[kAudioPrograms], int i, sockaddr_in siPeer, i
 void sendRegistrations(const RelayClient& otherRelay, int specificProgram,
                        const Orvex::RelayConnectNetMessage& rcnm) {
     // What a peer lets through is what comes first: each retry begins at the other end.
-    const bool bBackwards = otherRelay.nUdpRetries % 2 == 1;
+    const bool bBackwards = otherRelay.nTicketRequests != 0 && otherRelay.nTicketRequests % 2 == 0;
     const auto eachProgram = [&](const int(&sockets)[kAudioPrograms], int nPortOffset) {
         for (int nTurn = 0; nTurn < kAudioPrograms; ++nTurn) {
             const int i = bBackwards ? kAudioPrograms - 1 - nTurn : nTurn;
@@ -79,12 +80,25 @@ bool bRequestedLately(const RelayClient& otherRelay, std::time_t ttNow) {
     return dSince >= 0 && dSince < kTicketRequestSecs;  // not after the clock was set back
 }
 
+/// Whether there have been as many requests in a row as there may be.
+bool bRequestedOften(const RelayClient& otherRelay, std::time_t ttNow) {
+    const double dSince = std::difftime(ttNow, otherRelay.ttLastTicketRequested);
+    return otherRelay.nTicketRequests >= kMaxRequests && dSince >= 0 && dSince < kNewRoundSecs;
+}
+
+void countRequest(RelayClient& otherRelay, std::time_t ttNow) {
+    const double dSince = std::difftime(ttNow, otherRelay.ttLastTicketRequested);
+    const bool bNewRound = dSince > kNewRoundSecs || dSince < 0;
+    otherRelay.nTicketRequests = bNewRound ? 1 : otherRelay.nTicketRequests + 1;
+    otherRelay.ttLastTicketRequested = ttNow;
+}
+
 /// `otherRelay` may be gone afterwards.
 void requestTicket(RelayClient& otherRelay) {
     const int nPeerID = otherRelay.GetClientID();
     const std::time_t ttNow = nowSecs();
     otherRelay.bUdpRegistrationOwed = true;
-    if (bRequestedLately(otherRelay, ttNow)) {
+    if (bRequestedLately(otherRelay, ttNow) || bRequestedOften(otherRelay, ttNow)) {
         writeToLog(true, "last ticket request for udp reg to relay %d still pending\n", nPeerID);
         return;
     }
@@ -92,10 +106,7 @@ void requestTicket(RelayClient& otherRelay) {
     otherRelay.GetAddress(siPeer);
     writeToLog(true, "retrieving a new ticket for udp registration to client %d at %s\n", nPeerID,
                sDottedAddress(siPeer).c_str());
-    if (std::difftime(ttNow, otherRelay.ttLastTicketRequested) > kNewRoundSecs) {
-        otherRelay.nUdpRetries = 0;
-    }
-    otherRelay.ttLastTicketRequested = ttNow;
+    countRequest(otherRelay, ttNow);
     Orvex::TicketRequestNetMessage trnm(nPeerID, rcUdpReg);
     ForwardToCS(trnm);
 }
@@ -127,9 +138,8 @@ void retryOwedRegistrations(std::time_t ttNow) {
     }
     do {
         RelayClient& rClient = walk.current();
-        if (rClient.bUdpRegistrationOwed && rClient.nUdpRetries < kMaxRetries &&
+        if (rClient.bUdpRegistrationOwed && rClient.nTicketRequests < kMaxRequests &&
             !bRequestedLately(rClient, ttNow)) {
-            ++rClient.nUdpRetries;
             RegisterUdp(rClient, true, true, true, kAllPrograms);
         }
     } while (walk.bContinueTraverse());

@@ -24,6 +24,7 @@ from lab.keys import Certificate, write_certificate  # noqa: E402
 from lab.pytest_relay_log import pytest_runtest_makereport  # noqa: E402, F401
 from lab.relay import Relay  # noqa: E402
 from lab.relay_config import RelayConfig  # noqa: E402
+from lab.relay_network import RelayNetwork  # noqa: E402
 from lab.stations import Station  # noqa: E402
 
 #: How long a relay may take to start and log in, and to end.
@@ -166,6 +167,40 @@ def relay(make_relay: Callable[..., TestedRelay]) -> TestedRelay:
 def tls_relay(make_relay: Callable[..., TestedRelay]) -> TestedRelay:
     """Like `relay`, and it listens for TLS clients too."""
     return make_relay(tls=True)
+
+
+@pytest.fixture
+def make_network(cluster: Cluster) -> Iterator[Callable[..., RelayNetwork]]:
+    """Makes several relays at a connection server of their own, logged in:
+    `make_network("east", "west", fec=True)`. Options go to RelayNetwork."""
+    networks: list[RelayNetwork] = []
+
+    def make(*names: str, **options: object) -> RelayNetwork:
+        names = names or ("east", "west")
+        networks.append(RelayNetwork(cluster, names, make_relay=TestedRelay, **options))
+        return networks[-1].start()
+
+    yield make
+    with contextlib.ExitStack() as ends:
+        for network in networks:
+            ends.callback(_end_network, network)
+
+
+def _end_network(network: RelayNetwork) -> None:
+    """Ends a network, stations first, and judges each relay and the server."""
+    with contextlib.ExitStack() as ends:
+        ends.callback(network.close)
+        for station in network.stations:
+            station.close()
+        for node in network.nodes.values():
+            ends.callback(node.relay.end_and_judge)
+    assert network.server.problems == []
+
+
+@pytest.fixture
+def network(make_network: Callable[..., RelayNetwork]) -> RelayNetwork:
+    """The relays "east" and "west", not joined yet."""
+    return make_network()
 
 
 @pytest.fixture

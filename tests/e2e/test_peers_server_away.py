@@ -1,0 +1,74 @@
+"""The connection server goes away and comes back while two relays are joined."""
+
+from __future__ import annotations
+
+import pytest
+
+from lab.audio_stations import AudioReceiver, AudioSource
+from lab.audio_wire import PROGRAMS
+from lab.messages import PIPE_AUDIO, PIPE_CAPTION, ConnectConfirm, LostConnection
+from lab.stations import Captioner, Encoder
+
+
+@pytest.fixture(name="crossing")
+def fixture_crossing(network):
+    """Call it: a caption and a datagram of each program cross, both ways."""
+    network.join("east", "west", audio=True)
+    ways = []
+    for at, other in (("east", "west"), ("west", "east")):
+        captioner, source = network.station(Captioner, at=at), network.station(AudioSource, at=at)
+        encoder = network.station(Encoder, at=other)
+        receiver = network.station(AudioReceiver, at=other)
+        network.route(captioner, encoder, PIPE_CAPTION)
+        network.route(source, receiver, PIPE_AUDIO)
+        for program in PROGRAMS:
+            source.go_on_air(network[at].relay, network.known(at).ticket_for, program)
+            receiver.listen(network[other].relay, network.known(other).ticket_for, program)
+        ways.append((captioner, encoder, source, receiver))
+
+    def cross(text):
+        for captioner, encoder, source, receiver in ways:
+            captioner.caption(text)
+            assert encoder.receive_caption()[0] == text
+            for program in PROGRAMS:
+                receiver.audio(program).expect(source.say(text, program))
+
+    cross(b"before")
+    return cross
+
+
+@pytest.mark.parametrize("how", ["close", "reset"])
+def test_traffic_goes_on_without_the_server(network, crossing, how):
+    """And on its return each relay names all its clients, the other relay among them."""
+    server = network.server
+    clients = {name: set(network.known(name).clients) for name in ("east", "west")}
+    assert clients["west"] >= {1000}
+    network.stop_server(how)
+    for name in ("east", "west"):
+        network[name].log.expect("Lost connection to CS!")
+    for number in range(20):
+        crossing(b"without %d" % number)
+    since = server.mark()
+    network.start_server()
+    for name, peer_id in (("east", 1001), ("west", 1000)):
+        for client_id in {peer_id, *clients[name]}:
+            server.wait_for_type(ConnectConfirm, 10, since=since, relay=name, client_id=client_id)
+        network[name].log.expect("identifying all 5 currently connected clients to connserver")
+    assert server.messages_of(LostConnection, since) == []
+    crossing(b"behind")
+
+
+def test_a_peer_lost_meanwhile_is_reported_on_the_servers_return(network, crossing):
+    """The relay that stayed tells the loss, and an order joins the two again."""
+    server = network.server
+    network.stop_server()
+    network["east"].log.expect("Lost connection to CS!")
+    network.kill("west")
+    network["east"].log.expect("Connection lost to user 1001 at")
+    since, marks = server.mark(), network.mark()
+    network["west"].relay.start()
+    network.start_server()
+    server.wait_for_type(LostConnection, 20, since=since, relay="east", client_id=1001)
+    assert network.known("west").id == 1001
+    network.join("east", "west")
+    network.wait_audio_joined("east", "west", since=marks)

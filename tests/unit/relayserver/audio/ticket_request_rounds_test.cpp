@@ -1,0 +1,43 @@
+#include "base/clock.h"
+#include "relayserver/audio/register_udp.h"
+#include "tests/unit/relayserver/engine_fixture.h"
+
+namespace {
+
+/// Client 8 is a relay that refuses every ticket; a link is there to ask for others.
+class TicketRequests : public EngineTest {
+  protected:
+    TicketRequests() : relay(addAuthClient(8)), link(openLink()) {}
+
+    /// The relay gives a reason for a request each second; how many were sent.
+    size_t nSentWithin(int nSecs) const {
+        for (int i = 0; i < nSecs; ++i) {
+            advanceClockForTest(1);
+            (void)RegisterUdp(authClient(8), true, true, false, 0);
+            retryOwedRegistrations(nowSecs());
+        }
+        return link.images().size();
+    }
+
+    const Peer relay;
+    const Peer link;
+};
+
+TEST_F(TicketRequests, EndAfterTheFourthHoweverManyReasonsThereAre) {
+    EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
+    EXPECT_EQ(0U, nSentWithin(59));
+}
+
+TEST_F(TicketRequests, BeginAnewAMinuteAfterTheLast) {
+    EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
+    advanceClockForTest(60);
+    EXPECT_EQ(4U, nSentWithin(59));
+}
+
+TEST_F(TicketRequests, BeginAnewWhenTheClockWasSetBack) {
+    EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
+    advanceClockForTest(-3600);
+    EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
+}
+
+}  // namespace
