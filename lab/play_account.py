@@ -1,7 +1,7 @@
 """Compares what was sent with what arrived, and says where something is missing and for how long.
 
     account = compare(sent, arrived)
-    account.perfect, account.lost, account.gaps
+    account.good, account.lost, account.gaps
 """
 
 from __future__ import annotations
@@ -30,11 +30,6 @@ class Gap:
     began: float
     ended: float | None
 
-    @property
-    def secs(self) -> float | None:
-        """How long nothing came; None: it never came again."""
-        return None if self.ended is None else self.ended - self.began
-
 
 @dataclasses.dataclass(frozen=True)
 class Account:
@@ -58,16 +53,6 @@ class Account:
     def lost(self) -> int:
         """How many of the sent ones did not arrive, or not unchanged."""
         return sum(gap.lost for gap in self.gaps)
-
-    @property
-    def sound(self) -> bool:
-        """All that arrived is as it was sent, once, in order."""
-        return not (self.changed or self.repeated or self.out_of_order)
-
-    @property
-    def perfect(self) -> bool:
-        """Everything arrived, unchanged, once, in order. Never true of nothing."""
-        return self.sound and self.good == self.sent > 0
 
 
 class _Matcher:

@@ -31,6 +31,8 @@ class Fault(Protocol):
     """A fault by name."""
 
     name: str
+    #: Whether the relays need a second server to go to.
+    wants_backup: bool
     #: Whether an encoder more is needed, whose route is ordered only after the fault.
     wants_newcomer: bool
 
@@ -69,6 +71,7 @@ class ServerFault:
     whose orders have to take effect. Captions and audio go on all the time."""
 
     name = "cs"
+    wants_backup = True
     wants_newcomer = True
 
     def touches(self, at: str) -> bool:
@@ -78,16 +81,16 @@ class ServerFault:
         network = play.network
         play.wait_share(0.2)
         say("connserver", "is stopped: no relay has a connection server now")
-        watch = _Stopwatch(play, "link to the connection server while it was stopped")
+        watch = _Stopwatch(play, "the connection server, stopped and started again")
         network.stop_server()
         play.wait(_AWAY_SECS)
         say("connserver", "is started again")
         self._await_continued(play, watch, network.start_server)
         play.wait_share(0.55)
         say("connserver", f"goes for good; the backup at {network.backup.address} takes its place")
-        watch = _Stopwatch(play, "link to a connection server while it was replaced")
+        watch = _Stopwatch(play, "the connection server, replaced by another")
         self._await_continued(play, watch, network.replace_server)
-        play.route_newcomer("the backup server")
+        play.route_newcomer()
 
     @staticmethod
     def _await_continued(play: Play, watch: _Stopwatch, wait: Callable[[], object]) -> None:
@@ -106,6 +109,7 @@ class PeerFault:
     and gives it its routes, its stations come back. Nobody at the first relay notices."""
 
     name = "peer"
+    wants_backup = False
     wants_newcomer = False
 
     def touches(self, at: str) -> bool:
@@ -116,8 +120,8 @@ class PeerFault:
         play.wait_share(0.25)
         since = network.mark()
         say("west", "is killed")
-        watch = _Stopwatch(play, "relay west")
-        joined = _Stopwatch(play, "the joint of east and west")
+        watch = _Stopwatch(play, "relay west, killed and started again")
+        joined = _Stopwatch(play, "the connection of east and west")
         network.kill("west")
         play.wait(_AWAY_SECS)
         say("west", "is started again")
@@ -129,7 +133,7 @@ class PeerFault:
             lambda: network.wait_joined("east", "west", _JOINED_SECS, since=since)
         )
         if secs is not None:
-            say("connserver", f"has east and west joined again after {secs:.1f} s")
+            say("east", f"is joined to west again after {secs:.1f} s")
 
 
 class DatabaseFault:
@@ -137,6 +141,7 @@ class DatabaseFault:
     comes when the database is back has to take effect at once."""
 
     name = "db"
+    wants_backup = False
     wants_newcomer = True
 
     def touches(self, at: str) -> bool:
@@ -145,28 +150,27 @@ class DatabaseFault:
     def play(self, play: Play) -> None:
         play.wait_share(0.25)
         say("database", "is stopped")
-        watch = _Stopwatch(play, "PostgreSQL, as both relays see it")
+        watch = _Stopwatch(play, "PostgreSQL, stopped and started again")
         play.cluster.stop()
         self._let_relays_notice(play)
         play.wait(_AWAY_SECS)
         say("database", "is started again")
         play.cluster.start()
-        back = lambda: wait_until(lambda: self._all_connected(play), READY_SECS, "both are back")
-        secs = watch.wait_for(back)
+        secs = watch.wait_for(
+            lambda: wait_until(lambda: self._all_connected(play), READY_SECS, "both are back")
+        )
         if secs is not None:
             say("database", f"has both relays again after {secs:.1f} s")
-        play.route_newcomer("the connection server")
+        play.route_newcomer()
 
     @staticmethod
     def _let_relays_notice(play: Play) -> None:
         """A relay finds its database gone when it next needs it, and that order is lost: here it
         is one for chats, which nobody sends."""
         since = play.network.mark()
-        encoder = play.newcomer.client_id
+        chat = (play.cast.captioner.client_id, play.newcomer.client_id, messages.PIPE_CHAT)
         for name, node in play.network.nodes.items():
-            play.network.server.connect_route(
-                play.captioner.client_id, encoder, messages.PIPE_CHAT, name
-            )
+            play.network.server.connect_route(*chat, name)
             node.log.expect("Retrying connection to SQL", READY_SECS, since=since[name])
             say(name, "finds the database gone and goes on with the routes it remembers")
 

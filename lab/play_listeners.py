@@ -141,7 +141,6 @@ class Listener:
             raise
         return station
 
-
     def _ticket_for(self, client_id: int) -> bytes:
         return self._network.ticket_for(client_id, self.at)
 

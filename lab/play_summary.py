@@ -7,7 +7,7 @@ from collections.abc import Iterable, Iterator
 
 from lab.play_account import Account, Gap
 
-#: What arrives later than this after a fault was held up, though it was not lost.
+#: What comes this late in a run with a fault was interrupted, though it was not lost.
 HELD_UP_SECS = 3.0
 
 
@@ -16,7 +16,6 @@ class Flow:
     """One row of items as one listener had it."""
 
     listener: str
-    at: str
     name: str
     account: Account
     #: Whether the fault may interrupt it.
@@ -28,13 +27,14 @@ class Flow:
 
 @dataclasses.dataclass(frozen=True)
 class Interruption:
-    """Something else than a flow that a fault took away, and for how long; None: for good."""
+    """A part of the network that a fault took away, and for how long; None: for good."""
 
     what: str
     secs: float | None
 
     def __str__(self) -> str:
-        return f"{self.what}: " + ("for good" if self.secs is None else f"{self.secs:.1f} s")
+        away = "did not come back" if self.secs is None else f"whole again after {self.secs:.1f} s"
+        return f"{self.what}: {away}"
 
 
 @dataclasses.dataclass
@@ -43,7 +43,9 @@ class Outcome:
 
     #: The name of the fault, "" if there was none.
     fault: str = ""
-    #: What was sent, by name and count.
+    #: When the play began (monotonic seconds).
+    start: float = 0.0
+    #: How much of each flow was sent.
     sent: dict[str, int] = dataclasses.field(default_factory=dict)
     flows: list[Flow] = dataclasses.field(default_factory=list)
     interruptions: list[Interruption] = dataclasses.field(default_factory=list)
@@ -53,53 +55,57 @@ class Outcome:
     statuses: dict[str, int] = dataclasses.field(default_factory=dict)
 
 
+# -- judgement -----------------------------------------------------------------------------
+
+
 def complaints(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> list[str]:
     """Why a performance was no success; nothing for a good one."""
-    found = [f"no {name} were sent, the time is too short" for name, n in outcome.sent.items() if not n]
-    if not outcome.flows:
-        found.append("nobody listened")
+    found = [] if outcome.flows else ["nobody listened"]
+    limit = held_up_secs if outcome.fault else float("inf")
     for flow in outcome.flows:
-        if flow.account.sent:
-            limit = held_up_secs if outcome.fault else None
-            found += [f"{flow}: {words}" for words in _wrong_with(flow, limit)]
-        else:
-            found.append(f"{flow}: nothing was to be heard")
+        wrong = _wrong_when_touched if flow.touched else _wrong_when_untouched
+        found += [f"{flow}: {words}" for words in _wrong_with_any(flow.account)]
+        found += [f"{flow}: {words}" for words in wrong(flow.account, limit)]
     found += outcome.problems
-    found += [
-        f"relay {name} ended with status {status}"
-        for name, status in outcome.statuses.items()
-        if status != 0
-    ]
+    for name, status in outcome.statuses.items():
+        if status != 0:
+            found.append(f"relay {name} ended with status {status}")
     return found
 
 
-def _wrong_with(flow: Flow, held_up_secs: float | None) -> Iterator[str]:
-    account = flow.account
-    if not account.sound:
-        yield "something arrived CHANGED, TWICE OR IN ANOTHER ORDER"
-    if flow.touched:
-        if account.gaps and account.gaps[-1].ended is None:
-            yield "did NOT FLOW AGAIN"
-        elif len(account.gaps) > 1:
-            yield "was interrupted MORE THAN ONCE"
-        return
+def _wrong_with_any(account: Account) -> Iterator[str]:
+    if account.sent == 0:
+        yield "nothing was sent in so short a time"
+    if account.changed:
+        yield f"{account.changed} CHANGED"
+    if account.repeated:
+        yield f"{account.repeated} came TWICE"
+    if account.out_of_order:
+        yield f"{account.out_of_order} OUT OF ORDER"
+
+
+def _wrong_when_touched(account: Account, held_up_secs: float) -> Iterator[str]:
+    """One interruption is what the fault is there for."""
+    del held_up_secs
+    if account.gaps and account.gaps[-1].ended is None:
+        yield "did NOT FLOW AGAIN"
+    elif len(account.gaps) > 1:
+        yield f"was interrupted {len(account.gaps)} TIMES"
+
+
+def _wrong_when_untouched(account: Account, held_up_secs: float) -> Iterator[str]:
     if account.lost:
-        yield f"{account.lost} LOST"
-    if held_up_secs is not None and account.slowest_secs > held_up_secs:
+        yield f"{account.lost} LOST OR CHANGED"
+    if account.slowest_secs > held_up_secs:
         yield f"HELD UP for {account.slowest_secs:.1f} s"
-
-
-def is_good(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> bool:
-    """Whether the performance was a success."""
-    return not complaints(outcome, held_up_secs)
 
 
 # -- words ---------------------------------------------------------------------------------
 
 
 def lines(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> Iterator[str]:
-    """The summary."""
-    yield ", ".join(f"{count} {name}" for name, count in outcome.sent.items()) + " sent."
+    """The summary. The last line of a good one tells so."""
+    yield "Sent: " + ", ".join(f"{count} {_noun(name)}" for name, count in outcome.sent.items())
     yield from _table(outcome.flows)
     if outcome.fault:
         yield from _interrupted(outcome)
@@ -107,38 +113,42 @@ def lines(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> Iterator[str]
     if wrong:
         yield "This was NO SUCCESS:"
         yield from (f"  {words}" for words in wrong)
-    elif outcome.fault:
-        yield "All of it flowed again without anyone's help; what the fault does not touch lost nothing."
+    elif any(flow.account.gaps for flow in outcome.flows):
+        yield "All of it flowed again by itself; what the fault does not touch lost nothing."
     else:
         yield "Nothing was lost or changed."
 
 
+def _noun(flow: str) -> str:
+    return flow if flow == "captions" else f"datagrams of {flow}"
+
+
 def _table(flows: Iterable[Flow]) -> Iterator[str]:
-    yield f"{'':<22}{'awaited':>9}{'unchanged':>11}{'lost':>7}{'changed':>9}{'odd':>5}{'slowest':>10}"
+    heads = ("awaited", "unchanged", "lost", "changed", "twice", "misplaced", "slowest")
+    yield f"{'':<20}" + "".join(f"{head:>11}" for head in heads)
     for flow in flows:
         one = flow.account
-        odd = one.repeated + one.out_of_order
-        # What is changed is not there as it was: it counts as lost too.
-        yield (
-            f"{str(flow):<22}{one.sent:>9}{one.good:>11}{one.lost:>7}{one.changed:>9}{odd:>5}"
-            f"{one.slowest_secs * 1000:>7.0f} ms"
-        )
+        # What came changed counts as lost too: what was sent in its place did not come.
+        counts = (one.sent, one.good, one.lost, one.changed, one.repeated, one.out_of_order)
+        slowest = f"{one.slowest_secs * 1000:.0f} ms"
+        yield f"{str(flow):<20}" + "".join(f"{cell:>11}" for cell in (*counts, slowest))
 
 
 def _interrupted(outcome: Outcome) -> Iterator[str]:
     yield "What was interrupted:"
     for interruption in outcome.interruptions:
         yield f"  {interruption}"
-    none = True
-    for flow in outcome.flows:
-        for gap in flow.account.gaps:
-            none = False
-            yield f"  {flow}: {_gap_words(gap)}"
-    if none:
+    gaps = [(flow, gap) for flow in outcome.flows for gap in flow.account.gaps]
+    for flow, gap in gaps:
+        yield f"  {flow}: {_gap_words(gap, outcome.start)}"
+    if not gaps:
         yield "  no caption and no datagram"
 
 
-def _gap_words(gap: Gap) -> str:
-    if gap.secs is None:
-        return f"{gap.lost} lost, and it never flowed again"
-    return f"{gap.lost} lost, nothing for {gap.secs:.1f} s"
+def _gap_words(gap: Gap, start: float) -> str:
+    if gap.ended is None:
+        return f"{gap.lost} lost from second {gap.began - start:.1f} on, to the end"
+    return (
+        f"{gap.lost} lost, nothing came for {gap.ended - gap.began:.1f} s, "
+        f"again from second {gap.ended - start:.1f} on"
+    )

@@ -45,7 +45,7 @@ def run(seconds: float, tls: bool, fault: str, binary: Path) -> bool:
             outcome = play.perform()
             held_up_secs = patient(play_summary.HELD_UP_SECS)
             print("", *play_summary.lines(outcome, held_up_secs), sep="\n")
-            good = play_summary.is_good(outcome, held_up_secs)
+            good = not play_summary.complaints(outcome, held_up_secs)
         except (AssertionError, OSError) as error:
             print(f"\nThe demonstration failed: {error}")
         if not good:
