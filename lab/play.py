@@ -147,7 +147,7 @@ class Play:
         try:
             action()
         except (OSError, AssertionError) as error:
-            self.outcome.problems.append(f"{what}: {error}")
+            self.outcome.note_problem(what, error)
 
     # -- after -----------------------------------------------------------------------------
 

@@ -61,7 +61,7 @@ class _Stopwatch:
             wait()
         except LabTimeout as error:
             self._play.outcome.interruptions.append(Interruption(self._what, None))
-            self._play.outcome.problems.append(f"{self._what}: {error}")
+            self._play.outcome.note_problem(self._what, error)
             return None
         return self.stop()
 

@@ -54,6 +54,11 @@ class Outcome:
     #: The exit status of each relay.
     statuses: dict[str, int] = dataclasses.field(default_factory=dict)
 
+    def note_problem(self, what: str, error: Exception) -> None:
+        """Notes what failed, without the logs that the lab's errors bring along."""
+        words = str(error).splitlines() or [type(error).__name__]
+        self.problems.append(f"{what}: {words[0]}")
+
 
 # -- judgement -----------------------------------------------------------------------------
 
