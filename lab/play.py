@@ -22,12 +22,13 @@ from lab.play_screen import say
 from lab.play_speakers import CaptionSpeaker
 from lab.play_summary import Flow, Outcome
 from lab.relay_network import RelayNetwork
-from lab.waiting import Deadline, patient
+from lab.waiting import Deadline, LabTimeout, patient
 
 #: The first one has captioner and source, the second one is the one that a fault kills.
 RELAYS = ("east", "west")
-#: How long a run may take beyond its time until everything flows again after a fault: relays
-#: that join may need more than one period of the limit on log-ins until all audio is registered.
+#: Relays that join may need several periods of the limit on log-ins until all audio is registered.
+_JOIN_SECS = 60.0
+#: How long a run may take beyond its time until everything flows again after a fault.
 _MORE_SECS = 40.0
 #: How long it has to be seen to flow then.
 _AFTER_SECS = 3.0
@@ -108,15 +109,17 @@ class Play:
     def _join(self) -> None:
         opener, peer = RELAYS
         say("connserver", f"ordered {opener} to join {peer}")
-        start = time.monotonic()
-        self.network.join(opener, peer, keep=True, audio=True)
+        start, since = time.monotonic(), self.network.mark()
+        self.network.join(opener, peer, keep=True)
+        self.network.wait_audio_joined(opener, peer, _JOIN_SECS, since=since)
         secs = time.monotonic() - start
         say(opener, f"is joined to {peer}, all audio programs registered, after {secs:.1f} s")
 
     # -- the play --------------------------------------------------------------------------
 
     def _play(self) -> None:
-        longest = self._seconds + 2 * patient(_MORE_SECS)
+        # Only a fault may make it longer.
+        longest = self._seconds + (2 * patient(_MORE_SECS) if self._fault is not None else 0)
         self._captions = CaptionSpeaker(self.cast.captioner, longest)
         self._clip = ClipPlayer(self.cast.source.audio(PROGRAM), seconds=longest, fec=True)
         self.outcome.start = time.monotonic()
@@ -125,7 +128,9 @@ class Play:
         try:
             self._captions.start()
             self._clip.start()
-            if self._fault is not None:
+            if self._fault is None:
+                self._try("source", self._clip.finish)
+            else:
                 self._fault.play(self)
                 self._wait_until_all_flows()
             self.wait_share(1)
@@ -163,7 +168,11 @@ class Play:
 
     def _stop_relay(self, name: str) -> None:
         relay = self.network[name].relay
-        status = relay.stop()
+        try:
+            status = relay.stop()
+        except LabTimeout:
+            relay.kill()
+            raise
         say(name, f"ended with status {status}")
         self.outcome.statuses[name] = status
         self.outcome.problems += [f"relay {name}: {line}" for line in relay.sanitizer_reports()]

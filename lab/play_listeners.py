@@ -116,8 +116,8 @@ class Listener:
         self._station.close()
 
     def _come_back(self) -> bool:
-        """Tries until it works; false when it is told to stop."""
-        while not self._stop.wait(_RETRY_SECS):
+        """Tries until it works; false when there is nothing to come back to."""
+        while not self._stop.wait(_RETRY_SECS) and not self._ending:
             try:
                 self._station = self._log_in_again()
             except (OSError, AssertionError):
