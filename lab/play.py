@@ -128,15 +128,16 @@ class Play:
         try:
             self._captions.start()
             self._clip.start()
-            if self._fault is None:
-                self._try("source", self._clip.finish)
-            else:
+            if self._fault is not None:
                 self._fault.play(self)
                 self._wait_until_all_flows()
             self.wait_share(1)
+            if self._fault is None:
+                # Its last packet may be due a little later than our own time is over.
+                self._try("source", self._clip.finish)
         finally:
-            self._try("captioner", self._captions.stop)
-            self._try("source", self._clip.stop)
+            for who, speaker in (("captioner", self._captions), ("source", self._clip)):
+                self._try(who, speaker.stop)
 
     def _wait_until_all_flows(self) -> None:
         """Returns in vain after a while: the summary then tells what does not flow."""

@@ -55,9 +55,11 @@ class Outcome:
     statuses: dict[str, int] = dataclasses.field(default_factory=dict)
 
     def note_problem(self, what: str, error: Exception) -> None:
-        """Notes what failed, without the logs that the lab's errors bring along."""
+        """Notes what failed, once, without the logs that the lab's errors bring along."""
         words = str(error).splitlines() or [type(error).__name__]
-        self.problems.append(f"{what}: {words[0]}")
+        problem = f"{what}: {words[0]}"
+        if problem not in self.problems:
+            self.problems.append(problem)
 
 
 # -- judgement -----------------------------------------------------------------------------
