@@ -129,7 +129,7 @@ class Play:
             self._captions.start()
             self._clip.start()
             if self._fault is not None:
-                self._fault.play(self)
+                self._try("the fault", lambda: self._fault.play(self))
                 self._wait_until_all_flows()
             self.wait_share(1)
             if self._fault is None:

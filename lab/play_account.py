@@ -22,12 +22,15 @@ class Item(NamedTuple):
 
 @dataclasses.dataclass(frozen=True)
 class Gap:
-    """Items sent one after the other that did not arrive. `began`: the arrival of the one before
-    them, or when the first of them was sent if nothing came before; `ended`: the arrival of the
-    one after them, None if nothing came any more."""
+    """Items sent one after the other that did not arrive. Times are monotonic seconds."""
 
     lost: int
+    #: When the one before them was sent (minus infinity if there is none), and the first of them.
+    sent_before: float
+    sent_from: float
+    #: The arrival of the one before them, or `sent_from` if there is none.
     began: float
+    #: The arrival of the one after them; None if nothing came any more.
     ended: float | None
 
 
@@ -109,7 +112,9 @@ def _gaps(sent: list[Item], came_at: dict[int, float], first: int) -> list[Gap]:
         if missing and start is None:
             start = index
         elif not missing and start is not None:
-            began = came_at.get(start - 1, sent[start].at)
-            gaps.append(Gap(index - start, began, came_at.get(index)))
+            sent_from = sent[start].at
+            sent_before = sent[start - 1].at if start else float("-inf")
+            began = came_at.get(start - 1, sent_from)
+            gaps.append(Gap(index - start, sent_before, sent_from, began, came_at.get(index)))
             start = None
     return gaps

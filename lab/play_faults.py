@@ -122,6 +122,7 @@ class PeerFault:
         say("west", "is killed")
         watch = _Stopwatch(play, "relay west, killed and started again")
         joined = _Stopwatch(play, "the connection of east and west")
+        play.outcome.struck = time.monotonic()
         network.kill("west")
         play.wait(_AWAY_SECS)
         say("west", "is started again")

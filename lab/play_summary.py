@@ -9,6 +9,8 @@ from lab.play_account import Account, Gap
 
 #: What comes this late in a run with a fault was interrupted, though it was not lost.
 HELD_UP_SECS = 3.0
+#: What was sent this long before or after a fault struck may still arrive or be lost by it.
+_STRIKING_SECS = 2.0
 
 
 @dataclasses.dataclass(frozen=True)
@@ -45,6 +47,8 @@ class Outcome:
     fault: str = ""
     #: When the play began (monotonic seconds).
     start: float = 0.0
+    #: When the fault struck what it touches.
+    struck: float = 0.0
     #: How much of each flow was sent.
     sent: dict[str, int] = dataclasses.field(default_factory=dict)
     flows: list[Flow] = dataclasses.field(default_factory=list)
@@ -70,9 +74,12 @@ def complaints(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> list[str
     found = [] if outcome.flows else ["nobody listened"]
     limit = held_up_secs if outcome.fault else float("inf")
     for flow in outcome.flows:
-        wrong = _wrong_when_touched if flow.touched else _wrong_when_untouched
-        found += [f"{flow}: {words}" for words in _wrong_with_any(flow.account)]
-        found += [f"{flow}: {words}" for words in wrong(flow.account, limit)]
+        wrong = [*_wrong_with_any(flow.account)]
+        if flow.touched:
+            wrong += _wrong_when_touched(flow.account, outcome.struck)
+        else:
+            wrong += _wrong_when_untouched(flow.account, limit)
+        found += [f"{flow}: {words}" for words in wrong]
     found += outcome.problems
     for name, status in outcome.statuses.items():
         if status != 0:
@@ -91,13 +98,19 @@ def _wrong_with_any(account: Account) -> Iterator[str]:
         yield f"{account.out_of_order} OUT OF ORDER"
 
 
-def _wrong_when_touched(account: Account, held_up_secs: float) -> Iterator[str]:
-    """One interruption is what the fault is there for."""
-    del held_up_secs
-    if account.gaps and account.gaps[-1].ended is None:
+def _wrong_when_touched(account: Account, struck: float) -> Iterator[str]:
+    """One interruption is what the fault is there for, if it begins when the fault strikes."""
+    if not account.gaps:
+        return
+    first, last = account.gaps[0], account.gaps[-1]
+    if last.ended is None:
         yield "did NOT FLOW AGAIN"
     elif len(account.gaps) > 1:
         yield f"was interrupted {len(account.gaps)} TIMES"
+    if first.sent_from < struck - _STRIKING_SECS:
+        yield "was interrupted BEFORE THE FAULT"
+    elif first.sent_before > struck + _STRIKING_SECS:
+        yield "was interrupted LONG AFTER THE FAULT"
 
 
 def _wrong_when_untouched(account: Account, held_up_secs: float) -> Iterator[str]:

@@ -6,6 +6,7 @@ import pytest
 
 from lab.play_account import Gap, Item, compare
 
+NEVER = float("-inf")
 SENT = [Item(float(second), b"%d" % second) for second in range(6)]
 
 
@@ -24,12 +25,12 @@ def test_all_that_arrives_unchanged_and_in_order_is_good():
 @pytest.mark.parametrize(
     ("arrived", "gaps"),
     [
-        ((0, 1, 4, 5), [Gap(2, 1.25, 4.25)]),
-        ((0, 2, 4, 5), [Gap(1, 0.25, 2.25), Gap(1, 2.25, 4.25)]),
-        ((2, 3, 4, 5), [Gap(2, 0.0, 2.25)]),
-        ((0, 1, 2), [Gap(3, 2.25, None)]),
-        ((0, 2), [Gap(1, 0.25, 2.25), Gap(3, 2.25, None)]),
-        ((), [Gap(6, 0.0, None)]),
+        ((0, 1, 4, 5), [Gap(2, 1.0, 2.0, 1.25, 4.25)]),
+        ((0, 2, 4, 5), [Gap(1, 0.0, 1.0, 0.25, 2.25), Gap(1, 2.0, 3.0, 2.25, 4.25)]),
+        ((2, 3, 4, 5), [Gap(2, NEVER, 0.0, 0.0, 2.25)]),
+        ((0, 1, 2), [Gap(3, 2.0, 3.0, 2.25, None)]),
+        ((0, 2), [Gap(1, 0.0, 1.0, 0.25, 2.25), Gap(3, 2.0, 3.0, 2.25, None)]),
+        ((), [Gap(6, NEVER, 0.0, 0.0, None)]),
     ],
 )
 def test_a_gap_lasts_from_the_arrival_before_to_the_arrival_after(arrived, gaps):
@@ -63,7 +64,7 @@ def test_what_overtakes_another_is_out_of_order():
 def test_the_clip_repeats_itself_and_an_arrival_is_of_the_latest_round():
     sent = [Item(float(second), b"%d" % (second % 2)) for second in range(6)]
     account = compare(sent, [Item(0.1, b"0"), Item(4.1, b"0"), Item(5.1, b"1")])
-    assert account.gaps == (Gap(3, 0.1, 4.1),)
+    assert account.gaps == (Gap(3, 0.0, 1.0, 0.1, 4.1),)
     assert account.slowest_secs == pytest.approx(0.1)
 
 
@@ -71,7 +72,7 @@ def test_who_comes_late_need_not_have_what_was_sent_before_and_may():
     account = compare(SENT, later(2, 3, 4, 5), awaited_from=2.5)
     assert (account.sent, account.good, account.changed, account.gaps) == (3, 3, 0, ())
     account = compare(SENT, later(5), awaited_from=2.5)
-    assert (account.sent, account.good, account.gaps) == (3, 1, (Gap(2, 3.0, 5.25),))
+    assert (account.sent, account.good, account.gaps) == (3, 1, (Gap(2, 2.0, 3.0, 3.0, 5.25),))
     assert compare(SENT, [], awaited_from=float("inf")).sent == 0
 
 

@@ -13,16 +13,16 @@ from lab.waiting import LabTimeout
 GOOD = Account(
     sent=10, good=10, changed=0, repeated=0, out_of_order=0, gaps=(), slowest_secs=0.002
 )
-ONCE = dataclasses.replace(GOOD, good=8, gaps=(Gap(2, 101.0, 104.5),))
-TWICE = dataclasses.replace(ONCE, good=7, gaps=(*ONCE.gaps, Gap(1, 105.0, 106.0)))
-FOR_GOOD = dataclasses.replace(GOOD, good=8, gaps=(Gap(2, 101.0, None),))
+ONCE = dataclasses.replace(GOOD, good=8, gaps=(Gap(2, 100.9, 102.0, 101.0, 104.5),))
+TWICE = dataclasses.replace(ONCE, good=7, gaps=(*ONCE.gaps, Gap(1, 104.4, 105.2, 105.0, 106.0)))
+FOR_GOOD = dataclasses.replace(GOOD, good=8, gaps=(Gap(2, 100.9, 102.0, 101.0, None),))
 
 
 def outcome(account=GOOD, *, fault="", touched=False, **values):
     flows = [Flow("encoder 1", "captions", GOOD), Flow("encoder 2", "captions", account, touched)]
-    return Outcome(
-        fault, 100.0, {"captions": 10, "sound": 9}, flows, statuses={"east": 0, "west": 0}, **values
-    )
+    sent, statuses = {"captions": 10, "sound": 9}, {"east": 0, "west": 0}
+    values = {"start": 100.0, "struck": 101.5, "statuses": statuses, **values}
+    return Outcome(fault, sent=sent, flows=flows, **values)
 
 
 def test_nothing_lost_and_nothing_changed_is_a_success_and_is_said():
@@ -77,6 +77,21 @@ def test_who_is_touched_may_be_interrupted_once():
 def test_who_is_touched_has_everything_before_and_after(account, words):
     touched = outcome(account, fault="peer", touched=True)
     assert complaints(touched) == [f"encoder 2, captions: {words}"]
+
+
+@pytest.mark.parametrize(
+    ("struck", "words"),
+    [
+        (100.0, []),
+        (98.5, ["LONG AFTER THE FAULT"]),
+        (104.0, []),
+        (104.5, ["BEFORE THE FAULT"]),
+    ],
+)
+def test_the_interruption_has_to_be_the_fault_s(struck, words):
+    touched = outcome(ONCE, fault="peer", touched=True, struck=struck)
+    said = [f"encoder 2, captions: was interrupted {one}" for one in words]
+    assert complaints(touched) == said
 
 
 def test_what_never_comes_again_is_said_to_be_missing_to_the_end():
