@@ -1,7 +1,7 @@
 """A network in a box: everything a relay talks to, in Python, on loopback addresses.
 
 The wire protocol is written here a second time, independently of the C++ sources, so that the
-two implementations check each other. Nothing in this package prints except lab.run.
+two implementations check each other. Nothing in this package prints except lab.run and lab.play_screen.
 
     wire, messages      images, frames, fields, datagrams; one dataclass per message type
     tickets, keys       log-in tickets, the encrypted log-in, RSA keys, TLS certificates
@@ -24,5 +24,9 @@ two implementations check each other. Nothing in this package prints except lab.
                         joined relays (relay_nodes), whose logs join_log reads
     addresses, waiting  loopback addresses and free ports; waits with deadlines
     pytest_relay_log    shows relay logs when a test fails
-    run                 the demonstration behind ./dev run
+    run                 the command line of ./dev run; play: its performance
+    play_cast           who takes part; play_speakers, play_listeners: what they do
+    play_faults         what breaks in the middle
+    play_account        compares what was sent with what arrived; play_summary judges it
+    play_screen         shows what happens
 """

@@ -74,6 +74,7 @@ class ClipPlayer:
         self.worst_lateness_secs = 0.0
         self._channels = audio_wire.CHANNELS if fec else audio_wire.CHANNELS[:1]
         self._sent: dict[int, list[bytes]] = {channel: [] for channel in audio_wire.CHANNELS}
+        self._times: list[float] = []
         self._stop = threading.Event()
         self._thread: threading.Thread | None = None
         self._error: Exception | None = None
@@ -81,6 +82,10 @@ class ClipPlayer:
     def sent(self, channel: int = 0) -> list[bytes]:
         """The datagrams sent so far on a channel, in order."""
         return list(self._sent[channel])
+
+    def times(self) -> list[float]:
+        """When each packet sent so far went out, on all its channels (monotonic seconds)."""
+        return list(self._times)
 
     # -- playing ---------------------------------------------------------------------------
 
@@ -93,6 +98,7 @@ class ClipPlayer:
                 return
             lateness = time.monotonic() - start - cue.at
             self.worst_lateness_secs = max(self.worst_lateness_secs, lateness)
+            self._times.append(time.monotonic())
             for channel, payload in self._payloads(number):
                 datagram = audio_wire.audio_datagram(self.audio.client_id, payload)
                 # Noted first: whoever hears it finds it here.

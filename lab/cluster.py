@@ -47,6 +47,16 @@ def _as_postgres() -> list[str]:
     return prefix
 
 
+def _see_to_its_end(process: subprocess.Popen[bytes]) -> None:
+    """Waits for a process that is not wanted any more: killed at once, it would leave helpers
+    that go on writing into the folder that we remove."""
+    try:
+        process.communicate(timeout=patient(10))
+    except subprocess.TimeoutExpired:
+        os.killpg(process.pid, signal.SIGKILL)
+        process.communicate()
+
+
 def _free_port() -> int:
     with socket.socket() as probe:
         probe.bind((HOST, 0))
@@ -154,17 +164,22 @@ class Cluster:
             *_as_postgres(), str(BIN / "initdb"), "-D", str(self._folder / "data"), "-U", USER,
             "--auth=trust", "--no-sync", "--encoding=UTF8", "--locale=C.UTF-8",
         ]  # fmt: skip
-        done = subprocess.run(
+        # A session of its own: Ctrl-C at our terminal would leave its helpers at work.
+        process = subprocess.Popen(
             command,
             cwd=self._folder,
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
-            timeout=patient(60),
-            check=False,
+            start_new_session=True,
         )
-        if done.returncode != 0:
-            raise RuntimeError(f"initdb failed: {done.stdout.decode(errors='replace')}")
+        try:
+            output = process.communicate(timeout=patient(60))[0]
+        except BaseException:
+            _see_to_its_end(process)
+            raise
+        if process.returncode != 0:
+            raise RuntimeError(f"initdb failed: {output.decode(errors='replace')}")
 
     def _launch(self) -> None:
         """Starts the server; the first time, another port is tried when ours was taken."""

@@ -5,7 +5,7 @@ from __future__ import annotations
 import pytest
 
 from lab import cea608, scc
-from lab.run import CLIP, schedule
+from lab.play_speakers import CLIP, schedule
 
 
 def test_the_clip_is_sound_and_reads_as_text():

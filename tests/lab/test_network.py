@@ -1,4 +1,4 @@
-"""The network in a box around a relay in miniature, and the demonstration built on it."""
+"""The network in a box around a relay in miniature."""
 
 from __future__ import annotations
 
@@ -7,7 +7,6 @@ import signal
 import subprocess
 import sys
 from pathlib import Path
-from types import SimpleNamespace
 
 import pytest
 
@@ -16,7 +15,6 @@ from lab.cluster import Cluster
 from lab.network import Network
 from lab.relay import Relay
 from lab.relay_config import RelayConfig
-from lab.run import judge
 from lab.stations import Captioner, Encoder, Monitor, video_pages
 from lab.waiting import LabTimeout
 
@@ -130,64 +128,3 @@ def test_video_pages_join_to_the_frame_again():
     assert Pages(list(pages)).receive_video() == (7, frame)
     with pytest.raises(AssertionError):
         Pages(list(pages[1:])).receive_video()
-
-
-def demonstrate(seconds, *options, fault="", kill_after=""):
-    child = subprocess.Popen(
-        [sys.executable, "-m", "lab.run", "--binary", FAKE, "--seconds", str(seconds), *options],
-        cwd=HERE.parents[1],
-        env={**os.environ, "FAKE_RELAY_FAULT": fault},
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        text=True,
-    )
-    shown = ""
-    if kill_after:
-        for line in child.stdout:
-            shown += line
-            if kill_after in line:
-                child.send_signal(signal.SIGINT)
-                break
-    shown += child.communicate(timeout=90)[0]
-    return child.returncode, shown
-
-
-@pytest.mark.parametrize("options", [(), ("--tls",)])
-def test_the_demonstration_succeeds_when_every_caption_arrives(options):
-    status, shown = demonstrate(1, *options)
-    assert status == 0, shown
-    assert "1 captions sent." in shown
-    assert "encoder 1: 1 received, 1 of them unchanged, in order." in shown
-    assert "Nothing was lost or changed." in shown
-
-
-def test_the_demonstration_fails_when_a_caption_is_changed():
-    status, shown = demonstrate(4, fault="change")
-    assert status == 1 and "LOST OR CHANGED" in shown
-
-
-@pytest.mark.parametrize(
-    ("got", "error", "good"),
-    [
-        ([b"a", b"b"], "", True),
-        ([b"a"], "", False),
-        ([b"b", b"a"], "", False),
-        ([b"a", b"b", b"b"], "", False),
-        ([b"a", b"b"], "broken", False),
-    ],
-)
-def test_only_the_same_captions_in_the_same_order_are_good(got, error, good):
-    encoder = SimpleNamespace(name="encoder", captions=got)
-    viewer = SimpleNamespace(encoder=encoder, error=error)
-    assert judge([b"a", b"b"], [viewer]) == good
-    assert not judge([], [])
-
-
-def test_the_demonstration_fails_when_the_relay_ends_badly():
-    status, shown = demonstrate(1, fault="status")
-    assert status == 1 and "ended with status 3" in shown
-
-
-def test_the_demonstration_leaves_in_order_when_interrupted():
-    status, shown = demonstrate(60, kill_after="reads")
-    assert status == 130 and "everything is taken down" in shown

@@ -1,0 +1,187 @@
+"""What `--fault` does to the network in the middle of a performance.
+
+Each fault is played in the main thread (processes live only as long as the thread that started
+them) and returns when what it broke is whole again, as far as the network tells; whether captions
+and audio flow is judged from what arrived.
+"""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Callable
+from typing import TYPE_CHECKING, Protocol
+
+from lab import messages
+from lab.play_screen import say
+from lab.play_summary import Interruption
+from lab.relay_nodes import READY_SECS
+from lab.waiting import LabTimeout, wait_until
+
+if TYPE_CHECKING:
+    from lab.play import Play
+
+#: A shorter run leaves no time before the fault for anything to be seen.
+LEAST_SECS = 10.0
+#: How long the server, the relay or the database stays away.
+_AWAY_SECS = 3.0
+_JOINED_SECS = 30.0
+
+
+class Fault(Protocol):
+    """A fault by name."""
+
+    name: str
+    #: Whether the relays need a second server to go to.
+    wants_backup: bool
+    #: Whether an encoder more is needed, whose route is ordered only after the fault.
+    wants_newcomer: bool
+
+    def touches(self, at: str) -> bool:
+        """Whether listeners at a relay may lose something."""
+
+    def play(self, play: Play) -> None:
+        """Does it; notes in the outcome what was away for how long."""
+
+
+class _Stopwatch:
+    """Notes how long something was away."""
+
+    def __init__(self, play: Play, what: str) -> None:
+        self._play, self._what = play, what
+        self._began = time.monotonic()
+
+    def stop(self) -> float:
+        secs = time.monotonic() - self._began
+        self._play.outcome.interruptions.append(Interruption(self._what, secs))
+        return secs
+
+    def wait_for(self, wait: Callable[[], object]) -> float | None:
+        """How long it took until `wait` was over; None, and noted as a failure, if in vain."""
+        try:
+            wait()
+        except LabTimeout as error:
+            self._play.outcome.interruptions.append(Interruption(self._what, None))
+            self._play.outcome.note_problem(self._what, error)
+            return None
+        return self.stop()
+
+
+class ServerFault:
+    """The connection server stops, comes back with its sessions, and is replaced by a backup,
+    whose orders have to take effect. Captions and audio go on all the time."""
+
+    name = "cs"
+    wants_backup = True
+    wants_newcomer = True
+
+    def touches(self, at: str) -> bool:
+        return False
+
+    def play(self, play: Play) -> None:
+        network = play.network
+        play.wait_share(0.2)
+        say("connserver", "is stopped: no relay has a connection server now")
+        watch = _Stopwatch(play, "the connection server, stopped and started again")
+        network.stop_server()
+        play.wait(_AWAY_SECS)
+        say("connserver", "is started again")
+        self._await_continued(play, watch, network.start_server)
+        play.wait_share(0.55)
+        say("connserver", f"goes for good; the backup at {network.backup.address} takes its place")
+        watch = _Stopwatch(play, "the connection server, replaced by another")
+        self._await_continued(play, watch, network.replace_server)
+        play.route_newcomer()
+
+    @staticmethod
+    def _await_continued(play: Play, watch: _Stopwatch, wait: Callable[[], object]) -> None:
+        secs = watch.wait_for(wait)
+        if secs is None:
+            return
+        say("connserver", f"has both relays again after {secs:.1f} s")
+        for name in play.network.nodes:
+            function = play.network.known(name).login.function
+            if function != "CONTINUE":
+                play.outcome.problems.append(f"{name} came back with a new session ({function})")
+
+
+class PeerFault:
+    """The second relay is killed and started again; the server joins it to the first one again
+    and gives it its routes, its stations come back. Nobody at the first relay notices."""
+
+    name = "peer"
+    wants_backup = False
+    wants_newcomer = False
+
+    def touches(self, at: str) -> bool:
+        return at == "west"
+
+    def play(self, play: Play) -> None:
+        network = play.network
+        play.wait_share(0.25)
+        since = network.mark()
+        say("west", "is killed")
+        watch = _Stopwatch(play, "relay west, killed and started again")
+        joined = _Stopwatch(play, "the connection of east and west")
+        play.outcome.struck = time.monotonic()
+        network.kill("west")
+        play.wait(_AWAY_SECS)
+        say("west", "is started again")
+        secs = watch.wait_for(lambda: network.restart("west"))
+        if secs is None:
+            return
+        say("west", f"is logged in again after {secs:.1f} s")
+        secs = joined.wait_for(
+            lambda: network.wait_joined("east", "west", _JOINED_SECS, since=since)
+        )
+        if secs is not None:
+            say("east", f"is joined to west again after {secs:.1f} s")
+
+
+class DatabaseFault:
+    """PostgreSQL stops and comes back. Routes that the relays know by heart go on; an order that
+    comes when the database is back has to take effect at once."""
+
+    name = "db"
+    wants_backup = False
+    wants_newcomer = True
+
+    def touches(self, at: str) -> bool:
+        return False
+
+    def play(self, play: Play) -> None:
+        play.wait_share(0.25)
+        say("database", "is stopped")
+        watch = _Stopwatch(play, "PostgreSQL, stopped and started again")
+        play.cluster.stop()
+        self._let_relays_notice(play)
+        play.wait(_AWAY_SECS)
+        say("database", "is started again")
+        play.cluster.start()
+        secs = watch.wait_for(
+            lambda: wait_until(lambda: self._all_connected(play), READY_SECS, "both are back")
+        )
+        if secs is not None:
+            say("database", f"has both relays again after {secs:.1f} s")
+        play.route_newcomer()
+
+    @staticmethod
+    def _let_relays_notice(play: Play) -> None:
+        """A relay finds its database gone when it next needs it, and that order is lost: here it
+        is one for chats, which nobody sends."""
+        since = play.network.mark()
+        chat = (play.cast.captioner.client_id, play.newcomer.client_id, messages.PIPE_CHAT)
+        for name, node in play.network.nodes.items():
+            play.network.server.connect_route(*chat, name)
+            node.log.expect("Retrying connection to SQL", READY_SECS, since=since[name])
+            say(name, "finds the database gone and goes on with the routes it remembers")
+
+    @staticmethod
+    def _all_connected(play: Play) -> bool:
+        sql = (
+            "SELECT count(*) FROM pg_stat_activity "
+            "WHERE datname = 'tessel' AND pid <> pg_backend_pid()"
+        )
+        return int(play.cluster.query(sql)[0][0]) >= len(play.network.nodes)
+
+
+FAULTS: dict[str, Fault] = {one.name: one for one in (ServerFault(), PeerFault(), DatabaseFault())}

@@ -1,0 +1,150 @@
+"""What ./dev run shows, with the real relay: a good run, each fault, and runs that have to fail."""
+
+from __future__ import annotations
+
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+from lab import audio_player, play_cast, run
+from lab.play import Play
+from lab.play_faults import LEAST_SECS
+from lab.relay import Relay, binary_path
+
+ROOT = Path(__file__).resolve().parents[2]
+GOOD = "Nothing was lost or changed."
+FLOWS = 8
+
+
+def begin(*options):
+    return subprocess.Popen(
+        [sys.executable, "-m", "lab.run", *options],
+        cwd=ROOT,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+    )
+
+
+def demonstrate(*options):
+    child = begin(*options)
+    shown = child.communicate(timeout=300)[0]
+    return child.returncode, shown
+
+
+def rows(shown):
+    """The cells of the table: listener and flow, awaited, unchanged, lost ..."""
+    table = [line.rsplit(maxsplit=8) for line in shown.splitlines() if line.endswith(" ms")]
+    return {cells[0]: [int(cell) for cell in cells[1:7]] for cells in table}
+
+
+@pytest.mark.parametrize("options", [(), ("--tls",)])
+def test_captions_and_audio_cross_two_relays(options):
+    status, shown = demonstrate("--seconds", "2", *options)
+    assert status == 0 and GOOD in shown, shown
+    assert len(rows(shown)) == FLOWS
+    for flow, (awaited, unchanged, *faults) in rows(shown).items():
+        assert awaited == unchanged == (1 if "captions" in flow else 100), shown
+        assert faults == [0, 0, 0, 0]
+    assert "encoder 2   reads  Welcome to the caption relay." in shown
+    assert "receiver 2  hears" in shown and "west        ended with status 0" in shown
+
+
+@pytest.mark.parametrize("fault", ["cs", "db"])
+def test_nobody_loses_anything_without_server_or_database(fault):
+    status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", fault)
+    assert status == 0 and GOOD in shown, shown
+    assert "whole again after" in shown and "no caption and no datagram" in shown
+    # The route that was ordered afterwards took effect.
+    assert len(rows(shown)) == FLOWS + 1 and rows(shown)["encoder 3, captions"][1] > 0
+
+
+def test_a_killed_relay_takes_only_its_own_stations_along():
+    status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", "peer")
+    assert status == 0 and "All of it flowed again by itself" in shown, shown
+    lost = {flow: cells[2] for flow, cells in rows(shown).items()}
+    assert len(lost) == FLOWS
+    assert all(count == 0 for flow, count in lost.items() if " 1, " in flow)
+    assert lost["receiver 2, sound"] > 0 and "receiver 2  is logged in again" in shown
+
+
+def test_a_run_too_short_for_a_fault_is_refused():
+    status, shown = demonstrate("--seconds", "9", "--fault", "cs")
+    assert status == 2 and "a fault needs at least 10 seconds" in shown
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_everything_is_taken_down_when_asked(number):
+    child = begin("--seconds", "60")
+    shown = ""
+    for line in child.stdout:
+        shown += line
+        if "reads" in line:
+            child.send_signal(number)
+            break
+    shown += child.communicate(timeout=60)[0]
+    assert child.returncode == 130 and "everything is taken down" in shown, shown
+    # Each relay was started by a process that waits for it: none is left when that is gone.
+    folders = [one for one in Path("/proc").glob("[0-9]*") if _parent_of(one) == child.pid]
+    assert folders == []
+
+
+def _parent_of(folder):
+    try:
+        return int((folder / "stat").read_text().rpartition(")")[2].split()[1])
+    except (OSError, ValueError):
+        return 0
+
+
+# -- what has to fail: in this process, so that something can be spoilt ----------------------
+
+
+def fails(capsys, seconds=2, fault=""):
+    """What a run says that has to fail."""
+    assert run.run(seconds, False, fault, binary_path()) is False
+    shown = capsys.readouterr().out
+    assert "This was NO SUCCESS:" in shown and GOOD not in shown
+    return shown
+
+
+def test_a_missing_route_is_noticed(monkeypatch, capsys):
+    route = play_cast.Cast.route
+    monkeypatch.setattr(
+        play_cast.Cast, "route", lambda cast, to: to.name == "receiver 2" or route(cast, to)
+    )
+    shown = fails(capsys)
+    assert "receiver 2, sound: 100 LOST" in shown and "receiver 1, sound: " not in shown
+
+
+def test_a_relay_that_dies_is_noticed(monkeypatch, capsys):
+    wait_share = Play.wait_share
+
+    def kill_first(play, share):
+        if play.network["west"].relay.running:
+            play.network.kill("west")
+        wait_share(play, share)
+
+    monkeypatch.setattr(Play, "wait_share", kill_first)
+    shown = fails(capsys)
+    assert "encoder 2, captions: 1 LOST" in shown and "encoder 2: its connection broke" in shown
+    assert "relay west ended with status -9" in shown and "encoder 1, captions: " not in shown
+
+
+def test_a_changed_datagram_is_noticed(monkeypatch, capsys):
+    sent = audio_player.ClipPlayer.sent
+
+    def other(player, channel=0):
+        return [b"?" + one if n == 9 else one for n, one in enumerate(sent(player, channel))]
+
+    monkeypatch.setattr(audio_player.ClipPlayer, "sent", other)
+    shown = fails(capsys)
+    assert shown.count("1 CHANGED") == shown.count("1 LOST OR CHANGED") == 6
+
+
+def test_a_bad_exit_status_is_noticed(monkeypatch, capsys):
+    stop = Relay.stop
+    monkeypatch.setattr(Relay, "stop", lambda relay: stop(relay) or 3)
+    assert "relay east ended with status 3" in fails(capsys)
