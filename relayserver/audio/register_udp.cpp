@@ -88,7 +88,7 @@ bool bRequestedOften(const RelayClient& otherRelay, std::time_t ttNow) {
 
 void countRequest(RelayClient& otherRelay, std::time_t ttNow) {
     const double dSince = std::difftime(ttNow, otherRelay.ttLastTicketRequested);
-    const bool bNewRound = dSince > kNewRoundSecs || dSince < 0;
+    const bool bNewRound = dSince >= kNewRoundSecs || dSince < 0;
     otherRelay.nTicketRequests = bNewRound ? 1 : otherRelay.nTicketRequests + 1;
     otherRelay.ttLastTicketRequested = ttNow;
 }
@@ -98,8 +98,15 @@ void requestTicket(RelayClient& otherRelay) {
     const int nPeerID = otherRelay.GetClientID();
     const std::time_t ttNow = nowSecs();
     otherRelay.bUdpRegistrationOwed = true;
-    if (bRequestedLately(otherRelay, ttNow) || bRequestedOften(otherRelay, ttNow)) {
+    if (bRequestedLately(otherRelay, ttNow)) {
         writeToLog(true, "last ticket request for udp reg to relay %d still pending\n", nPeerID);
+        return;
+    }
+    if (bRequestedOften(otherRelay, ttNow)) {
+        writeToLog(true,
+                   "WARNING: %d tickets in a row were of no use to register udp with relay %d, "
+                   "requesting no more for a while\n",
+                   kMaxRequests, nPeerID);
         return;
     }
     sockaddr_in siPeer{};
