@@ -11,6 +11,8 @@ from lab.waiting import Deadline, wait_until
 PROGRAMS = range(6)
 
 _REFUSED = "udp registration ticket not accepted"
+#: Said of a registration that was taken, if it asks for one in return.
+_CALLED_BACK = "performing udp registration callback"
 #: The refusal of a registration stands this close behind its announcement.
 _REFUSAL_LINES = 4
 
@@ -63,7 +65,8 @@ def program_0_taken(lines: list[str], peer_id: int) -> bool:
         behind = lines[index + 1 : index + 1 + _REFUSAL_LINES]
         own = [one for one in behind if "UDP registration messages" in one]
         end = behind.index(own[0]) if own else len(behind)
-        settled = bool(own) or end == _REFUSAL_LINES
+        called_back = any(_CALLED_BACK in one for one in behind[:end])
+        settled = bool(own) or called_back or end == _REFUSAL_LINES
         if settled and not any(_REFUSED in one for one in behind[:end]):
             return True
     return False

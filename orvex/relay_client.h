@@ -112,6 +112,7 @@ class RelayClient {
     std::time_t ttLastTicketGranted = 0;    ///< when a ticket was last granted to it
     std::time_t ttLastTicketRequested = 0;  ///< when a ticket to it was last requested
     std::time_t ttOwnLoginSent = 0;         ///< when we logged in to it; 0: it logged in to us
+    std::time_t ttLastUdpRegistration = 0;  ///< when we last registered audio with it
     bool bUdpRegistrationOwed = false;      ///< we could not register with it for lack of a ticket
     int nTicketRequests = 0;                ///< how many of them have followed each other
 

@@ -5,6 +5,7 @@
 #include "connserver/logging.h"
 #include "genner/output/RelayConnectNetMessage.h"
 #include "genner/output/TicketRequestNetMessage.h"
+#include "relayserver/admission/connect_limits.h"
 #include "relayserver/audio/fec_ports.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/forward_queue.h"
@@ -86,6 +87,13 @@ bool bRequestedOften(const RelayClient& otherRelay, std::time_t ttNow) {
     return otherRelay.nTicketRequests >= kMaxRequests && dSince >= 0 && dSince < kNewRoundSecs;
 }
 
+/// Whether what we sent last still counts against us at the peer: it lets only so many log-ins and
+/// registrations through in a period, and all of it would be refused.
+bool bLimitMayHold(const RelayClient& otherRelay, std::time_t ttNow) {
+    const double dSince = std::difftime(ttNow, otherRelay.ttLastUdpRegistration);
+    return dSince >= 0 && dSince <= kPeriodNewConnects;
+}
+
 void countRequest(RelayClient& otherRelay, std::time_t ttNow) {
     const double dSince = std::difftime(ttNow, otherRelay.ttLastTicketRequested);
     const bool bNewRound = dSince >= kNewRoundSecs || dSince < 0;
@@ -127,6 +135,7 @@ int RegisterUdp(RelayClient& otherRelay, bool rx, bool tx, bool callback, int sp
         return kDone;
     }
     otherRelay.bUdpRegistrationOwed = false;
+    otherRelay.ttLastUdpRegistration = nowSecs();
     writeToLog(true, "debug: registering udp with relay peer %u on udp ports with base %u\n",
                static_cast<unsigned>(otherRelay.GetClientID()),
                static_cast<unsigned>(ntohs(otherRelay.nRelayUdpBasePort)));
@@ -146,7 +155,7 @@ void retryOwedRegistrations(std::time_t ttNow) {
     do {
         RelayClient& rClient = walk.current();
         if (rClient.bUdpRegistrationOwed && rClient.nTicketRequests < kMaxRequests &&
-            !bRequestedLately(rClient, ttNow)) {
+            !bRequestedLately(rClient, ttNow) && !bLimitMayHold(rClient, ttNow)) {
             RegisterUdp(rClient, true, true, true, kAllPrograms);
         }
     } while (walk.bContinueTraverse());

@@ -118,6 +118,7 @@ def test_without_a_backup_there_is_nothing_to_replace_the_server(cluster):
         (["{} 0, addr", "a", "b", "c", "d"], True),
         (["{} 0, addr", "a", "{} 1, addr"], True),
         (["{} 0, addr", "a"], False),
+        (["{} 0, addr", "debug: performing udp registration callback to client 1001"], True),
         (["{} 0, addr", "a", "udp registration ticket not accepted", "b", "c", "d"], False),
         (["{} 0, addr", "a", "{} 1, addr", "udp registration ticket not accepted"], True),
         (["{} 1, addr", "a", "b", "c", "d"], False),

@@ -1,4 +1,5 @@
 #include "base/clock.h"
+#include "relayserver/admission/connect_limits.h"
 #include "relayserver/audio/register_udp.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 
@@ -38,6 +39,25 @@ TEST_F(TicketRequests, BeginAnewWhenTheClockWasSetBack) {
     EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
     advanceClockForTest(-3600);
     EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
+}
+
+TEST_F(TicketRequests, ByTheTimerWaitUntilThePeerCountsAnew) {
+    const unsigned char achTicket[] = "a fresh ticket!!";
+    authClient(8).SetTicket(achTicket, 16);
+    (void)RegisterUdp(authClient(8), true, true, true, kAllPrograms);
+    authClient(8).SetTicket(nullptr, 0);  // the peer has refused it
+    (void)RegisterUdp(authClient(8), true, true, true, kAllPrograms);
+    authClient(8).SetTicket(achTicket, 16);
+    (void)RegisterUdp(authClient(8), true, true, true, kAllPrograms);
+    authClient(8).SetTicket(nullptr, 0);  // and again
+    (void)RegisterUdp(authClient(8), true, true, true, kAllPrograms);
+    EXPECT_EQ(1U, link.images().size());
+    advanceClockForTest(kPeriodNewConnects);
+    retryOwedRegistrations(nowSecs());
+    EXPECT_EQ(0U, link.images().size());
+    advanceClockForTest(1);
+    retryOwedRegistrations(nowSecs());
+    EXPECT_EQ(1U, link.images().size());
 }
 
 }  // namespace
