@@ -96,9 +96,9 @@ class ClipPlayer:
         for number, cue in enumerate(self.cues):
             if self._stop.wait(max(0.0, start + cue.at - time.monotonic())):
                 return
-            lateness = time.monotonic() - start - cue.at
-            self.worst_lateness_secs = max(self.worst_lateness_secs, lateness)
-            self._times.append(time.monotonic())
+            now = time.monotonic()
+            self.worst_lateness_secs = max(self.worst_lateness_secs, now - start - cue.at)
+            self._times.append(now)
             for channel, payload in self._payloads(number):
                 datagram = audio_wire.audio_datagram(self.audio.client_id, payload)
                 # Noted first: whoever hears it finds it here.
