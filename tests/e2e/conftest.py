@@ -21,11 +21,13 @@ from lab.addresses import new_address  # noqa: E402
 from lab.cluster import Cluster, Schema  # noqa: E402
 from lab.connection_server import ConnectionServer  # noqa: E402
 from lab.keys import Certificate, write_certificate  # noqa: E402
+from lab.messages import PIPE_CAPTION  # noqa: E402
 from lab.pytest_relay_log import pytest_runtest_makereport  # noqa: E402, F401
 from lab.relay import Relay  # noqa: E402
 from lab.relay_config import RelayConfig  # noqa: E402
 from lab.relay_network import RelayNetwork  # noqa: E402
-from lab.stations import Station  # noqa: E402
+from lab.stations import Captioner, Encoder, Station  # noqa: E402
+from peer_tools import StandInPeer  # noqa: E402
 
 #: How long a relay may take to start and log in, and to end.
 READY_SECS = 20.0
@@ -248,3 +250,22 @@ def route() -> Callable[..., None]:
         relay.schema.wait_for_route((from_id, to_id, msg_class))
 
     return order
+
+
+@pytest.fixture
+def peer(server: ConnectionServer) -> Iterator[StandInPeer]:
+    """A stand-in for another relay, which no order has named yet."""
+    with StandInPeer(server.new_client_id()) as peer:
+        yield peer
+
+
+@pytest.fixture
+def bystanders(
+    relay: TestedRelay, make_station: Callable[..., Station], route: Callable[..., None]
+) -> Iterator[tuple[Captioner, Encoder]]:
+    """A captioner and an encoder that are served to the end, whatever the test does to others."""
+    captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
+    route(relay, captioner, encoder, PIPE_CAPTION)
+    yield captioner, encoder
+    captioner.caption(b"still here")
+    assert encoder.receive_caption()[0] == b"still here"

@@ -70,8 +70,9 @@ def _judge(players, listeners, channels):
         for channel in channels:
             listener.wait_for(sum(len(one.sent(channel)) for one in own), 10, channel=channel)
             for player in own:
-                marked_id = player.audio.client_id
-                verdict = listener.verdict(player.sent(channel), channel=channel, marked_id=marked_id)
+                speaker = player.audio.client_id
+                sent = player.sent(channel)
+                verdict = listener.verdict(sent, channel=channel, marked_id=speaker)
                 assert verdict.perfect and verdict.sent > 50, verdict
     # All have played to the end: what else came by now came by mistake.
     for program, _, listener in listeners:
@@ -112,7 +113,8 @@ def test_a_hundred_receivers_hear_a_source_at_the_other_relay(network):
         listening(network, "west", 4, source_ip=next(places), heartbeats=False) for _ in range(100)
     ]
     for receiver in receivers:
-        network.server.route_across(source.client_id, "east", receiver.client_id, "west", PIPE_AUDIO)
+        ends = source.client_id, "east", receiver.client_id, "west"
+        network.server.route_across(*ends, PIPE_AUDIO)
     routes = {(source.client_id, receiver.client_id, PIPE_AUDIO) for receiver in receivers}
     network["west"].schema.wait_for_routes(routes, 20)
     network["east"].schema.wait_for_routes({(source.client_id, 1001, PIPE_AUDIO)})

@@ -81,7 +81,8 @@ def _captions_cross(network):
 def _audio_crosses(network):
     network.wait_audio_joined("east", "west")
     for at, other in _OTHER.items():
-        source, receiver = network.station(AudioSource, at=at), network.station(AudioReceiver, at=other)
+        source = network.station(AudioSource, at=at)
+        receiver = network.station(AudioReceiver, at=other)
         network.route(source, receiver, PIPE_AUDIO)
         for program in PROGRAMS:
             source.go_on_air(network[at].relay, network.known(at).ticket_for, program)

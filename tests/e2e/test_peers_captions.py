@@ -10,7 +10,7 @@ from lab.messages import Caption, Chat, Opaque
 from lab.stations import Captioner, Encoder, Monitor, video_pages
 from lab.tickets import read_ticket
 
-#: One type of each pipe that is routed, with its pipe type; 41 and up are known by their top bits.
+#: Types that go by routes, with their pipe types; the last ones are known by their top bits.
 ROUTED = [(3, 128), (5, 192), (6, 160), (7, 192), (128, 128), (160, 160), (200, 192), (33, 32)]
 RAW = bytes(range(256))
 

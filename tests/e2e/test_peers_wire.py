@@ -16,12 +16,6 @@ from lab.messages import PIPE_AUDIO
 ALL_FLAGS = RECEIVE | CALL_BACK | SEND
 
 
-@pytest.fixture(name="peer")
-def fixture_peer(server):
-    with StandInPeer(server.new_client_id()) as peer:
-        yield peer
-
-
 def test_the_log_in_is_the_relays_id_with_the_orders_ticket(relay, peer):
     """Nothing before it and nothing behind it; odd bytes of the ticket are escaped, and a ticket
     has up to 64 bytes."""
@@ -62,7 +56,9 @@ def test_registrations_go_to_the_base_port_of_the_order(fec, make_relay, server,
     assert peer.heard_within(0.3) == []
 
 
-def test_a_peers_audio_may_come_from_any_port_under_any_id(relay, server, peer, make_station, route):
+def test_a_peers_audio_may_come_from_any_port_under_any_id(
+    relay, server, peer, make_station, route
+):
     """Its IP address is what tells it; a stranger's under the same id goes nowhere."""
     peer.join(relay)
     receiver = make_station(relay, AudioReceiver)
@@ -85,7 +81,9 @@ def test_a_peers_audio_may_come_from_any_port_under_any_id(relay, server, peer, 
             audio.expect(sound + b"2")
 
 
-def test_a_peer_sends_only_programs_that_it_has_registered(relay, server, peer, make_station, route):
+def test_a_peer_sends_only_programs_that_it_has_registered(
+    relay, server, peer, make_station, route
+):
     """A marked peer is on program 0 by its own address; the others wait for a registration."""
     peer.join(relay)
     receiver = make_station(relay, AudioReceiver)
@@ -98,7 +96,9 @@ def test_a_peer_sends_only_programs_that_it_has_registered(relay, server, peer, 
     audio.expect(peer.send(relay, audio_wire.audio_datagram(speaker, b"in time"), 2))
 
 
-def test_audio_to_a_peer_goes_to_its_address_and_the_orders_base(relay, server, peer, make_station, route):  # fmt: skip
+def test_audio_to_a_peer_goes_to_its_address_and_the_orders_base(
+    relay, server, peer, make_station, route
+):
     """Before it has registered anything, and unchanged. A later order moves it."""
     peer.join(relay)
     peer.receive_count(6)
@@ -115,3 +115,24 @@ def test_audio_to_a_peer_goes_to_its_address_and_the_orders_base(relay, server, 
         said = source.say(b"to the new place")
         assert moved.receive().datagram == said
         assert peer.heard_within(0.2) == []
+
+
+def test_a_registration_from_an_error_correction_socket_moves_no_audio(
+    make_relay, server, peer, make_station, route
+):
+    """A relay registers from all its sockets; each channel still goes to the socket for it."""
+    relay = make_relay(fec=True)
+    link = peer.join(relay)
+    peer.receive_count(18)
+    source = make_station(relay, AudioSource)
+    route(relay, source, peer.id, PIPE_AUDIO)
+    source.go_on_air(relay, server.ticket_for, program=1)
+    for channel in CHANNELS:
+        since = relay.log.mark()
+        peer.register(relay, 1, channel=channel)
+        relay.log.expect(f"from source {peer.id}, program_idx 1, addr {peer.address}", since=since)
+    server.send(messages.Chat("SERVER", b"fence", dest_id=peer.id))
+    link.expect(messages.Chat, chat=b"fence")
+    for channel in CHANNELS:
+        said = source.say(b"on %d" % channel, 1, channel)
+        assert peer.receive()[:3] == (channel, 1, said)

@@ -1,0 +1,89 @@
+"""Orders to connect to where nobody answers yet, or ever."""
+
+from __future__ import annotations
+
+import socket
+
+from peer_tools import StandInPeer
+from switching_tools import got_before_fence, got_before_order_fence, line_count
+
+from lab import messages
+from lab.addresses import new_address
+from lab.messages import LostConnection
+from lab.waiting import wait_until
+
+
+def _obeyed(relay, station):
+    """Returns when all orders so far have been obeyed."""
+    assert got_before_order_fence(relay.server, station) == []
+
+
+class FullListener:
+    """Listens, and has no room for one connection more: the kernel drops who tries."""
+
+    def __init__(self) -> None:
+        self.address = new_address()
+        self._listener = socket.socket()
+        self._listener.bind((self.address, 0))
+        self._listener.listen(0)
+        self.port = self._listener.getsockname()[1]
+        self._fillers = []
+
+    def __enter__(self):
+        for _ in range(4):
+            self._fillers.append(socket.socket())
+            self._fillers[-1].setblocking(False)
+            self._fillers[-1].connect_ex((self.address, self.port))
+        return self
+
+    def __exit__(self, *_):
+        for sock in (*self._fillers, self._listener):
+            sock.close()
+
+
+def test_an_address_that_never_answers_is_given_up_after_five_seconds(
+    relay, server, bystanders, make_station
+):
+    """A repeated order for it has the same attempt go on; one with another address begins anew
+    there. The one that is given up leaves no descriptor behind, and the next client that has its
+    number logs in as anybody."""
+    held = relay.open_descriptors()
+    with FullListener() as full, FullListener() as other:
+        silent = StandInPeer(server.new_client_id(), address=full.address, tcp_port=full.port)
+        with silent:
+            server.order_connect(silent.order())
+            server.order_connect(silent.order(ticket=b"another ticket~~"))
+            _obeyed(relay, bystanders[0])
+            assert relay.open_descriptors() == held + 1
+            moved = StandInPeer(silent.id, address=other.address, tcp_port=other.port)
+            with moved:
+                server.order_connect(moved.order())
+                _obeyed(relay, bystanders[0])
+            assert relay.open_descriptors() == held + 1
+            tries = f"debug: connecting with relay peer {silent.id} on tcp port "
+            assert line_count(relay, bystanders[0], tries) == 2
+            since = server.mark()
+            relay.log.expect(
+                f"Failed to reach out to relay {other.address} in 5 seconds, cancelling attempt", 15
+            )
+            assert relay.log.count(f"Failed to reach out to relay {full.address}") == 0
+            wait_until(lambda: relay.open_descriptors() == held, 5, "the descriptor is gone")
+            assert server.messages_of(LostConnection, since) == []
+            newcomer = make_station(relay)
+            assert got_before_fence(newcomer, newcomer) == []
+            assert line_count(relay, bystanders[0], "successfully initiated") == 0
+
+
+def test_an_order_while_the_connect_is_pending_brings_the_newer_ticket(
+    relay, server, peer, bystanders
+):
+    """Two orders that the relay reads at once: one connection, one log-in, the later ticket."""
+    with relay.stopped():
+        server.order_connect(peer.order())
+        server.order_connect(peer.order(ticket=b"the newer ticket"))
+    link = peer.accept()
+    login = link.expect(messages.RelayConnect, client_id=1000)
+    peer.answer(link)
+    relay.log.expect(f"received OK message from relay {peer.id}")
+    assert peer.nobody_connects() and login.ticket == b"the newer ticket"
+    assert line_count(relay, bystanders[0], f"debug: connecting with relay peer {peer.id}") == 1
