@@ -7,6 +7,7 @@
 #include "genner/output/TicketRequestNetMessage.h"
 #include "relayserver/admission/connect_limits.h"
 #include "relayserver/audio/fec_ports.h"
+#include "relayserver/audio/udp_registration.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/peers/relay_peer.h"
@@ -18,10 +19,6 @@ using Orvex::RelayClientTable;
 namespace {
 
 constexpr int kDone = 1;
-
-constexpr unsigned kFlagReceives = 1;
-constexpr unsigned kFlagCallback = 2;
-constexpr unsigned kFlagSends = 4;
 
 /// Requests for a ticket that may follow each other. Two relays that call each other back, each
 /// refusing what comes too often, would give each other reasons for ever. A request so long after

@@ -19,9 +19,6 @@ std::time_t ttLastUdpReregister = nowSecs();
 
 namespace {
 
-constexpr unsigned kFlagReceives = 1;
-constexpr unsigned kFlagCallback = 2;
-constexpr unsigned kFlagSends = 4;
 constexpr unsigned kFirstIllFormedFlags = 8;
 
 /// Refused registrations that are logged and answered within one second. A flood of them is to fill
@@ -102,9 +99,9 @@ void refuse(const AudioDatagram& datagram) {
     }
 }
 
-/// Where the client registers from. A relay that an order has named also registers from its FEC
-/// sockets, which says nothing new about its audio.
-sockaddr_in siRegistered(const RelayClient& client, const AudioDatagram& datagram) {
+/// Where the client wants to receive. A relay that an order has named also registers from its FEC
+/// sockets, which says nothing new about where its audio goes.
+sockaddr_in siReceiveAddress(const RelayClient& client, const AudioDatagram& datagram) {
     const bool bFecOfRelay = datagram.socket.nFecChannel != 0 && client.nRelayUdpBasePort != 0;
     return bFecOfRelay ? siPeerAudioAddress(client, nProgramOf(datagram)) : datagram.siFrom;
 }
@@ -127,7 +124,7 @@ void reregisterPeersAfter(const RelayClient& client, const AudioDatagram& datagr
 void startReceiving(RelayClient& client, const AudioDatagram& datagram) {
     const unsigned nProgram = nProgramOf(datagram);
     const bool bBefore = client.bIsRcvAudio(nProgram);
-    client.StartRcvAudio(nProgram, siRegistered(client, datagram));
+    client.StartRcvAudio(nProgram, siReceiveAddress(client, datagram));
     if (bBefore) {
         reregisterPeersAfter(client, datagram);
         return;
@@ -140,7 +137,7 @@ void startReceiving(RelayClient& client, const AudioDatagram& datagram) {
 void startSending(RelayClient& client, const AudioDatagram& datagram) {
     const unsigned nProgram = nProgramOf(datagram);
     const bool bBefore = client.bIsSrcAudio(nProgram);
-    client.StartSrcAudio(nProgram, siRegistered(client, datagram));
+    client.StartSrcAudio(nProgram, datagram.siFrom);
     if (!bBefore) {
         writeToLog(true, "Client %u registered to send audio program %u at %s(%u)\n",
                    static_cast<unsigned>(client.GetClientID()), nProgram,

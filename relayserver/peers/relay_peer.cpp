@@ -68,11 +68,7 @@ void namePeerPort(RelayClient& client, int nUdpBasePort) {
         if (client.bIsRcvAudio(nProgram)) {
             client.StartRcvAudio(nProgram, siPeerAudioAddress(client, nProgram));
         }
-        if (client.bIsSrcAudio(nProgram)) {
-            client.StartSrcAudio(nProgram, siPeerAudioAddress(client, nProgram));
-        }
     }
-    notePeerSources(client);
 }
 
 bool ReregisterRelayPeers() {

@@ -15,7 +15,7 @@ void MarkAsRelay(Orvex::RelayClient& client);
 [[nodiscard]] sockaddr_in siPeerAudioAddress(const Orvex::RelayClient& client, unsigned nProgram);
 
 /// Takes a peer's UDP base port (host byte order, 16 bits of it; 0 says nothing) from an order that
-/// names the peer. Audio that it takes or sends already is at that base from now on, wherever it
+/// names the peer. Audio that it receives already goes to that base from now on, wherever it
 /// registered from: a relay also registers from its FEC sockets, which are not where audio goes.
 void namePeerPort(Orvex::RelayClient& client, int nUdpBasePort);
 

@@ -138,12 +138,12 @@ TEST_F(PeerPort, ZeroSaysNothing) {
     }
 }
 
-TEST_F(PeerPort, MovesTheProgramsThatAreRegisteredAndNoOthers) {
+TEST_F(PeerPort, MovesWhereRegisteredProgramsAreReceivedAndNothingElse) {
     authClient(8).StartRcvAudio(1, siAddress(1111));
     authClient(8).StartSrcAudio(3, siAddress(3333));
     namePeerPort(authClient(8), 6900);
     EXPECT_EQ("127.0.0.7:6902", sReceivesAt(1));
-    EXPECT_EQ("127.0.0.7:6906", sSendsFrom(3));
+    EXPECT_EQ("127.0.0.9:3333", sSendsFrom(3));
     for (const unsigned nProgram : {0U, 2U, 3U, 4U, 5U}) {
         EXPECT_FALSE(authClient(8).bIsRcvAudio(nProgram));
     }
