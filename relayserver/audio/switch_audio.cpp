@@ -29,23 +29,22 @@ void dissolveLoop(unsigned nSource, unsigned nDestination) {
                                             kAudioMsgClass));
 }
 
-/// A relay that an order has named listens for FEC on its FEC sockets; a station that has
-/// registered one address hears it there and on the two ports next to it.
+/// Where a client hears a channel of a program. The port is 0 when it does not, or when nobody
+/// knows where yet: a peer may be marked before it has registered. A relay that an order has named
+/// listens for FEC on its FEC sockets; a station that has registered one address hears it there and
+/// on the two ports next to it.
 sockaddr_in siReceiverOf(const RelayClient& client, unsigned nProgram, int nFecChannel) {
     sockaddr_in siTo{};
-    client.GetAudioRcvAddress(nProgram, siTo);
-    const int nPerChannel =
-        client.nRelayUdpBasePort != 0 ? kFecSocketPortOffset : kFecCopyPortOffset;
-    siTo.sin_port =
-        htons(static_cast<std::uint16_t>(ntohs(siTo.sin_port) + nPerChannel * nFecChannel));
+    if (client.bIsRcvAudio(nProgram)) {
+        client.GetAudioRcvAddress(nProgram, siTo);
+    }
+    if (siTo.sin_port != 0) {
+        const int nPerChannel =
+            client.nRelayUdpBasePort != 0 ? kFecSocketPortOffset : kFecCopyPortOffset;
+        siTo.sin_port =
+            htons(static_cast<std::uint16_t>(ntohs(siTo.sin_port) + nPerChannel * nFecChannel));
+    }
     return siTo;
-}
-
-/// A peer may be marked before anyone knows where its audio sockets are.
-bool bHasReceiveAddress(const RelayClient& client, unsigned nProgram) {
-    sockaddr_in siTo{};
-    client.GetAudioRcvAddress(nProgram, siTo);
-    return client.bIsRcvAudio(nProgram) && siTo.sin_port != 0;
 }
 
 void countSent(unsigned nSource, unsigned nDestination) {
@@ -69,9 +68,11 @@ void SwitchAudioPacket(unsigned nSource, int fdSend, const char* achDatagram, in
         }
         if (bFromRelayPeer && bIsRelayPeer(*pClient)) {
             dissolveLoop(nSource, nDestination);
-        } else if (bHasReceiveAddress(*pClient, nIndex)) {
-            queueDatagram(fdSend, achDatagram, static_cast<size_t>(nLength),
-                          siReceiverOf(*pClient, nIndex, nFecChannel));
+            continue;
+        }
+        const sockaddr_in siTo = siReceiverOf(*pClient, nIndex, nFecChannel);
+        if (siTo.sin_port != 0) {
+            queueDatagram(fdSend, achDatagram, static_cast<size_t>(nLength), siTo);
             countSent(nSource, nDestination);
         }
     }
