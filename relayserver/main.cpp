@@ -5,6 +5,7 @@
 #include "connserver/logging.h"
 #include "connserver/signal_handling.h"
 #include "orvex/tesselsql.h"
+#include "relayserver/archive_pass.h"
 #include "relayserver/audio/udp_receive.h"
 #include "relayserver/cslink/connect_to_server.h"
 #include "relayserver/loop/epoll_set.h"
@@ -71,6 +72,7 @@ int runRelay(const CommandLine& commandLine) {
         }
         return kMinusOne;
     }
+    openArchive();
     openRouteStore();
     makeSessionKey();
     const PublicKeyOutcome keyOutcome = loadPublicKey();

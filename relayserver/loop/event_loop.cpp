@@ -11,6 +11,7 @@
 #include "relayserver/admission/plain_accept.h"
 #include "relayserver/admission/tls_accept.h"
 #include "relayserver/admission/tls_handshake.h"
+#include "relayserver/archive_pass.h"
 #include "relayserver/audio/udp_receive.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
@@ -128,8 +129,8 @@ constexpr handler_t kHandlersInOrder[] = {
 
 /// The number of ready descriptors; 0 when the wait failed, which is logged.
 int waitForEvents() {
-    const int nReady =
-        epoll_wait(ep_fd, ep_events, kMaxEpollEvents, bTurnsWaiting() ? 0 : kWaitMillis);
+    const bool bWorkLeft = bTurnsWaiting() || bArchiveWaits();
+    const int nReady = epoll_wait(ep_fd, ep_events, kMaxEpollEvents, bWorkLeft ? 0 : kWaitMillis);
     if (nReady == -1) {
         writeToLog(true, "epoll error - %s\n", get_strerror(errno).c_str());
         return 0;

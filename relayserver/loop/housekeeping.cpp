@@ -6,6 +6,7 @@
 #include "connserver/logging.h"
 #include "orvex/tesselsql.h"
 #include "relayserver/admission/accept_pause.h"
+#include "relayserver/archive_pass.h"
 #include "relayserver/audio/register_udp.h"
 #include "relayserver/audio/udp_registration.h"
 #include "relayserver/cslink/recently_lost.h"
@@ -69,6 +70,7 @@ void headOfPass() {
     ttThisLoop = nowSecs();
     lookAfterDatabase();
     loggingTimeCheck();
+    lookAfterArchive(ttThisLoop);
     clearRecentlyLostOnBoundary(ttThisLoop);
     resumeAccepting();
     bTimerTick = ttThisLoop > ttLastLoop && ttThisLoop % kTickSecs == 0;

@@ -27,8 +27,8 @@ extern double epoll_load_avg_1;
 extern double epoll_load_avg_1K;
 extern double epoll_load_avg_1M;
 
-/// Looks after the database, the log file, the list of losses and paused listeners; decides whether
-/// the timers run at the end of this pass.
+/// Looks after the database, the log file, the archive, the list of losses and paused listeners;
+/// decides whether the timers run at the end of this pass.
 void headOfPass();
 
 /// Takes the number of ready descriptors into the load averages.

@@ -7,6 +7,8 @@
 #include "connserver/logging.h"
 #include "relayserver/cslink/link_state.h"
 
+constexpr unsigned kDefaultArchiveInterval = 60;
+
 int msg_port = 9736;
 int ssl_msg_port = 0;
 int rtp_listen_port[kAudioPrograms] = {6900};
@@ -23,6 +25,13 @@ bool bCS_ssl = false;
 std::uint16_t cs_ssl_port = 0;
 unsigned nMaxTimeAwayFromCS = 0;
 bool bFecEnable = false;
+bool bArchiveEnable = false;
+std::string sArchiveEndpoint;
+unsigned nArchiveInterval = kDefaultArchiveInterval;
+std::string sArchiveUsername;
+std::string sArchivePassword;
+std::string sArchiveContentType;
+bool bArchiveAppendSeq = false;
 bool bWavecastServer = false;
 
 namespace {
@@ -208,11 +217,40 @@ SettingsOutcome readServers(const ConfigFile& configFile) {
     return kGoOn;
 }
 
-void readFeatures(const ConfigFile& configFile) {
+void readFec(const ConfigFile& configFile) {
     bFecEnable = bTakeYesOrNo(configFile, "FEC", "enable", nullptr);
     if (bFecEnable) {
         writeToLog(true, "INFO: FEC enabled in log file\n");
     }
+}
+
+/// Endpoint and interval are taken only together.
+void readArchiveEndpoint(const ConfigFile& configFile) {
+    const auto chEndpoint = configFile.OptionalValue("Archive", "endpoint");
+    const auto chInterval = configFile.OptionalValue("Archive", "interval");
+    if (!chEndpoint || !chInterval) {
+        writeToLog(true, "WARNING: archive without endpoint and interval, nothing can be posted\n");
+        return;
+    }
+    sArchiveEndpoint = std::string(*chEndpoint);
+    nArchiveInterval = nSaturated<unsigned>(*chInterval);
+    writeToLog(true, "Attempting Caption archive to endpoint %s\n", sArchiveEndpoint.c_str());
+    writeToLog(true, "Logging interval is %u seconds\n", nArchiveInterval);
+}
+
+void readArchive(const ConfigFile& configFile) {
+    bArchiveEnable = bTakeYesOrNo(configFile, "Archive", "enable", "archive");
+    if (!bArchiveEnable) {
+        return;
+    }
+    readArchiveEndpoint(configFile);
+    takeText(configFile, "Archive", "username", sArchiveUsername);
+    takeText(configFile, "Archive", "password", sArchivePassword);
+    takeText(configFile, "Archive", "content_type", sArchiveContentType);
+    bArchiveAppendSeq = bTakeYesOrNo(configFile, "Archive", "append_seq", "archive append_seq");
+}
+
+void readWavecast(const ConfigFile& configFile) {
     bWavecastServer = bTakeYesOrNo(configFile, "Features", "wcast", "wavecast");
 }
 
@@ -231,7 +269,9 @@ SettingsOutcome readSettings(const ConfigFile& configFile, const CommandLine& co
     if (const SettingsOutcome outcome = readServers(configFile); !outcome.bGoOn) {
         return outcome;
     }
-    readFeatures(configFile);
+    readFec(configFile);
+    readArchive(configFile);
+    readWavecast(configFile);
     return kGoOn;
 }
 
@@ -241,12 +281,16 @@ void resetSettingsForTest() {
     rtp_listen_port[0] = 6900;
     for (std::string* psSetting :
          {&sCrtFile, &sKeyFile, &sRequestedListenAddr, &sRequestedPrivateListenAddr, &sBindDev,
-          &sBindAddr, &sMyCompany, &sMyName, &sMyPassword}) {
+          &sBindAddr, &sMyCompany, &sMyName, &sMyPassword, &sArchiveEndpoint, &sArchiveUsername,
+          &sArchivePassword, &sArchiveContentType}) {
         psSetting->clear();
     }
     bCS_ssl = false;
     cs_ssl_port = 0;
     nMaxTimeAwayFromCS = 0;
     bFecEnable = false;
+    bArchiveEnable = false;
+    nArchiveInterval = kDefaultArchiveInterval;
+    bArchiveAppendSeq = false;
     bWavecastServer = false;
 }

@@ -44,6 +44,18 @@ extern unsigned nMaxTimeAwayFromCS;
 /// Whether audio is accepted on the forward-error-correction ports as well.
 extern bool bFecEnable;
 
+/// Whether captions are archived, where they are posted (empty for nowhere) and how old they are
+/// allowed to become before (seconds).
+extern bool bArchiveEnable;
+extern std::string sArchiveEndpoint;
+extern unsigned nArchiveInterval;
+/// What the archive is told: credentials (no user name, no authentication), the media type (empty
+/// for the poster's own) and whether each address carries a sequence number.
+extern std::string sArchiveUsername;
+extern std::string sArchivePassword;
+extern std::string sArchiveContentType;
+extern bool bArchiveAppendSeq;
+
 /// Tells each admitted client that this relay serves Wavecast.
 extern bool bWavecastServer;
 

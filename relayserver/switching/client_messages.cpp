@@ -6,13 +6,16 @@
 #include "base/clock.h"
 #include "base/ip_utils.h"
 #include "connserver/logging.h"
+#include "genner/output/CaptionNetMessage.h"
 #include "genner/output/LogOutNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
+#include "relayserver/archive_pass.h"
 #include "relayserver/audio/register_udp.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/peers/relay_peer.h"
+#include "relayserver/startup/settings.h"
 #include "relayserver/switching/message_types.h"
 #include "relayserver/switching/switch_packet.h"
 
@@ -79,6 +82,14 @@ void onLogOut(RelayClient& client, const char* achMsg, int nMsgLen) {
     (void)SwitchPacket(&lonm, 0, false);  // goes to the connection server, which cannot fail
 }
 
+/// What a relay peer sends was archived where it was captioned.
+void archiveUnlessCarried(const RelayClient& client, const char* achMsg, int nMsgLen) {
+    if (bArchiveEnable && !bIsRelayPeer(client)) {
+        const Orvex::CaptionNetMessage cnm(achMsg, nMsgLen);
+        archiveCaption(GetNetMessageSenderID(achMsg, nMsgLen), cnm.GetCaption());
+    }
+}
+
 /// The client's connection is over.
 void loseClient(RelayClient& client) {
     sockaddr_in siAddress{};
@@ -109,6 +120,9 @@ bool bHandleClientMessage(RelayClient& client, const char* achMsg, int nMsgLen) 
     if (nmtType == nmtNetMsgTypeLogOut) {
         onLogOut(client, achMsg, nMsgLen);
         return true;
+    }
+    if (nmtType == nmtNetMsgTypeCaption) {
+        archiveUnlessCarried(client, achMsg, nMsgLen);
     }
     NetMessage nmMessage(achMsg, nMsgLen);
     return SwitchPacket(&nmMessage, 0, bIsRelayPeer(client));
