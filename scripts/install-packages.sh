@@ -7,6 +7,9 @@ set -euo pipefail
 readonly LIST=${BASH_SOURCE[0]%/*}/../packaging/debian-packages.txt
 # Debian would start a server on port 5432 with the package. The lab starts its own, elsewhere.
 readonly NO_CLUSTER=/etc/postgresql-common/createcluster.d/no-main-cluster.conf
+# Debian asks this program before it starts the service of a package; 101 forbids it. The servers
+# that the benchmark measures are started by it, for as long as it needs them.
+readonly NO_SERVICES=/usr/sbin/policy-rc.d
 
 missing_packages() {
     local installed package group
@@ -50,11 +53,21 @@ fi
 
 echo "Installing ${#missing[@]} packages: ${missing[*]}"
 log=$(mktemp)
-trap 'rm -f "$log"' EXIT
+forbidding=()
+clean_up() {
+    rm -f "$log"
+    ((${#forbidding[@]} == 0)) || as_root rm -f "${forbidding[@]}"
+}
+trap clean_up EXIT
 if [[ " ${missing[*]} " == *" postgresql "* && ! -e $NO_CLUSTER ]]; then
-    trap 'rm -f "$log"; as_root rm -f "$NO_CLUSTER"' EXIT
+    forbidding+=("$NO_CLUSTER")
     as_root mkdir -p "${NO_CLUSTER%/*}"
     echo 'create_main_cluster = false' | as_root tee "$NO_CLUSTER" >/dev/null
+fi
+if [[ ! -e $NO_SERVICES ]]; then
+    forbidding+=("$NO_SERVICES")
+    printf '#!/bin/sh\nexit 101\n' | as_root tee "$NO_SERVICES" >/dev/null
+    as_root chmod 755 "$NO_SERVICES"
 fi
 if ! install_missing "${missing[@]}"; then
     cat "$log" >&2

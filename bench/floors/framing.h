@@ -1,0 +1,53 @@
+/// What the TCP floors share: the listener, the framing, who hears whom.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace Floor {
+
+constexpr std::size_t kMaxFrame = 510;
+
+/// The length of the frame at the head of `svInput`, 0 when it has not come whole.
+inline std::size_t nWholeFrame(std::string_view svInput) {
+    if (svInput.empty()) {
+        return 0;
+    }
+    const std::size_t nLen = 2 * static_cast<std::size_t>(static_cast<unsigned char>(svInput[0]));
+    return nLen != 0 && nLen <= svInput.size() ? nLen : 0;
+}
+
+/// One connection, at the place of its descriptor.
+struct Client {
+    bool bIntroduced = false;
+    std::uint32_t nGroup = 0;
+    std::size_t nTail = 0;  ///< bytes of a frame that has not come whole
+    char achTail[kMaxFrame] = {};
+};
+
+/// Descriptors of the receivers of each group.
+extern std::vector<std::vector<int>>& groups;
+
+/// A client by its descriptor; makes one when there is none.
+Client& rClientOf(int fd);
+
+/// Takes the first frame of a connection.
+void introduce(int fd, Client& rClient, std::string_view svFrame);
+
+/// The descriptor of a listening socket at the dotted address and port of the command line; ends
+/// the program when there is none.
+int fdListenAt(const char* sAddress, const char* sPort);
+
+/// Accepts whatever waits at a listener; non-blocking, without Nagle's algorithm.
+/// Returns the descriptor, or -1 when nobody waits.
+int fdAcceptOne(int fdListener);
+
+/// Sends all of it, waiting for room when there is none.
+void sendAll(int fd, std::string_view svData);
+
+/// Watches a descriptor for input.
+void watch(int fdEpoll, int fd);
+
+}  // namespace Floor

@@ -1,0 +1,19 @@
+#include "bench/load/adapter.h"
+
+#include "bench/load/floor_adapter.h"
+#include "bench/load/give_up.h"
+#include "bench/load/relay_adapter.h"
+
+namespace Load {
+
+std::unique_ptr<Adapter> makeAdapter(const Options& options) {
+    if (options.sDaemon == "relay") {
+        return std::make_unique<RelayAdapter>(options);
+    }
+    if (options.sDaemon == "floor") {
+        return std::make_unique<FloorAdapter>();
+    }
+    giveUp("no such daemon: '%s'", options.sDaemon.c_str());
+}
+
+}  // namespace Load

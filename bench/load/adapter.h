@@ -1,0 +1,65 @@
+/// What the load program has to know of a daemon's protocol: how clients introduce themselves, and
+/// how a message looks when it is sent and when it is delivered.
+///
+/// Messages belong to groups: group g has one source and the receivers that hear it.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "bench/load/connection.h"
+#include "bench/load/options.h"
+
+namespace Load {
+
+/// One message in its envelope.
+struct Frame {
+    std::string sBytes;
+    std::size_t nPayloadAt = 0;  ///< offset of the payload in it
+};
+
+class Adapter {
+  public:
+    virtual ~Adapter() = default;
+
+    /// Before the daemon starts, and after it has been started.
+    virtual void prepare() {}
+    virtual void awaitDaemon() {}
+
+    // Introduce a new connection; all return when the daemon has answered, if it answers at all.
+
+    virtual void becomeSource(Connection& rConnection, int nGroup) = 0;
+    virtual void becomeReceiver(Connection& rConnection, int nGroup) = 0;
+    virtual void becomeIdle(Connection& rConnection) = 0;
+
+    /// A message as the source of a group sends it, and as its receivers get it. Both have the
+    /// same payload, and the length of neither depends on the group.
+    [[nodiscard]] virtual Frame sentFrame(int nGroup, const std::string& sPayload) const = 0;
+    [[nodiscard]] virtual Frame deliveredFrame(int nGroup, const std::string& sPayload) const = 0;
+
+    /// The length of what stands at the head of a receiver's input and is no delivery, such as a
+    /// heartbeat: 0 when it has not come whole yet. Ends the program when it should not be there.
+    [[nodiscard]] virtual std::size_t nOtherFrameLen(std::string_view svInput) const = 0;
+
+    /// What a client has to say every few seconds to be kept; empty for nothing.
+    [[nodiscard]] virtual std::string sKeepAlive(const Connection& /*connection*/) const {
+        return {};
+    }
+
+    /// Seconds after which nothing but messages will occupy the daemon for `dSeconds`, at least as
+    /// far as can be foreseen.
+    [[nodiscard]] virtual double dSecondsUntilQuiet(double /*dSeconds*/) const { return 0; }
+
+    /// A descriptor that `service` has to be called for when it is readable; -1 for none.
+    [[nodiscard]] virtual int fdToService() const { return -1; }
+    virtual void service() {}
+    /// Called about once a second.
+    virtual void serviceTimer() {}
+};
+
+/// The adapter that the options name. Ends the program when there is none of that name.
+[[nodiscard]] std::unique_ptr<Adapter> makeAdapter(const Options& options);
+
+}  // namespace Load

@@ -1,0 +1,44 @@
+/// The descriptors that the load program waits for.
+#pragma once
+
+#include <sys/epoll.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <gsl/span>
+
+namespace Load {
+
+/// Whose descriptor is ready.
+enum class Party : std::uint32_t { kReceiver, kSource, kTimer, kAdapter };
+
+class EventSet {
+  public:
+    EventSet();
+    ~EventSet();
+    EventSet(const EventSet&) = delete;
+    EventSet& operator=(const EventSet&) = delete;
+
+    /// Watches for input as long as there is any.
+    void watch(int fd, Party party, std::size_t nIndex);
+    /// Tells once when input comes or room for output.
+    void watchChanges(int fd, Party party, std::size_t nIndex);
+    /// What is ready; waits at most `nTimeoutMs`. Good until the next call.
+    [[nodiscard]] gsl::span<const epoll_event> wait(int nTimeoutMs);
+
+    [[nodiscard]] static Party partyOf(const epoll_event& event) {
+        return static_cast<Party>(event.data.u64 >> 32);
+    }
+    [[nodiscard]] static std::size_t nIndexOf(const epoll_event& event) {
+        return event.data.u64 & 0xFFFFFFFF;
+    }
+
+  private:
+    void add(int fd, std::uint32_t nEvents, Party party, std::size_t nIndex);
+
+    int fdEpoll;
+    std::array<epoll_event, 1024> events{};
+};
+
+}  // namespace Load

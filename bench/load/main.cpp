@@ -1,0 +1,50 @@
+// The load program: measures one daemon in one cell of the table.
+//   relay_load --daemon relay --address 127.0.0.1 --port 4000 ...
+// It prints "ready" when the daemon may be started, reads the daemon's process id from standard
+// input, and prints its results as lines of JSON.
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "bench/load/adapter.h"
+#include "bench/load/give_up.h"
+#include "bench/load/options.h"
+#include "bench/load/tcp_cell.h"
+
+namespace {
+
+void raiseDescriptorLimit() {
+    rlimit rlLimit{};
+    if (getrlimit(RLIMIT_NOFILE, &rlLimit) == 0) {
+        rlLimit.rlim_cur = rlLimit.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &rlLimit);
+    }
+}
+
+pid_t nReadPid() {
+    int nPid = 0;
+    if (std::scanf("%d", &nPid) != 1 || nPid <= 0) {
+        Load::giveUp("no process id came");
+    }
+    return nPid;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Load::Options options;
+    if (!Load::bParseOptions(argc, argv, options)) {
+        return 2;
+    }
+    raiseDescriptorLimit();
+    std::signal(SIGPIPE, SIG_IGN);
+    const auto pAdapter = Load::makeAdapter(options);
+    pAdapter->prepare();
+    std::puts("ready");
+    std::fflush(stdout);
+    const pid_t nPid = nReadPid();
+    pAdapter->awaitDaemon();
+    Load::TcpCell(options, *pAdapter, nPid).run();
+    return 0;
+}

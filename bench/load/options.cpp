@@ -1,0 +1,84 @@
+#include "bench/load/options.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <string_view>
+
+namespace Load {
+
+namespace {
+
+using setter_t = std::function<void(Options&, const char*)>;
+
+const std::map<std::string_view, setter_t>& setters() {
+    static const std::map<std::string_view, setter_t> table = {
+        {"--daemon", [](Options& o, const char* s) { o.sDaemon = s; }},
+        {"--address", [](Options& o, const char* s) { o.sAddress = s; }},
+        {"--port",
+         [](Options& o, const char* s) { o.nPort = static_cast<std::uint16_t>(std::atoi(s)); }},
+        {"--tls", [](Options& o, const char* s) { o.bTls = std::atoi(s) != 0; }},
+        {"--server-address", [](Options& o, const char* s) { o.sServerAddress = s; }},
+        {"--server-key", [](Options& o, const char* s) { o.sServerKeyFile = s; }},
+        {"--client-net", [](Options& o, const char* s) { o.nClientNet = std::atoi(s); }},
+        {"--pace",
+         [](Options& o, const char* s) {
+             o.pace = std::string_view(s) == "flat-out" ? Pace::kFlatOut : Pace::kModerate;
+         }},
+        {"--sources", [](Options& o, const char* s) { o.nSources = std::atoi(s); }},
+        {"--fanout", [](Options& o, const char* s) { o.nFanout = std::atoi(s); }},
+        {"--idle", [](Options& o, const char* s) { o.nIdle = std::atoi(s); }},
+        {"--payload",
+         [](Options& o, const char* s) { o.nPayload = static_cast<std::size_t>(std::atoi(s)); }},
+        {"--peer", [](Options& o, const char* s) { o.bPeer = std::atoi(s) != 0; }},
+        {"--rate", [](Options& o, const char* s) { o.dRate = std::atof(s); }},
+        {"--seconds", [](Options& o, const char* s) { o.dSeconds = std::atof(s); }},
+        {"--repeats", [](Options& o, const char* s) { o.nRepeats = std::atoi(s); }},
+        {"--window",
+         [](Options& o, const char* s) { o.nWindow = static_cast<std::size_t>(std::atol(s)); }},
+        {"--source-limit", [](Options& o, const char* s) { o.dSourceLimit = std::atof(s); }},
+    };
+    return table;
+}
+
+/// The first thing that is wrong, or null.
+const char* findFault(const Options& options) {
+    if (options.sAddress.empty() || options.nPort == 0) {
+        return "--address and --port are required";
+    }
+    if (options.nPayload < 24 || options.nPayload > 490) {
+        return "--payload is from 24 to 490";
+    }
+    if (options.nSources < 1 || options.nSources > 10000 || options.nFanout < 1 ||
+        options.nFanout > 10000 || options.nIdle < 0 || options.nIdle > 60000) {
+        return "--sources, --fanout or --idle is out of range";
+    }
+    if (options.dRate < 1 || options.dSeconds <= 0 || options.nRepeats < 1 ||
+        options.nWindow < 4096 || options.dSourceLimit < 0 || options.nClientNet < 1 ||
+        options.nClientNet > 254) {
+        return "--rate, --seconds, --repeats, --window, --source-limit or --client-net is out of "
+               "range";
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+bool bParseOptions(int nArgs, const char* const* arguments, Options& rOptions) {
+    for (int i = 1; i < nArgs; i += 2) {
+        const auto itSetter = setters().find(arguments[i]);
+        if (itSetter == setters().end() || i + 1 == nArgs) {
+            std::fprintf(stderr, "relay_load: unknown option or no value: %s\n", arguments[i]);
+            return false;
+        }
+        itSetter->second(rOptions, arguments[i + 1]);
+    }
+    const char* const sFault = findFault(rOptions);
+    if (sFault != nullptr) {
+        std::fprintf(stderr, "relay_load: %s\n", sFault);
+    }
+    return sFault == nullptr;
+}
+
+}  // namespace Load

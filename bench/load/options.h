@@ -1,0 +1,47 @@
+/// What one start of the load program does, as read from its command line.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Load {
+
+/// How sources send.
+enum class Pace {
+    kModerate,  ///< one message after the other, at a fixed rate of deliveries
+    kFlatOut,   ///< as fast as the daemon takes it
+};
+
+struct Options {
+    std::string sDaemon;         ///< relay, nats, redis, mqtt or floor
+    std::string sAddress;        ///< dotted IPv4 address of the daemon
+    std::uint16_t nPort = 0;     ///< its TCP port
+    bool bTls = false;           ///< connect to it with TLS
+    std::string sServerAddress;  ///< relay only: where the stand-in connection server listens
+    std::string sServerKeyFile;  ///< relay only: that server's private key, PEM
+    /// The first two numbers of our own addresses, which are 127.NET.x.y. The relay counts
+    /// connections by address.
+    int nClientNet = 200;
+
+    Pace pace = Pace::kModerate;
+    int nSources = 1;
+    int nFanout = 1;             ///< receivers of each source; every receiver hears one source
+    int nIdle = 0;               ///< further clients that neither send nor receive
+    std::size_t nPayload = 200;  ///< bytes of payload, from 24 to 490
+    bool bPeer = false;          ///< relay only: the sources are relay peers
+    double dRate = 20000;        ///< moderate: deliveries per second, of all receivers together
+    double dSeconds = 0.3;       ///< how long sources send in one repetition
+    int nRepeats = 5;
+    /// Flat out: how many bytes of payload and framing a source is ahead of its slowest receiver.
+    std::size_t nWindow = 65536;
+    /// Flat out: bytes per second that a source stays below; 0 for no limit.
+    double dSourceLimit = 0;
+};
+
+/// Reads "--name value" pairs. Prints what is wrong to standard error and returns false when an
+/// option is unknown, lacks its value or is out of its range.
+[[nodiscard]] bool bParseOptions(int nArgs, const char* const* arguments, Options& rOptions);
+
+}  // namespace Load

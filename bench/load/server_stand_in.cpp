@@ -1,0 +1,177 @@
+// Tickets are DES and the key file is a bare RSA key: that is what the network speaks.
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include "bench/load/server_stand_in.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <openssl/des.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+
+#include "bench/load/cpu_clock.h"
+#include "bench/load/give_up.h"
+#include "genner/output/ChallengeNetMessage.h"
+#include "genner/output/HeartbeatNetMessage.h"
+#include "genner/output/LogInNetMessage.h"
+#include "genner/output/RelayPortNetMessage.h"
+#include "genner/output/ResponseNetMessage.h"
+#include "genner/output/RoutingUpdateNetMessage.h"
+#include "orvex/orvex.h"
+#include "orvex/rsa_decrypter_impl.h"
+
+namespace Load {
+
+namespace {
+
+constexpr std::uint16_t kServerPort = 9736;
+constexpr int kChallenge = 4711;
+constexpr unsigned kRelayId = 1000;
+constexpr std::size_t kBlockLen = 8;
+constexpr std::size_t kTicketLen = 16;
+constexpr int kPatienceMs = 15000;
+/// Orders of routes to many receivers are written at one go.
+constexpr int kSendBuffer = 4 << 20;
+
+void awaitReadable(int fd, const char* sWhat) {
+    pollfd pfd{fd, POLLIN, 0};
+    if (poll(&pfd, 1, kPatienceMs) != 1) {
+        giveUp("the relay does not %s", sWhat);
+    }
+}
+
+bool bIsOfType(const Orvex::NetMessage& message, long lType) {
+    return message.GetNetMsgType() == lType;
+}
+
+}  // namespace
+
+ServerStandIn::ServerStandIn(const std::string& sKeyFile) {
+    FILE* const pFile = std::fopen(sKeyFile.c_str(), "rb");
+    if (pFile != nullptr) {
+        pPrivateKey = PEM_read_RSAPrivateKey(pFile, nullptr, nullptr, nullptr);
+        std::fclose(pFile);
+    }
+    if (pPrivateKey == nullptr) {
+        giveUp("no private key of the connection server in '%s'", sKeyFile.c_str());
+    }
+}
+
+ServerStandIn::~ServerStandIn() {
+    RSA_free(pPrivateKey);
+    for (const int fd : {fdListener, msRelay.getMsgSockFileDesc()}) {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+}
+
+void ServerStandIn::listenAt(const std::string& sAddress) {
+    sockaddr_in siServer{};
+    siServer.sin_family = AF_INET;
+    siServer.sin_port = htons(kServerPort);
+    fdListener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int nYes = 1;
+    (void)setsockopt(fdListener, SOL_SOCKET, SO_REUSEADDR, &nYes, sizeof nYes);
+    if (inet_pton(AF_INET, sAddress.c_str(), &siServer.sin_addr) != 1 ||
+        bind(fdListener, reinterpret_cast<sockaddr*>(&siServer), sizeof siServer) != 0 ||
+        listen(fdListener, 8) != 0) {
+        giveUp("the connection server cannot listen at '%s'", sAddress.c_str());
+    }
+}
+
+void ServerStandIn::awaitRelay() {
+    awaitReadable(fdListener, "connect to its connection server");
+    sockaddr_in siRelay{};
+    socklen_t nLen = sizeof siRelay;
+    const int fd = accept4(fdListener, reinterpret_cast<sockaddr*>(&siRelay), &nLen, SOCK_NONBLOCK);
+    if (fd < 0) {
+        giveUp("the relay's connection was lost");
+    }
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+    msRelay = Orvex::RelayMessageSocket(fd, siRelay);
+    Orvex::ChallengeNetMessage challenge(kChallenge);
+    send(challenge);
+    bool bDone = false;
+    while (!bDone) {
+        awaitReadable(fd, "log in");
+        if (msRelay.nReadNonBlockingSocket() < 0) {
+            giveUp("the relay left while it logged in");
+        }
+        while (const auto image = msRelay.dequeueView()) {
+            bDone = bHandleOne(image->data(), static_cast<int>(image->size())) || bDone;
+        }
+    }
+}
+
+/// True for the message that ends a log-in.
+bool ServerStandIn::bHandleOne(const char* pImage, int nLen) {
+    const Orvex::NetMessage message(pImage, nLen);
+    if (bIsOfType(message, Orvex::LogInNetMessage::nTYPE)) {
+        handleLogIn(pImage, nLen);
+    }
+    return bIsOfType(message, Orvex::RelayPortNetMessage::nTYPE);
+}
+
+void ServerStandIn::handleLogIn(const char* pImage, int nLen) {
+    Orvex::LogInNetMessage logIn(pImage, nLen);
+    Orvex::RSADecrypterImpl decrypter(pPrivateKey);
+    if (!logIn.RSADecrypt(&decrypter) || logIn.GetLoginNumber() != kChallenge) {
+        giveUp("the relay's log-in cannot be read; has it the right public key?");
+    }
+    logIn.GetClientDESKey(achDesKey.data());
+    Orvex::ResponseNetMessage response(kRelayId, Orvex::ReturnCode(0));
+    send(response);
+}
+
+void ServerStandIn::send(Orvex::NetMessage& rMessage) {
+    if (rMessage.Send(true, msRelay) < 1) {
+        giveUp("the relay takes nothing from its connection server");
+    }
+}
+
+Orvex::RelayConnectNetMessage ServerStandIn::ticketFor(unsigned nClientId) const {
+    std::array<unsigned char, kTicketLen> achTicket{};
+    const auto nLoopback = static_cast<std::int32_t>(htonl(INADDR_LOOPBACK));
+    Orvex::KTicket(nClientId, nLoopback, std::time(nullptr)).SerializeToChars(achTicket, nullptr);
+    DES_cblock dcbKey;
+    std::copy(achDesKey.begin(), achDesKey.end(), dcbKey);
+    DES_key_schedule schedule;
+    DES_set_key_unchecked(&dcbKey, &schedule);
+    for (std::size_t i = 0; i < kTicketLen; i += kBlockLen) {
+        auto* const pBlock = reinterpret_cast<DES_cblock*>(achTicket.data() + i);
+        DES_ecb_encrypt(pBlock, pBlock, &schedule, DES_ENCRYPT);
+    }
+    return {nClientId, achTicket.data(), static_cast<int>(kTicketLen)};
+}
+
+void ServerStandIn::addRoute(unsigned nFromId, unsigned nToId, int nMsgClass) {
+    Orvex::RoutingUpdateNetMessage update(Orvex::RequestCode(0), nFromId, nToId, nMsgClass);
+    send(update);
+}
+
+void ServerStandIn::sendHeartbeat() {
+    Orvex::HeartbeatNetMessage heartbeat;
+    send(heartbeat);
+}
+
+void ServerStandIn::readAll() {
+    while (true) {
+        const int nRead = msRelay.nReadNonBlockingSocket();
+        if (nRead < 0) {
+            giveUp("the relay left its connection server");
+        }
+        while (msRelay.dequeueView()) {
+        }
+        if (nRead == 0) {
+            return;
+        }
+    }
+}
+
+}  // namespace Load

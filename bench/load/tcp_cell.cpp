@@ -1,0 +1,311 @@
+#include "bench/load/tcp_cell.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "bench/load/give_up.h"
+#include "bench/load/payload.h"
+
+namespace Load {
+
+namespace {
+
+constexpr std::int64_t kNsPerMs = 1'000'000;
+constexpr std::int64_t kNsPerSec = 1'000'000'000;
+constexpr std::int64_t kWarmUpPatienceNs = 20 * kNsPerSec;
+constexpr std::int64_t kDeliveryPatienceNs = 5 * kNsPerSec;
+constexpr std::int64_t kServiceNs = kNsPerSec;
+/// The relay gives a client up that says nothing for 15 s.
+constexpr std::int64_t kKeepAliveNs = 5 * kNsPerSec;
+
+std::int64_t nToNs(double dSeconds) {
+    return static_cast<std::int64_t>(dSeconds * static_cast<double>(kNsPerSec));
+}
+
+}  // namespace
+
+TcpCell::TcpCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nPidOfDaemon)
+    : options(cellOptions),
+      rAdapter(rAdapterOfDaemon),
+      nPid(nPidOfDaemon),
+      cpuClock(nPidOfDaemon),
+      sPayload(makePayload(cellOptions.nPayload)) {
+    events.watch(timer.getFileDesc(), Party::kTimer, 0);
+    if (rAdapter.fdToService() >= 0) {
+        events.watch(rAdapter.fdToService(), Party::kAdapter, 0);
+    }
+}
+
+void TcpCell::run() {
+    connectGroups();
+    warmUp();
+    const std::int64_t nBefore = nResidentBytes(nPid);
+    connectIdle();
+    warmUp();
+    printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
+    for (int i = 0; i < options.nRepeats; ++i) {
+        prepareRepetition();
+        const Repetition repetition = runOnce();
+        printRepetition(repetition, findings);
+    }
+}
+
+// -- connecting ------------------------------------------------------------------------------
+
+Connection TcpCell::connectNext() {
+    serviceIfDue();
+    return Connection::open(options, nConnections++);
+}
+
+void TcpCell::connectGroups() {
+    for (int nGroup = 0; nGroup < options.nSources; ++nGroup) {
+        checks.push_back(std::make_unique<FrameCheck>(rAdapter, nGroup, sPayload));
+        for (int i = 0; i < options.nFanout; ++i) {
+            addReceiver(nGroup);
+        }
+        Connection connection = connectNext();
+        rAdapter.becomeSource(connection, nGroup);
+        connection.makeNonBlocking();
+        const Frame frame = rAdapter.sentFrame(nGroup, sPayload);
+        const SendWindow window(static_cast<std::uint32_t>(options.nWindow / frame.sBytes.size()),
+                                options.nFanout);
+        events.watchChanges(connection.getFileDesc(), Party::kSource, sources.size());
+        sources.emplace_back(std::move(connection), frame, window);
+    }
+}
+
+void TcpCell::addReceiver(int nGroup) {
+    Connection connection = connectNext();
+    rAdapter.becomeReceiver(connection, nGroup);
+    connection.makeNonBlocking();
+    events.watch(connection.getFileDesc(), Party::kReceiver, receivers.size());
+    receivers.emplace_back(std::move(connection), *checks.back(), nGroup);
+}
+
+void TcpCell::connectIdle() {
+    for (int i = 0; i < options.nIdle; ++i) {
+        Connection connection = connectNext();
+        rAdapter.becomeIdle(connection);
+        connection.makeNonBlocking();
+        idle.push_back(std::move(connection));
+    }
+}
+
+// -- repetitions -----------------------------------------------------------------------------
+
+bool TcpCell::bAllDelivered() const {
+    return std::all_of(receivers.begin(), receivers.end(), [&](const Receiver& receiver) {
+        const auto nGroup = static_cast<std::size_t>(receiver.getGroup());
+        return receiver.nNextSequence() == sources[nGroup].nNextSequence();
+    });
+}
+
+bool TcpCell::bAwaitDeliveries(std::int64_t nPatienceNs) {
+    const std::int64_t nDeadline = nMonotonicNs() + nPatienceNs;
+    while (!bAllDelivered()) {
+        if (nMonotonicNs() > nDeadline) {
+            return false;
+        }
+        handleEvents(1);
+    }
+    return true;
+}
+
+void TcpCell::warmUp() {
+    constexpr std::int64_t nOneTryNs = 100 * kNsPerMs;
+    const std::int64_t nDeadline = nMonotonicNs() + kWarmUpPatienceNs;
+    do {
+        if (nMonotonicNs() > nDeadline) {
+            giveUp("messages do not reach all receivers");
+        }
+        for (Source& rSource : sources) {
+            rSource.sendOne();
+        }
+    } while (!bAwaitDeliveries(nOneTryNs));
+    for (Source& rSource : sources) {
+        rSource.window.restartAt(rSource.nNextSequence());
+    }
+}
+
+void TcpCell::keepAlive() {
+    const auto sayOne = [&](Connection& rConnection) {
+        const std::string sFrame = rAdapter.sKeepAlive(rConnection);
+        if (!sFrame.empty() && rConnection.nWriteSome(sFrame) != sFrame.size()) {
+            giveUp("the daemon does not read what idle clients say");
+        }
+    };
+    for (Receiver& rReceiver : receivers) {
+        sayOne(rReceiver.rConnectionOf());
+    }
+    for (Source& rSource : sources) {
+        sayOne(rSource.rConnectionOf());
+    }
+    for (Connection& rConnection : idle) {
+        rConnection.drain();
+        sayOne(rConnection);
+    }
+    nLastKeepAliveNs = nMonotonicNs();
+}
+
+void TcpCell::prepareRepetition() {
+    if (nMonotonicNs() - nLastKeepAliveNs > kKeepAliveNs) {
+        keepAlive();
+    }
+    const double dNeeded = options.dSeconds * 1.2;
+    const std::int64_t nQuietAt = nMonotonicNs() + nToNs(rAdapter.dSecondsUntilQuiet(dNeeded));
+    while (nMonotonicNs() < nQuietAt) {
+        handleEvents(10);
+    }
+    warmUp();
+    serviceIfDue();
+    ready.clear();
+    limited.clear();
+    for (Source& rSource : sources) {
+        rSource.nBytesSent = 0;
+    }
+    findings = Findings{};
+    findings.bLatencies = options.pace == Pace::kModerate;
+}
+
+Repetition TcpCell::runOnce() {
+    Repetition repetition;
+    std::int64_t nSequencesBefore = 0;
+    for (const Source& source : sources) {
+        nSequencesBefore += source.nNextSequence();
+    }
+    const std::int64_t nCpuBefore = cpuClock.nNanoseconds();
+    const std::int64_t nStart = nMonotonicNs();
+    if (options.pace == Pace::kModerate) {
+        sendModerately(repetition);
+    } else {
+        sendFlatOut();
+    }
+    repetition.bComplete = bAwaitDeliveries(kDeliveryPatienceNs);
+    repetition.nCpuNs = cpuClock.nNanoseconds() - nCpuBefore;
+    repetition.nWallNs = nMonotonicNs() - nStart;
+    repetition.nSent = -nSequencesBefore;
+    for (const Source& source : sources) {
+        repetition.nSent += source.nNextSequence();
+        repetition.nBytesSent += source.nBytesSent;
+    }
+    return repetition;
+}
+
+// One message for every beat; when we were late the message is left out, because the daemon would
+// find two at once.
+void TcpCell::sendModerately(Repetition& rRepetition) {
+    timer.start(nMessageIntervalNs(options.nFanout, options.dRate));
+    const std::int64_t nEnd = nMonotonicNs() + nToNs(options.dSeconds);
+    std::size_t nTurn = 0;
+    while (nMonotonicNs() < nEnd) {
+        handleEvents(-1);
+        const std::int64_t nBeats = timer.nBeats();
+        if (nBeats > 0) {
+            sources[nTurn++ % sources.size()].sendOne();
+            rRepetition.nMissedBeats += nBeats - 1;
+        }
+    }
+    timer.stop();
+    (void)timer.nBeats();
+}
+
+void TcpCell::sendFlatOut() {
+    const std::int64_t nStart = nMonotonicNs();
+    const std::int64_t nEnd = nStart + nToNs(options.dSeconds);
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        ready.push_back(i);
+    }
+    std::vector<std::size_t> now;
+    while (nMonotonicNs() < nEnd) {
+        now.swap(ready);
+        now.insert(now.end(), limited.begin(), limited.end());
+        limited.clear();
+        for (const std::size_t nGroup : now) {
+            sendFrom(nGroup, nStart);
+        }
+        now.clear();
+        handleEvents(limited.empty() ? 100 : 1);
+    }
+    finishSending();
+}
+
+void TcpCell::sendFrom(std::size_t nGroup, std::int64_t nStartNs) {
+    Source& rSource = sources[nGroup];
+    if (options.dSourceLimit == 0) {
+        (void)rSource.nSendMany(options.nWindow);
+        return;
+    }
+    const double dSeconds =
+        static_cast<double>(nMonotonicNs() - nStartNs) / static_cast<double>(kNsPerSec);
+    const double dAllowed =
+        options.dSourceLimit * dSeconds - static_cast<double>(rSource.nBytesSent);
+    // A whole window may go at the start, or the first round trips would be of single messages.
+    const double dNow = dAllowed + static_cast<double>(options.nWindow);
+    if (dNow < static_cast<double>(rSource.nFrameLen())) {
+        limited.push_back(nGroup);
+        return;
+    }
+    (void)rSource.nSendMany(static_cast<std::size_t>(dNow));
+    if (rSource.bMaySend()) {
+        limited.push_back(nGroup);
+    }
+}
+
+/// Frames that a socket took only a part of have to be completed.
+void TcpCell::finishSending() {
+    const std::int64_t nDeadline = nMonotonicNs() + kDeliveryPatienceNs;
+    while (!std::all_of(sources.begin(), sources.end(),
+                        [](Source& rSource) { return rSource.bFlush(); })) {
+        if (nMonotonicNs() > nDeadline) {
+            giveUp("the daemon does not read its sources");
+        }
+        handleEvents(1);
+    }
+}
+
+// -- events ----------------------------------------------------------------------------------
+
+void TcpCell::handleEvents(int nTimeoutMs) {
+    for (const epoll_event& event : events.wait(nTimeoutMs)) {
+        const std::size_t nIndex = EventSet::nIndexOf(event);
+        switch (EventSet::partyOf(event)) {
+            case Party::kReceiver:
+                handleReceiver(nIndex);
+                break;
+            case Party::kSource:
+                if ((event.events & EPOLLIN) != 0) {
+                    sources[nIndex].rConnectionOf().drain();
+                }
+                ready.push_back(nIndex);
+                break;
+            case Party::kAdapter:
+                rAdapter.service();
+                break;
+            case Party::kTimer:
+                break;
+        }
+    }
+}
+
+void TcpCell::handleReceiver(std::size_t nIndex) {
+    Receiver& rReceiver = receivers[nIndex];
+    const std::uint32_t nBefore = rReceiver.nNextSequence();
+    // The kernel tells again of what is left; a TLS session does not.
+    while (rReceiver.bReadOnce(rAdapter, findings) && options.bTls) {
+    }
+    if (options.pace == Pace::kFlatOut) {
+        const auto nGroup = static_cast<std::size_t>(rReceiver.getGroup());
+        if (sources[nGroup].window.bAdvance(nBefore, rReceiver.nNextSequence())) {
+            ready.push_back(nGroup);
+        }
+    }
+}
+
+void TcpCell::serviceIfDue() {
+    if (nMonotonicNs() - nLastServiceNs > kServiceNs) {
+        rAdapter.serviceTimer();
+        nLastServiceNs = nMonotonicNs();
+    }
+}
+
+}  // namespace Load
