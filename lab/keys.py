@@ -36,6 +36,14 @@ class ServerKey:
             serialization.Encoding.PEM, serialization.PublicFormat.SubjectPublicKeyInfo
         )
 
+    def private_pem(self) -> bytes:
+        """The private key as PEM, "BEGIN RSA PRIVATE KEY", for a server that is no Python."""
+        return self._private.private_bytes(
+            serialization.Encoding.PEM,
+            serialization.PrivateFormat.TraditionalOpenSSL,
+            serialization.NoEncryption(),
+        )
+
     def encrypt(self, plain: bytes) -> bytes:
         """What a relay does with its log-in payload."""
         return self._private.public_key().encrypt(plain, _OAEP)

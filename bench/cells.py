@@ -1,0 +1,121 @@
+"""The cells of the table: what is sent to whom, how fast, and which daemons have to show it."""
+
+from __future__ import annotations
+
+import dataclasses
+import itertools
+
+MODERATE, FLAT_OUT = "moderate", "flat-out"
+PAYLOADS = (200, 64, 490)
+FANOUTS = (1, 8, 64, 512)
+IDLE = (10, 1000, 8000)
+
+PEERS = ("nats", "redis", "mosquitto")
+
+#: Bytes per second that a source stays below: the relay drops ordinary clients above 2,000,000.
+SOURCE_LIMIT = 1_900_000
+
+
+@dataclasses.dataclass(frozen=True)
+class Cell:
+    """One line of the table for each daemon. `kind` says which part of the table it is in."""
+
+    name: str
+    kind: str
+    daemons: tuple[str, ...]
+    #: The floor that the relay is compared with.
+    floor: str
+    pace: str = MODERATE
+    sources: int = 1
+    fanout: int = 1
+    payload: int = 200
+    idle: int = 10
+    tls: bool = False
+    #: The sources are relay peers, which the relay does not limit.
+    relay_sources: bool = False
+    #: Flat out: how many bytes a source is ahead of its slowest receiver.
+    window: int = 65536
+    seconds: float = 0.3
+    repeats: int = 5
+
+    @property
+    def peers(self) -> tuple[str, ...]:
+        return tuple(daemon for daemon in self.daemons if daemon in PEERS)
+
+    def load_options(self) -> list[str]:
+        """What the load program is told of the cell."""
+        values = {
+            "pace": self.pace, "sources": self.sources, "fanout": self.fanout,
+            "payload": self.payload, "idle": self.idle, "tls": int(self.tls),
+            "peer": int(self.relay_sources), "seconds": self.seconds, "repeats": self.repeats,
+            "window": self.window,
+        }  # fmt: skip
+        if self.pace == FLAT_OUT and not self.relay_sources:
+            values["source-limit"] = SOURCE_LIMIT
+        return [text for key, value in values.items() for text in (f"--{key}", str(value))]
+
+
+_MANY = {"sources": 100, "fanout": 10}
+#: A thousand receivers behind: so much waits in the daemon when sources stop.
+_MANY_WINDOW = 16384
+
+
+def _moderate() -> list[Cell]:
+    cells = []
+    for payload, fanout in itertools.product(PAYLOADS, FANOUTS):
+        cells.append(
+            Cell(
+                f"moderate, 1 to {fanout}, {payload} B", "tcp",
+                ("relay", "floor_send", *PEERS), "floor_send", fanout=fanout, payload=payload,
+            )
+        )  # fmt: skip
+    for payload in PAYLOADS:
+        cells.append(
+            Cell(
+                f"moderate, 100 to 10 each, {payload} B", "tcp",
+                ("relay", "floor_send", *PEERS), "floor_send", payload=payload, **_MANY,
+            )
+        )  # fmt: skip
+    return cells
+
+
+def _idle() -> list[Cell]:
+    return [
+        Cell(
+            f"moderate, 1 to {fanout}, {idle} idle", "idle",
+            ("relay", "floor_send", *PEERS), "floor_send", fanout=fanout, idle=idle,
+        )
+        for idle, fanout in itertools.product(IDLE[1:], FANOUTS)
+    ]  # fmt: skip
+
+
+def _flat_out() -> list[Cell]:
+    cells = []
+    for payload in PAYLOADS:
+        cells.append(
+            Cell(
+                f"flat out, 100 to 10 each, {payload} B", "tcp",
+                ("relay", "floor_gather", "floor_send", *PEERS), "floor_gather",
+                pace=FLAT_OUT, payload=payload, window=_MANY_WINDOW, **_MANY,
+            )
+        )  # fmt: skip
+    for payload, fanout in itertools.product(PAYLOADS, FANOUTS[1:]):
+        cells.append(
+            Cell(
+                f"flat out, 1 to {fanout}, {payload} B", "tcp",
+                ("relay", "floor_gather", *PEERS), "floor_gather",
+                pace=FLAT_OUT, fanout=fanout, payload=payload, relay_sources=True,
+            )
+        )  # fmt: skip
+    return cells
+
+
+def all_cells() -> list[Cell]:
+    """Every cell of the table, in its order."""
+    return [*_moderate(), *_idle(), *_flat_out()]
+
+
+def quick_cells() -> list[Cell]:
+    """One payload and few runs: whether everything works, not how fast it is."""
+    few = [cell for cell in all_cells() if cell.payload == 200 and cell.idle <= 1000]
+    return [dataclasses.replace(cell, repeats=2, seconds=0.15) for cell in few]

@@ -1,0 +1,145 @@
+"""What is measured: our relay, the bare floors and the peers. Each has an address of its own and
+a temporary folder, runs in the foreground on the daemon's core and is ended by its process id."""
+
+from __future__ import annotations
+
+import contextlib
+import subprocess
+import tempfile
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+from bench.cells import Cell
+from bench.pinning import DAEMON_CORE, on_core
+from lab import addresses
+from lab.cluster import Cluster
+from lab.keys import Certificate, shared_server_key, write_certificate
+from lab.relay import Relay
+from lab.relay_config import RelayConfig
+
+ROOT = Path(__file__).resolve().parents[1]
+BUILD = ROOT / "build" / "bench" / "bin"
+
+
+class Surroundings:
+    """What the daemons of a run share: the database of the relay, keys, a certificate."""
+
+    def __init__(self) -> None:
+        self._folder = tempfile.TemporaryDirectory(prefix="tessel-bench-")
+        self.folder = Path(self._folder.name)
+        self._cluster = Cluster()
+
+    def __enter__(self) -> Surroundings:
+        cluster = self._cluster.start()
+        self.database_env = cluster.new_schema().env
+        self.server_key_file = self.folder / "server.key"
+        self.server_key_file.write_bytes(shared_server_key().private_pem())
+        self.certificate = write_certificate(self.folder, "daemon")
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._cluster.close()
+        self._folder.cleanup()
+
+
+class Daemon:
+    """One daemon for one cell: chosen addresses first, then the process, then its end."""
+
+    #: What the load program calls the protocol.
+    adapter = ""
+
+    def __init__(self, around: Surroundings, cell: Cell) -> None:
+        self.around = around
+        self.cell = cell
+        self.address = addresses.new_address()
+        self.port = addresses.free_port(self.address)
+
+    def load_options(self) -> list[str]:
+        """Where the load program finds the daemon."""
+        return ["--daemon", self.adapter, "--address", self.address, "--port", str(self.port)]
+
+    @contextlib.contextmanager
+    def running(self) -> Iterator[int]:
+        """The process id; when this ends the process has ended."""
+        with tempfile.TemporaryDirectory(prefix="tessel-bench-") as name:
+            folder = Path(name)
+            with open(folder / "output", "wb") as output:
+                process = subprocess.Popen(
+                    ["setpriv", "--pdeathsig", "KILL", *on_core(DAEMON_CORE),
+                     *self.command(folder)],
+                    cwd=folder,
+                    stdin=subprocess.DEVNULL,
+                    stdout=output,
+                    stderr=subprocess.STDOUT,
+                    start_new_session=True,
+                )  # fmt: skip
+                try:
+                    yield process.pid
+                finally:
+                    _end(process)
+
+    def command(self, folder: Path) -> list[str]:
+        """The command line; may write a configuration into the folder, which is the working
+        directory."""
+        raise NotImplementedError
+
+
+def _end(process: subprocess.Popen[bytes]) -> None:
+    process.terminate()
+    try:
+        process.wait(3)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
+
+
+class RelayDaemon(Daemon):
+    adapter = "relay"
+
+    def __init__(self, around: Surroundings, cell: Cell) -> None:
+        super().__init__(around, cell)
+        self.server_address = addresses.new_address()
+        config = RelayConfig(servers=[self.server_address])
+        self.relay = Relay(
+            config,
+            env=around.database_env,
+            binary=BUILD / "relayserver",
+            tls=cell.tls,
+            wrapper=on_core(DAEMON_CORE),
+        )
+
+    def load_options(self) -> list[str]:
+        self.address = self.relay.address
+        self.port = self.relay.tls_port if self.cell.tls else self.relay.tcp_port
+        return [
+            *super().load_options(),
+            "--server-address", self.server_address,
+            "--server-key", str(self.around.server_key_file),
+        ]  # fmt: skip
+
+    @contextlib.contextmanager
+    def running(self) -> Iterator[int]:
+        try:
+            yield self.relay.start().pid
+        finally:
+            self.relay.close()
+
+
+class FloorSend(Daemon):
+    adapter = "floor"
+    program = "floor_send"
+
+    def command(self, folder: Path) -> list[str]:
+        return [str(BUILD / self.program), self.address, str(self.port)]
+
+
+class FloorGather(FloorSend):
+    program = "floor_gather"
+
+
+#: By the names that cells use.
+DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
+    "relay": RelayDaemon,
+    "floor_send": FloorSend,
+    "floor_gather": FloorGather,
+}

@@ -1,0 +1,86 @@
+"""Runs one cell with one daemon: the load program and the daemon, side by side."""
+
+from __future__ import annotations
+
+import contextlib
+import dataclasses
+import json
+import subprocess
+import threading
+from collections.abc import Iterator
+
+from bench.cells import Cell
+from bench.daemons import BUILD, Daemon
+from bench.pinning import LOAD_CORE, on_core
+
+#: A run that takes longer hangs.
+_MOST_SECS = 90.0
+
+
+class CellFailed(Exception):
+    """No figures came; the text says why."""
+
+
+@dataclasses.dataclass
+class Outcome:
+    """What the load program printed: a dictionary for each repetition, and one on memory."""
+
+    repetitions: list[dict[str, float]]
+    memory: dict[str, float]
+
+    def values(self, key: str) -> list[float]:
+        """One value of every repetition, where it has one."""
+        return [one[key] for one in self.repetitions if key in one]
+
+    def cpu_us(self) -> list[float]:
+        """Microseconds of processor time per delivery, of every repetition."""
+        return [one["cpu_ns"] / one["deliveries"] / 1000 for one in self.repetitions]
+
+    def per_sec(self) -> list[float]:
+        """Deliveries per second, of every repetition."""
+        return [one["deliveries"] / one["wall_ns"] * 1e9 for one in self.repetitions]
+
+    def faults(self) -> str:
+        """What went wrong with messages; empty when nothing did."""
+        lost = sum(self.values("lost"))
+        wrong = sum(self.values("wrong"))
+        incomplete = sum(not one["complete"] for one in self.repetitions)
+        named = {"lost": lost, "wrong": wrong, "runs not finished": incomplete}
+        return ", ".join(f"{count:.0f} {name}" for name, count in named.items() if count)
+
+
+@contextlib.contextmanager
+def _load(arguments: list[str]) -> Iterator[subprocess.Popen[str]]:
+    """The load program, killed when it is not done in time."""
+    process = subprocess.Popen(
+        ["setpriv", "--pdeathsig", "KILL", *on_core(LOAD_CORE), *arguments],
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+    watchdog = threading.Timer(_MOST_SECS, process.kill)
+    watchdog.start()
+    try:
+        yield process
+    finally:
+        watchdog.cancel()
+        process.kill()
+        process.communicate()
+
+
+def measure(cell: Cell, daemon: Daemon) -> Outcome:
+    """Starts the load program, then the daemon, and collects the figures."""
+    arguments = [str(BUILD / "relay_load"), *daemon.load_options(), *cell.load_options()]
+    with _load(arguments) as load:
+        if load.stdout.readline() != "ready\n":
+            raise CellFailed(load.stderr.read().strip())
+        with daemon.running() as pid:
+            load.stdin.write(f"{pid}\n")
+            load.stdin.flush()
+            lines = [json.loads(line) for line in load.stdout]
+            if load.wait() != 0:
+                raise CellFailed(load.stderr.read().strip() or "killed: it took too long")
+    repetitions = [line for line in lines if line["what"] == "repetition"]
+    memory = next((line for line in lines if line["what"] == "memory"), {})
+    return Outcome(repetitions, memory)

@@ -1,0 +1,62 @@
+"""The benchmark: every cell with every daemon, one table.
+
+    python3 -m bench.run [--quick] [--only PATTERN]
+"""
+
+from __future__ import annotations
+
+import argparse
+import sys
+import time
+from pathlib import Path
+
+if __package__ in (None, ""):
+    sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from bench import report
+from bench.cells import Cell, all_cells, quick_cells
+from bench.daemons import DAEMONS, Surroundings
+from bench.measure import CellFailed, measure
+from bench.pinning import stay_on_load_core
+
+
+def _parse() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__.splitlines()[0])
+    parser.add_argument("--quick", action="store_true", help="few cells, short runs")
+    parser.add_argument("--only", default="", metavar="PATTERN",
+                        help="only cells whose name holds this text")  # fmt: skip
+    return parser.parse_args()
+
+
+def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
+    """Measures; prints the table as it grows. Returns the results and what failed."""
+    results: report.Results = {}
+    failures = []
+    print(report.head(), flush=True)
+    with Surroundings() as around:
+        for cell in cells:
+            # The floor first, so that every line can show its ratio.
+            for name in sorted(cell.daemons, key=lambda one: one != cell.floor):
+                if name not in DAEMONS:
+                    continue
+                try:
+                    results[cell, name] = measure(cell, DAEMONS[name](around, cell))
+                    print(report.row(results, cell, name), flush=True)
+                except CellFailed as error:
+                    failures.append(f"{cell.name}, {name}: {error}")
+                    print(f"{cell.name:32} {name:12} failed: {error}", flush=True)
+    return results, failures
+
+
+def main() -> int:
+    options = _parse()
+    stay_on_load_core()
+    cells = quick_cells() if options.quick else all_cells()
+    started = time.monotonic()
+    _, failures = run([cell for cell in cells if options.only in cell.name])
+    print(f"{time.monotonic() - started:.0f} s")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
