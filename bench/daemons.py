@@ -137,9 +137,46 @@ class FloorGather(FloorSend):
     program = "floor_gather"
 
 
+class Nats(Daemon):
+    adapter = "nats"
+
+    def command(self, folder: Path) -> list[str]:
+        (folder / "nats.conf").write_text(
+            f"listen: {self.address}:{self.port}\nlogtime: false\n"
+        )
+        return ["nats-server", "-c", "nats.conf"]
+
+
+class Redis(Daemon):
+    adapter = "redis"
+
+    def command(self, folder: Path) -> list[str]:
+        (folder / "redis.conf").write_text(
+            f"bind {self.address}\nport {self.port}\nprotected-mode no\nmaxclients 20000\n"
+            'save ""\nappendonly no\ndaemonize no\nloglevel warning\n'
+        )
+        return ["redis-server", "redis.conf"]
+
+
+class Mosquitto(Daemon):
+    adapter = "mqtt"
+
+    def command(self, folder: Path) -> list[str]:
+        # It would leave root's rights for those of a user who cannot read our folder.
+        (folder / "mosquitto.conf").write_text(
+            f"listener {self.port} {self.address}\nallow_anonymous true\nuser root\n"
+            "persistence false\nlog_dest none\nconnection_messages false\nsys_interval 0\n"
+            "max_queued_messages 0\nmax_queued_bytes 0\nset_tcp_nodelay true\n"
+        )
+        return ["mosquitto", "-c", "mosquitto.conf"]
+
+
 #: By the names that cells use.
 DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
     "relay": RelayDaemon,
     "floor_send": FloorSend,
     "floor_gather": FloorGather,
+    "nats": Nats,
+    "redis": Redis,
+    "mosquitto": Mosquitto,
 }

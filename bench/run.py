@@ -6,6 +6,7 @@
 from __future__ import annotations
 
 import argparse
+import resource
 import sys
 import time
 from pathlib import Path
@@ -48,8 +49,15 @@ def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
     return results, failures
 
 
+def _raise_descriptor_limit() -> None:
+    """For the daemons that do not do so themselves: thousands of clients are connected."""
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+
+
 def main() -> int:
     options = _parse()
+    _raise_descriptor_limit()
     stay_on_load_core()
     cells = quick_cells() if options.quick else all_cells()
     started = time.monotonic()
