@@ -42,10 +42,16 @@ class Cell:
     def peers(self) -> tuple[str, ...]:
         return tuple(daemon for daemon in self.daemons if daemon in PEERS)
 
-    def load_options(self) -> list[str]:
-        """What the load program is told of the cell."""
+    def batch_key(self) -> Cell:
+        """Cells with equal keys differ in their receivers only and are measured one after the
+        other with the same clients, where thousands of these have to be connected."""
+        alone = self.idle < 1000
+        return self if alone else dataclasses.replace(self, name="", fanout=0)
+
+    def load_options(self, fanouts: list[int]) -> list[str]:
+        """What the load program is told of the cell, and of those of its batch."""
         values = {
-            "pace": self.pace, "sources": self.sources, "fanout": self.fanout,
+            "pace": self.pace, "sources": self.sources, "fanout": ",".join(map(str, fanouts)),
             "payload": self.payload, "idle": self.idle, "tls": int(self.tls),
             "peer": int(self.relay_sources), "seconds": self.seconds, "repeats": self.repeats,
             "window": self.window,
@@ -113,6 +119,14 @@ def _flat_out() -> list[Cell]:
 def all_cells() -> list[Cell]:
     """Every cell of the table, in its order."""
     return [*_moderate(), *_idle(), *_flat_out()]
+
+
+def batches(cells: list[Cell]) -> list[list[Cell]]:
+    """The cells in the same order, those that are measured together in one list."""
+    found: dict[Cell, list[Cell]] = {}
+    for cell in cells:
+        found.setdefault(cell.batch_key(), []).append(cell)
+    return list(found.values())
 
 
 def quick_cells() -> list[Cell]:

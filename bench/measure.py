@@ -69,9 +69,10 @@ def _load(arguments: list[str]) -> Iterator[subprocess.Popen[str]]:
         process.communicate()
 
 
-def measure(cell: Cell, daemon: Daemon) -> Outcome:
-    """Starts the load program, then the daemon, and collects the figures."""
-    arguments = [str(BUILD / "relay_load"), *daemon.load_options(), *cell.load_options()]
+def measure(batch: list[Cell], daemon: Daemon) -> dict[Cell, Outcome]:
+    """Starts the load program, then the daemon, and collects the figures of every cell."""
+    options = batch[0].load_options([cell.fanout for cell in batch])
+    arguments = [str(BUILD / "relay_load"), *daemon.load_options(), *options]
     with _load(arguments) as load:
         if load.stdout.readline() != "ready\n":
             raise CellFailed(load.stderr.read().strip())
@@ -81,6 +82,9 @@ def measure(cell: Cell, daemon: Daemon) -> Outcome:
             lines = [json.loads(line) for line in load.stdout]
             if load.wait() != 0:
                 raise CellFailed(load.stderr.read().strip() or "killed: it took too long")
-    repetitions = [line for line in lines if line["what"] == "repetition"]
     memory = next((line for line in lines if line["what"] == "memory"), {})
-    return Outcome(repetitions, memory)
+    return {cell: Outcome(_repetitions_of(cell, lines), memory) for cell in batch}
+
+
+def _repetitions_of(cell: Cell, lines: list[dict[str, float]]) -> list[dict[str, float]]:
+    return [one for one in lines if one["what"] == "repetition" and one["fanout"] == cell.fanout]

@@ -37,8 +37,12 @@ def head() -> str:
     return _HEAD
 
 
-def row(results: Results, cell: Cell, daemon: str) -> str:
-    """One line of the table."""
+def rows(results: Results, cell: Cell) -> list[str]:
+    """The lines of a cell, of the daemons that have figures."""
+    return [_row(results, cell, name) for name in cell.daemons if (cell, name) in results]
+
+
+def _row(results: Results, cell: Cell, daemon: str) -> str:
     outcome = results[cell, daemon]
     floor = cpu(results, cell, cell.floor)
     ratio = f"{cpu(results, cell, daemon) / floor:8.2f}" if floor else f"{'':8}"

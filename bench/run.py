@@ -15,7 +15,7 @@ if __package__ in (None, ""):
     sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from bench import report
-from bench.cells import Cell, all_cells, quick_cells
+from bench.cells import Cell, all_cells, batches, quick_cells
 from bench.daemons import DAEMONS, Surroundings
 from bench.measure import CellFailed, measure
 from bench.pinning import stay_on_load_core
@@ -35,17 +35,15 @@ def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
     failures = []
     print(report.head(), flush=True)
     with Surroundings() as around:
-        for cell in cells:
-            # The floor first, so that every line can show its ratio.
-            for name in sorted(cell.daemons, key=lambda one: one != cell.floor):
-                if name not in DAEMONS:
-                    continue
+        for batch in batches(cells):
+            for name in batch[0].daemons:
                 try:
-                    results[cell, name] = measure(cell, DAEMONS[name](around, cell))
-                    print(report.row(results, cell, name), flush=True)
+                    outcomes = measure(batch, DAEMONS[name](around, batch[0]))
+                    results.update({(cell, name): one for cell, one in outcomes.items()})
                 except CellFailed as error:
-                    failures.append(f"{cell.name}, {name}: {error}")
-                    print(f"{cell.name:32} {name:12} failed: {error}", flush=True)
+                    failures.append(f"{batch[0].name}, {name}: {error}")
+            for cell in batch:
+                print(*report.rows(results, cell), sep="\n", flush=True)
     return results, failures
 
 
@@ -62,7 +60,7 @@ def main() -> int:
     cells = quick_cells() if options.quick else all_cells()
     started = time.monotonic()
     _, failures = run([cell for cell in cells if options.only in cell.name])
-    print(f"{time.monotonic() - started:.0f} s")
+    print(*failures, f"{time.monotonic() - started:.0f} s", sep="\n")
     return 1 if failures else 0
 
 

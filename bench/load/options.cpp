@@ -1,9 +1,11 @@
 #include "bench/load/options.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <sstream>
 #include <string_view>
 
 namespace Load {
@@ -11,6 +13,16 @@ namespace Load {
 namespace {
 
 using setter_t = std::function<void(Options&, const char*)>;
+
+/// Numbers with commas between them.
+std::vector<int> readNumbers(const char* sList) {
+    std::vector<int> numbers;
+    std::istringstream list(sList);
+    for (std::string sNumber; std::getline(list, sNumber, ',');) {
+        numbers.push_back(std::atoi(sNumber.c_str()));
+    }
+    return numbers;
+}
 
 const std::map<std::string_view, setter_t>& setters() {
     static const std::map<std::string_view, setter_t> table = {
@@ -27,7 +39,7 @@ const std::map<std::string_view, setter_t>& setters() {
              o.pace = std::string_view(s) == "flat-out" ? Pace::kFlatOut : Pace::kModerate;
          }},
         {"--sources", [](Options& o, const char* s) { o.nSources = std::atoi(s); }},
-        {"--fanout", [](Options& o, const char* s) { o.nFanout = std::atoi(s); }},
+        {"--fanout", [](Options& o, const char* s) { o.fanouts = readNumbers(s); }},
         {"--idle", [](Options& o, const char* s) { o.nIdle = std::atoi(s); }},
         {"--payload",
          [](Options& o, const char* s) { o.nPayload = static_cast<std::size_t>(std::atoi(s)); }},
@@ -50,8 +62,10 @@ const char* findFault(const Options& options) {
     if (options.nPayload < 24 || options.nPayload > 490) {
         return "--payload is from 24 to 490";
     }
-    if (options.nSources < 1 || options.nSources > 10000 || options.nFanout < 1 ||
-        options.nFanout > 10000 || options.nIdle < 0 || options.nIdle > 60000) {
+    const bool bFanouts = std::all_of(options.fanouts.begin(), options.fanouts.end(),
+                                      [](int n) { return n >= 1 && n <= 10000; });
+    if (options.nSources < 1 || options.nSources > 10000 || !bFanouts || options.nIdle < 0 ||
+        options.nIdle > 60000) {
         return "--sources, --fanout or --idle is out of range";
     }
     if (options.dRate < 1 || options.dSeconds <= 0 || options.nRepeats < 1 ||

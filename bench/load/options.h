@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace Load {
 
@@ -27,7 +28,9 @@ struct Options {
 
     Pace pace = Pace::kModerate;
     int nSources = 1;
-    int nFanout = 1;             ///< receivers of each source; every receiver hears one source
+    /// Receivers of each source; every receiver hears one source. With several numbers each has
+    /// sources of its own and is measured in its turn; the clients of the others are idle then.
+    std::vector<int> fanouts = {1};
     int nIdle = 0;               ///< further clients that neither send nor receive
     std::size_t nPayload = 200;  ///< bytes of payload, from 24 to 490
     bool bPeer = false;          ///< relay only: the sources are relay peers

@@ -16,8 +16,8 @@ struct Repetition {
     bool bComplete = false;         ///< everything that was sent has been delivered
 };
 
-/// Prints the repetition and what its receivers found.
-void printRepetition(const Repetition& repetition, const Findings& findings);
+/// Prints the repetition and what its receivers found, `nFanout` to a source.
+void printRepetition(int nFanout, const Repetition& repetition, const Findings& findings);
 
 /// Prints the daemon's resident bytes without and with `nIdle` idle clients, once for a cell.
 void printMemory(std::int64_t nBefore, std::int64_t nAfter, int nIdle);

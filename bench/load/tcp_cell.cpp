@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "bench/load/give_up.h"
-#include "bench/load/payload.h"
 
 namespace Load {
 
@@ -14,9 +13,6 @@ constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
 constexpr std::int64_t kWarmUpPatienceNs = 20 * kNsPerSec;
 constexpr std::int64_t kDeliveryPatienceNs = 5 * kNsPerSec;
-constexpr std::int64_t kServiceNs = kNsPerSec;
-/// The relay gives a client up that says nothing for 15 s.
-constexpr std::int64_t kKeepAliveNs = 5 * kNsPerSec;
 
 std::int64_t nToNs(double dSeconds) {
     return static_cast<std::int64_t>(dSeconds * static_cast<double>(kNsPerSec));
@@ -29,7 +25,7 @@ TcpCell::TcpCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nP
       rAdapter(rAdapterOfDaemon),
       nPid(nPidOfDaemon),
       cpuClock(nPidOfDaemon),
-      sPayload(makePayload(cellOptions.nPayload)) {
+      crowd(cellOptions, rAdapterOfDaemon) {
     events.watch(timer.getFileDesc(), Party::kTimer, 0);
     if (rAdapter.fdToService() >= 0) {
         events.watch(rAdapter.fdToService(), Party::kAdapter, 0);
@@ -37,72 +33,26 @@ TcpCell::TcpCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nP
 }
 
 void TcpCell::run() {
-    connectGroups();
-    warmUp();
+    crowd.connectGroups(events);
+    warmUp(crowd.everybody());
     const std::int64_t nBefore = nResidentBytes(nPid);
-    connectIdle();
-    warmUp();
+    crowd.connectIdle();
+    warmUp(crowd.everybody());
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
-    for (int i = 0; i < options.nRepeats; ++i) {
-        prepareRepetition();
-        const Repetition repetition = runOnce();
-        printRepetition(repetition, findings);
-    }
-}
-
-// -- connecting ------------------------------------------------------------------------------
-
-Connection TcpCell::connectNext() {
-    serviceIfDue();
-    return Connection::open(options, nConnections++);
-}
-
-void TcpCell::connectGroups() {
-    for (int nGroup = 0; nGroup < options.nSources; ++nGroup) {
-        checks.push_back(std::make_unique<FrameCheck>(rAdapter, nGroup, sPayload));
-        for (int i = 0; i < options.nFanout; ++i) {
-            addReceiver(nGroup);
+    for (const Stage& stage : crowd.stages) {
+        for (int i = 0; i < options.nRepeats; ++i) {
+            prepareRepetition(stage);
+            const Repetition repetition = runOnce(stage);
+            printRepetition(stage.nFanout, repetition, findings);
         }
-        Connection connection = connectNext();
-        rAdapter.becomeSource(connection, nGroup);
-        connection.makeNonBlocking();
-        const Frame frame = rAdapter.sentFrame(nGroup, sPayload);
-        const SendWindow window(static_cast<std::uint32_t>(options.nWindow / frame.sBytes.size()),
-                                options.nFanout);
-        events.watchChanges(connection.getFileDesc(), Party::kSource, sources.size());
-        sources.emplace_back(std::move(connection), frame, window);
-    }
-}
-
-void TcpCell::addReceiver(int nGroup) {
-    Connection connection = connectNext();
-    rAdapter.becomeReceiver(connection, nGroup);
-    connection.makeNonBlocking();
-    events.watch(connection.getFileDesc(), Party::kReceiver, receivers.size());
-    receivers.emplace_back(std::move(connection), *checks.back(), nGroup);
-}
-
-void TcpCell::connectIdle() {
-    for (int i = 0; i < options.nIdle; ++i) {
-        Connection connection = connectNext();
-        rAdapter.becomeIdle(connection);
-        connection.makeNonBlocking();
-        idle.push_back(std::move(connection));
     }
 }
 
 // -- repetitions -----------------------------------------------------------------------------
 
-bool TcpCell::bAllDelivered() const {
-    return std::all_of(receivers.begin(), receivers.end(), [&](const Receiver& receiver) {
-        const auto nGroup = static_cast<std::size_t>(receiver.getGroup());
-        return receiver.nNextSequence() == sources[nGroup].nNextSequence();
-    });
-}
-
 bool TcpCell::bAwaitDeliveries(std::int64_t nPatienceNs) {
     const std::int64_t nDeadline = nMonotonicNs() + nPatienceNs;
-    while (!bAllDelivered()) {
+    while (!crowd.bAllDelivered()) {
         if (nMonotonicNs() > nDeadline) {
             return false;
         }
@@ -111,7 +61,7 @@ bool TcpCell::bAwaitDeliveries(std::int64_t nPatienceNs) {
     return true;
 }
 
-void TcpCell::warmUp() {
+void TcpCell::warmUp(gsl::span<Source> sources) {
     constexpr std::int64_t nOneTryNs = 100 * kNsPerMs;
     const std::int64_t nDeadline = nMonotonicNs() + kWarmUpPatienceNs;
     do {
@@ -127,37 +77,15 @@ void TcpCell::warmUp() {
     }
 }
 
-void TcpCell::keepAlive() {
-    const auto sayOne = [&](Connection& rConnection) {
-        const std::string sFrame = rAdapter.sKeepAlive(rConnection);
-        if (!sFrame.empty() && rConnection.nWriteSome(sFrame) != sFrame.size()) {
-            giveUp("the daemon does not read what idle clients say");
-        }
-    };
-    for (Receiver& rReceiver : receivers) {
-        sayOne(rReceiver.rConnectionOf());
-    }
-    for (Source& rSource : sources) {
-        sayOne(rSource.rConnectionOf());
-    }
-    for (Connection& rConnection : idle) {
-        rConnection.drain();
-        sayOne(rConnection);
-    }
-    nLastKeepAliveNs = nMonotonicNs();
-}
-
-void TcpCell::prepareRepetition() {
-    if (nMonotonicNs() - nLastKeepAliveNs > kKeepAliveNs) {
-        keepAlive();
-    }
+void TcpCell::prepareRepetition(const Stage& stage) {
+    crowd.keepAliveIfDue();
     const double dNeeded = options.dSeconds * 1.2;
     const std::int64_t nQuietAt = nMonotonicNs() + nToNs(rAdapter.dSecondsUntilQuiet(dNeeded));
     while (nMonotonicNs() < nQuietAt) {
         handleEvents(10);
     }
-    warmUp();
-    serviceIfDue();
+    const gsl::span<Source> sources = crowd.sourcesOf(stage);
+    warmUp(sources);
     ready.clear();
     limited.clear();
     for (Source& rSource : sources) {
@@ -167,8 +95,9 @@ void TcpCell::prepareRepetition() {
     findings.bLatencies = options.pace == Pace::kModerate;
 }
 
-Repetition TcpCell::runOnce() {
+Repetition TcpCell::runOnce(const Stage& stage) {
     Repetition repetition;
+    const gsl::span<Source> sources = crowd.sourcesOf(stage);
     std::int64_t nSequencesBefore = 0;
     for (const Source& source : sources) {
         nSequencesBefore += source.nNextSequence();
@@ -176,9 +105,9 @@ Repetition TcpCell::runOnce() {
     const std::int64_t nCpuBefore = cpuClock.nNanoseconds();
     const std::int64_t nStart = nMonotonicNs();
     if (options.pace == Pace::kModerate) {
-        sendModerately(repetition);
+        sendModerately(stage, repetition);
     } else {
-        sendFlatOut();
+        sendFlatOut(stage);
     }
     repetition.bComplete = bAwaitDeliveries(kDeliveryPatienceNs);
     repetition.nCpuNs = cpuClock.nNanoseconds() - nCpuBefore;
@@ -193,8 +122,9 @@ Repetition TcpCell::runOnce() {
 
 // One message for every beat; when we were late the message is left out, because the daemon would
 // find two at once.
-void TcpCell::sendModerately(Repetition& rRepetition) {
-    timer.start(nMessageIntervalNs(options.nFanout, options.dRate));
+void TcpCell::sendModerately(const Stage& stage, Repetition& rRepetition) {
+    const gsl::span<Source> sources = crowd.sourcesOf(stage);
+    timer.start(nMessageIntervalNs(stage.nFanout, options.dRate));
     const std::int64_t nEnd = nMonotonicNs() + nToNs(options.dSeconds);
     std::size_t nTurn = 0;
     while (nMonotonicNs() < nEnd) {
@@ -209,10 +139,10 @@ void TcpCell::sendModerately(Repetition& rRepetition) {
     (void)timer.nBeats();
 }
 
-void TcpCell::sendFlatOut() {
+void TcpCell::sendFlatOut(const Stage& stage) {
     const std::int64_t nStart = nMonotonicNs();
     const std::int64_t nEnd = nStart + nToNs(options.dSeconds);
-    for (std::size_t i = 0; i < sources.size(); ++i) {
+    for (std::size_t i = stage.nFirst; i < stage.nEnd; ++i) {
         ready.push_back(i);
     }
     std::vector<std::size_t> now;
@@ -226,11 +156,11 @@ void TcpCell::sendFlatOut() {
         now.clear();
         handleEvents(limited.empty() ? 100 : 1);
     }
-    finishSending();
+    finishSending(crowd.sourcesOf(stage));
 }
 
 void TcpCell::sendFrom(std::size_t nGroup, std::int64_t nStartNs) {
-    Source& rSource = sources[nGroup];
+    Source& rSource = crowd.sources[nGroup];
     if (options.dSourceLimit == 0) {
         (void)rSource.nSendMany(options.nWindow);
         return;
@@ -252,7 +182,7 @@ void TcpCell::sendFrom(std::size_t nGroup, std::int64_t nStartNs) {
 }
 
 /// Frames that a socket took only a part of have to be completed.
-void TcpCell::finishSending() {
+void TcpCell::finishSending(gsl::span<Source> sources) {
     const std::int64_t nDeadline = nMonotonicNs() + kDeliveryPatienceNs;
     while (!std::all_of(sources.begin(), sources.end(),
                         [](Source& rSource) { return rSource.bFlush(); })) {
@@ -274,7 +204,7 @@ void TcpCell::handleEvents(int nTimeoutMs) {
                 break;
             case Party::kSource:
                 if ((event.events & EPOLLIN) != 0) {
-                    sources[nIndex].rConnectionOf().drain();
+                    crowd.sources[nIndex].rConnectionOf().drain();
                 }
                 ready.push_back(nIndex);
                 break;
@@ -288,23 +218,16 @@ void TcpCell::handleEvents(int nTimeoutMs) {
 }
 
 void TcpCell::handleReceiver(std::size_t nIndex) {
-    Receiver& rReceiver = receivers[nIndex];
+    Receiver& rReceiver = crowd.receivers[nIndex];
     const std::uint32_t nBefore = rReceiver.nNextSequence();
     // The kernel tells again of what is left; a TLS session does not.
     while (rReceiver.bReadOnce(rAdapter, findings) && options.bTls) {
     }
     if (options.pace == Pace::kFlatOut) {
         const auto nGroup = static_cast<std::size_t>(rReceiver.getGroup());
-        if (sources[nGroup].window.bAdvance(nBefore, rReceiver.nNextSequence())) {
+        if (crowd.sources[nGroup].window.bAdvance(nBefore, rReceiver.nNextSequence())) {
             ready.push_back(nGroup);
         }
-    }
-}
-
-void TcpCell::serviceIfDue() {
-    if (nMonotonicNs() - nLastServiceNs > kServiceNs) {
-        rAdapter.serviceTimer();
-        nLastServiceNs = nMonotonicNs();
     }
 }
 
