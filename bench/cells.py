@@ -116,9 +116,21 @@ def _flat_out() -> list[Cell]:
     return cells
 
 
+def _tls() -> list[Cell]:
+    """The same cells again, of one payload, beside a floor that uses TLS too."""
+    plain = [cell for cell in (*_moderate(), *_flat_out()) if cell.payload == 200]
+    return [
+        dataclasses.replace(
+            cell, name=f"TLS, {cell.name}", daemons=("relay", "floor_tls"), floor="floor_tls",
+            tls=True,
+        )
+        for cell in plain
+    ]  # fmt: skip
+
+
 def all_cells() -> list[Cell]:
     """Every cell of the table, in its order."""
-    return [*_moderate(), *_idle(), *_flat_out()]
+    return [*_moderate(), *_idle(), *_flat_out(), *_tls()]
 
 
 def batches(cells: list[Cell]) -> list[list[Cell]]:

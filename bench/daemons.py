@@ -9,11 +9,11 @@ import tempfile
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from bench.cells import Cell
+from bench.cells import FLAT_OUT, Cell
 from bench.pinning import DAEMON_CORE, on_core
 from lab import addresses
 from lab.cluster import Cluster
-from lab.keys import Certificate, shared_server_key, write_certificate
+from lab.keys import shared_server_key, write_certificate
 from lab.relay import Relay
 from lab.relay_config import RelayConfig
 
@@ -137,6 +137,18 @@ class FloorGather(FloorSend):
     program = "floor_gather"
 
 
+class FloorTls(FloorSend):
+    """Gathers where the cell is one in which floors gather."""
+
+    program = "floor_tls"
+
+    def command(self, folder: Path) -> list[str]:
+        certificate = self.around.certificate
+        files = [str(certificate.crt_file), str(certificate.key_file)]
+        gather = ["gather"] if self.cell.pace == FLAT_OUT else []
+        return [*super().command(folder), *files, *gather]
+
+
 class Nats(Daemon):
     adapter = "nats"
 
@@ -176,6 +188,7 @@ DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
     "relay": RelayDaemon,
     "floor_send": FloorSend,
     "floor_gather": FloorGather,
+    "floor_tls": FloorTls,
     "nats": Nats,
     "redis": Redis,
     "mosquitto": Mosquitto,

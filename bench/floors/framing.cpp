@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -38,19 +37,24 @@ Client& rClientOf(int fd) {
     return clients[nIndex];
 }
 
-void introduce(int fd, Client& rClient, std::string_view svFrame) {
-    if (svFrame.size() != kIntroductionLen) {
+std::size_t nIntroduced(int fd, Client& rClient, std::string_view svInput) {
+    const std::size_t nLen = nWholeFrame(svInput);
+    if (nLen == 0) {
+        return 0;
+    }
+    if (nLen != kIntroductionLen) {
         std::fprintf(stderr, "a connection did not introduce itself\n");
         std::exit(EXIT_FAILURE);
     }
     rClient.bIntroduced = true;
-    std::memcpy(&rClient.nGroup, svFrame.data() + 2, sizeof rClient.nGroup);
+    std::memcpy(&rClient.nGroup, svInput.data() + 2, sizeof rClient.nGroup);
     if (groups.size() <= rClient.nGroup) {
         groups.resize(rClient.nGroup + 1);
     }
-    if (svFrame[1] == kReceiver) {
+    if (svInput[1] == kReceiver) {
         groups[rClient.nGroup].push_back(fd);
     }
+    return nLen;
 }
 
 int fdListenAt(const char* sAddress, const char* sPort) {
@@ -82,18 +86,9 @@ int fdAcceptOne(int fdListener) {
     return fd;
 }
 
-void sendAll(int fd, std::string_view svData) {
-    while (!svData.empty()) {
-        const ssize_t nSent = send(fd, svData.data(), svData.size(), MSG_NOSIGNAL);
-        if (nSent > 0) {
-            svData.remove_prefix(static_cast<std::size_t>(nSent));
-        } else if (errno == EAGAIN) {
-            pollfd pfd{fd, POLLOUT, 0};
-            (void)poll(&pfd, 1, -1);
-        } else {
-            return;
-        }
-    }
+void awaitRoom(int fd) {
+    pollfd pfd{fd, POLLOUT, 0};
+    (void)poll(&pfd, 1, -1);
 }
 
 void watch(int fdEpoll, int fd) {

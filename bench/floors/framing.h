@@ -33,8 +33,8 @@ extern std::vector<std::vector<int>>& groups;
 /// A client by its descriptor; makes one when there is none.
 Client& rClientOf(int fd);
 
-/// Takes the first frame of a connection.
-void introduce(int fd, Client& rClient, std::string_view svFrame);
+/// Takes the first frame of a connection; returns its length, 0 when it has not come whole.
+std::size_t nIntroduced(int fd, Client& rClient, std::string_view svInput);
 
 /// The descriptor of a listening socket at the dotted address and port of the command line; ends
 /// the program when there is none.
@@ -44,8 +44,8 @@ int fdListenAt(const char* sAddress, const char* sPort);
 /// Returns the descriptor, or -1 when nobody waits.
 int fdAcceptOne(int fdListener);
 
-/// Sends all of it, waiting for room when there is none.
-void sendAll(int fd, std::string_view svData);
+/// Waits until there is room in a socket's send buffer.
+void awaitRoom(int fd);
 
 /// Watches a descriptor for input.
 void watch(int fdEpoll, int fd);
