@@ -18,9 +18,12 @@ SOURCE_LIMIT = 1_900_000
 
 @dataclasses.dataclass(frozen=True)
 class Cell:
-    """One line of the table for each daemon. `kind` says which part of the table it is in."""
+    """One line of the table for each daemon."""
 
-    name: str
+    #: Which part of the table it is in, and its name there.
+    part: str
+    label: str
+    #: What the load program calls this kind of cell.
     kind: str
     daemons: tuple[str, ...]
     #: The floor that the relay is compared with.
@@ -39,6 +42,10 @@ class Cell:
     repeats: int = 5
 
     @property
+    def name(self) -> str:
+        return f"{self.part}, {self.label}"
+
+    @property
     def peers(self) -> tuple[str, ...]:
         return tuple(daemon for daemon in self.daemons if daemon in PEERS)
 
@@ -46,15 +53,15 @@ class Cell:
         """Cells with equal keys differ in their receivers only and are measured one after the
         other with the same clients, where thousands of these have to be connected."""
         alone = self.idle < 1000
-        return self if alone else dataclasses.replace(self, name="", fanout=0)
+        return self if alone else dataclasses.replace(self, label="", fanout=0)
 
     def load_options(self, fanouts: list[int]) -> list[str]:
         """What the load program is told of the cell, and of those of its batch."""
         values = {
-            "pace": self.pace, "sources": self.sources, "fanout": ",".join(map(str, fanouts)),
-            "payload": self.payload, "idle": self.idle, "tls": int(self.tls),
-            "peer": int(self.relay_sources), "seconds": self.seconds, "repeats": self.repeats,
-            "window": self.window,
+            "cell": self.kind, "pace": self.pace, "sources": self.sources,
+            "fanout": ",".join(map(str, fanouts)), "payload": self.payload, "idle": self.idle,
+            "tls": int(self.tls), "peer": int(self.relay_sources), "seconds": self.seconds,
+            "repeats": self.repeats, "window": self.window,
         }  # fmt: skip
         if self.pace == FLAT_OUT and not self.relay_sources:
             values["source-limit"] = SOURCE_LIMIT
@@ -64,73 +71,63 @@ class Cell:
 _MANY = {"sources": 100, "fanout": 10}
 #: A thousand receivers behind: so much waits in the daemon when sources stop.
 _MANY_WINDOW = 16384
+_MANY_LABEL = "100 to 10 each"
 
 
 def _moderate() -> list[Cell]:
-    cells = []
-    for payload, fanout in itertools.product(PAYLOADS, FANOUTS):
-        cells.append(
-            Cell(
-                f"moderate, 1 to {fanout}, {payload} B", "tcp",
-                ("relay", "floor_send", *PEERS), "floor_send", fanout=fanout, payload=payload,
-            )
-        )  # fmt: skip
-    for payload in PAYLOADS:
-        cells.append(
-            Cell(
-                f"moderate, 100 to 10 each, {payload} B", "tcp",
-                ("relay", "floor_send", *PEERS), "floor_send", payload=payload, **_MANY,
-            )
-        )  # fmt: skip
-    return cells
-
-
-def _idle() -> list[Cell]:
-    return [
-        Cell(
-            f"moderate, 1 to {fanout}, {idle} idle", "idle",
-            ("relay", "floor_send", *PEERS), "floor_send", fanout=fanout, idle=idle,
-        )
+    common = {"kind": "tcp", "daemons": ("relay", "floor_send", *PEERS), "floor": "floor_send"}
+    part = "moderate"
+    one_source = [
+        Cell(part, f"1 to {fanout}, {payload} B", fanout=fanout, payload=payload, **common)
+        for payload, fanout in itertools.product(PAYLOADS, FANOUTS)
+    ]
+    many = [
+        Cell(part, f"{_MANY_LABEL}, {payload} B", payload=payload, **_MANY, **common)
+        for payload in PAYLOADS
+    ]
+    idle = [
+        Cell(part, f"1 to {fanout}, {idle} idle", fanout=fanout, idle=idle, **common)
         for idle, fanout in itertools.product(IDLE[1:], FANOUTS)
-    ]  # fmt: skip
+    ]
+    return [*one_source, *many, *idle]
 
 
 def _flat_out() -> list[Cell]:
-    cells = []
-    for payload in PAYLOADS:
-        cells.append(
-            Cell(
-                f"flat out, 100 to 10 each, {payload} B", "tcp",
-                ("relay", "floor_gather", "floor_send", *PEERS), "floor_gather",
-                pace=FLAT_OUT, payload=payload, window=_MANY_WINDOW, **_MANY,
-            )
-        )  # fmt: skip
-    for payload, fanout in itertools.product(PAYLOADS, FANOUTS[1:]):
-        cells.append(
-            Cell(
-                f"flat out, 1 to {fanout}, {payload} B", "tcp",
-                ("relay", "floor_gather", *PEERS), "floor_gather",
-                pace=FLAT_OUT, fanout=fanout, payload=payload, relay_sources=True,
-            )
-        )  # fmt: skip
-    return cells
+    common = {"kind": "tcp", "floor": "floor_gather", "pace": FLAT_OUT}
+    part = "flat out"
+    many = [
+        Cell(
+            part, f"{_MANY_LABEL}, {payload} B", payload=payload, window=_MANY_WINDOW,
+            daemons=("relay", "floor_gather", "floor_send", *PEERS), **_MANY, **common,
+        )
+        for payload in PAYLOADS
+    ]  # fmt: skip
+    one_source = [
+        Cell(
+            part, f"1 to {fanout}, {payload} B", fanout=fanout, payload=payload,
+            daemons=("relay", "floor_gather", *PEERS), relay_sources=True, **common,
+        )
+        for payload, fanout in itertools.product(PAYLOADS, FANOUTS[1:])
+    ]  # fmt: skip
+    return [*many, *one_source]
 
 
 def _tls() -> list[Cell]:
     """The same cells again, of one payload, beside a floor that uses TLS too."""
-    plain = [cell for cell in (*_moderate(), *_flat_out()) if cell.payload == 200]
+    plain = [*_moderate(), *_flat_out()]
     return [
         dataclasses.replace(
-            cell, name=f"TLS, {cell.name}", daemons=("relay", "floor_tls"), floor="floor_tls",
+            cell, part=f"TLS {cell.part}", daemons=("relay", "floor_tls"), floor="floor_tls",
             tls=True,
         )
         for cell in plain
+        if cell.payload == 200 and cell.idle == IDLE[0]
     ]  # fmt: skip
 
 
 def all_cells() -> list[Cell]:
     """Every cell of the table, in its order."""
-    return [*_moderate(), *_idle(), *_flat_out(), *_tls()]
+    return [*_moderate(), *_flat_out(), *_tls()]
 
 
 def batches(cells: list[Cell]) -> list[list[Cell]]:

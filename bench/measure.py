@@ -40,6 +40,11 @@ class Outcome:
         """Deliveries per second, of every repetition."""
         return [one["deliveries"] / one["wall_ns"] * 1e9 for one in self.repetitions]
 
+    def bytes_per_idle(self) -> float:
+        """Resident bytes of the daemon for each idle client; 0 when there were too few to tell."""
+        idle = self.memory.get("idle", 0)
+        return (self.memory["after"] - self.memory["before"]) / idle if idle >= 1000 else 0.0
+
     def faults(self) -> str:
         """What went wrong with messages; empty when nothing did."""
         lost = sum(self.values("lost"))

@@ -1,40 +1,30 @@
-"""The table: one line for each daemon in each cell."""
+"""The table and its file: one line for each daemon in each cell."""
 
 from __future__ import annotations
 
-import statistics
+import csv
+from pathlib import Path
 
 from bench.cells import Cell
 from bench.measure import Outcome
+from bench.statistic import Figure, figure
 
 Results = dict[tuple[Cell, str], Outcome]
 
-_HEAD = (
-    f"{'cell':32} {'daemon':12} {'us CPU/delivery':>17} {'x floor':>8} {'deliveries/s':>13}"
-    f" {'p50 us':>8} {'p99 us':>8} {'p99.9 us':>9} {'RSS MiB':>8}"
-)
-
-
-def median(values: list[float]) -> float:
-    return statistics.median(values) if values else 0.0
-
-
-def spread(values: list[float]) -> float:
-    """Half the distance between the quartiles: what a repeated run differs by."""
-    if len(values) < 2:
-        return 0.0
-    low, _, high = statistics.quantiles(values, n=4, method="inclusive")
-    return (high - low) / 2
-
-
-def cpu(results: Results, cell: Cell, daemon: str) -> float:
-    """The median processor time per delivery in microseconds; 0 when there is none."""
-    outcome = results.get((cell, daemon))
-    return median(outcome.cpu_us()) if outcome else 0.0
+_LATENCIES = ("p50_ns", "p99_ns", "p999_ns")
 
 
 def head() -> str:
-    return _HEAD
+    return (
+        f"{'cell':38} {'daemon':12} {'us CPU/delivery':>17} {'x floor':>8} {'deliveries/s':>13}"
+        f" {'p50 us':>8} {'p99 us':>8} {'p99.9 us':>9} {'RSS MiB':>8}"
+    )
+
+
+def cpu(results: Results, cell: Cell, daemon: str) -> Figure | None:
+    """Microseconds of processor time per delivery."""
+    outcome = results.get((cell, daemon))
+    return figure(outcome.cpu_us()) if outcome else None
 
 
 def rows(results: Results, cell: Cell) -> list[str]:
@@ -43,14 +33,48 @@ def rows(results: Results, cell: Cell) -> list[str]:
 
 
 def _row(results: Results, cell: Cell, daemon: str) -> str:
-    outcome = results[cell, daemon]
-    floor = cpu(results, cell, cell.floor)
-    ratio = f"{cpu(results, cell, daemon) / floor:8.2f}" if floor else f"{'':8}"
-    times = [f"{median(outcome.values(key)) / 1000:8.0f}" for key in ("p50_ns", "p99_ns", "p999_ns")]
-    latencies = " ".join(times) if outcome.values("p50_ns") else " " * 26
-    faults = outcome.faults()
+    values = _values(results, cell, daemon)
+    cpu_text = f"{values['cpu_us']:9.3f} ±{values['cpu_us_spread']:6.3f}"
+    floor_text = f"{values['x_floor']:8.2f}" if values["x_floor"] else " " * 8
+    latencies = [f"{values[key]:8.0f}" if values[key] else " " * 8 for key in _LATENCY_COLUMNS]
+    faults = f"  {values['faults']}" if values["faults"] else ""
     return (
-        f"{cell.name:32} {daemon:12} {median(outcome.cpu_us()):9.3f} ±{spread(outcome.cpu_us()):6.3f}"
-        f" {ratio} {median(outcome.per_sec()):13.0f} {latencies:26}"
-        f" {outcome.memory.get('after', 0) / 2**20:9.1f}{'  ' + faults if faults else ''}"
+        f"{cell.name:38} {daemon:12} {cpu_text} {floor_text} {values['deliveries_per_s']:13.0f}"
+        f" {' '.join(latencies)} {values['rss_mib']:9.1f}{faults}"
     )
+
+
+_LATENCY_COLUMNS = ("p50_us", "p99_us", "p99.9_us")
+
+
+def _values(results: Results, cell: Cell, daemon: str) -> dict[str, float | str]:
+    """Every column of a line of the file."""
+    outcome = results[cell, daemon]
+    own, floor = cpu(results, cell, daemon), cpu(results, cell, cell.floor)
+    latencies = {
+        column: found.median / 1000 if (found := figure(outcome.values(key))) else ""
+        for column, key in zip(_LATENCY_COLUMNS, _LATENCIES)
+    }
+    return {
+        "cell": cell.name,
+        "daemon": daemon,
+        "cpu_us": own.median,
+        "cpu_us_spread": own.spread,
+        "x_floor": own.median / floor.median if floor else "",
+        "deliveries_per_s": figure(outcome.per_sec()).median,
+        **latencies,
+        "rss_mib": outcome.memory.get("after", 0) / 2**20,
+        "bytes_per_idle_client": outcome.bytes_per_idle() or "",
+        "runs": len(outcome.repetitions),
+        "faults": outcome.faults(),
+    }
+
+
+def write_csv(results: Results, path: Path) -> None:
+    """All figures, with the columns named in the first line."""
+    lines = [_values(results, cell, daemon) for cell, daemon in results]
+    if lines:
+        with open(path, "w", newline="", encoding="utf-8") as file:
+            writer = csv.DictWriter(file, fieldnames=list(lines[0]))
+            writer.writeheader()
+            writer.writerows(lines)

@@ -1,4 +1,5 @@
-"""The benchmark: every cell with every daemon, one table.
+"""The benchmark: every cell with every daemon, one table, and whether the goals are met. Also
+written to build/bench-results.csv and build/bench-results.png.
 
     python3 -m bench.run [--quick] [--only PATTERN]
 """
@@ -14,11 +15,15 @@ from pathlib import Path
 if __package__ in (None, ""):
     sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from bench import report
+from bench import goals, plot, report
 from bench.cells import Cell, all_cells, batches, quick_cells
-from bench.daemons import DAEMONS, Surroundings
+from bench.daemons import DAEMONS, ROOT, Surroundings
 from bench.measure import CellFailed, measure
 from bench.pinning import stay_on_load_core
+
+
+_CSV = ROOT / "build" / "bench-results.csv"
+_PNG = ROOT / "build" / "bench-results.png"
 
 
 def _parse() -> argparse.Namespace:
@@ -53,14 +58,26 @@ def _raise_descriptor_limit() -> None:
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
 
 
+def _conclude(results: report.Results) -> None:
+    """The goals, and the files."""
+    found = goals.checks(results)
+    print("", *goals.summary(found), "", sep="\n")
+    for path, write in ((_CSV, report.write_csv), (_PNG, plot.write_png)):
+        write(results, path)
+        print(f"written: {path.relative_to(ROOT)}")
+
+
 def main() -> int:
     options = _parse()
     _raise_descriptor_limit()
     stay_on_load_core()
-    cells = quick_cells() if options.quick else all_cells()
     started = time.monotonic()
-    _, failures = run([cell for cell in cells if options.only in cell.name])
-    print(*failures, f"{time.monotonic() - started:.0f} s", sep="\n")
+    cells = quick_cells() if options.quick else all_cells()
+    results, failures = run([cell for cell in cells if options.only in cell.name])
+    _conclude(results)
+    if failures:
+        print("\nNo figures:", *failures, sep="\n  ")
+    print(f"{time.monotonic() - started:.0f} s")
     return 1 if failures else 0
 
 

@@ -45,6 +45,9 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     const pid_t nPid = nReadPid();
     pAdapter->awaitDaemon();
+    if (options.sCell != "tcp") {
+        Load::giveUp("no such kind of cell: '%s'", options.sCell.c_str());
+    }
     Load::TcpCell(options, *pAdapter, nPid).run();
     return 0;
 }

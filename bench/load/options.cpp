@@ -26,6 +26,7 @@ std::vector<int> readNumbers(const char* sList) {
 
 const std::map<std::string_view, setter_t>& setters() {
     static const std::map<std::string_view, setter_t> table = {
+        {"--cell", [](Options& o, const char* s) { o.sCell = s; }},
         {"--daemon", [](Options& o, const char* s) { o.sDaemon = s; }},
         {"--address", [](Options& o, const char* s) { o.sAddress = s; }},
         {"--port",

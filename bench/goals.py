@@ -1,0 +1,141 @@
+"""The figures to reach, checked against the results of the same run."""
+
+from __future__ import annotations
+
+import dataclasses
+from collections.abc import Iterator
+
+from bench.cells import FLAT_OUT, IDLE, MODERATE, Cell
+from bench.report import Results, cpu
+from bench.statistic import Figure, figure, ratio
+
+_KIB = 1024.0
+
+
+@dataclasses.dataclass(frozen=True)
+class Check:
+    """One goal in one cell: the measured figure must not pass the limit."""
+
+    goal: str
+    cell: str
+    measured: Figure
+    limit: float
+    #: Whether the limit itself is too much.
+    below: bool = False
+
+    @property
+    def verdict(self) -> str:
+        """A figure counts as met within the spread of its own runs."""
+        if self._within(self.measured.median):
+            return "met"
+        if self._within(self.measured.median - self.measured.spread):
+            return "met within spread"
+        return f"missed: {self.measured.median:.2f}"
+
+    def _within(self, value: float) -> bool:
+        return value < self.limit if self.below else value <= self.limit
+
+    def line(self) -> str:
+        sign = "<" if self.below else "<="
+        return (
+            f"{self.goal:44} {self.cell:40} {self.measured.median:8.2f} ±{self.measured.spread:5.2f}"
+            f" {sign:>2} {self.limit:5.2f}  {self.verdict}"
+        )
+
+
+def _against(results: Results, cell: Cell, other: str) -> Figure | None:
+    """The relay's processor time as a multiple of another daemon's."""
+    own, its = cpu(results, cell, "relay"), cpu(results, cell, other)
+    return ratio(own, its) if own and its else None
+
+
+def _best_peer(results: Results, cell: Cell, key: str) -> Figure | None:
+    """The smallest figure that a peer has of one value of the repetitions."""
+    found = [
+        figure(results[cell, peer].values(key)) for peer in cell.peers if (cell, peer) in results
+    ]
+    known = [one for one in found if one]
+    return min(known, key=lambda one: one.median) if known else None
+
+
+def _moderate(results: Results, cell: Cell) -> Iterator[Check]:
+    if cell.pace != MODERATE or cell.tls:
+        return
+    if times := _against(results, cell, cell.floor):
+        yield Check("moderate: x floor", cell.name, times, 1.10)
+    for peer in cell.peers:
+        if times := _against(results, cell, peer):
+            yield Check(f"moderate: x {peer}", cell.name, times, 1.0, below=True)
+    for key, name in (("p50_ns", "p50"), ("p99_ns", "p99")):
+        own = figure(results[cell, "relay"].values(key))
+        best = _best_peer(results, cell, key)
+        if own and best:
+            yield Check(f"moderate: {name} x best peer's", cell.name, ratio(own, best), 1.0)
+
+
+def _flat_out(results: Results, cell: Cell) -> Iterator[Check]:
+    if cell.pace != FLAT_OUT or cell.tls:
+        return
+    if times := _against(results, cell, cell.floor):
+        yield Check("flat out: x floor", cell.name, times, 1.8)
+    peers = [times for peer in cell.peers if (times := _against(results, cell, peer))]
+    if peers:
+        yield Check(
+            "flat out: x best peer", cell.name, max(peers, key=lambda one: one.median), 0.9
+        )
+
+
+def _tls(results: Results, cell: Cell) -> Iterator[Check]:
+    if cell.tls and (times := _against(results, cell, cell.floor)):
+        yield Check("TLS: x floor", cell.name, times, 1.15)
+
+
+def _idle(results: Results, cell: Cell) -> Iterator[Check]:
+    if cell.idle != IDLE[-1]:
+        return
+    outcome = results[cell, "relay"]
+    if outcome.bytes_per_idle():
+        kib = Figure(outcome.bytes_per_idle() / _KIB, 0.0)
+        yield Check("memory: KiB per idle client", cell.name, kib, 8.0)
+    few = next(
+        (
+            one
+            for one, daemon in results
+            if daemon == "relay" and one.idle == IDLE[0] and _alike(one, cell)
+        ),
+        None,
+    )
+    if few:
+        times = ratio(cpu(results, cell, "relay"), cpu(results, few, "relay"))
+        yield Check(f"idle clients: x with {IDLE[0]} of them", cell.name, times, 1.05)
+
+
+def _alike(one: Cell, other: Cell) -> bool:
+    """Whether two cells differ in their idle clients only."""
+    return dataclasses.replace(one, idle=0, label="") == dataclasses.replace(
+        other, idle=0, label=""
+    )
+
+
+#: Each takes the results and a cell that the relay has figures of.
+_GOALS = [_moderate, _flat_out, _tls, _idle]
+
+
+def checks(results: Results) -> list[Check]:
+    """Every goal in every cell that was measured."""
+    cells = [cell for cell, daemon in results if daemon == "relay"]
+    return [check for goal in _GOALS for cell in cells for check in goal(results, cell)]
+
+
+def summary(found: list[Check]) -> list[str]:
+    """A line for each goal: in how many cells it is met; then the cells in which it is not."""
+    lines = []
+    for goal in dict.fromkeys(check.goal for check in found):
+        verdicts = [check.verdict for check in found if check.goal == goal]
+        met = verdicts.count("met")
+        within = verdicts.count("met within spread")
+        lines.append(
+            f"{goal:44} met {met}, met within spread {within}, missed {len(verdicts) - met - within}"
+        )
+    missed = [check.line() for check in found if check.verdict.startswith("missed")]
+    return [*lines, "", "Missed:", *missed] if missed else lines

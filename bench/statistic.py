@@ -1,0 +1,35 @@
+"""Medians and spreads."""
+
+from __future__ import annotations
+
+import dataclasses
+import statistics
+from collections.abc import Sequence
+
+
+@dataclasses.dataclass(frozen=True)
+class Figure:
+    """The median of some runs, and half the distance of their quartiles."""
+
+    median: float
+    spread: float
+
+    @property
+    def relative_spread(self) -> float:
+        return self.spread / self.median if self.median else 0.0
+
+
+def figure(values: Sequence[float]) -> Figure | None:
+    """None of no values."""
+    if not values:
+        return None
+    if len(values) == 1:
+        return Figure(values[0], 0.0)
+    low, middle, high = statistics.quantiles(values, n=4, method="inclusive")
+    return Figure(middle, (high - low) / 2)
+
+
+def ratio(value: Figure, of: Figure) -> Figure:
+    """The quotient; its spread is what both differ by."""
+    quotient = value.median / of.median if of.median else float("inf")
+    return Figure(quotient, quotient * (value.relative_spread + of.relative_spread))
