@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import argparse
 import resource
+import signal
 import sys
 import time
 from pathlib import Path
@@ -69,6 +70,8 @@ def _conclude(results: report.Results) -> None:
 
 def main() -> int:
     options = _parse()
+    # As after Ctrl-C, everything that was started is ended on the way out.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     _raise_descriptor_limit()
     stay_on_load_core()
     started = time.monotonic()

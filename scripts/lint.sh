@@ -18,11 +18,11 @@ find_sources() {
 
 # The generator lays out what it writes, so that genner/output is left alone.
 format() {
-    find_sources "${ROOMS[@]/genner\/output/tests}" | xargs -0 clang-format -i
+    find_sources "${ROOMS[@]/genner\/output/tests}" bench | xargs -0 clang-format -i
 }
 
 check_layout() {
-    find_sources "${ROOMS[@]}" tests | xargs -0 -P "$CORES" -n 40 clang-format --dry-run -Werror
+    find_sources "${ROOMS[@]}" bench tests | xargs -0 -P "$CORES" -n 40 clang-format --dry-run -Werror
 }
 
 check_generated() {
@@ -35,7 +35,7 @@ check_scripts() {
 
 # Parses every Python file; what the compiler warns of is an error.
 check_python() {
-    find lab genner tests -name '*.py' -print0 |
+    find lab genner bench tests -name '*.py' -print0 |
         xargs -0 /usr/bin/python3 -W error -c '
 import sys
 for name in sys.argv[1:]:
@@ -46,7 +46,7 @@ for name in sys.argv[1:]:
 check_cppcheck() {
     cppcheck --quiet -j "$CORES" --std=c++20 --language=c++ --library=posix,openssl \
         --enable=warning,performance,portability --suppressions-list=.cppcheck-suppressions \
-        --inline-suppr --error-exitcode=1 -I. -Ibase -Iorvex "${ROOMS[@]}"
+        --inline-suppr --error-exitcode=1 -I. -Ibase -Iorvex "${ROOMS[@]}" bench
 }
 
 # A source at a time, so that all cores work; the count of suppressed warnings is no news.

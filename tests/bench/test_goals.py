@@ -1,0 +1,84 @@
+"""How the benchmark judges its figures."""
+
+from __future__ import annotations
+
+import dataclasses
+
+from bench import goals, report
+from bench.cells import all_cells, batches
+from bench.goals import Check
+from bench.measure import Outcome
+from bench.statistic import Figure, figure, ratio
+
+MODERATE_CELL = next(cell for cell in all_cells() if cell.name == "moderate, 1 to 8, 200 B")
+FLAT_OUT_CELL = next(cell for cell in all_cells() if cell.name == "flat out, 1 to 8, 200 B")
+
+
+def outcome(cpu_us: float, latency_us: float = 100.0) -> Outcome:
+    one = {
+        "cpu_ns": cpu_us * 1000 * 1000, "wall_ns": 1e9, "deliveries": 1000, "lost": 0, "wrong": 0,
+        "complete": True, "p50_ns": latency_us * 1000, "p99_ns": latency_us * 2000,
+        "p999_ns": latency_us * 3000,
+    }  # fmt: skip
+    return Outcome([one] * 5, {"before": 0, "after": 0, "idle": 10})
+
+
+def verdicts(cell, **cpu_us: float) -> dict[str, str]:
+    results = {(cell, name): outcome(value) for name, value in cpu_us.items()}
+    return {check.goal: check.verdict for check in goals.checks(results)}
+
+
+def test_the_median_and_half_the_distance_of_the_quartiles():
+    assert figure([5, 1, 2, 4, 3]) == Figure(3, 1)
+    assert figure([7]) == Figure(7, 0)
+    assert figure([]) is None
+
+
+def test_a_quotient_differs_by_what_both_differ_by():
+    quotient = ratio(Figure(10, 1), Figure(5, 1))
+    assert quotient.median == 2
+    assert abs(quotient.spread - 2 * (0.1 + 0.2)) < 1e-9
+
+
+def test_a_limit_is_met_missed_or_met_within_the_spread():
+    assert Check("g", "c", Figure(1.1, 0), 1.1).verdict == "met"
+    assert Check("g", "c", Figure(1.2, 0.1), 1.15).verdict == "met within spread"
+    assert Check("g", "c", Figure(1.3, 0.1), 1.15).verdict == "missed: 1.30"
+    assert Check("g", "c", Figure(1.0, 0), 1.0, below=True).verdict.startswith("missed")
+
+
+def test_moderate_figures_are_compared_with_the_floor_and_every_peer():
+    found = verdicts(MODERATE_CELL, relay=5.4, floor_send=5.0, nats=9.0, redis=5.3)
+    assert found["moderate: x floor"] == "met"
+    assert found["moderate: x nats"] == "met"
+    assert found["moderate: x redis"].startswith("missed")
+    assert found["moderate: p50 x best peer's"] == "met"
+
+
+def test_flat_out_the_best_peer_counts():
+    found = verdicts(FLAT_OUT_CELL, relay=0.2, floor_gather=0.1, nats=0.21, redis=0.4)
+    assert found["flat out: x floor"].startswith("missed: 2.00")
+    assert found["flat out: x best peer"].startswith("missed: 0.95")
+
+
+def test_idle_clients_are_weighed_against_the_same_cell_with_few():
+    many = dataclasses.replace(MODERATE_CELL, label="1 to 8, 8000 idle", idle=8000)
+    results = {(MODERATE_CELL, "relay"): outcome(5.0), (many, "relay"): outcome(5.5)}
+    results[many, "relay"].memory = {"before": 0, "after": 8000 * 4096, "idle": 8000}
+    found = {check.goal: check for check in goals.checks(results)}
+    assert found["memory: KiB per idle client"].measured.median == 4
+    assert found["idle clients: x with 10 of them"].verdict == "missed: 1.10"
+
+
+def test_every_cell_has_its_own_name_and_batches_lose_none():
+    cells = all_cells()
+    assert len({cell.name for cell in cells}) == len(cells)
+    assert sorted(cell.name for batch in batches(cells) for cell in batch) == sorted(
+        cell.name for cell in cells
+    )
+
+
+def test_lost_messages_are_shown_in_the_table():
+    results = {(MODERATE_CELL, "relay"): outcome(5.0)}
+    results[MODERATE_CELL, "relay"].repetitions[0]["lost"] = 3
+    assert "lost" in report.rows(results, MODERATE_CELL)[0]
