@@ -8,6 +8,6 @@ int main(int argc, char** argv) {
     if (argc != 3) {
         return 2;
     }
-    Floor::PlainIo<256 * 1024> io;
+    Floor::PlainIo<262144> io;
     Floor::serve<decltype(io), Floor::Delivery::kRuns>(io, argv[1], argv[2]);
 }

@@ -7,6 +7,6 @@ int main(int argc, char** argv) {
     if (argc != 3) {
         return 2;
     }
-    Floor::PlainIo<64 * 1024> io;
+    Floor::PlainIo<65536> io;
     Floor::serve<decltype(io), Floor::Delivery::kFrames>(io, argv[1], argv[2]);
 }

@@ -14,7 +14,7 @@ namespace {
 
 class TlsIo {
   public:
-    static constexpr std::size_t kReadSize = 64 * 1024;
+    static constexpr std::size_t kReadSize = 65536;
 
     TlsIo(const char* sCertificate, const char* sKey) : pContext(SSL_CTX_new(TLS_method())) {
         SSL_CTX_set_mode(pContext,

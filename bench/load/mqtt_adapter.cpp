@@ -54,7 +54,7 @@ void MqttAdapter::becomeSource(Connection& rConnection, int /*nGroup*/) {
 void MqttAdapter::becomeReceiver(Connection& rConnection, int nGroup) {
     connectAs(rConnection, nNextClient++);
     const std::string sPacketId{0, 1};
-    const std::string sQuality{0};
+    const std::string sQuality(1, '\0');
     rConnection.writeAll(sPacket(kSubscribe, sPacketId + sText(sTopicOf(nGroup)) + sQuality));
     (void)awaitBytes(rConnection, kSubscribeAckLen);
 }

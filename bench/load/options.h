@@ -16,7 +16,7 @@ enum class Pace {
 };
 
 struct Options {
-    std::string sCell = "tcp";  ///< the kind of cell
+    std::string sCell = "tcp";   ///< the kind of cell
     std::string sDaemon;         ///< relay, nats, redis, mqtt or floor
     std::string sAddress;        ///< dotted IPv4 address of the daemon
     std::uint16_t nPort = 0;     ///< its TCP port

@@ -12,7 +12,7 @@ namespace Load {
 
 namespace {
 
-constexpr std::size_t kReadSize = 256 * 1024;
+constexpr std::size_t kReadSize = 262144;
 
 /// Shared by all receivers: the tail of one is put in front of what is read for it.
 std::array<char, Connection::kTailSize + kReadSize> achInput;
