@@ -15,6 +15,8 @@ from bench.pinning import LOAD_CORE, on_core
 
 #: A run that takes longer hangs.
 _MOST_SECS = 90.0
+#: The share of messages that a moderate run may leave out because the load program was late.
+_MOST_MISSED = 0.05
 
 
 class CellFailed(Exception):
@@ -46,11 +48,15 @@ class Outcome:
         return (self.memory["after"] - self.memory["before"]) / idle if idle >= 1000 else 0.0
 
     def faults(self) -> str:
-        """What went wrong with messages; empty when nothing did."""
+        """What went wrong; empty when nothing did."""
         lost = sum(self.values("lost"))
         wrong = sum(self.values("wrong"))
+        beats = sum(self.values("missed_beats")) + sum(self.values("sent"))
+        missed = sum(self.values("missed_beats")) / beats if beats else 0.0
         incomplete = sum(not one["complete"] for one in self.repetitions)
         named = {"lost": lost, "wrong": wrong, "runs not finished": incomplete}
+        if missed > _MOST_MISSED:
+            named["% of the rate not held"] = 100 * missed
         return ", ".join(f"{count:.0f} {name}" for name, count in named.items() if count)
 
 
