@@ -164,6 +164,8 @@ class Play:
 
     def _end(self) -> None:
         self._wait_for_the_last()
+        for listener in self.cast.listeners:
+            listener.expect_silence()
         self._try(NAME, self._wait_for_the_archive)
         for listener in self.cast.listeners:
             listener.expect_end()

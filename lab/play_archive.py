@@ -27,8 +27,8 @@ _TURN_SECS = 0.1
 class Archive:
     """Runs the web server from `with` to its end and tells of every post that it stored."""
 
-    def __init__(self) -> None:
-        self.endpoint = ArchiveEndpoint()
+    def __init__(self, endpoint: ArchiveEndpoint | None = None) -> None:
+        self.endpoint = endpoint or ArchiveEndpoint()
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._run, name=NAME, daemon=True)
 
