@@ -32,11 +32,15 @@ std::string sBetween(const std::string& sText, const std::string& sBegin, const 
     return sText.substr(nBegin, sText.find(sEnd, nBegin) - nBegin);
 }
 
-class SccPChunkerTest : public testing::Test {
+/// Stops the clock before anything else is made.
+class StoppedClock : public testing::Test {
   protected:
-    SccPChunkerTest() { setClockForTest(kNow); }
-    ~SccPChunkerTest() override { resetClockForTest(); }
+    StoppedClock() { setClockForTest(kNow); }
+    ~StoppedClock() override { resetClockForTest(); }
+};
 
+class SccPChunkerTest : public StoppedClock {
+  protected:
     /// Adds a caption, a millisecond after the one before.
     void add(const std::string& sCaption) {
         chunker().add(sCaption);
