@@ -278,12 +278,15 @@ TEST_F(ArchivePass, ABacklogThatEmptiesTakesPayloadsAgain) {
 
 /// A payload that counts as `nBytes`, but whose memory goes back to the system at once.
 void queueWithoutMemory(std::size_t nBytes) {
-    std::string sLarge(nBytes, '\0');
+    std::string sLarge;
+    sLarge.reserve(nBytes);
     const auto nPage = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const auto nBegin = reinterpret_cast<std::uintptr_t>(sLarge.data());
     const std::uintptr_t nFirstPage = (nBegin + nPage - 1) / nPage * nPage;
     const std::uintptr_t nEndPage = (nBegin + nBytes) / nPage * nPage;
     char* const pFirstPage = sLarge.data() + (nFirstPage - nBegin);
+    (void)madvise(pFirstPage, nEndPage - nFirstPage, MADV_HUGEPAGE);  // faster, if there are any
+    sLarge.resize(nBytes);
     ASSERT_EQ(0, madvise(pFirstPage, nEndPage - nFirstPage, MADV_DONTNEED));
     ArchivePostThreader.queuePayload(std::move(sLarge));
 }
