@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 
 #include "connserver/logging.h"
 #include "relayserver/archive_pass.h"
@@ -12,6 +14,7 @@
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/archive_endpoint.h"
 #include "tests/unit/relayserver/engine_fixture.h"
+#include "tests/unit/relayserver/loopback.h"
 
 namespace {
 
@@ -44,8 +47,7 @@ TEST_F(ProcessEnd, TheOrderlyEndIsLoggedAndHasStatusZero) {
         ExitedWithCode(0), "^4000000000 Audio packets forwarded\\.\nCleaning up main method\n$");
 }
 
-/// The ending process has a poster. What it begins with runs in that process, and the test measures
-/// from there how long the end took.
+/// The ending process has a poster, which works in that process.
 class ProcessEndWithPoster : public ProcessEnd {
   protected:
     ProcessEndWithPoster() { EXPECT_EQ(0, pipe(_aPipe)); }
@@ -54,95 +56,98 @@ class ProcessEndWithPoster : public ProcessEnd {
         close(_aPipe[1]);
     }
 
-    /// For the ending process, as the last thing before it ends.
-    void beginEnd() const {
-        const auto tBegin = std::chrono::steady_clock::now();
-        (void)!write(_aPipe[1], &tBegin, sizeof tBegin);
-    }
-    /// For the test, once the process has ended.
-    void expectEndedAtOnce() const {
-        const auto tEnd = std::chrono::steady_clock::now();
-        auto tBegin = tEnd;
-        ASSERT_EQ(static_cast<ssize_t>(sizeof tBegin), read(_aPipe[0], &tBegin, sizeof tBegin));
-        EXPECT_LT(tEnd - tBegin, std::chrono::milliseconds(500));
+    /// Lets a process do `begin` and then end by `end`, with `nStatus`, in well under a second.
+    void expectEndAtOnce(int nStatus, const std::function<void()>& begin,
+                         const std::function<void()>& end) {
+        using std::chrono::milliseconds;
+        auto shortest = std::chrono::steady_clock::duration::max();
+        for (int i = 0; i < 5 && shortest > milliseconds(500); ++i) {  // the machine may be slow
+            EXPECT_EXIT(
+                {
+                    begin();
+                    tellTime();
+                    end();
+                },
+                ExitedWithCode(nStatus), "^$");
+            shortest = std::min(shortest, sinceTold());
+        }
+        EXPECT_LT(shortest, milliseconds(500));
     }
     static void post(const std::string& sURL) {
         ArchivePostThreader.setDestination(sURL);
         ArchivePostThreader.queuePayload("{}");
     }
-    static void waitForStatus(const std::string& sStatus) {
-        if (!bComesTrue([&] { return ArchivePostThreader.getLastStatusCode() == sStatus; })) {
+    /// In a process that is to end: it ends otherwise when this fails.
+    static void require(bool bCondition) {
+        if (!bCondition) {
             std::abort();
         }
     }
+    static void requireStatus(const std::string& sStatus) {
+        require(bComesTrue([&] { return ArchivePostThreader.getLastStatusCode() == sStatus; }));
+    }
 
   private:
+    /// Tells the test from the ending process what time it is.
+    void tellTime() const {
+        const auto tNow = std::chrono::steady_clock::now();
+        require(write(_aPipe[1], &tNow, sizeof tNow) == sizeof tNow);
+    }
+    [[nodiscard]] std::chrono::steady_clock::duration sinceTold() const {
+        const auto tNow = std::chrono::steady_clock::now();
+        auto tTold = tNow;
+        if (!bWaitReadable(_aPipe[0]) || read(_aPipe[0], &tTold, sizeof tTold) == -1) {
+            return std::chrono::steady_clock::duration::max();
+        }
+        return tNow - tTold;
+    }
+
     int _aPipe[2] = {-1, -1};
 };
 
 TEST_F(ProcessEndWithPoster, IsImmediateWhenThePosterIsIdle) {
     ArchiveEndpoint endpoint;
-    EXPECT_EXIT(
-        {
-            post(endpoint.sURL());
-            (void)endpoint.sNextBody();
-            waitForStatus("HTTP OK");
-            beginEnd();
-            quitProcess(3);
-        },
-        ExitedWithCode(3), "^$");
-    expectEndedAtOnce();
+    const auto postOnce = [&] {
+        post(endpoint.sURL());
+        require(endpoint.sNextBody() == "{}");
+        requireStatus("HTTP OK");
+    };
+    expectEndAtOnce(3, postOnce, [] { quitProcess(3); });
 }
 
 TEST_F(ProcessEndWithPoster, DoesNotWaitForAnAnswerThatNeverComes) {
     ArchiveEndpoint endpoint;
-    EXPECT_EXIT(
-        {
-            showLogAtExit();
-            post(endpoint.sURL());
-            if (endpoint.nextRequest().sBody != "{}") {
-                std::abort();
-            }
-            writeToLog(true, "the worker was waited for\n");
-            beginEnd();
-            quitProcess(4);
-        },
-        ExitedWithCode(4), "^$");
-    expectEndedAtOnce();
+    const auto beginPost = [&] {
+        post(endpoint.sURL());
+        require(endpoint.nextRequest().sBody == "{}");
+    };
+    expectEndAtOnce(4, beginPost, [] { quitProcess(4); });
 }
 
 TEST_F(ProcessEndWithPoster, TheOrderlyEndDoesNotWaitEither) {
     ArchiveEndpoint endpoint;
-    EXPECT_EXIT(
-        {
-            post(endpoint.sURL());
-            (void)endpoint.nextRequest();
-            beginEnd();
-            shutDown();
-        },
-        ExitedWithCode(0), "^$");
-    expectEndedAtOnce();
+    const auto beginPost = [&] {
+        post(endpoint.sURL());
+        require(endpoint.nextRequest().sBody == "{}");
+    };
+    expectEndAtOnce(0, beginPost, [] { shutDown(); });
 }
 
 TEST_F(ProcessEndWithPoster, DoesNotWaitForTheNextTry) {
     const RefusingPort port;
-    EXPECT_EXIT(
-        {
-            post(port.sURL());
-            waitForStatus("Can't connect to server");
-            beginEnd();
-            quitProcess(5);
-        },
-        ExitedWithCode(5), "^$");
-    expectEndedAtOnce();
+    const auto failOnce = [&] {
+        post(port.sURL());
+        requireStatus("Can't connect to server");
+    };
+    expectEndAtOnce(5, failOnce, [] { quitProcess(5); });
 }
 
-TEST_F(ProcessEndWithPoster, IsOrderlyWhenThePosterHasEnded) {
+TEST_F(ProcessEndWithPoster, CleansUpWhenThePosterHasEnded) {
     EXPECT_EXIT(
         {
             showLogAtExit();
             post("");
-            waitForStatus("Can't resolve URL");
+            requireStatus("Can't resolve URL");
             ArchivePostThreader._interruptWorkThread();
             writeToLog(true, "the clean-ups ran\n");
             quitProcess(6);
@@ -150,7 +155,7 @@ TEST_F(ProcessEndWithPoster, IsOrderlyWhenThePosterHasEnded) {
         ExitedWithCode(6), "^the clean-ups ran\n$");
 }
 
-TEST_F(ProcessEndWithPoster, IsOrderlyWhenThePosterWasNeverNeeded) {
+TEST_F(ProcessEndWithPoster, CleansUpWhenThePosterWasNeverNeeded) {
     EXPECT_EXIT(
         {
             showLogAtExit();
