@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 
 #include "base/clock.h"
 #include "base/string_format.h"
@@ -33,7 +34,11 @@ void sleepUntil(steady_clock::time_point tEnd) {
 }  // namespace
 
 CaptionPoster::~CaptionPoster() {
-    _interruptWorkThread();
+    try {
+        _interruptWorkThread();
+    } catch (...) {
+        std::terminate();  // a lock or a thread of ours is broken
+    }
 }
 
 void CaptionPoster::setDestination(const std::string& url) {
@@ -247,7 +252,7 @@ bool CaptionPoster::_bSetSequenceURL() {
 }
 
 CaptionPoster::Verdict CaptionPoster::_onTransportError(int nCode, std::size_t nBytes) {
-    std::printf("ERROR: error sending POST (code %d) for %lu bytes\n", nCode, nBytes);
+    std::printf("ERROR: error sending POST (code %d) for %zu bytes\n", nCode, nBytes);
     switch (nCode) {
         case CURLE_COULDNT_CONNECT:
         case CURLE_OPERATION_TIMEDOUT:
