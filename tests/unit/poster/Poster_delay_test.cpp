@@ -47,7 +47,6 @@ TEST_F(PosterDelay, CountsFromTheMomentOfQueuing) {
 TEST_F(PosterDelay, GetsNoLongerWhenTheWallClockIsSetBack) {
     poster_.queuePayload("delayed", 10);
     setClockForTest(kStart - 86'400);
-    EXPECT_TRUE(bStaysAtRequests(0));
     advanceClockForTest(10);
     EXPECT_TRUE(bHasRequests(1));
 }

@@ -29,7 +29,8 @@ TEST_F(PosterDelivery, IsIdleBeforeTheFirstPayload) {
 }
 
 TEST_F(PosterDelivery, PostsThePayloadAsJson) {
-    const std::string sPayload = "{\"S1data\" : \"1700000000.123\t9420\r\n\r\n\",\"S2data\" : \"\"}}";
+    const std::string sPayload =
+        "{\"S1data\" : \"1700000000.123\t9420\r\n\r\n\",\"S2data\" : \"\"}}";
     poster_.queuePayload(sPayload);
     ASSERT_TRUE(bHasStatus("HTTP OK"));
     const HttpRequest request = endpoint_.requests().at(0);
@@ -79,6 +80,7 @@ TEST_F(PosterDelivery, TakesTenPayloadsAtATime) {
     endpoint_.release();
     ASSERT_TRUE(bHasRequests(11));
     EXPECT_EQ(5U, poster_.getPayloadQueueSize());
+    endpoint_.release();
 }
 
 TEST_F(PosterDelivery, CountsWhatWaitsAndItsBytes) {

@@ -14,11 +14,11 @@ constexpr char kStaleChallenge[] =
 /// A server that knows one user.
 HttpAnswer checked(const HttpRequest& request) {
     const std::string sAuthorization = request.sHeader("Authorization");
-    const bool bRight =
-        sAuthorization.rfind("Digest ", 0) == 0 && sParameter(sAuthorization, "username") == kUser &&
-        sParameter(sAuthorization, "uri") == request.sTarget &&
-        sParameter(sAuthorization, "response") ==
-            sDigestResponse(request, sAuthorization, kPassword);
+    const bool bRight = sAuthorization.rfind("Digest ", 0) == 0 &&
+                        sParameter(sAuthorization, "username") == kUser &&
+                        sParameter(sAuthorization, "uri") == request.sTarget &&
+                        sParameter(sAuthorization, "response") ==
+                            sDigestResponse(request, sAuthorization, kPassword);
     return bRight ? answerWith(200) : answerWith(401, "", kChallenge);
 }
 

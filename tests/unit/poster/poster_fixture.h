@@ -20,7 +20,7 @@ class PosterFixture : public testing::Test {
     static constexpr std::time_t kStart = 1'700'000'000;
     /// The worker looks at the clock several times within this: what has not happened by then does
     /// not happen.
-    static constexpr std::chrono::milliseconds kSeveralLooks{220};
+    static constexpr std::chrono::milliseconds kSeveralLooks{170};
 
     PosterFixture();
     ~PosterFixture() override;
