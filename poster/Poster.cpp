@@ -45,6 +45,7 @@ void CaptionPoster::setDestination(const std::string& url) {
     if (url == _achBaseURL) {
         return;
     }
+    _achSeqURL[0] = '\0';
     if (url.size() >= sizeof _achBaseURL) {
         std::printf("ERROR: archive URL of %zu characters is too long, not used\n", url.size());
         _httpPost = HttpPost();
