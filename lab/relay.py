@@ -148,12 +148,12 @@ class Relay:
         return self
 
     def _environment(self) -> dict[str, str]:
-        # Settings of the surroundings must not lead the relay to a database but ours, nor its
-        # posts to a proxy.
+        # Settings of the surroundings must not lead the relay to another database than ours, nor
+        # what it archives to a proxy.
         kept = {
             name: value
             for name, value in os.environ.items()
-            if not (name.startswith("PG") or name.lower().endswith("_proxy"))
+            if not name.startswith("PG") and not name.lower().endswith("_proxy")
         }
         return {"UBSAN_OPTIONS": "print_stacktrace=1", **kept, **self._env}
 

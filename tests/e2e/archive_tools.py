@@ -9,6 +9,7 @@ from pathlib import Path
 
 from scripted_endpoint import PASS_SECS, Post
 
+from lab import archive_json
 from lab.messages import PIPE_CAPTION
 from lab.relay import Relay
 from lab.stations import Captioner, Encoder
@@ -19,7 +20,6 @@ __all__ = ["PASS_SECS", "CaptionLine", "archived", "assert_archived", "make_line
 #: What a caption may take through a relay; on an idle machine it is under a millisecond.
 NOTICEABLE_SECS = 1.0
 
-_BLOCK = re.compile(r"(\d+\.\d{3})\t([0-9a-f]{4}(?: [0-9a-f]{4})*)\r\n\r\n")
 _PATIENCE_SECS = 20.0
 
 
@@ -62,17 +62,13 @@ def make_lines(relay, make_station, route, count: int) -> list[CaptionLine]:
 
 def archived(posts: Iterable[Post], source: int) -> list[tuple[float, bytes]]:
     """The captions of field 1 that posts hold of a source, as they were said, with their times."""
-    found = []
-    for post in posts:
-        if post.source == source:
-            text = post.json["CaptionData"]["S1data"]
-            assert _BLOCK.sub("", text) == ""
-            found += [(float(at), _plain(pairs)) for at, pairs in _BLOCK.findall(text)]
-    return found
-
-
-def _plain(pairs: str) -> bytes:
-    return bytes(byte & 0x7F for byte in bytes.fromhex(pairs))
+    payloads = [archive_json.read(post.body) for post in posts]
+    return [
+        (record.time, bytes(byte & 0x7F for byte in record.data))
+        for payload in payloads
+        if payload.feed_id == source
+        for record in payload.of_field(1)
+    ]
 
 
 def assert_archived(posts: Iterable[Post], line: CaptionLine) -> None:

@@ -8,7 +8,6 @@
 from __future__ import annotations
 
 import dataclasses
-import json
 import socket
 import struct
 import threading
@@ -16,6 +15,7 @@ import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from typing import NamedTuple
 
+from lab import archive_json
 from lab.addresses import free_port, new_address
 from lab.waiting import LabTimeout, patient
 
@@ -49,13 +49,9 @@ class Post(NamedTuple):
     body: bytes
 
     @property
-    def json(self) -> dict:
-        """What it says; line ends stand in its texts as they are."""
-        return json.loads(self.body, strict=False)
-
-    @property
-    def source(self) -> int:
-        return int(self.json["feedID"])
+    def payload(self) -> archive_json.Payload:
+        """What it says, to the byte as relays write it."""
+        return archive_json.read(self.body)
 
 
 class _Handler(BaseHTTPRequestHandler):
