@@ -7,15 +7,13 @@ import time
 from collections.abc import Iterable
 from pathlib import Path
 
-from scripted_endpoint import PASS_SECS, Post
+from scripted_endpoint import Post
 
 from lab import archive_json
 from lab.messages import PIPE_CAPTION
 from lab.relay import Relay
 from lab.stations import Captioner, Encoder
 from lab.waiting import patient
-
-__all__ = ["PASS_SECS", "CaptionLine", "archived", "assert_archived", "make_lines"]
 
 #: What a caption may take through a relay; on an idle machine it is under a millisecond.
 NOTICEABLE_SECS = 1.0
@@ -46,6 +44,10 @@ class CaptionLine:
         self.longest_trip = max(self.longest_trip, time.monotonic() - begun)
         return caption
 
+    def say_all(self, count: int) -> None:
+        for _ in range(count):
+            self.say()
+
     def assert_never_held_up(self) -> None:
         assert self.longest_trip < patient(NOTICEABLE_SECS)
 
@@ -71,12 +73,14 @@ def archived(posts: Iterable[Post], source: int) -> list[tuple[float, bytes]]:
     ]
 
 
-def assert_archived(posts: Iterable[Post], line: CaptionLine) -> None:
-    """All that a line said is there once, in its order, with its time."""
-    found = archived(posts, line.source)
-    assert [caption for _, caption in found] == [caption for _, caption in line.said]
-    for (at, _), (said_at, _) in zip(found, line.said, strict=True):
+def assert_archived(posts: Iterable[Post], line: CaptionLine, *, since: int = 0) -> int:
+    """What a line said, from its caption number `since` on, is there once, in its order, with its
+    time; tells how much of it."""
+    found, said = archived(posts, line.source), line.said[since:]
+    assert [caption for _, caption in found] == [caption for _, caption in said][: len(found)]
+    for (at, _), (said_at, _) in zip(found, said):
         assert abs(at - said_at) < patient(1)
+    return len(found)
 
 
 def private_bytes(relay: Relay) -> int:

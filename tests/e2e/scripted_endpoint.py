@@ -162,11 +162,13 @@ class ScriptedEndpoint:
         with self._changed:
             return list(self._posts)
 
+    def has(self, count: int, within_secs: float = 0.0) -> bool:
+        """Whether so many posts come in that time; not made longer by patience."""
+        with self._changed:
+            return self._changed.wait_for(lambda: len(self._posts) >= count, within_secs)
+
     def wait_for(self, count: int, within_secs: float = PASS_SECS) -> list[Post]:
         """All posts so far, at least so many."""
-        with self._changed:
-            if not self._changed.wait_for(
-                lambda: len(self._posts) >= count, patient(within_secs)
-            ):
-                raise LabTimeout(f"{len(self._posts)} of {count} posts within {within_secs} s")
-            return list(self._posts)
+        if not self.has(count, patient(within_secs)):
+            raise LabTimeout(f"{len(self.posts)} of {count} posts within {within_secs} s")
+        return self.posts

@@ -73,22 +73,19 @@ def test_sources_are_archived_apart_for_interval_after_interval(
     endpoint = make_endpoint()
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     lines = make_lines(relay, make_station, route, 4)
-    quiet = make_station(relay)
-    quiet.send(Caption(b"never routed"))
-    while len(endpoint.posts) < 2 * (len(lines) + 1):
+    unheard = make_station(relay)
+    unheard.send(Caption(b"nobody listens"))
+    while not endpoint.has(2 * len(lines) + 1, 0.05):
         for line in lines:
             line.say()
-        if endpoint.posts:
-            quiet.send(Caption(b"\x41\x42"))
-        assert relay.running
-    relay.log.expect("Newly collecting caption feedback from source", 1)
-    count = len(endpoint.posts)
-    posts = endpoint.wait_for(count + len(lines))
+    posts = endpoint.posts
     for line in lines:
         line.assert_never_held_up()
-        assert_archived(posts, line)
         own = [post.payload for post in posts if post.payload.feed_id == line.source]
-        for one, following in zip(own, own[1:], strict=False):
-            assert following.time - one.time >= 14
-            assert abs(following.duration - (following.time - one.time)) <= 1
-    assert archived(posts, quiet.client_id)[0][1] == b"never routed"
+        count = assert_archived(posts, line)
+        assert all(said_at > own[-1].time - patient(1) for said_at, _ in line.said[count:])
+        assert len(own) == 2
+        assert 14 <= own[1].time - own[0].time
+        assert abs(own[1].duration - (own[1].time - own[0].time)) <= 1
+    assert [one for _, one in archived(posts, unheard.client_id)] == [b"nobody listens"]
+    relay.log.expect(f"Newly collecting caption feedback from source {unheard.client_id} ")
