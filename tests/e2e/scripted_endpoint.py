@@ -12,6 +12,7 @@ import socket
 import struct
 import threading
 import time
+from http import HTTPStatus
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from typing import NamedTuple
 
@@ -70,10 +71,11 @@ class _Handler(BaseHTTPRequestHandler):
             getattr(self, f"_{answer.how}")(answer)
 
     def _status(self, answer: Answer) -> None:
+        body = b"" if answer.status == HTTPStatus.NO_CONTENT else answer.body
         self.send_response(answer.status)
-        self.send_header("Content-Length", str(len(answer.body)))
+        self.send_header("Content-Length", str(len(body)))
         self.end_headers()
-        self.wfile.write(answer.body)
+        self.wfile.write(body)
 
     def _silence(self, answer: Answer) -> None:
         self.close_connection = True
