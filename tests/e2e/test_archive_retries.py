@@ -47,6 +47,7 @@ def test_a_closed_archive_is_tried_every_two_seconds_until_it_opens(
     numbers = [2, *range(2 + attempts, 7 + attempts)]
     targets = [f"/archive?a=b&seq={number}" for number in numbers]
     assert [post.target for post in posts] == targets
+    relay.log.expect(f"TRACE: URL set to http://{endpoint.address}:{endpoint.port}{targets[-1]}")
     assert relay.log.count("TRACE: URL set to http://") == 6
     assert relay.log.count("Won't retry") == 0
 
