@@ -63,10 +63,11 @@ def read(body: bytes) -> Payload:
         outer = json.loads(text, strict=False)
         inner = outer["CaptionData"]
         blocks = [read_block(inner[f"S{field}data"], field) for field in _FIELDS]
-        payload = Payload(outer["time"], outer["dur"], int(outer["feedID"]), sum(blocks, []))
+        numbers = [int(str(outer[name])) for name in ("time", "dur", "feedID")]
+        payload = Payload(*numbers, sum(blocks, []))
     except (ValueError, KeyError, TypeError) as error:
         raise BadPayload(f"{error!r} in {body!r}") from error
-    if write(payload) != body:
+    if min(numbers) < 0 or write(payload) != body:
         raise BadPayload(f"{body!r} is not {write(payload)!r}")
     return payload
 

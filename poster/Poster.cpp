@@ -154,8 +154,13 @@ void CaptionPoster::askToEnd() {
     _workerThread.interrupt();
 }
 
-bool CaptionPoster::bHasEnded() {
-    return !_workerThread.joinable() || _workerThread.try_join_for(boost::chrono::seconds(0));
+bool CaptionPoster::bClose() {
+    if (_workerThread.joinable() && !_workerThread.try_join_for(boost::chrono::seconds(0))) {
+        return false;
+    }
+    _httpPost = HttpPost();
+    _achBaseURL[0] = '\0';
+    return true;
 }
 
 void CaptionPoster::_workThreadFn() {

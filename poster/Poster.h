@@ -75,8 +75,9 @@ class CaptionPoster {
     void _interruptWorkThread();
     /// Asks the worker to end and does not wait.
     void askToEnd();
-    /// Whether no worker runs. Does not wait.
-    [[nodiscard]] bool bHasEnded();
+    /// Closes the connection, unless a worker runs: false then. Does not wait. There is no
+    /// destination afterwards.
+    [[nodiscard]] bool bClose();
 
   private:
     enum class Verdict { kDelivered, kGiveUp, kRetry };

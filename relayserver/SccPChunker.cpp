@@ -1,7 +1,8 @@
 #include "relayserver/SccPChunker.h"
 
 #include <algorithm>
-#include <bit>
+#include <array>
+#include <charconv>
 #include <cstdint>
 
 #include "base/string_format.h"
@@ -23,20 +24,52 @@ bool bIsErase(char chFirst, char chSecond) {
     return (nFirst == 0x14 || nFirst == 0x15) && (chSecond & 0x7F) == 0x2C;
 }
 
-/// Seconds since the epoch with three decimals, then a tab.
-void appendTime(std::string& rsOut, utc_time_t pt) {
-    const std::int64_t nMillis = std::chrono::floor<milliseconds>(pt - ptEpoch).count();
-    const std::string sDecimals = std::to_string(milliseconds::period::den + nMillis % 1000);
-    rsOut += std::to_string(nMillis / milliseconds::period::den);
-    rsOut += '.';
-    rsOut.append(sDecimals, 1);
-    rsOut += '\t';
+using hex_table_t = std::array<std::array<char, 2>, 256>;
+
+/// What each byte is written as: two hexadecimal digits, with its parity.
+constexpr hex_table_t kHexWithParity = [] {
+    constexpr char achDigits[] = "0123456789abcdef";
+    hex_table_t table{};
+    for (unsigned i = 0; i < table.size(); ++i) {
+        const unsigned char b = odd_parity_8(static_cast<unsigned char>(i));
+        table[i] = {achDigits[b >> 4], achDigits[b & 0x0F]};
+    }
+    return table;
+}();
+
+/// What stands before, between and behind the bytes of one caption takes at most so much.
+constexpr std::size_t kMaxFrameLen = 32;
+
+/// Writes seconds since the epoch with three decimals, then a tab; returns the end.
+char* writeTime(char* pchOut, utc_time_t pt) {
+    const auto sinceEpoch = std::chrono::floor<milliseconds>(pt - ptEpoch);
+    const auto nMillis = static_cast<std::uint64_t>(sinceEpoch.count());
+    constexpr std::ptrdiff_t kMaxDigits = 20;
+    pchOut = std::to_chars(pchOut, pchOut + kMaxDigits, nMillis / 1000).ptr;
+    *pchOut++ = '.';
+    for (unsigned nUnit = 100; nUnit > 0; nUnit /= 10) {
+        *pchOut++ = static_cast<char>('0' + nMillis / nUnit % 10);
+    }
+    *pchOut++ = '\t';
+    return pchOut;
 }
 
-void appendHex(std::string& rsOut, unsigned char b) {
-    constexpr char achDigits[] = "0123456789abcdef";
-    rsOut += achDigits[b >> 4];
-    rsOut += achDigits[b & 0x0F];
+/// Writes the bytes of one field in pairs, the last one completed; returns the end, which is
+/// `pchOut` when the caption has none.
+char* writePairs(char* pchOut, std::string_view svBytes, bool field1) {
+    std::size_t nTaken = 0;
+    for (const char chByte : svBytes) {
+        if (bIsOfField2(chByte) == field1) {
+            continue;
+        }
+        if (nTaken > 0 && nTaken % 2 == 0) {
+            *pchOut++ = ' ';
+        }
+        const auto& achHex = kHexWithParity[static_cast<unsigned char>(chByte)];
+        pchOut = std::copy(achHex.begin(), achHex.end(), pchOut);
+        ++nTaken;
+    }
+    return nTaken % 2 == 0 ? pchOut : std::copy_n("80", 2, pchOut);
 }
 
 /// Whole seconds from `ptFrom` to `ptTo`; none when the clock was set back between them.
@@ -46,11 +79,6 @@ unsigned long nSecsBetween(utc_time_t ptFrom, utc_time_t ptTo) {
 }
 
 }  // namespace
-
-unsigned char odd_parity_8(unsigned char b) {
-    const bool bOdd = std::popcount(static_cast<unsigned char>(b & 0x7F)) % 2 == 1;
-    return bOdd ? b : static_cast<unsigned char>(b | 0x80);
-}
 
 SccPChunker::SccPChunker(unsigned sourceID) : _nSourceID(sourceID), _ptLastSent(ptNow()) {}
 
@@ -78,26 +106,17 @@ void SccPChunker::add(std::string_view captionBytes) {
     }
 }
 
-/// Appends the text of one field: for each caption that has bytes of it, the time, the bytes in
+/// Appends the text of one field: for each caption that has bytes of it the time, the bytes in
 /// pairs and an empty line.
 void SccPChunker::_bufSccPSnapshot(bool field1, std::string& rsOut) const {
     for (const auto& [pt, sBytes] : _byteMap) {
-        std::size_t nTaken = 0;
-        for (const char chByte : sBytes) {
-            if (bIsOfField2(chByte) == field1) {
-                continue;
-            }
-            if (nTaken == 0) {
-                appendTime(rsOut, pt);
-            } else if (nTaken % 2 == 0) {
-                rsOut += ' ';
-            }
-            appendHex(rsOut, odd_parity_8(static_cast<unsigned char>(chByte)));
-            ++nTaken;
-        }
-        if (nTaken > 0) {
-            rsOut += nTaken % 2 == 0 ? "\r\n\r\n" : "80\r\n\r\n";
-        }
+        const std::size_t nStart = rsOut.size();
+        rsOut.resize(nStart + kMaxFrameLen + 3 * sBytes.size());
+        char* const pchStart = rsOut.data() + nStart;
+        char* const pchBytes = writeTime(pchStart, pt);
+        char* pchEnd = writePairs(pchBytes, sBytes, field1);
+        pchEnd = pchEnd == pchBytes ? pchStart : std::copy_n("\r\n\r\n", 4, pchEnd);
+        rsOut.resize(static_cast<std::size_t>(pchEnd - rsOut.data()));
     }
 }
 
@@ -110,6 +129,7 @@ std::string SccPChunker::getChunkPayloadJson() {
     sJson += R"(","S2data" : ")";
     _bufSccPSnapshot(false, sJson);
     sJson += R"("}})";
+    sJson.shrink_to_fit();  // it may have to wait for long
     clear();
     _ptLastSent = ptThisTime;
     return sJson;

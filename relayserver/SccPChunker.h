@@ -5,6 +5,7 @@
 /// field 2) and bits 0 to 6 are the data; parity is made when rendering.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <map>
 #include <string>
@@ -21,7 +22,10 @@ constexpr std::size_t dynamo_max_put = 400000;
 /// `b` with odd parity: unchanged if its lower seven bits hold an odd number of ones, else with bit
 /// 7 set. Bit 7 is never cleared, so bytes of field 2 may come out with even parity: receivers
 /// expect it so.
-[[nodiscard]] unsigned char odd_parity_8(unsigned char b);
+[[nodiscard]] constexpr unsigned char odd_parity_8(unsigned char b) {
+    const bool bOdd = std::popcount(b & 0x7FU) % 2 == 1;
+    return bOdd ? b : static_cast<unsigned char>(b | 0x80U);
+}
 
 class SccPChunker {
   public:

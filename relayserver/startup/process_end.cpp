@@ -20,9 +20,9 @@ void quitProcess(int nStatus) {
     ArchivePostThreader.askToEnd();
     (void)bDrainLog(kLogDrainMillis);  // a disk that takes no more lines must not keep us
     joinEndedSignalThread();
-    if (!ArchivePostThreader.bHasEnded()) {
-        // It is in the middle of a post, which must not keep us either; the clean-ups of `exit`
-        // would take away what it works with.
+    // `exit` ends OpenSSL before it destroys the poster, which therefore lets go of it now. In the
+    // middle of a post it cannot; but that must not keep us either.
+    if (!ArchivePostThreader.bClose()) {
         _exit(nStatus);
     }
     std::exit(nStatus);
