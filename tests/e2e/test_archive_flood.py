@@ -11,7 +11,7 @@ from lab.waiting import Deadline
 
 #: Once between heartbeats of the relay, which come every 4 seconds: it drops no client for that.
 BURST, CHUNK = 60_000, 2_000
-CANCELLED = "WARNING: Archive: Attempt to send 40001 data bytes collected from client {}, cancelling"
+CANCELLED = "WARNING: Archive: Attempt to send 40001 data bytes collected from client {}, "
 #: For 40001 captions, and for the buffers of a busy relay.
 GROWTH_BYTES = 32 << 20
 FURTHER_GROWTH_BYTES = 8 << 20
@@ -42,6 +42,8 @@ def test_a_flood_of_captions_is_dropped_and_costs_no_memory(
             for line in lines:
                 line.say()
         memory.append(private_bytes(relay))
+    cancelled = CANCELLED.format(flooder.client_id)
+    assert relay.log.expect(cancelled).endswith(cancelled + "cancelling")
     posts = endpoint.wait_for(4)
     for line in lines:
         line.assert_never_held_up()

@@ -1,4 +1,4 @@
-"""Captions that cross from relay to relay are archived where they were captioned, and only there."""
+"""Captions that cross between relays are archived where they were captioned, and only there."""
 
 from __future__ import annotations
 

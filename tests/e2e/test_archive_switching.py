@@ -22,7 +22,9 @@ def say_meanwhile(lines, endpoint):
 
 
 @pytest.mark.parametrize("how", ["silence", "endless"])
-def test_a_post_that_never_ends_holds_nothing_up(make_endpoint, make_relay, make_station, route, how):
+def test_a_post_that_never_ends_holds_nothing_up(
+    make_endpoint, make_relay, make_station, route, how
+):
     endpoint = make_endpoint(Answer(how))
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     lines = make_lines(relay, make_station, route, 3)
