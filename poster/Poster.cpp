@@ -169,6 +169,10 @@ bool CaptionPoster::bClose() {
     return true;
 }
 
+void CaptionPoster::abandonWorkThread() {
+    _workerThread.detach();
+}
+
 void CaptionPoster::_workThreadFn() {
     try {
         for (;;) {

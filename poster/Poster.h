@@ -78,6 +78,8 @@ class CaptionPoster {
     /// Closes the connection, unless a worker runs: false then. Does not wait. There is no
     /// destination afterwards.
     [[nodiscard]] bool bClose();
+    /// Lets go of a worker that `bClose` has found running: it works on until `_exit`.
+    void abandonWorkThread();
 
   private:
     enum class Verdict { kDelivered, kGiveUp, kRetry };
