@@ -160,17 +160,18 @@ void CaptionPoster::askToEnd() {
     _workerThread.interrupt();
 }
 
+bool CaptionPoster::bHasEnded() {
+    return !_workerThread.joinable() || _workerThread.try_join_for(boost::chrono::seconds(0));
+}
+
 bool CaptionPoster::bClose() {
-    if (_workerThread.joinable() && !_workerThread.try_join_for(boost::chrono::seconds(0))) {
+    if (!bHasEnded()) {
+        _workerThread.detach();
         return false;
     }
     _httpPost = HttpPost();
     _achBaseURL[0] = '\0';
     return true;
-}
-
-void CaptionPoster::abandonWorkThread() {
-    _workerThread.detach();
 }
 
 void CaptionPoster::_workThreadFn() {

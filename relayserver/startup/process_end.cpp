@@ -23,7 +23,6 @@ void quitProcess(int nStatus) {
     // `exit` ends OpenSSL before it destroys the poster, which therefore lets go of it now. In the
     // middle of a post it cannot; but that must not keep us either.
     if (!ArchivePostThreader.bClose()) {
-        ArchivePostThreader.abandonWorkThread();
         _exit(nStatus);
     }
     std::exit(nStatus);

@@ -208,6 +208,15 @@ TEST_F(PosterInterruption, MayBeAskedForWithoutWaiting) {
     expectDeliveryOf(payloads(0, 12));
 }
 
+TEST_F(PosterInterruption, LeavesAConnectionThatCanBeClosed) {
+    poster_.queuePayload("payload");
+    ASSERT_TRUE(bHasStatus("HTTP OK"));
+    poster_._interruptWorkThread();
+    EXPECT_TRUE(poster_.bClose());
+    poster_.queuePayload("payload");
+    EXPECT_TRUE(bHasStatus("Can't resolve URL"));
+}
+
 TEST_F(PosterInterruption, IsWaitedForWhenThePosterGoesAway) {
     endpoint_.plan(heldBack(answerWith(200)));
     auto pPoster = std::make_unique<CaptionPoster>();
