@@ -16,7 +16,7 @@ class PosterDelivery : public PosterFixture {
     void postAnswered(const HttpAnswer& answer, const std::string& sStatus) {
         endpoint_.plan(answer);
         poster_.queuePayload("payload");
-        EXPECT_TRUE(bHasStatus(sStatus)) << poster_.getLastStatusCode();
+        ASSERT_TRUE(bHasStatus(sStatus)) << poster_.getLastStatusCode();
     }
 };
 
@@ -131,7 +131,8 @@ TEST_F(PosterDelivery, RemembersWhenTheLastAnswerWas200) {
 
 TEST_F(PosterDelivery, DropsAPayloadThatIsAnsweredOtherwise) {
     for (const int nStatus : {201, 204, 301, 401, 403, 404, 500, 503}) {
-        postAnswered(answerWith(nStatus), "HTTP " + std::to_string(nStatus));
+        ASSERT_NO_FATAL_FAILURE(
+            postAnswered(answerWith(nStatus), "HTTP " + std::to_string(nStatus)));
     }
     EXPECT_TRUE(bEventually([&] { return nPrinted("Won't retry\n") == 8; }));
     poster_.queuePayload("last");
