@@ -147,6 +147,11 @@ class ArchiveEndpoint:
         self._folder.cleanup()
 
     @property
+    def pid(self) -> int | None:
+        """The server's process, None when it is stopped."""
+        return None if self._process is None else self._process.pid
+
+    @property
     def running(self) -> bool:
         return self._process is not None and self._process.poll() is None
 

@@ -117,9 +117,10 @@ def test_why_it_does_not_start_is_told():
 
 def test_it_leaves_nothing_behind():
     endpoint = ArchiveEndpoint().start()
-    pid = int((endpoint.folder / "pid").read_text())
+    pid = endpoint.pid
     os.kill(pid, 0)
     endpoint.close()
+    assert endpoint.pid is None
     assert not endpoint.folder.exists()
     with pytest.raises(ProcessLookupError):
         os.kill(pid, 0)
