@@ -22,10 +22,13 @@ two implementations check each other. Nothing in this package prints except lab.
     relay_config        its configuration file; process_log: its output
     network             all of the above put together, in two lines; relay_network: with several
                         joined relays (relay_nodes), whose logs join_log reads
+    archive_endpoint    a web server that takes what relays archive, by archive_store;
+                        archive_json reads that
     addresses, waiting  loopback addresses and free ports; waits with deadlines
     pytest_relay_log    shows relay logs when a test fails
     run                 the command line of ./dev run; play: its performance
     play_cast           who takes part; play_speakers, play_listeners: what they do
+    play_archive        where its captions are archived
     play_faults         what breaks in the middle
     play_account        compares what was sent with what arrived; play_summary judges it
     play_screen         shows what happens

@@ -15,6 +15,7 @@ from lab.audio_player import ClipPlayer
 from lab.audio_wire import CHANNELS
 from lab.cluster import Cluster
 from lab.play_account import Item, compare
+from lab.play_archive import NAME, WITHIN_SECS, Archive, awaited
 from lab.play_cast import Cast
 from lab.play_faults import Fault
 from lab.play_listeners import PROGRAM, AudioListener, CaptionListener, Listener
@@ -34,6 +35,8 @@ _MORE_SECS = 40.0
 _AFTER_SECS = 3.0
 #: How long captions and datagrams may still be on their way after the last one was sent.
 _ARRIVAL_SECS = 5.0
+#: How long captions may be on their way to the archive, for which the relay looks every 15 s.
+_ARCHIVE_SECS = 25.0
 _TURN_SECS = 0.05
 
 
@@ -54,12 +57,14 @@ class Play:
     ) -> None:
         self.cluster = cluster
         self.outcome = Outcome(fault=fault.name if fault else "")
+        self.archive = Archive()
         self.network = RelayNetwork(
             cluster,
             RELAYS,
             fec=True,
             tls=tls,
             backup=fault is not None and fault.wants_backup,
+            configs={name: self.archive.config(name) for name in RELAYS},
             binary=binary,
         )
         self._fault = fault
@@ -82,7 +87,7 @@ class Play:
 
     def perform(self) -> Outcome:
         """All of it, from the start of the network to its end."""
-        with self.network:
+        with self.archive, self.network:
             self._tell_who_stands_where()
             self._join()
             self.cast = Cast(self.network)
@@ -160,6 +165,9 @@ class Play:
     def _end(self) -> None:
         self._wait_for_the_last()
         for listener in self.cast.listeners:
+            listener.expect_silence()
+        self._try(NAME, self._wait_for_the_archive)
+        for listener in self.cast.listeners:
             listener.expect_end()
         for name in self.network.nodes:
             self._try(f"relay {name}", lambda name=name: self._stop_relay(name))
@@ -189,6 +197,14 @@ class Play:
                         return
                     self.wait(_TURN_SECS)
 
+    def _wait_for_the_archive(self) -> None:
+        """Waits until as many captions are archived as have to be, if they ever are."""
+        count, deadline = len(awaited(self._captions.sent_by_clock())), Deadline(_ARCHIVE_SECS)
+        if not self.archive.holds(count):
+            say(NAME, "is waited for: relays look every 15 s whether there is something to post")
+        while not self.archive.holds(count) and not deadline.passed():
+            self.wait(_TURN_SECS)
+
     def _sent(self, flow: str) -> list[Item]:
         if flow in CaptionListener.flows:
             return self._captions.sent()
@@ -200,6 +216,7 @@ class Play:
             self.outcome.sent[flow] = len(self._sent(flow))
         for listener in self.cast.listeners:
             self._judge_listener(listener)
+        self._try(NAME, self._judge_archive)
         for server in (self.network.server, self.network.backup):
             self.outcome.problems += server.problems if server is not None else []
 
@@ -212,3 +229,10 @@ class Play:
             self.outcome.problems.append(f"{listener.name}: {listener.error}")
         if listener.partings and not touched:
             self.outcome.problems.append(f"{listener.name}: its connection broke")
+
+    def _judge_archive(self) -> None:
+        zero = time.time() - time.monotonic()
+        account = self.archive.account(self._captions.sent_by_clock(), zero)
+        flow = Flow(NAME, "captions", account, within_secs=patient(WITHIN_SECS))
+        self.outcome.flows.append(flow)
+        self.outcome.problems += self.archive.strangers(RELAYS[0], self.cast.captioner.client_id)

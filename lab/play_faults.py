@@ -25,6 +25,12 @@ LEAST_SECS = 10.0
 #: How long the server, the relay or the database stays away.
 _AWAY_SECS = 3.0
 _JOINED_SECS = 30.0
+#: How often a relay is to fail to post, far fewer times than make it give something up; and how
+#: long that may take: it looks every 15 s whether there is something to post.
+_RETRIES = 2
+_RETRY_SECS = 25.0
+#: How long the first delivery may take when the archive is back: relays try every 2 s.
+_DELIVERED_SECS = 10.0
 
 
 class Fault(Protocol):
@@ -184,4 +190,42 @@ class DatabaseFault:
         return int(play.cluster.query(sql)[0][0]) >= len(play.network.nodes)
 
 
-FAULTS: dict[str, Fault] = {one.name: one for one in (ServerFault(), PeerFault(), DatabaseFault())}
+class ArchiveFault:
+    """The archive's web server stops, for so long that a relay fails to post and fails again, and
+    comes back. The relay keeps what it could not post and delivers it then."""
+
+    name = "archive"
+    wants_backup = False
+    wants_newcomer = False
+
+    def touches(self, at: str) -> bool:
+        return False
+
+    def play(self, play: Play) -> None:
+        endpoint = play.archive.endpoint
+        play.wait_share(0.25)
+        since = play.network["east"].log.mark()
+        say("archive", "is stopped: nobody takes what relays post")
+        watch = _Stopwatch(play, "the archive's web server, stopped and started again")
+        endpoint.stop()
+        try:
+            self._see_retries(play, since)
+        finally:
+            before = len(endpoint.posts())
+            say("archive", "is started again")
+            endpoint.start()
+        secs = watch.wait_for(lambda: endpoint.wait_posts(before + 1, _DELIVERED_SECS))
+        if secs is not None:
+            say("archive", f"is delivered to again after {secs:.1f} s")
+
+    @staticmethod
+    def _see_retries(play: Play, since: int) -> None:
+        """Returns when the relay that archives has failed often enough."""
+        log = play.network["east"].log
+        for count in range(1, _RETRIES + 1):
+            log.expect(f"Consecutive retry errors: {count}", _RETRY_SECS, since=since)
+            say("east", f"cannot reach the archive (failure {count} in a row), tries again in 2 s")
+
+
+_FAULTS = (ServerFault(), PeerFault(), DatabaseFault(), ArchiveFault())
+FAULTS: dict[str, Fault] = {one.name: one for one in _FAULTS}

@@ -68,6 +68,9 @@ class Listener:
     def start_telling(self) -> None:
         """From now on it is worth telling how much comes."""
 
+    def expect_silence(self) -> None:
+        """From now on it is not worth telling that nothing comes."""
+
     def expect_end(self) -> None:
         """From now on the relay may close the connection."""
         self._ending = True
@@ -176,10 +179,14 @@ class AudioListener(Listener):
         self._ears: list[ClipListener] = []
         self._told = [0] * len(CHANNELS)
         self._tell_at = float("inf")
+        self._silence_expected = False
         super().__init__(network, name, at)
 
     def start_telling(self) -> None:
         self._tell_at = time.monotonic() + _TELL_SECS
+
+    def expect_silence(self) -> None:
+        self._silence_expected = True
 
     def arrived(self, flow: str) -> list[Item]:
         channel = self.flows.index(flow)
@@ -215,6 +222,8 @@ class AudioListener(Listener):
         self._tell_at = max(self._tell_at, now - _TELL_SECS) + _TELL_SECS
         counts = [len(self.arrived(flow)) for flow in self.flows]
         sound, *fec = (count - before for count, before in zip(counts, self._told))
+        if self._silence_expected and counts == self._told:
+            return
         self._told = counts
         corrections = " and ".join(str(one) for one in fec)
         say(self.name, f"hears  {sound} datagrams of sound, {corrections} of error correction")

@@ -40,6 +40,7 @@ class CaptionSpeaker:
         self._captioner = captioner
         self._cues = schedule(scc.read(CLIP), seconds)
         self._sent: list[Item] = []
+        self._sent_by_clock: list[Item] = []
         self._error: Exception | None = None
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._run, name="caption-speaker", daemon=True)
@@ -59,6 +60,10 @@ class CaptionSpeaker:
         """What was sent so far."""
         return list(self._sent)
 
+    def sent_by_clock(self) -> list[Item]:
+        """The same, with times of the clock on the wall: seconds since 1970."""
+        return list(self._sent_by_clock)
+
     def _run(self) -> None:
         try:
             self._play()
@@ -76,5 +81,6 @@ class CaptionSpeaker:
             for text in decoder.feed(data):
                 say(self._captioner.name, f"writes {text}")
             # Noted first: whoever reads it finds it here.
+            self._sent_by_clock.append(Item(time.time(), data))
             self._sent.append(Item(time.monotonic(), data))
             self._captioner.caption(data)

@@ -22,6 +22,8 @@ class Flow:
     account: Account
     #: Whether the fault may interrupt it.
     touched: bool = False
+    #: How long after sending its items may claim to have come; None: they only have to come.
+    within_secs: float | None = None
 
     def __str__(self) -> str:
         return f"{self.listener}, {self.name}"
@@ -75,7 +77,9 @@ def complaints(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> list[str
     limit = held_up_secs if outcome.fault else float("inf")
     for flow in outcome.flows:
         wrong = [*_wrong_with_any(flow.account)]
-        if flow.touched:
+        if flow.within_secs is not None:
+            wrong += _wrong_with_times(flow.account, flow.within_secs)
+        elif flow.touched:
             wrong += _wrong_when_touched(flow.account, outcome.struck)
         else:
             wrong += _wrong_when_untouched(flow.account, limit)
@@ -118,6 +122,13 @@ def _wrong_when_untouched(account: Account, held_up_secs: float) -> Iterator[str
         yield f"{account.lost} LOST OR CHANGED"
     if account.slowest_secs > held_up_secs:
         yield f"HELD UP for {account.slowest_secs:.1f} s"
+
+
+def _wrong_with_times(account: Account, within_secs: float) -> Iterator[str]:
+    if account.lost:
+        yield f"{account.lost} LOST OR CHANGED"
+    if account.slowest_secs > within_secs:
+        yield f"noted up to {account.slowest_secs:.1f} s TOO LATE"
 
 
 # -- words ---------------------------------------------------------------------------------

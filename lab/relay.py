@@ -148,8 +148,13 @@ class Relay:
         return self
 
     def _environment(self) -> dict[str, str]:
-        # Database settings of the surroundings must not lead the relay anywhere but to ours.
-        kept = {name: value for name, value in os.environ.items() if not name.startswith("PG")}
+        # Settings of the surroundings must not lead the relay to another database than ours, nor
+        # what it archives to a proxy.
+        kept = {
+            name: value
+            for name, value in os.environ.items()
+            if not name.startswith("PG") and not name.lower().endswith("_proxy")
+        }
         return {"UBSAN_OPTIONS": "print_stacktrace=1", **kept, **self._env}
 
     def _running(self) -> subprocess.Popen[bytes]:

@@ -32,6 +32,10 @@ class RelayConfig:
     fec: bool | None = None
     archive_endpoint: str | None = None
     archive_interval_secs: int | None = None
+    archive_username: str | None = None
+    archive_password: str | None = None
+    archive_append_seq: bool | None = None
+    archive_content_type: str | None = None
     wavecast: bool | None = None
     keys: dict[tuple[str, str], Value | None] = dataclasses.field(default_factory=dict)
     text: str | None = None
@@ -75,6 +79,10 @@ class RelayConfig:
             ("Archive", "enable"): "yes" if archived else None,
             ("Archive", "endpoint"): self.archive_endpoint,
             ("Archive", "interval"): self.archive_interval_secs,
+            ("Archive", "username"): self.archive_username,
+            ("Archive", "password"): self.archive_password,
+            ("Archive", "append_seq"): _yes_or_no(self.archive_append_seq),
+            ("Archive", "content_type"): self.archive_content_type,
             ("Features", "wcast"): _yes_or_no(self.wavecast),
         }
         for index, server in enumerate(self.servers):

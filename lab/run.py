@@ -1,15 +1,17 @@
 """The demonstration: captions and speech cross two joined relays before your eyes.
 
-    python3 -m lab.run [--seconds N] [--tls] [--fault cs|peer|db] [--binary PATH]
+    python3 -m lab.run [--seconds N] [--tls] [--fault cs|peer|db|archive] [--binary PATH]
 
 Starts a private database, a connection server and two relays, which the server has joined. At the
 first relay a captioner plays a caption file at its real pace and a source plays a clip of speech,
 with error correction; at both an encoder prints the captions that it reads, and an audio receiver
-says how much it hears. Ends with status 0 only if every caption and every datagram arrived
-unchanged and in order at all of them. Leaves nothing running.
+says how much it hears. Both relays archive the captions of their stations at a web server. Ends
+with status 0 only if every caption and every datagram arrived unchanged and in order at all of
+them, and every caption in the archive, with its time. Leaves nothing running.
 
 With --fault something breaks in the middle: the connection server stops, comes back and is
-replaced (cs), the second relay is killed and started again (peer), PostgreSQL is restarted (db).
+replaced (cs), the second relay is killed and started again (peer), PostgreSQL is restarted (db),
+the archive's web server stays away until posting to it has failed twice (archive).
 Then status 0 says that everything flowed again by itself, and that nothing was lost but by
 listeners at a killed relay. Such a run goes on beyond its time until everything flows.
 """

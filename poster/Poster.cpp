@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 
 #include "base/clock.h"
 #include "base/string_format.h"
@@ -33,13 +34,18 @@ void sleepUntil(steady_clock::time_point tEnd) {
 }  // namespace
 
 CaptionPoster::~CaptionPoster() {
-    _interruptWorkThread();
+    try {
+        _interruptWorkThread();
+    } catch (...) {
+        std::terminate();  // a lock or a thread of ours is broken
+    }
 }
 
 void CaptionPoster::setDestination(const std::string& url) {
     if (url == _achBaseURL) {
         return;
     }
+    _achSeqURL[0] = '\0';
     if (url.size() >= sizeof _achBaseURL) {
         std::printf("ERROR: archive URL of %zu characters is too long, not used\n", url.size());
         _httpPost = HttpPost();
@@ -154,8 +160,13 @@ void CaptionPoster::askToEnd() {
     _workerThread.interrupt();
 }
 
+bool CaptionPoster::bHasEnded() {
+    return !_workerThread.joinable() || _workerThread.try_join_for(boost::chrono::seconds(0));
+}
+
 bool CaptionPoster::bClose() {
-    if (_workerThread.joinable() && !_workerThread.try_join_for(boost::chrono::seconds(0))) {
+    if (!bHasEnded()) {
+        _workerThread.detach();
         return false;
     }
     _httpPost = HttpPost();
@@ -247,7 +258,7 @@ bool CaptionPoster::_bSetSequenceURL() {
 }
 
 CaptionPoster::Verdict CaptionPoster::_onTransportError(int nCode, std::size_t nBytes) {
-    std::printf("ERROR: error sending POST (code %d) for %lu bytes\n", nCode, nBytes);
+    std::printf("ERROR: error sending POST (code %d) for %zu bytes\n", nCode, nBytes);
     switch (nCode) {
         case CURLE_COULDNT_CONNECT:
         case CURLE_OPERATION_TIMEDOUT:

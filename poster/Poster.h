@@ -75,8 +75,10 @@ class CaptionPoster {
     void _interruptWorkThread();
     /// Asks the worker to end and does not wait.
     void askToEnd();
-    /// Closes the connection, unless a worker runs: false then. Does not wait. There is no
-    /// destination afterwards.
+    /// Whether no worker runs. Does not wait.
+    [[nodiscard]] bool bHasEnded();
+    /// Closes the connection; there is no destination afterwards. If a worker runs, false: it is let
+    /// go of and works on until `_exit`. Does not wait.
     [[nodiscard]] bool bClose();
 
   private:

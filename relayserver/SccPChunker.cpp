@@ -26,16 +26,18 @@ bool bIsErase(char chFirst, char chSecond) {
 
 using hex_table_t = std::array<std::array<char, 2>, 256>;
 
-/// What each byte is written as: two hexadecimal digits, with its parity.
-constexpr hex_table_t kHexWithParity = [] {
+constexpr hex_table_t makeHexTable() {
     constexpr char achDigits[] = "0123456789abcdef";
     hex_table_t table{};
-    for (unsigned i = 0; i < table.size(); ++i) {
+    for (unsigned i = 0; i < 256; ++i) {
         const unsigned char b = odd_parity_8(static_cast<unsigned char>(i));
         table[i] = {achDigits[b >> 4], achDigits[b & 0x0F]};
     }
     return table;
-}();
+}
+
+/// What each byte is written as: two hexadecimal digits, with its parity.
+constexpr hex_table_t kHexWithParity = makeHexTable();
 
 /// What stands before, between and behind the bytes of one caption takes at most so much.
 constexpr std::size_t kMaxFrameLen = 32;

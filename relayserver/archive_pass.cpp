@@ -1,6 +1,7 @@
 #include "relayserver/archive_pass.h"
 
 #include <deque>
+#include <memory>
 
 #include "base/clock.h"
 #include "connserver/logging.h"
@@ -121,8 +122,8 @@ bool bArchiveWaits() {
 }
 
 void resetArchiveForTest() {
-    ArchivePostThreader._interruptWorkThread();
-    ArchivePostThreader.clearQueue();
+    std::destroy_at(&ArchivePostThreader);
+    std::construct_at(&ArchivePostThreader);
     ChunkCollector = SccPChunkerCollection();
     sourcesDue.clear();
     ttLastArchiveSent = nowSecs();

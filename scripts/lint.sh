@@ -5,7 +5,7 @@
 # configures build/release, whose compile database clang-tidy reads.
 set -euo pipefail
 
-readonly ROOMS=(base orvex genner/output connserver relayserver)
+readonly ROOMS=(base orvex genner/output connserver poster relayserver)
 CORES=$(nproc)
 readonly CORES
 readonly SCRIPTS=(dev .ci/run scripts/*.sh)

@@ -28,6 +28,7 @@ from lab.relay_config import RelayConfig  # noqa: E402
 from lab.relay_network import RelayNetwork  # noqa: E402
 from lab.stations import Captioner, Encoder, Station  # noqa: E402
 from peer_tools import StandInPeer  # noqa: E402
+from scripted_endpoint import Answer, ScriptedEndpoint  # noqa: E402
 
 #: How long a relay may take to start and log in, and to end.
 READY_SECS = 20.0
@@ -257,6 +258,21 @@ def peer(server: ConnectionServer) -> Iterator[StandInPeer]:
     """A stand-in for another relay, which no order has named yet."""
     with StandInPeer(server.new_client_id()) as peer:
         yield peer
+
+
+@pytest.fixture
+def make_endpoint() -> Iterator[Callable[..., ScriptedEndpoint]]:
+    """Makes archive endpoints, open unless `start` is false: `make_endpoint(500, Answer("reset"))`
+    answers the first two posts so."""
+    endpoints: list[ScriptedEndpoint] = []
+
+    def make(*plan: Answer | int, start: bool = True) -> ScriptedEndpoint:
+        endpoints.append(ScriptedEndpoint(*plan))
+        return endpoints[-1].open() if start else endpoints[-1]
+
+    yield make
+    for endpoint in endpoints:
+        endpoint.close()
 
 
 @pytest.fixture

@@ -10,13 +10,17 @@ from pathlib import Path
 import pytest
 
 from lab import audio_player, play_cast, run
+from lab.archive_endpoint import ArchiveEndpoint
 from lab.play import Play
+from lab.play_archive import Archive
 from lab.play_faults import LEAST_SECS
+from lab.play_speakers import CaptionSpeaker
 from lab.relay import Relay, binary_path
+from lab.waiting import LabTimeout
 
 ROOT = Path(__file__).resolve().parents[2]
 GOOD = "Nothing was lost or changed."
-FLOWS = 8
+FLOWS = 9
 
 
 def begin(*options):
@@ -50,6 +54,7 @@ def test_captions_and_audio_cross_two_relays(options):
         assert awaited == unchanged == (1 if "captions" in flow else 100), shown
         assert faults == [0, 0, 0, 0]
     assert "encoder 2   reads  Welcome to the caption relay." in shown
+    assert "archive     takes  1 caption of client 2001 from east, " in shown
     assert "receiver 2  hears" in shown and "west        ended with status 0" in shown
 
 
@@ -62,12 +67,24 @@ def test_nobody_loses_anything_without_server_or_database(fault):
     assert len(rows(shown)) == FLOWS + 1 and rows(shown)["encoder 3, captions"][1] > 0
 
 
+def test_what_the_archive_did_not_take_is_delivered_when_it_is_back():
+    status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", "archive")
+    assert status == 0 and GOOD in shown, shown
+    order = ["archive     is stopped", "(failure 1 in a row)", "(failure 2 in a row)"]
+    order += ["archive     is started again", "archive     takes", "archive, captions"]
+    places = [shown.find(words) for words in order]
+    assert -1 not in places and places == sorted(places), shown
+    awaited, unchanged, *faults = rows(shown)["archive, captions"]
+    assert awaited == unchanged > 1 and faults == [0, 0, 0, 0]
+    assert "no caption and no datagram" in shown
+
+
 def test_a_killed_relay_takes_only_its_own_stations_along():
     status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", "peer")
     assert status == 0 and "All of it flowed again by itself" in shown, shown
     lost = {flow: cells[2] for flow, cells in rows(shown).items()}
     assert len(lost) == FLOWS
-    assert all(count == 0 for flow, count in lost.items() if " 1, " in flow)
+    assert all(count == 0 for flow, count in lost.items() if " 2, " not in flow)
     assert lost["receiver 2, sound"] > 0 and "receiver 2  is logged in again" in shown
 
 
@@ -142,6 +159,55 @@ def test_a_changed_datagram_is_noticed(monkeypatch, capsys):
     monkeypatch.setattr(audio_player.ClipPlayer, "sent", other)
     shown = fails(capsys)
     assert shown.count("1 CHANGED") == shown.count("1 LOST OR CHANGED") == 6
+
+
+@pytest.mark.parametrize(
+    ("right", "wrong", "words"),
+    [
+        (b"57e5", b"57e6", "archive, captions: 1 CHANGED"),
+        (b"\t", b" ", "archive: no caption of field 1: "),
+        (b'"2001"', b'"2002"', "archive: east posted captions of client 2002"),
+    ],
+)
+def test_a_changed_archive_is_noticed(monkeypatch, capsys, right, wrong, words):
+    posts = ArchiveEndpoint.posts
+
+    def other(endpoint):
+        return [one._replace(body=one.body.replace(right, wrong)) for one in posts(endpoint)]
+
+    monkeypatch.setattr(ArchiveEndpoint, "posts", other)
+    assert words in fails(capsys)
+
+
+def test_a_relay_that_archives_what_its_peer_sends_is_noticed(monkeypatch, capsys):
+    # It says so under the name of the other one.
+    config = Archive.config
+    monkeypatch.setattr(Archive, "config", lambda archive, _: config(archive, "west"))
+    assert "archive: west posted captions of client 2001" in fails(capsys)
+
+
+def test_wrong_times_in_the_archive_are_noticed(monkeypatch, capsys):
+    sent = CaptionSpeaker.sent_by_clock
+
+    def earlier(speaker):
+        return [one._replace(at=one.at - 40) for one in sent(speaker)]
+
+    monkeypatch.setattr(CaptionSpeaker, "sent_by_clock", earlier)
+    assert "archive, captions: noted up to 40.0 s TOO LATE" in fails(capsys)
+
+
+def test_an_archive_that_does_not_come_back_is_noticed(monkeypatch, capsys):
+    start = ArchiveEndpoint.start
+
+    def once(endpoint):
+        if (endpoint.folder / "pid").exists():
+            raise LabTimeout("the archive endpoint is gone")
+        return start(endpoint)
+
+    monkeypatch.setattr(ArchiveEndpoint, "start", once)
+    shown = fails(capsys, seconds=LEAST_SECS, fault="archive")
+    assert "the fault: the archive endpoint is gone" in shown
+    assert "archive, captions: " in shown and "encoder 1, captions: " not in shown
 
 
 def test_a_bad_exit_status_is_noticed(monkeypatch, capsys):

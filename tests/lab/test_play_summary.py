@@ -33,7 +33,7 @@ def test_nothing_lost_and_nothing_changed_is_a_success_and_is_said():
     assert said[-1] == "Nothing was lost or changed."
 
 
-@pytest.mark.parametrize("fault", ["", "cs", "db", "peer"])
+@pytest.mark.parametrize("fault", ["", "cs", "db", "peer", "archive"])
 @pytest.mark.parametrize(
     ("account", "words"),
     [
@@ -97,6 +97,23 @@ def test_the_interruption_has_to_be_the_fault_s(struck, words):
 def test_what_never_comes_again_is_said_to_be_missing_to_the_end():
     said = list(lines(outcome(FOR_GOOD, fault="peer", touched=True)))
     assert "  encoder 2, captions: 2 lost from second 1.0 on, to the end" in said
+
+
+@pytest.mark.parametrize("fault", ["", "archive"])
+@pytest.mark.parametrize(
+    ("account", "words"),
+    [
+        (GOOD, []),
+        (dataclasses.replace(GOOD, slowest_secs=1.0), []),
+        (dataclasses.replace(GOOD, slowest_secs=1.25), ["noted up to 1.2 s TOO LATE"]),
+        (ONCE, ["2 LOST OR CHANGED"]),
+        (dataclasses.replace(GOOD, repeated=1), ["1 came TWICE"]),
+        (dataclasses.replace(GOOD, out_of_order=1), ["1 OUT OF ORDER"]),
+    ],
+)
+def test_where_times_are_noted_they_have_to_be_right(account, words, fault):
+    one = Outcome(fault, flows=[Flow("archive", "captions", account, within_secs=1.0)])
+    assert complaints(one) == [f"archive, captions: {word}" for word in words]
 
 
 def test_in_a_run_with_a_fault_what_comes_late_was_interrupted():

@@ -11,6 +11,7 @@
 namespace {
 
 size_t nTimeChecks = 0;
+size_t nLinesAtTimeCheck = 0;
 
 }  // namespace
 
@@ -42,6 +43,10 @@ size_t nLoggingTimeChecks() {
     return nTimeChecks;
 }
 
+size_t nLinesBeforeLoggingTimeCheck() {
+    return nLinesAtTimeCheck;
+}
+
 void writeToLog(bool /*timePrefix*/, const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -55,6 +60,7 @@ bool setupLogging(bool /*bSimpleOnly*/, std::string /*sLogDirIn*/) {
 
 void loggingTimeCheck() {
     ++nTimeChecks;
+    nLinesAtTimeCheck = loggedLines().size();
 }
 
 void closeLog() {}

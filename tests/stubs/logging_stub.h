@@ -16,3 +16,6 @@ std::vector<std::string> partsInLogOrder(const std::vector<std::string>& parts);
 
 /// How often `loggingTimeCheck` was called.
 size_t nLoggingTimeChecks();
+
+/// How many lines were there when it was called last.
+size_t nLinesBeforeLoggingTimeCheck();

@@ -4,6 +4,12 @@
 
 namespace {
 
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using std::chrono::system_clock;
+
 class ClockTest : public testing::Test {
   protected:
     ~ClockTest() override { resetClockForTest(); }
@@ -23,10 +29,80 @@ TEST_F(ClockTest, StandsWhereATestPutsIt) {
     EXPECT_EQ(1061, nowSecs());
 }
 
+TEST_F(ClockTest, TellsRealMicrosecondsUntilSet) {
+    const auto ptBefore = system_clock::now();
+    const utc_time_t ptTold = ptNow();
+    EXPECT_LE(std::chrono::floor<microseconds>(ptBefore), ptTold);
+    EXPECT_LE(ptTold, system_clock::now());
+}
+
+TEST_F(ClockTest, TheEvenClockIsTheSystemsUntilTheWallClockIsSet) {
+    const auto tBefore = steady_clock::now();
+    const auto tTold = steadyNow();
+    EXPECT_LE(tBefore, tTold);
+    EXPECT_LE(tTold, steady_clock::now());
+}
+
+TEST_F(ClockTest, AllTimesStandStillOnceSet) {
+    setClockForTest(1000);
+    const auto tEven = steadyNow();
+    EXPECT_EQ(utc_time_t(seconds(1000)), ptNow());
+    const auto tReal = steady_clock::now();
+    while (steady_clock::now() == tReal) {
+    }
+    EXPECT_EQ(utc_time_t(seconds(1000)), ptNow());
+    EXPECT_EQ(tEven, steadyNow());
+}
+
+TEST_F(ClockTest, AdvancesByMicroseconds) {
+    setClockForTest(1000);
+    const auto tEven = steadyNow();
+    advanceClockForTest(microseconds(999999));
+    EXPECT_EQ(1000, nowSecs()) << "whole seconds are cut off";
+    EXPECT_EQ(utc_time_t(microseconds(1000999999)), ptNow());
+    advanceClockForTest(microseconds(1));
+    EXPECT_EQ(1001, nowSecs());
+    EXPECT_EQ(utc_time_t(seconds(1001)), ptNow());
+    EXPECT_EQ(tEven + seconds(1), steadyNow());
+    advanceClockForTest(milliseconds(1500));
+    EXPECT_EQ(utc_time_t(milliseconds(1002500)), ptNow());
+}
+
+TEST_F(ClockTest, AdvancesByWholeSecondsInEveryForm) {
+    setClockForTest(1000);
+    const auto tEven = steadyNow();
+    advanceClockForTest(61);
+    EXPECT_EQ(utc_time_t(seconds(1061)), ptNow());
+    EXPECT_EQ(tEven + seconds(61), steadyNow());
+}
+
+TEST_F(ClockTest, SettingTheWallClockLeavesTheEvenClock) {
+    setClockForTest(1000);
+    const auto tEven = steadyNow();
+    setClockForTest(500);
+    EXPECT_EQ(tEven, steadyNow());
+    EXPECT_EQ(utc_time_t(seconds(500)), ptNow());
+    EXPECT_EQ(500, nowSecs());
+}
+
+TEST_F(ClockTest, HoldsTimesFarAheadAndAtTheEpoch) {
+    setClockForTest(0);
+    EXPECT_EQ(0, nowSecs());
+    EXPECT_EQ(utc_time_t(), ptNow());
+    setClockForTest(253402300799);  // the end of the year 9999
+    EXPECT_EQ(253402300799, nowSecs());
+    EXPECT_EQ(utc_time_t(seconds(253402300799)), ptNow());
+}
+
 TEST_F(ClockTest, TellsTheRealTimeAgainAfterwards) {
     setClockForTest(1000);
     resetClockForTest();
     EXPECT_LT(1'000'000, nowSecs());
+    EXPECT_LT(utc_time_t(seconds(1'000'000)), ptNow());
+    const auto tBefore = steady_clock::now();
+    const auto tTold = steadyNow();
+    EXPECT_LE(tBefore, tTold);
+    EXPECT_LE(tTold, steady_clock::now());
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "base/clock.h"
 #include "relayserver/admission/accept_pause.h"
 #include "relayserver/admission/connect_limits.h"
+#include "relayserver/archive_pass.h"
 #include "relayserver/audio/packet_counts.h"
 #include "relayserver/audio/switch_audio.h"
 #include "relayserver/audio/udp_receive.h"
@@ -109,6 +110,7 @@ void resetEngine() {
     resetRouteStoreForTest();
     resetConnectLimitsForTest();
     resetHousekeepingForTest();
+    resetArchiveForTest();
     resetSettingsForTest();
     resetListenersForTest();
     resetAcceptPauseForTest();

@@ -9,6 +9,7 @@
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "connserver/signal_handling.h"
+#include "relayserver/archive_pass.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/link_state.h"
@@ -16,6 +17,7 @@
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/loop/housekeeping.h"
 #include "relayserver/startup/listeners.h"
+#include "relayserver/startup/settings.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/admission/tls_peer.h"
@@ -260,6 +262,38 @@ TEST_F(EventLoop, AWaitingTurnIsServedWithoutAnEventAndWithoutSleep) {
     EXPECT_EQ(1U, nLoggedContaining("unauthorized client"));
     EXPECT_DOUBLE_EQ(0, epoll_load_avg_1) << "turns are no load of epoll";
     EXPECT_FALSE(bTurnsWaiting());
+}
+
+TEST_F(EventLoop, WhatTheArchiveHasLeftToHandOverKeepsTheLoopAwake) {
+    bArchiveEnable = true;
+    nArchiveInterval = 1;
+    for (unsigned nID = 1; nID <= 9000; ++nID) {
+        archiveCaption(nID, "ab");
+    }
+    advanceClockForTest(15);
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 8; ++i) {
+        runOnePass();
+        EXPECT_TRUE(bArchiveWaits());
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4))
+        << "eight passes that wait take longer";
+    headOfPass();
+    EXPECT_FALSE(bArchiveWaits());
+}
+
+TEST_F(EventLoop, EventsAreServedWhileTheArchiveHandsOver) {
+    const Peer peer = addAuthClient(7);
+    bArchiveEnable = true;
+    nArchiveInterval = 1;
+    for (unsigned nID = 1; nID <= 2000; ++nID) {
+        archiveCaption(nID, "ab");
+    }
+    advanceClockForTest(16);  // no second in which the counters of clients are reset
+    peer.sendBytes(sFrame(sImage(12, 7, 0, "")));
+    runOnePass();
+    EXPECT_TRUE(bArchiveWaits());
+    EXPECT_EQ(9U, authClient(7).GetTcpInputByteCounter());
 }
 
 TEST_F(EventLoop, TheLoopEndsWhenExitIsRequested) {

@@ -6,11 +6,13 @@
 #include "base/string_format.h"
 #include "genner/output/HeartbeatNetMessage.h"
 #include "relayserver/admission/accept_pause.h"
+#include "relayserver/archive_pass.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/cslink/recently_lost.h"
 #include "relayserver/loop/epoll_set.h"
 #include "relayserver/startup/listeners.h"
+#include "relayserver/startup/settings.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"
@@ -237,6 +239,21 @@ TEST_F(Housekeeping, APassWatchesPausedListenersAgain) {
     EXPECT_EQ(1, epoll_wait(ep_fd, ep_events, kMaxEpollEvents, 0));
 }
 
+TEST_F(Housekeeping, TheArchiveIsLookedAfterInEveryPassNotOnlyAtTicks) {
+    passAt(kBoundary + 1);
+    EXPECT_EQ(kBoundary + 1, ttLastArchiveSent);
+    passAt(kBoundary + 15);
+    EXPECT_EQ(kBoundary + 1, ttLastArchiveSent);
+    passAt(kBoundary + 17);
+    EXPECT_EQ(kBoundary + 17, ttLastArchiveSent);
+}
+
+TEST_F(Housekeeping, TheArchiveIsLookedAfterAtTheHeadOfAPass) {
+    setClockForTest(kBoundary + 1);
+    headOfPass();
+    EXPECT_EQ(kBoundary + 1, ttLastArchiveSent);
+}
+
 class LossClearing : public Housekeeping {
   protected:
     LossClearing() : _server(openLink()) {
@@ -286,6 +303,22 @@ TEST_F(LossClearing, ComesAfterTheLookAtTheDatabase) {
     passAt(kBoundary);
     const std::vector<std::string> steps = {kDatabaseGone, "periodic cleanup"};
     EXPECT_EQ(steps, partsInLogOrder(steps));
+}
+
+TEST_F(LossClearing, ComesAfterTheArchiveAndThatAfterTheLogsTime) {
+    bArchiveEnable = true;
+    setClockForTest(kBoundary - 100);
+    for (int i = 0; i <= 40000; ++i) {  // too many to be sent, which is logged
+        archiveCaption(7, "ab");
+        advanceClockForTest(std::chrono::microseconds(1));
+    }
+    setDatabaseHealthy(false);
+    loggedLines().clear();
+    passAt(kBoundary);
+    const std::vector<std::string> steps = {kDatabaseGone, "WARNING: Archive: Attempt",
+                                            "periodic cleanup"};
+    EXPECT_EQ(steps, partsInLogOrder(steps));
+    EXPECT_EQ(1U, nLinesBeforeLoggingTimeCheck()) << "the database's";
 }
 
 TEST_F(LossClearing, NeedsALoggedInRelay) {

@@ -59,6 +59,9 @@ TEST_F(Settings, DefaultsHoldWhereTheConfigurationIsSilent) {
     EXPECT_FALSE(bCS_ssl);
     EXPECT_EQ(0U, nMaxTimeAwayFromCS);
     EXPECT_FALSE(bFecEnable);
+    EXPECT_FALSE(bArchiveEnable);
+    EXPECT_EQ("", sArchiveEndpoint);
+    EXPECT_EQ(60U, nArchiveInterval);
     EXPECT_FALSE(bWavecastServer);
     EXPECT_EQ("", sPrinted);
 }
@@ -76,7 +79,8 @@ TEST_F(Settings, SaysEverythingThatIsConfiguredInOrder) {
                      "[Ports]\ntcp=9000\nrtp=7000\n"
                      "[Public]\nlisten_addr=203.0.113.1\n[PrivateNetwork]\nlisten_addr=10.0.0.1\n"
                      "[Bind]\ndevice=eth7\naddress=10.0.0.2\n"
-                     "[FEC]\nenable=yes\n[Features]\nwcast=yes\n")
+                     "[FEC]\nenable=yes\n[Features]\nwcast=yes\n"
+                     "[Archive]\nenable=yes\nendpoint=http://a.example/put\ninterval=30\n")
                     .bGoOn);
     EXPECT_THAT(
         loggedLines(),
@@ -85,7 +89,9 @@ TEST_F(Settings, SaysEverythingThatIsConfiguredInOrder) {
                     "using port range 7000 to 7011 for rtp\n", "Using company name: Acme\n",
                     "Using encoder name: enc\n", "Using password: ***\n",
                     "Will connect to connservers using SSL on port 9737\n",
-                    "INFO: FEC enabled in log file\n"));
+                    "INFO: FEC enabled in log file\n",
+                    "Attempting Caption archive to endpoint http://a.example/put\n",
+                    "Logging interval is 30 seconds\n"));
     EXPECT_EQ("203.0.113.1", sRequestedListenAddr);
     EXPECT_EQ("10.0.0.1", sRequestedPrivateListenAddr);
     EXPECT_EQ("eth7", sBindDev);

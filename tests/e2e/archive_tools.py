@@ -1,0 +1,91 @@
+"""Captions on their way to the archive: said by stations, found in posts."""
+
+from __future__ import annotations
+
+import re
+import time
+from collections.abc import Iterable
+from pathlib import Path
+
+from scripted_endpoint import Post
+
+from lab import archive_json
+from lab.messages import PIPE_CAPTION
+from lab.relay import Relay
+from lab.stations import Captioner, Encoder
+from lab.waiting import patient
+
+#: What a caption may take through a relay; on an idle machine it is under a millisecond.
+NOTICEABLE_SECS = 1.0
+
+_PATIENCE_SECS = 20.0
+
+
+class CaptionLine:
+    """A captioner and an encoder that gets what it says."""
+
+    def __init__(self, captioner: Captioner, encoder: Encoder) -> None:
+        self.captioner, self.encoder = captioner, encoder
+        #: When each caption was sent (wall clock), and its bytes.
+        self.said: list[tuple[float, bytes]] = []
+        self.longest_trip = 0.0
+
+    @property
+    def source(self) -> int:
+        return self.captioner.client_id
+
+    def say(self, caption: bytes | None = None) -> bytes:
+        """Sends one caption, by default one like no other, and waits until it has arrived."""
+        caption = b"%06d" % len(self.said) if caption is None else caption
+        self.said.append((time.time(), caption))
+        begun = time.monotonic()
+        self.captioner.caption(caption)
+        assert self.encoder.receive_caption(_PATIENCE_SECS)[0] == caption
+        self.longest_trip = max(self.longest_trip, time.monotonic() - begun)
+        return caption
+
+    def say_all(self, count: int) -> None:
+        for _ in range(count):
+            self.say()
+
+    def assert_never_held_up(self) -> None:
+        assert self.longest_trip < patient(NOTICEABLE_SECS)
+
+
+def make_lines(relay, make_station, route, count: int) -> list[CaptionLine]:
+    """Lines through a relay."""
+    lines = []
+    for _ in range(count):
+        line = CaptionLine(make_station(relay, Captioner), make_station(relay, Encoder))
+        route(relay, line.captioner, line.encoder, PIPE_CAPTION)
+        lines.append(line)
+    return lines
+
+
+def archived(posts: Iterable[Post], source: int) -> list[tuple[float, bytes]]:
+    """The captions of field 1 that posts hold of a source, as they were said, with their times."""
+    payloads = [archive_json.read(post.body) for post in posts]
+    return [
+        (record.time, bytes(byte & 0x7F for byte in record.data))
+        for payload in payloads
+        if payload.feed_id == source
+        for record in payload.of_field(1)
+    ]
+
+
+def assert_archived(posts: Iterable[Post], line: CaptionLine, *, since: int = 0) -> int:
+    """What a line said, from its caption number `since` on, is there once, in its order, with its
+    time; tells how much of it."""
+    found, said = archived(posts, line.source), line.said[since:]
+    assert [caption for _, caption in found] == [caption for _, caption in said][: len(found)]
+    for (at, _), (said_at, _) in zip(found, said):
+        assert abs(at - said_at) < patient(1)
+    return len(found)
+
+
+def private_bytes(relay: Relay) -> int:
+    """The memory of its own that a process holds; 0 under sanitizers, which keep what is freed."""
+    if "san.so" in Path(f"/proc/{relay.pid}/maps").read_text():
+        return 0
+    status = Path(f"/proc/{relay.pid}/status").read_text()
+    return int(re.search(r"RssAnon:\s*(\d+) kB", status)[1]) * 1024

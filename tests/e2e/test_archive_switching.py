@@ -1,0 +1,63 @@
+"""Whatever the archive endpoint does, captions go to their destinations at once and unchanged."""
+
+from __future__ import annotations
+
+import time
+
+from archive_tools import assert_archived, make_lines, private_bytes
+from scripted_endpoint import Answer
+
+#: What memory may grow by while bodies of hundreds of megabytes come.
+GROWTH_BYTES = 24 << 20
+PAUSE_SECS = 0.01
+DELAY_SECS = 2
+#: So long after a post the relay has looked after its archive again.
+NEXT_PASS_SECS = 17
+
+
+def test_a_post_that_never_ends_holds_nothing_up(make_endpoint, make_relay, make_station, route):
+    """Not even when there is more to post meanwhile; and what comes is not kept."""
+    endpoint = make_endpoint(Answer("endless"))
+    relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
+    lines = make_lines(relay, make_station, route, 3)
+    before = private_bytes(relay)
+    while not endpoint.has(1, PAUSE_SECS):
+        for line in lines:
+            line.say()
+    end = endpoint.posts[0].at + NEXT_PASS_SECS
+    while time.monotonic() < end:
+        for line in lines:
+            line.say()
+        assert not endpoint.has(2, PAUSE_SECS)
+    for line in lines:
+        line.assert_never_held_up()
+    assert private_bytes(relay) - before < GROWTH_BYTES
+
+
+def test_a_slow_archive_holds_nothing_up(make_endpoint, make_relay, make_station, route):
+    """It only gets what there is later, in order."""
+    endpoint = make_endpoint(*[Answer(delay_secs=DELAY_SECS)] * 6)
+    relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
+    lines = make_lines(relay, make_station, route, 3)
+    while not endpoint.has(6, PAUSE_SECS):
+        for line in lines:
+            line.say()
+    posts = endpoint.posts
+    for line in lines:
+        line.assert_never_held_up()
+        assert assert_archived(posts, line) > 1
+    assert [post.payload.feed_id for post in posts] == [line.source for line in lines] * 2
+    gaps = [later.at - post.at for post, later in zip(posts[:2], posts[1:3], strict=True)]
+    assert all(gap >= DELAY_SECS for gap in gaps)
+
+
+def test_a_dead_archive_holds_nothing_up(make_endpoint, make_relay, make_station, route):
+    endpoint = make_endpoint(start=False)
+    relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
+    lines = make_lines(relay, make_station, route, 3)
+    while relay.log.count("Consecutive retry errors") < 3:
+        for line in lines:
+            line.say()
+        endpoint.has(1, PAUSE_SECS)
+    for line in lines:
+        line.assert_never_held_up()

@@ -1,0 +1,119 @@
+/// An HTTP server on the loopback network that answers as a test has planned, and records what it
+/// is asked. One thread of its own serves all its connections; its functions are called by others.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/poster/http_text.h"
+
+/// What is done when a request has come.
+struct HttpAnswer {
+    enum class Then {
+        kKeepOpen,
+        kClose,
+        kReset,
+        /// Close every connection and refuse new ones, until `comeBack`.
+        kGoAway
+    };
+    std::string sAtOnce;
+    /// Waits for `release`, and with it whatever is to be done then.
+    std::string sOnRelease;
+    Then then = Then::kKeepOpen;
+};
+
+/// An answer with a status, a body and further header lines, each of which ends with CR LF.
+HttpAnswer answerWith(int nStatus, const std::string& sBody = "", const std::string& sHeaders = "");
+
+/// The same answer, of which all but the first `nAtOnce` bytes wait for `release`. An endpoint that
+/// is never told to release is one that never answers.
+HttpAnswer heldBack(const HttpAnswer& answer, std::size_t nAtOnce = 0);
+
+/// No answer at all.
+HttpAnswer noAnswer(HttpAnswer::Then then);
+
+class ScriptedEndpoint {
+  public:
+    using responder_t = std::function<HttpAnswer(const HttpRequest&)>;
+
+    ScriptedEndpoint();
+    ~ScriptedEndpoint();
+    ScriptedEndpoint(const ScriptedEndpoint&) = delete;
+    ScriptedEndpoint& operator=(const ScriptedEndpoint&) = delete;
+
+    /// Answers the next requests like this, after those that are planned already. What comes beyond
+    /// the plan is answered with an empty 200.
+    void plan(const HttpAnswer& answer, int nTimes = 1);
+    /// Has `responder` answer everything that is not planned; it runs on the endpoint's thread.
+    void answerBy(responder_t responder);
+    /// Sends what is held back now.
+    void release();
+    /// Closes all connections and refuses new ones; both have happened when this returns.
+    void goAway();
+    /// Takes connections again, at the same address.
+    void comeBack();
+
+    [[nodiscard]] std::string sHost() const;
+    [[nodiscard]] int nPort() const { return nPort_; }
+    /// "http://host:port/path"
+    [[nodiscard]] std::string sURL(const std::string& sPath = "/archive") const;
+
+    [[nodiscard]] std::size_t nRequests();
+    [[nodiscard]] std::vector<HttpRequest> requests();
+    /// Bodies of all requests, in the order in which they came.
+    [[nodiscard]] std::vector<std::string> bodies();
+
+  private:
+    struct Connection {
+        int fd = -1;
+        int nNumber = 0;
+        std::string sInput;
+        bool bToldToContinue = false;
+        bool bHolds = false;
+        HttpAnswer held;
+    };
+
+    void bindToFreePort();
+    void serve();
+    void waitForEvents();
+    void runTasks();
+    void onThread(const std::function<void()>& task);
+    void wakeUp() const;
+    void accept();
+    void read(Connection& rConnection);
+    void handleInput(Connection& rConnection);
+    void takeRequest(Connection& rConnection, std::size_t nHead, std::size_t nBody);
+    void finish(Connection& rConnection, HttpAnswer::Then then);
+    void leave();
+    [[nodiscard]] HttpAnswer nextAnswer(const HttpRequest& request);
+    static void shut(Connection& rConnection, bool bReset);
+
+    int fdListener_ = -1;
+    int fdsWake_[2] = {-1, -1};
+    int nPort_ = 0;
+
+    std::mutex mutex_;
+    /// Guarded by `mutex_`.
+    std::vector<HttpRequest> requests_;
+    std::deque<HttpAnswer> plan_;
+    responder_t responder_;
+    std::deque<const std::function<void()>*> tasks_;
+    std::size_t nTasksDone_ = 0;
+    std::size_t nTasksAsked_ = 0;
+    std::condition_variable taskDone_;
+
+    /// Of the endpoint's thread.
+    std::list<Connection> connections_;
+    int nConnections_ = 0;
+    bool bListening_ = false;
+    bool bEnd_ = false;
+
+    std::thread thread_;
+};
