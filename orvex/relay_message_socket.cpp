@@ -79,8 +79,8 @@ bool RelayMessageSocket::bGoOnAfterFailedRead(int nResult) {
     return false;
 }
 
-int RelayMessageSocket::nReadNonBlockingSocket(int nCapacity) {
-    int nRoom = inputBuffer.nMakeRoom(nCapacity);
+int RelayMessageSocket::nReadNonBlockingSocket() {
+    int nRoom = inputBuffer.nMakeRoom(kReadBufferSize);
     int nTotal = 0;
     // Reading stops at a full buffer: a read of no bytes would look like the end of the stream.
     while (nTotal < kNonBlockingReadMax && nRoom > 0) {
@@ -89,10 +89,24 @@ int RelayMessageSocket::nReadNonBlockingSocket(int nCapacity) {
             return bGoOnAfterFailedRead(nResult) ? nTotal : -1;
         }
         nTotal += nResult;
-        if (pSSL == nullptr && nResult < nRoom) {
-            break;  // that was all; an end of stream behind it has an event of its own
-        }
         nRoom -= nResult;
+    }
+    return nTotal;
+}
+
+int RelayMessageSocket::nReadBurst() {
+    int nRoom = inputBuffer.nMakeRoom(InputBuffer::kBlockSize);
+    int nTotal = 0;
+    while (nRoom > 0) {
+        const int nResult = nReadSome(nRoom);
+        if (nResult <= 0) {
+            return bGoOnAfterFailedRead(nResult) ? nTotal : -1;
+        }
+        nTotal += nResult;
+        nRoom -= nResult;
+        if (pSSL == nullptr || SSL_pending(pSSL) == 0) {
+            break;  // the kernel announces what it still has
+        }
     }
     return nTotal;
 }

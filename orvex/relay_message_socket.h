@@ -17,7 +17,7 @@ class RelayMessageSocket {
   public:
     /// Bytes after which one draining read stops, so that a busy peer cannot hold the loop.
     static constexpr int kNonBlockingReadMax = 1024;
-    /// Bytes that are held at most, unless a caller asks for more: ten frames of the largest size.
+    /// Bytes that are held at most, but for bursts: ten frames of the largest size.
     static constexpr int kReadBufferSize = 5090;
     /// Largest image that a frame can carry; the room `bDequeueNetMessage` needs.
     static constexpr int kMaxFrameImage = 509;
@@ -47,12 +47,15 @@ class RelayMessageSocket {
     /// leaves no error text.
     [[nodiscard]] int nReadSocket(bool bBlockNotCheck);
 
-    /// Drains the non-blocking descriptor into the buffer until nothing waits, the buffer holds
-    /// `nCapacity` bytes or `kNonBlockingReadMax` bytes came. Returns the bytes read, 0 included,
-    /// or -1 at end of stream or on error with the reason in `getErrorString`. Frames that came
-    /// before an end of stream are in the buffer even then: dequeue them before dropping the
-    /// connection.
-    [[nodiscard]] int nReadNonBlockingSocket(int nCapacity = kReadBufferSize);
+    /// Drains the non-blocking descriptor into the buffer until nothing waits, the buffer is full
+    /// or `kNonBlockingReadMax` bytes came. Returns the bytes read, 0 included, or -1 at end of
+    /// stream or on error with the reason in `getErrorString`. Frames that came before an end of
+    /// stream are in the buffer even then: dequeue them before dropping the connection.
+    [[nodiscard]] int nReadNonBlockingSocket();
+
+    /// The same for a sender whose messages are many: reads up to `InputBuffer::kBlockSize` bytes at
+    /// once. Does not ask whether there are more, or an end: that has an event of its own.
+    [[nodiscard]] int nReadBurst();
 
     /// Takes the oldest complete image out of the buffer into `chpOutNetMsg` (room for
     /// `kMaxFrameImage` bytes required) and stores its length. False when no frame is complete.

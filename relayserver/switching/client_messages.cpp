@@ -183,8 +183,7 @@ bool bHandleClientMessage(RelayClient& client, const char* achMsg, int nMsgLen) 
 
 void readAndSwitch(RelayClient& client) {
     const ClientKey key{client.GetMessageSocket()->getMsgSockFileDesc(), client.nSerial()};
-    const bool bBroken =
-        client.GetMessageSocket()->nReadNonBlockingSocket(Orvex::InputBuffer::kBlockSize) < 0;
+    const bool bBroken = client.GetMessageSocket()->nReadBurst() < 0;
     // Out of the client's hands: it may go while others still get what it sent.
     Orvex::InputBuffer input(std::move(client.GetMessageSocket()->input()));
     const bool bOK = bHandleAll(key, input);
