@@ -6,7 +6,8 @@ export_sanitizer_options() {
     export ASAN_OPTIONS=halt_on_error=1:abort_on_error=1:detect_leaks=1:strict_string_checks=1
     export UBSAN_OPTIONS=halt_on_error=1:abort_on_error=1:print_stacktrace=1
     export LSAN_OPTIONS=report_objects=1
-    export TSAN_OPTIONS=halt_on_error=1:abort_on_error=1
+    # No nap of a second before every exit: whether the process ends at once is tested.
+    export TSAN_OPTIONS=halt_on_error=1:abort_on_error=1:atexit_sleep_ms=0
     # Deadlines of the lab are multiplied by this: sanitized programs are slower.
     export LAB_PATIENCE=${LAB_PATIENCE:-3}
 }
