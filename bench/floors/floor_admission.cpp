@@ -5,9 +5,11 @@
 #include <sys/epoll.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include "bench/floors/plain_io.h"
 #include "bench/floors/ticket.h"
