@@ -38,8 +38,13 @@ class Cell:
     relay_sources: bool = False
     #: Flat out: how many bytes a source is ahead of its slowest receiver.
     window: int = 65536
+    #: How long a repetition lasts; of admissions and reconnects, at most.
     seconds: float = 0.3
     repeats: int = 5
+    #: Admission: clients that come in one repetition.
+    logins: int = 0
+    #: What processor time and rate are counted by.
+    unit: str = "delivery"
 
     @property
     def name(self) -> str:
@@ -65,6 +70,8 @@ class Cell:
         }  # fmt: skip
         if self.pace == FLAT_OUT and not self.relay_sources:
             values["source-limit"] = SOURCE_LIMIT
+        if self.logins:
+            values["logins"] = self.logins
         return [text for key, value in values.items() for text in (f"--{key}", str(value))]
 
 
@@ -125,9 +132,25 @@ def _tls() -> list[Cell]:
     ]  # fmt: skip
 
 
+def _admission() -> list[Cell]:
+    """Clients that come, and clients that are there when the relay loses its server."""
+    logins = Cell(
+        "admission", "log-ins, plain", kind="admission", daemons=("relay", "floor_admission"),
+        floor="floor_admission", idle=0, seconds=1.0, logins=3000, unit="log-in",
+    )  # fmt: skip
+    over_tls = dataclasses.replace(
+        logins, label="log-ins, TLS", tls=True, seconds=1.5, logins=600
+    )
+    reconnect = Cell(
+        "admission", "5000 clients after a reconnect", kind="reconnect", daemons=("relay",),
+        floor="", idle=5000, seconds=0.5, unit="client",
+    )  # fmt: skip
+    return [logins, over_tls, reconnect]
+
+
 def all_cells() -> list[Cell]:
     """Every cell of the table, in its order."""
-    return [*_moderate(), *_flat_out(), *_tls()]
+    return [*_moderate(), *_flat_out(), *_tls(), *_admission()]
 
 
 def batches(cells: list[Cell]) -> list[list[Cell]]:
@@ -140,5 +163,9 @@ def batches(cells: list[Cell]) -> list[list[Cell]]:
 
 def quick_cells() -> list[Cell]:
     """One payload and few runs: whether everything works, not how fast it is."""
-    few = [cell for cell in all_cells() if cell.payload == 200 and cell.idle <= 1000]
+    few = [
+        cell
+        for cell in all_cells()
+        if cell.payload == 200 and (cell.idle <= 1000 or cell.kind == "reconnect")
+    ]
     return [dataclasses.replace(cell, repeats=2, seconds=0.15) for cell in few]

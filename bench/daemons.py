@@ -93,6 +93,11 @@ def _end(process: subprocess.Popen[bytes]) -> None:
         process.wait()
 
 
+#: What goes before a command whose output is to be a file of its working directory. The lab would
+#: read it from a pipe, which wakes a reader for each line.
+_LOG_TO_FILE = ["sh", "-c", 'exec "$0" "$@" >output 2>&1']
+
+
 class RelayDaemon(Daemon):
     adapter = "relay"
 
@@ -105,7 +110,7 @@ class RelayDaemon(Daemon):
             env=around.database_env,
             binary=BUILD / "relayserver",
             tls=cell.tls,
-            wrapper=on_core(DAEMON_CORE),
+            wrapper=[*on_core(DAEMON_CORE), *_LOG_TO_FILE],
         )
 
     def load_options(self) -> list[str]:
@@ -149,6 +154,16 @@ class FloorTls(FloorSend):
         return [*super().command(folder), *files, *gather]
 
 
+class FloorAdmission(FloorSend):
+    program = "floor_admission"
+
+    def command(self, folder: Path) -> list[str]:
+        if not self.cell.tls:
+            return super().command(folder)
+        certificate = self.around.certificate
+        return [*super().command(folder), str(certificate.crt_file), str(certificate.key_file)]
+
+
 class Nats(Daemon):
     adapter = "nats"
 
@@ -189,6 +204,7 @@ DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
     "floor_send": FloorSend,
     "floor_gather": FloorGather,
     "floor_tls": FloorTls,
+    "floor_admission": FloorAdmission,
     "nats": Nats,
     "redis": Redis,
     "mosquitto": Mosquitto,

@@ -117,14 +117,30 @@ def _alike(one: Cell, other: Cell) -> bool:
     )
 
 
-#: Each takes the results and a cell that the relay has figures of.
-_GOALS = [_moderate, _flat_out, _tls, _idle]
+def _admission(results: Results, cell: Cell) -> Iterator[Check]:
+    if not cell.tls and (times := _against(results, cell, cell.floor)):
+        yield Check("admission: x floor", cell.name, times, 1.5)
+
+
+#: The goals of each kind of cell. Each takes the results and a cell that the relay has figures of.
+_GOALS = {
+    "tcp": [_moderate, _flat_out, _tls, _idle],
+    "admission": [_admission],
+    "reconnect": [],
+}
 
 
 def checks(results: Results) -> list[Check]:
     """Every goal in every cell that was measured."""
     cells = [cell for cell, daemon in results if daemon == "relay"]
-    return [check for goal in _GOALS for cell in cells for check in goal(results, cell)]
+    return [
+        check
+        for kind, goals in _GOALS.items()
+        for goal in goals
+        for cell in cells
+        if cell.kind == kind
+        for check in goal(results, cell)
+    ]
 
 
 def summary(found: list[Check]) -> list[str]:

@@ -35,12 +35,17 @@ class Outcome:
         return [one[key] for one in self.repetitions if key in one]
 
     def cpu_us(self) -> list[float]:
-        """Microseconds of processor time per delivery, of every repetition."""
+        """Microseconds of processor time per delivery, or what else a cell counts, of every
+        repetition."""
         return [one["cpu_ns"] / one["deliveries"] / 1000 for one in self.repetitions]
 
     def per_sec(self) -> list[float]:
         """Deliveries per second, of every repetition."""
         return [one["deliveries"] / one["wall_ns"] * 1e9 for one in self.repetitions]
+
+    def seconds(self) -> list[float]:
+        """How long every repetition took."""
+        return [one["wall_ns"] / 1e9 for one in self.repetitions]
 
     def bytes_per_idle(self) -> float:
         """Resident bytes of the daemon for each idle client; 0 when there were too few to tell."""

@@ -50,6 +50,6 @@ def _draw(panel, results: Results, part: str) -> None:
         )
     panel.set_yscale("log")
     panel.set_title(part)
-    panel.set_ylabel("us CPU per delivery")
+    panel.set_ylabel(f"us CPU per {' or '.join(dict.fromkeys(cell.unit for cell in cells))}")
     panel.set_xticks(range(len(cells)), [cell.label for cell in cells], rotation=45, ha="right")
     panel.legend(fontsize="small")

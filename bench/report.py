@@ -37,11 +37,22 @@ def _row(results: Results, cell: Cell, daemon: str) -> str:
     cpu_text = f"{values['cpu_us']:9.3f} ±{values['cpu_us_spread']:6.3f}"
     floor_text = f"{values['x_floor']:8.2f}" if values["x_floor"] else " " * 8
     latencies = [f"{values[key]:8.0f}" if values[key] else " " * 8 for key in _LATENCY_COLUMNS]
-    faults = f"  {values['faults']}" if values["faults"] else ""
     return (
         f"{cell.name:38} {daemon:12} {cpu_text} {floor_text} {values['deliveries_per_s']:13.0f}"
-        f" {' '.join(latencies)} {values['rss_mib']:9.1f}{faults}"
+        f" {' '.join(latencies)} {values['rss_mib']:9.1f}{_notes(cell, values)}"
     )
+
+
+def _notes(cell: Cell, values: dict[str, float | str]) -> str:
+    """What a line counts when that is no deliveries, and what went wrong."""
+    notes = []
+    if cell.unit != "delivery":
+        notes.append(f"per {cell.unit}")
+    if cell.kind == "reconnect":
+        notes.append(f"{values['seconds']:.3f} s for all")
+    if values["faults"]:
+        notes.append(str(values["faults"]))
+    return f"  {', '.join(notes)}" if notes else ""
 
 
 _LATENCY_COLUMNS = ("p50_us", "p99_us", "p99.9_us")
@@ -65,6 +76,8 @@ def _values(results: Results, cell: Cell, daemon: str) -> dict[str, float | str]
         **latencies,
         "rss_mib": outcome.memory.get("after", 0) / 2**20,
         "bytes_per_idle_client": outcome.bytes_per_idle() or "",
+        "unit": cell.unit,
+        "seconds": figure(outcome.seconds()).median,
         "runs": len(outcome.repetitions),
         "faults": outcome.faults(),
     }

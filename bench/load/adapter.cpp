@@ -9,6 +9,10 @@
 
 namespace Load {
 
+std::string Adapter::sLogInFrame(unsigned /*nClientId*/) const {
+    giveUp("this daemon takes no tickets");
+}
+
 std::unique_ptr<Adapter> makeAdapter(const Options& options) {
     if (options.sDaemon == "relay") {
         return std::make_unique<RelayAdapter>(options);

@@ -14,6 +14,8 @@
 
 namespace Load {
 
+class ServerStandIn;
+
 /// One message in its envelope.
 struct Frame {
     std::string sBytes;
@@ -47,6 +49,12 @@ class Adapter {
     [[nodiscard]] virtual std::string sKeepAlive(const Connection& /*connection*/) const {
         return {};
     }
+
+    /// What a client of this id logs in with, a fresh ticket in it. Ends the program for daemons
+    /// that admit without.
+    [[nodiscard]] virtual std::string sLogInFrame(unsigned nClientId) const;
+    /// The connection server of a relay; null for all other daemons.
+    [[nodiscard]] virtual ServerStandIn* pConnectionServer() { return nullptr; }
 
     /// Seconds after which nothing but messages will occupy the daemon for `dSeconds`, at least as
     /// far as can be foreseen.

@@ -121,18 +121,29 @@ Connection Connection::open(const Options& options, int nNumber) {
     Connection connection;
     connection.fd = fdConnect(options, sClientAddress(options.nClientNet, nNumber));
     if (options.bTls) {
-        connection.startTls();
+        connection.makeSession();
+        if (SSL_connect(connection.pSsl) != 1) {
+            giveUp("the TLS handshake failed");
+        }
     }
     return connection;
 }
 
-void Connection::startTls() {
+Connection Connection::begin(const Options& options, int nNumber) {
+    Connection connection;
+    connection.fd = fdConnect(options, sClientAddress(options.nClientNet, nNumber));
+    if (options.bTls) {
+        connection.makeSession();
+    }
+    connection.makeNonBlocking();
+    return connection;
+}
+
+void Connection::makeSession() {
     pSsl = SSL_new(pClientContext());
     SSL_set_mode(pSsl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_set_fd(pSsl, fd);
-    if (SSL_connect(pSsl) != 1) {
-        giveUp("the TLS handshake failed");
-    }
+    SSL_set_connect_state(pSsl);
 }
 
 void Connection::writeAll(std::string_view svData) {

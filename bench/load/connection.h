@@ -29,6 +29,9 @@ class Connection {
     /// connections count from 0). A refused connect is tried again for some seconds: the daemon may
     /// just be starting. Ends the program when it does not succeed.
     static Connection open(const Options& options, int nNumber);
+    /// The same, but non-blocking from then on, and with the TLS handshake still to come: the first
+    /// writes and reads carry it on.
+    static Connection begin(const Options& options, int nNumber);
 
     [[nodiscard]] int getFileDesc() const { return fd; }
 
@@ -55,7 +58,7 @@ class Connection {
     std::size_t nTail = 0;
 
   private:
-    void startTls();
+    void makeSession();
 
     int fd = -1;
     SSL* pSsl = nullptr;

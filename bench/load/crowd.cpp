@@ -73,6 +73,14 @@ void Crowd::connectIdle() {
     }
 }
 
+std::vector<unsigned> Crowd::idsOfIdle() const {
+    std::vector<unsigned> ids;
+    for (const Connection& connection : idle) {
+        ids.push_back(connection.nId);
+    }
+    return ids;
+}
+
 bool Crowd::bAllDelivered() const {
     return std::all_of(receivers.begin(), receivers.end(), [&](const Receiver& receiver) {
         const auto nGroup = static_cast<std::size_t>(receiver.getGroup());

@@ -32,6 +32,7 @@ class Crowd {
     void connectGroups(EventSet& rEvents);
     /// Connects the others. Nobody watches them.
     void connectIdle();
+    [[nodiscard]] std::vector<unsigned> idsOfIdle() const;
     /// Once in some seconds lets everybody say what the daemon wants to hear now and then. Not
     /// while it is measured.
     void keepAliveIfDue();

@@ -11,7 +11,7 @@
 namespace Load {
 
 /// Whose descriptor is ready.
-enum class Party : std::uint32_t { kReceiver, kSource, kTimer, kAdapter };
+enum class Party : std::uint32_t { kReceiver, kSource, kTimer, kAdapter, kEntrant };
 
 class EventSet {
   public:

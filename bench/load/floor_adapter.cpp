@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "bench/floors/introduction.h"
+#include "bench/floors/ticket_key.h"
+#include "bench/load/log_in.h"
 #include "bench/load/relay_adapter.h"
 
 namespace Load {
@@ -39,6 +41,10 @@ Frame FloorAdapter::deliveredFrame(int nGroup, const std::string& sPayload) cons
 
 std::size_t FloorAdapter::nOtherFrameLen(std::string_view /*svInput*/) const {
     return 0;
+}
+
+std::string FloorAdapter::sLogInFrame(unsigned nClientId) const {
+    return makeLogInFrame(nClientId, Floor::kTicketKey);
 }
 
 }  // namespace Load

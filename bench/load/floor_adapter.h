@@ -13,6 +13,7 @@ class FloorAdapter : public Adapter {
     [[nodiscard]] Frame sentFrame(int nGroup, const std::string& sPayload) const override;
     [[nodiscard]] Frame deliveredFrame(int nGroup, const std::string& sPayload) const override;
     [[nodiscard]] std::size_t nOtherFrameLen(std::string_view svInput) const override;
+    [[nodiscard]] std::string sLogInFrame(unsigned nClientId) const override;
 };
 
 }  // namespace Load

@@ -8,8 +8,10 @@
 #include <cstdio>
 
 #include "bench/load/adapter.h"
+#include "bench/load/admission_cell.h"
 #include "bench/load/give_up.h"
 #include "bench/load/options.h"
+#include "bench/load/reconnect_cell.h"
 #include "bench/load/tcp_cell.h"
 
 namespace {
@@ -30,6 +32,18 @@ pid_t nReadPid() {
     return nPid;
 }
 
+void runCell(const Load::Options& options, Load::Adapter& rAdapter, pid_t nPid) {
+    if (options.sCell == "tcp") {
+        Load::TcpCell(options, rAdapter, nPid).run();
+    } else if (options.sCell == "admission") {
+        Load::AdmissionCell(options, rAdapter, nPid).run();
+    } else if (options.sCell == "reconnect") {
+        Load::ReconnectCell(options, rAdapter, nPid).run();
+    } else {
+        Load::giveUp("no such kind of cell: '%s'", options.sCell.c_str());
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -45,9 +59,6 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     const pid_t nPid = nReadPid();
     pAdapter->awaitDaemon();
-    if (options.sCell != "tcp") {
-        Load::giveUp("no such kind of cell: '%s'", options.sCell.c_str());
-    }
-    Load::TcpCell(options, *pAdapter, nPid).run();
+    runCell(options, *pAdapter, nPid);
     return 0;
 }

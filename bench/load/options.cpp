@@ -50,6 +50,8 @@ const std::map<std::string_view, setter_t>& setters() {
         {"--repeats", [](Options& o, const char* s) { o.nRepeats = std::atoi(s); }},
         {"--window",
          [](Options& o, const char* s) { o.nWindow = static_cast<std::size_t>(std::atol(s)); }},
+        {"--logins", [](Options& o, const char* s) { o.nLogins = std::atoi(s); }},
+        {"--in-flight", [](Options& o, const char* s) { o.nInFlight = std::atoi(s); }},
         {"--source-limit", [](Options& o, const char* s) { o.dSourceLimit = std::atof(s); }},
     };
     return table;
@@ -74,6 +76,10 @@ const char* findFault(const Options& options) {
         options.nClientNet > 254) {
         return "--rate, --seconds, --repeats, --window, --source-limit or --client-net is out of "
                "range";
+    }
+    if (options.nLogins < 1 || options.nLogins > 10000 || options.nInFlight < 1 ||
+        options.nInFlight > 400) {
+        return "--logins or --in-flight is out of range";
     }
     return nullptr;
 }

@@ -16,7 +16,7 @@ enum class Pace {
 };
 
 struct Options {
-    std::string sCell = "tcp";   ///< the kind of cell
+    std::string sCell = "tcp";   ///< the kind of cell: tcp, admission or reconnect
     std::string sDaemon;         ///< relay, nats, redis, mqtt or floor
     std::string sAddress;        ///< dotted IPv4 address of the daemon
     std::uint16_t nPort = 0;     ///< its TCP port
@@ -42,6 +42,8 @@ struct Options {
     std::size_t nWindow = 65536;
     /// Flat out: bytes per second that a source stays below; 0 for no limit.
     double dSourceLimit = 0;
+    int nLogins = 1000;  ///< admission: log-ins in one repetition
+    int nInFlight = 64;  ///< admission: connections at a time that have no answer yet
 };
 
 /// Reads "--name value" pairs. Prints what is wrong to standard error and returns false when an

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "bench/load/give_up.h"
+#include "bench/load/log_in.h"
 #include "genner/output/CaptionNetMessage.h"
 #include "genner/output/HeartbeatNetMessage.h"
 #include "genner/output/RelayConnectNetMessage.h"
@@ -52,18 +53,19 @@ RelayAdapter::RelayAdapter(const Options& options)
       server(options.sServerKeyFile),
       nNextId(kFirstOtherId) {}
 
+std::string RelayAdapter::sLogInFrame(unsigned nClientId) const {
+    Orvex::RelayConnectNetMessage connect = server.ticketFor(nClientId);
+    return sFrameFrom(nClientId, connect);
+}
+
 void RelayAdapter::logIn(Connection& rConnection, unsigned nId) {
     rConnection.nId = nId;
-    Orvex::RelayConnectNetMessage connect = server.ticketFor(nId);
-    rConnection.writeAll(sFrameFrom(nId, connect));
-    std::string sAnswer = rConnection.sReadSome();
-    while (sAnswer.size() < nFrameLen(sAnswer)) {
+    rConnection.writeAll(sLogInFrame(nId));
+    std::string sAnswer;
+    while (judgeAnswer(sAnswer) == Answer::kIncomplete) {
         sAnswer += rConnection.sReadSome();
     }
-    const Orvex::ResponseNetMessage response(sAnswer.data() + 1,
-                                             static_cast<int>(nFrameLen(sAnswer)) - 1);
-    if (response.GetNetMsgType() != Orvex::NetMessageType(Orvex::ResponseNetMessage::nTYPE) ||
-        response.GetReturnCode() != kOk) {
+    if (judgeAnswer(sAnswer) == Answer::kRefused) {
         giveUp("the relay did not admit client %u", nId);
     }
     // Its confirmations of clients must not fill the relay's link to us.

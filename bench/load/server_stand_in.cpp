@@ -1,10 +1,9 @@
-// Tickets are DES and the key file is a bare RSA key: that is what the network speaks.
+// The key file is a bare RSA key: that is what the network speaks.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "bench/load/server_stand_in.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <openssl/des.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <poll.h>
@@ -12,17 +11,15 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <ctime>
 
-#include "bench/load/cpu_clock.h"
 #include "bench/load/give_up.h"
 #include "genner/output/ChallengeNetMessage.h"
+#include "genner/output/ConnectConfirmNetMessage.h"
 #include "genner/output/HeartbeatNetMessage.h"
 #include "genner/output/LogInNetMessage.h"
 #include "genner/output/RelayPortNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
 #include "genner/output/RoutingUpdateNetMessage.h"
-#include "orvex/orvex.h"
 #include "orvex/rsa_decrypter_impl.h"
 
 namespace Load {
@@ -32,8 +29,6 @@ namespace {
 constexpr std::uint16_t kServerPort = 9736;
 constexpr int kChallenge = 4711;
 constexpr unsigned kRelayId = 1000;
-constexpr std::size_t kBlockLen = 8;
-constexpr std::size_t kTicketLen = 16;
 constexpr int kPatienceMs = 15000;
 /// Orders of routes to many receivers are written at one go.
 constexpr int kSendBuffer = 4 << 20;
@@ -85,7 +80,7 @@ void ServerStandIn::listenAt(const std::string& sAddress) {
     }
 }
 
-void ServerStandIn::awaitRelay() {
+void ServerStandIn::acceptConnection() {
     awaitReadable(fdListener, "connect to its connection server");
     sockaddr_in siRelay{};
     socklen_t nLen = sizeof siRelay;
@@ -95,38 +90,67 @@ void ServerStandIn::awaitRelay() {
     }
     (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
     msRelay = Orvex::RelayMessageSocket(fd, siRelay);
+}
+
+void ServerStandIn::awaitRelay() {
+    awaitLogIn();
+    (void)acceptLogIn();  // a relay that has just started has no clients to name
+}
+
+void ServerStandIn::awaitLogIn() {
+    acceptConnection();
     Orvex::ChallengeNetMessage challenge(kChallenge);
     send(challenge);
+    readUntil(Orvex::LogInNetMessage::nTYPE,
+              [this](const char* pImage, int nLen) { takeLogIn(pImage, nLen); });
+}
+
+std::vector<unsigned> ServerStandIn::acceptLogIn() {
+    Orvex::ResponseNetMessage response(kRelayId, Orvex::ReturnCode(0));
+    send(response);
+    std::vector<unsigned> named;
+    readUntil(Orvex::RelayPortNetMessage::nTYPE, [&named](const char* pImage, int nLen) {
+        const Orvex::ConnectConfirmNetMessage confirm(pImage, nLen);
+        if (bIsOfType(confirm, Orvex::ConnectConfirmNetMessage::nTYPE)) {
+            named.push_back(static_cast<unsigned>(confirm.GetClientID()));
+        }
+    });
+    return named;
+}
+
+void ServerStandIn::readUntil(long lType, const std::function<void(const char*, int)>& take) {
     bool bDone = false;
     while (!bDone) {
-        awaitReadable(fd, "log in");
+        awaitReadable(msRelay.getMsgSockFileDesc(), "log in");
         if (msRelay.nReadNonBlockingSocket() < 0) {
             giveUp("the relay left while it logged in");
         }
         while (const auto image = msRelay.input().dequeueView()) {
-            bDone = bHandleOne(image->data(), static_cast<int>(image->size())) || bDone;
+            const auto nLen = static_cast<int>(image->size());
+            take(image->data(), nLen);
+            bDone = bDone || bIsOfType(Orvex::NetMessage(image->data(), nLen), lType);
         }
     }
 }
 
-/// True for the message that ends a log-in.
-bool ServerStandIn::bHandleOne(const char* pImage, int nLen) {
-    const Orvex::NetMessage message(pImage, nLen);
-    if (bIsOfType(message, Orvex::LogInNetMessage::nTYPE)) {
-        handleLogIn(pImage, nLen);
-    }
-    return bIsOfType(message, Orvex::RelayPortNetMessage::nTYPE);
-}
-
-void ServerStandIn::handleLogIn(const char* pImage, int nLen) {
+void ServerStandIn::takeLogIn(const char* pImage, int nLen) {
     Orvex::LogInNetMessage logIn(pImage, nLen);
+    if (!bIsOfType(logIn, Orvex::LogInNetMessage::nTYPE)) {
+        return;
+    }
     Orvex::RSADecrypterImpl decrypter(pPrivateKey);
     if (!logIn.RSADecrypt(&decrypter) || logIn.GetLoginNumber() != kChallenge) {
         giveUp("the relay's log-in cannot be read; has it the right public key?");
     }
     logIn.GetClientDESKey(achDesKey.data());
-    Orvex::ResponseNetMessage response(kRelayId, Orvex::ReturnCode(0));
-    send(response);
+}
+
+void ServerStandIn::cutLink() {
+    const linger resetIt{1, 0};
+    const int fd = msRelay.getMsgSockFileDesc();
+    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &resetIt, sizeof resetIt);
+    close(fd);
+    msRelay = Orvex::RelayMessageSocket();
 }
 
 void ServerStandIn::send(Orvex::NetMessage& rMessage) {
@@ -136,18 +160,7 @@ void ServerStandIn::send(Orvex::NetMessage& rMessage) {
 }
 
 Orvex::RelayConnectNetMessage ServerStandIn::ticketFor(unsigned nClientId) const {
-    std::array<unsigned char, kTicketLen> achTicket{};
-    const auto nLoopback = static_cast<std::int32_t>(htonl(INADDR_LOOPBACK));
-    Orvex::KTicket(nClientId, nLoopback, std::time(nullptr)).SerializeToChars(achTicket, nullptr);
-    DES_cblock dcbKey;
-    std::copy(achDesKey.begin(), achDesKey.end(), dcbKey);
-    DES_key_schedule schedule;
-    DES_set_key_unchecked(&dcbKey, &schedule);
-    for (std::size_t i = 0; i < kTicketLen; i += kBlockLen) {
-        auto* const pBlock = reinterpret_cast<DES_cblock*>(achTicket.data() + i);
-        DES_ecb_encrypt(pBlock, pBlock, &schedule, DES_ENCRYPT);
-    }
-    return {nClientId, achTicket.data(), static_cast<int>(kTicketLen)};
+    return makeTicketMessage(nClientId, achDesKey);
 }
 
 void ServerStandIn::addRoute(unsigned nFromId, unsigned nToId, int nMsgClass) {

@@ -5,9 +5,11 @@
 #include <netinet/in.h>
 #include <openssl/types.h>
 
-#include <array>
+#include <functional>
 #include <string>
+#include <vector>
 
+#include "bench/load/log_in.h"
 #include "genner/output/RelayConnectNetMessage.h"
 #include "orvex/relay_message_socket.h"
 
@@ -25,6 +27,13 @@ class ServerStandIn {
     void listenAt(const std::string& sAddress);
     /// Waits for a relay and logs it in; ends the program when that takes more than 15 s.
     void awaitRelay();
+    /// The two halves of it: up to the relay's log-in, which is not answered yet; and from the
+    /// answer to the end of the log-in, where the relay tells its ports. Returns the ids of the
+    /// clients that the relay has named in between.
+    void awaitLogIn();
+    std::vector<unsigned> acceptLogIn();
+    /// Ends the connection so that the relay cannot but see it at once.
+    void cutLink();
 
     /// A message with a fresh ticket for a client of this id.
     [[nodiscard]] Orvex::RelayConnectNetMessage ticketFor(unsigned nClientId) const;
@@ -36,14 +45,16 @@ class ServerStandIn {
     [[nodiscard]] int getFileDesc() const { return msRelay.getMsgSockFileDesc(); }
 
   private:
-    void handleLogIn(const char* pImage, int nLen);
+    void acceptConnection();
+    void takeLogIn(const char* pImage, int nLen);
+    /// Gives all messages to `take`, up to one of a type and those that have come with it.
+    void readUntil(long lType, const std::function<void(const char*, int)>& take);
     void send(Orvex::NetMessage& rMessage);
-    [[nodiscard]] bool bHandleOne(const char* pImage, int nLen);
 
     RSA* pPrivateKey = nullptr;
     int fdListener = -1;
     Orvex::RelayMessageSocket msRelay;
-    std::array<unsigned char, 8> achDesKey{};
+    ticket_key_t achDesKey{};
 };
 
 }  // namespace Load

@@ -212,6 +212,7 @@ void TcpCell::handleEvents(int nTimeoutMs) {
                 rAdapter.service();
                 break;
             case Party::kTimer:
+            case Party::kEntrant:
                 break;
         }
     }

@@ -14,6 +14,11 @@ MODERATE_CELL = next(cell for cell in all_cells() if cell.name == "moderate, 1 t
 FLAT_OUT_CELL = next(cell for cell in all_cells() if cell.name == "flat out, 1 to 8, 200 B")
 
 
+LOG_IN_CELL = next(cell for cell in all_cells() if cell.name == "admission, log-ins, plain")
+TLS_LOG_IN_CELL = next(cell for cell in all_cells() if cell.name == "admission, log-ins, TLS")
+RECONNECT_CELL = next(cell for cell in all_cells() if cell.kind == "reconnect")
+
+
 def outcome(cpu_us: float, latency_us: float = 100.0) -> Outcome:
     one = {
         "cpu_ns": cpu_us * 1000 * 1000, "wall_ns": 1e9, "deliveries": 1000, "lost": 0, "wrong": 0,
@@ -68,6 +73,25 @@ def test_idle_clients_are_weighed_against_the_same_cell_with_few():
     found = {check.goal: check for check in goals.checks(results)}
     assert found["memory: KiB per idle client"].measured.median == 4
     assert found["idle clients: x with 10 of them"].verdict == "missed: 1.10"
+
+
+def test_a_plain_log_in_is_compared_with_the_floor_and_nothing_else():
+    assert verdicts(LOG_IN_CELL, relay=15.0, floor_admission=10.0) == {"admission: x floor": "met"}
+    found = verdicts(LOG_IN_CELL, relay=16.0, floor_admission=10.0)
+    assert found == {"admission: x floor": "missed: 1.60"}
+
+
+def test_log_ins_over_tls_and_reconnects_have_figures_but_no_goal():
+    assert verdicts(TLS_LOG_IN_CELL, relay=900.0, floor_admission=500.0) == {}
+    assert verdicts(RECONNECT_CELL, relay=9.0) == {}
+
+
+def test_a_line_says_what_it_counts_and_how_long_all_clients_took():
+    results = {(cell, "relay"): outcome(5.0) for cell in (LOG_IN_CELL, RECONNECT_CELL)}
+    assert report.rows(results, LOG_IN_CELL)[0].endswith("  per log-in")
+    assert report.rows(results, RECONNECT_CELL)[0].endswith("  per client, 1.000 s for all")
+    results[RECONNECT_CELL, "relay"].repetitions[0]["lost"] = 3
+    assert "s for all, 15 lost" in report.rows(results, RECONNECT_CELL)[0]
 
 
 def test_every_cell_has_its_own_name_and_batches_lose_none():

@@ -1,0 +1,53 @@
+/// Many clients that come one after the other, each with a ticket: what admitting them costs.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "bench/load/adapter.h"
+#include "bench/load/cpu_clock.h"
+#include "bench/load/entrant.h"
+#include "bench/load/event_set.h"
+#include "bench/load/options.h"
+#include "bench/load/repetition.h"
+
+namespace Load {
+
+class AdmissionCell {
+  public:
+    /// The daemon runs already, and is known to the adapter. Options and adapter must outlive the
+    /// cell.
+    AdmissionCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nPidOfDaemon);
+
+    /// Admits clients, a few of them at a time, and lets all go at the end of each repetition.
+    /// Prints the results to standard output.
+    void run();
+
+  private:
+    void prepareRepetition(int nLogins);
+    /// From the first connect to the last answer; the processor time also counts what the daemon
+    /// does after that answer, but not that clients leave.
+    [[nodiscard]] Repetition runOnce();
+    void beginOne();
+    void letAllGo();
+    /// Waits for events, at most so long, and handles them.
+    void handleEvents(int nTimeoutMs);
+    void awaitRestOfDaemon();
+
+    const Options& options;
+    Adapter& rAdapter;
+    pid_t nPid;
+    CpuClock cpuClock;
+    EventSet events;
+    /// Of this repetition, made beforehand: encrypting tickets would slow us down.
+    std::vector<std::string> logIns;
+    std::vector<Entrant> entrants;
+    std::size_t nAdmitted = 0;
+    int nConnections = 0;  ///< of all repetitions
+    unsigned nNextClientId;
+    std::int64_t nLastServiceNs = 0;
+};
+
+}  // namespace Load
