@@ -22,27 +22,6 @@ RelayMessageSocket::RelayMessageSocket(int fd, sockaddr_in address)
 RelayMessageSocket::RelayMessageSocket(int fd, sockaddr_in address, SSL* ssl)
     : sckMsgSockFileDesc(fd), siAddress(address), pSSL(ssl) {}
 
-RelayMessageSocket::RelayMessageSocket(const RelayMessageSocket& other)
-    : RelayMessageSocket(other.sckMsgSockFileDesc, other.siAddress, other.pSSL) {
-    *this = other;
-}
-
-RelayMessageSocket& RelayMessageSocket::operator=(const RelayMessageSocket& other) {
-    if (this == &other) {
-        return *this;
-    }
-    sckMsgSockFileDesc = other.sckMsgSockFileDesc;
-    siAddress = other.siAddress;
-    pSSL = other.pSSL;
-    bSeenNonBlocking = other.bSeenNonBlocking;
-    _lastErrorString = other._lastErrorString;
-    nBufStart = 0;
-    nNetMsgBufLen = other.nNetMsgBufLen;
-    std::memcpy(achNetMsgBuf.data(), other.achNetMsgBuf.data() + other.nBufStart,
-                static_cast<std::size_t>(nNetMsgBufLen));
-    return *this;
-}
-
 bool RelayMessageSocket::bCheckSocket() {
     pollfd pfd{sckMsgSockFileDesc, POLLIN, 0};
     int nReady = poll(&pfd, 1, 0);
@@ -56,32 +35,18 @@ bool RelayMessageSocket::bCheckSocket() {
     return nReady > 0;
 }
 
-/// Moves what is held to the front of the buffer and returns the room behind it.
-int RelayMessageSocket::nRoomAfterCompaction() {
-    if (nBufStart > 0) {
-        std::memmove(achNetMsgBuf.data(), achNetMsgBuf.data() + nBufStart,
-                     static_cast<std::size_t>(nNetMsgBufLen));
-        nBufStart = 0;
-    }
-    return kReadBufferSize - nNetMsgBufLen;
-}
-
-unsigned char* RelayMessageSocket::pBufferTail() {
-    return achNetMsgBuf.data() + nBufStart + nNetMsgBufLen;
-}
-
 /// One read of at most `nRoom` bytes behind those held, which it adds to them.
 int RelayMessageSocket::nReadSome(int nRoom) {
     int nResult = 0;
     if (pSSL != nullptr) {
         ERR_clear_error();
-        nResult = SSL_read(pSSL, pBufferTail(), nRoom);
+        nResult = SSL_read(pSSL, inputBuffer.pTail(), nRoom);
     } else {
         nResult = static_cast<int>(
-            read(sckMsgSockFileDesc, pBufferTail(), static_cast<std::size_t>(nRoom)));
+            read(sckMsgSockFileDesc, inputBuffer.pTail(), static_cast<std::size_t>(nRoom)));
     }
     if (nResult > 0) {
-        nNetMsgBufLen += nResult;
+        inputBuffer.added(nResult);
     }
     return nResult;
 }
@@ -90,7 +55,7 @@ int RelayMessageSocket::nReadSocket(bool bBlockNotCheck) {
     if (!bBlockNotCheck && !bCheckSocket()) {
         return 0;
     }
-    const int nRoom = nRoomAfterCompaction();
+    const int nRoom = inputBuffer.nMakeRoom(kReadBufferSize);
     return nRoom > 0 ? nReadSome(nRoom) : 0;
 }
 
@@ -115,7 +80,7 @@ bool RelayMessageSocket::bGoOnAfterFailedRead(int nResult) {
 }
 
 int RelayMessageSocket::nReadNonBlockingSocket() {
-    int nRoom = nRoomAfterCompaction();
+    int nRoom = inputBuffer.nMakeRoom(kReadBufferSize);
     int nTotal = 0;
     // Reading stops at a full buffer: a read of no bytes would look like the end of the stream.
     while (nTotal < kNonBlockingReadMax && nRoom > 0) {
@@ -129,27 +94,25 @@ int RelayMessageSocket::nReadNonBlockingSocket() {
     return nTotal;
 }
 
-std::optional<std::string_view> RelayMessageSocket::dequeueView() {
-    if (nNetMsgBufLen < 1) {
-        return std::nullopt;
+int RelayMessageSocket::nReadBurst() {
+    int nRoom = inputBuffer.nMakeRoom(InputBuffer::kBlockSize);
+    int nTotal = 0;
+    while (nRoom > 0) {
+        const int nResult = nReadSome(nRoom);
+        if (nResult <= 0) {
+            return bGoOnAfterFailedRead(nResult) ? nTotal : -1;
+        }
+        nTotal += nResult;
+        nRoom -= nResult;
+        if (pSSL == nullptr || SSL_pending(pSSL) == 0) {
+            break;  // the kernel announces what it still has
+        }
     }
-    const unsigned char* pFrame = achNetMsgBuf.data() + nBufStart;
-    const int nFrame = 2 * *pFrame;
-    if (nFrame == 0) {
-        nNetMsgBufLen = 0;  // the only way back for a stream that has lost its frames
-        return std::nullopt;
-    }
-    if (nNetMsgBufLen < nFrame) {
-        return std::nullopt;
-    }
-    nBufStart += nFrame;
-    nNetMsgBufLen -= nFrame;
-    return std::string_view(reinterpret_cast<const char*>(pFrame) + 1,
-                            static_cast<std::size_t>(nFrame - 1));
+    return nTotal;
 }
 
 bool RelayMessageSocket::bDequeueNetMessage(char* chpOutNetMsg, int* nrOutNetMsgLen) {
-    const auto image = dequeueView();
+    const auto image = inputBuffer.dequeueView();
     if (!image) {
         return false;
     }
@@ -159,11 +122,7 @@ bool RelayMessageSocket::bDequeueNetMessage(char* chpOutNetMsg, int* nrOutNetMsg
 }
 
 bool RelayMessageSocket::bHasMoreInput() const {
-    if (pSSL != nullptr && SSL_pending(pSSL) > 0) {
-        return true;
-    }
-    return nNetMsgBufLen > 0 &&
-           nNetMsgBufLen >= 2 * achNetMsgBuf[static_cast<std::size_t>(nBufStart)];
+    return (pSSL != nullptr && SSL_pending(pSSL) > 0) || inputBuffer.bFrameWaits();
 }
 
 bool RelayMessageSocket::bKnownNonBlocking(int f) {
@@ -184,7 +143,8 @@ int RelayMessageSocket::write_n_with_timeout(int f, const void* addr, int n, int
         guard.emplace(f);  // a plain socket is asked not to block in the call itself
     }
     return nTimedWrite({f, static_cast<const unsigned char*>(addr), n,
-                        nTimeoutMillis(timeoutSecs, timeoutMicroSecs), pSSL, &_lastErrorString});
+                        nTimeoutMillis(timeoutSecs, timeoutMicroSecs), pSSL, &_lastErrorString,
+                        &nWrittenLast});
 }
 
 }  // namespace Orvex

@@ -1,8 +1,4 @@
-/// One TCP connection, plain or TLS, as a stream of message frames.
-///
-/// A stream frame is a length byte L followed by an image of exactly 2*L - 1 bytes:
-///   0  u8         L, 1..255; a 0 is never sent and empties the reader's buffer
-///   1  2*L - 1    the message image (1..509 bytes)
+/// One TCP connection, plain or TLS, as a stream of message frames (see input_buffer.h).
 ///
 /// A socket owns neither its descriptor nor its TLS session: copies share both, and closing them
 /// is the job of whoever removes the connection. Event-loop thread only.
@@ -11,10 +7,9 @@
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 
-#include <array>
-#include <optional>
 #include <string>
-#include <string_view>
+
+#include "orvex/input_buffer.h"
 
 namespace Orvex {
 
@@ -22,7 +17,7 @@ class RelayMessageSocket {
   public:
     /// Bytes after which one draining read stops, so that a busy peer cannot hold the loop.
     static constexpr int kNonBlockingReadMax = 1024;
-    /// Bytes of the read buffer: ten frames of the largest size.
+    /// Bytes that are held at most, but for bursts: ten frames of the largest size.
     static constexpr int kReadBufferSize = 5090;
     /// Largest image that a frame can carry; the room `bDequeueNetMessage` needs.
     static constexpr int kMaxFrameImage = 509;
@@ -33,11 +28,6 @@ class RelayMessageSocket {
     RelayMessageSocket(int fd, sockaddr_in address);
     /// A TLS connection; with a null `ssl` the same as a plain one.
     RelayMessageSocket(int fd, sockaddr_in address, SSL* ssl);
-
-    /// Copies share descriptor and session; of the read buffer only the bytes held are copied.
-    RelayMessageSocket(const RelayMessageSocket& other);
-    RelayMessageSocket& operator=(const RelayMessageSocket& other);
-    ~RelayMessageSocket() = default;
 
     void GetAddress(sockaddr_in& address) const { address = siAddress; }
     void GetMsgSockFileDesc(int& fd) const { fd = sckMsgSockFileDesc; }
@@ -63,13 +53,17 @@ class RelayMessageSocket {
     /// stream are in the buffer even then: dequeue them before dropping the connection.
     [[nodiscard]] int nReadNonBlockingSocket();
 
+    /// The same for a sender whose messages are many: reads up to `InputBuffer::kBlockSize` bytes at
+    /// once. Does not ask whether there are more, or an end: that has an event of its own.
+    [[nodiscard]] int nReadBurst();
+
     /// Takes the oldest complete image out of the buffer into `chpOutNetMsg` (room for
     /// `kMaxFrameImage` bytes required) and stores its length. False when no frame is complete.
     [[nodiscard]] bool bDequeueNetMessage(char* chpOutNetMsg, int* nrOutNetMsgLen);
 
-    /// The same without a copy: the view points into this object and is good until the next read
-    /// from, assignment to or end of this socket. Dequeuing more keeps earlier views good.
-    [[nodiscard]] std::optional<std::string_view> dequeueView();
+    /// What was read and not dequeued yet. Whoever has to keep it while this socket may go takes it
+    /// out and puts it back.
+    [[nodiscard]] InputBuffer& input() { return inputBuffer; }
 
     /// Whether work waits that no readiness event will announce: bytes already inside the TLS
     /// session, or a complete frame or a zero length byte in the buffer.
@@ -82,22 +76,21 @@ class RelayMessageSocket {
     [[nodiscard]] int write_n_with_timeout(int f, const void* addr, int n, int timeoutSecs,
                                            int timeoutMicroSecs);
 
+    /// What the last call of that has written, also if it failed.
+    [[nodiscard]] int nLastWritten() const { return nWrittenLast; }
+
   private:
-    [[nodiscard]] unsigned char* pBufferTail();
-    [[nodiscard]] int nRoomAfterCompaction();
     [[nodiscard]] int nReadSome(int nRoom);
     [[nodiscard]] bool bGoOnAfterFailedRead(int nResult);
     [[nodiscard]] bool bKnownNonBlocking(int f);
 
-    int sckMsgSockFileDesc;  ///< -1 when none
-    sockaddr_in siAddress;   ///< the peer, as accepted or connected
-    SSL* pSSL;               ///< null for a plain connection; not owned
-    int nNetMsgBufLen = 0;   ///< bytes held in the buffer, from `nBufStart` on
-    int nBufStart = 0;       ///< where they begin: extraction moves this, the next read the bytes
+    int sckMsgSockFileDesc;         ///< -1 when none
+    sockaddr_in siAddress;          ///< the peer, as accepted or connected
+    SSL* pSSL;                      ///< null for a plain connection; not owned
     bool bSeenNonBlocking = false;  ///< O_NONBLOCK was seen on the descriptor, which keeps it
+    int nWrittenLast = 0;
     std::string _lastErrorString;
-    /// Left uninitialised and last: an idle connection never touches what it does not use.
-    std::array<unsigned char, kReadBufferSize> achNetMsgBuf;
+    InputBuffer inputBuffer;
 };
 
 }  // namespace Orvex

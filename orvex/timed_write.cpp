@@ -149,12 +149,14 @@ int nTimedWrite(const TimedWrite& job) {
         blockSigPipeInThisThread();
         SSL_set_mode(job.pSSL, SSL_MODE_ENABLE_PARTIAL_WRITE);
     }
-    int nWritten = 0;
+    int nOwnCount = 0;
+    int& rnWritten = job.pnWritten == nullptr ? nOwnCount : *job.pnWritten;
+    rnWritten = 0;
     bool bReportedReady = false;
-    while (nWritten < job.nBytes) {
-        const int nResult = nWriteOnce(job, nWritten);
+    while (rnWritten < job.nBytes) {
+        const int nResult = nWriteOnce(job, rnWritten);
         if (nResult > 0) {
-            nWritten += nResult;
+            rnWritten += nResult;
             bReportedReady = false;
             continue;
         }
@@ -166,9 +168,9 @@ int nTimedWrite(const TimedWrite& job) {
         }
         const Wait wait = waitForRoom(job);
         if (wait != Wait::Ready) {
-            return wait == Wait::Failed ? -1 : nWritten;
+            return wait == Wait::Failed ? -1 : rnWritten;
         }
         bReportedReady = true;
     }
-    return nWritten;
+    return rnWritten;
 }

@@ -14,6 +14,8 @@ struct TimedWrite {
     SSL* pSSL;           ///< null: plain; otherwise `fd` is non-blocking
     /// Where a TLS failure is told in words; null: its code goes to standard output.
     std::string* psErrorText;
+    /// Where the bytes written are counted, also of a write that fails; null: nowhere.
+    int* pnWritten = nullptr;
 };
 
 /// `timeoutSecs` and `timeoutMicroSecs` in whole milliseconds, as `poll` takes them.

@@ -1,6 +1,9 @@
 #include "relayserver/audio/switch_audio.h"
 
 #include <netinet/in.h>
+#include <sys/uio.h>
+
+#include <array>
 
 #include "connserver/logging.h"
 #include "genner/output/RoutingUpdateNetMessage.h"
@@ -17,6 +20,23 @@ unsigned audio_packets_sent = 0;
 namespace {
 
 constexpr unsigned kPacketsPerReport = 200000;
+
+/// Datagrams of one kind that were switched one after the other and are not routed yet.
+struct AudioRun {
+    unsigned nSource = 0;
+    int fdSend = -1;
+    size_t nLength = 0;
+    bool bFromRelayPeer = false;
+    int nFecChannel = 0;
+    unsigned nProgram = 0;
+    size_t nCount = 0;
+};
+
+AudioRun run;
+
+/// All datagrams that were switched since the last flush; those of the run come last.
+std::array<iovec, 1024> parts;
+size_t nPartsUsed = 0;
 
 /// Two relays that route to each other would pass a datagram round for ever: the route goes
 /// instead.
@@ -47,37 +67,71 @@ sockaddr_in siReceiverOf(const RelayClient& client, unsigned nProgram, int nFecC
     return siTo;
 }
 
-void countSent(unsigned nSource, unsigned nDestination) {
-    if (++audio_packets_sent % kPacketsPerReport == 0) {
-        writeToLog(true, "Sent %u audio packets, this packet switched from %u to %u\n",
-                   audio_packets_sent, nSource, nDestination);
+void countSent(const AudioRun& sent, unsigned nDestination) {
+    for (size_t i = 0; i < sent.nCount; ++i) {
+        if (++audio_packets_sent % kPacketsPerReport == 0) {
+            writeToLog(true, "Sent %u audio packets, this packet switched from %u to %u\n",
+                       audio_packets_sent, sent.nSource, nDestination);
+        }
     }
+}
+
+/// Whether a datagram of this kind may follow those of the run.
+bool bContinues(const AudioRun& kind) {
+    return run.nCount > 0 && run.nSource == kind.nSource && run.fdSend == kind.fdSend &&
+           run.bFromRelayPeer == kind.bFromRelayPeer && run.nLength == kind.nLength;
 }
 
 }  // namespace
 
 void SwitchAudioPacket(unsigned nSource, int fdSend, const char* achDatagram, int nLength,
                        bool bFromRelayPeer, int nFecChannel, int nProgram) {
-    const auto nIndex = static_cast<unsigned>(nProgram);
+    const AudioRun kind{nSource,        fdSend,      static_cast<size_t>(nLength),
+                        bFromRelayPeer, nFecChannel, static_cast<unsigned>(nProgram)};
+    if (!bContinues(kind)) {
+        routeAudio();
+        run = kind;
+    }
+    if (nPartsUsed == parts.size()) {
+        flushAudio();
+    }
+    // The kernel only reads what it sends.
+    parts[nPartsUsed++] = {const_cast<char*>(achDatagram), kind.nLength};
+    ++run.nCount;
+}
+
+void routeAudio() {
+    if (run.nCount == 0) {
+        return;
+    }
     // Held while it is walked: a loop that is dissolved on the way removes it from the cache.
-    const auto pRoute = findRoute(nSource, kAudioMsgClass, "AUDIO");
+    const auto pRoute = findRoute(run.nSource, kAudioMsgClass, "AUDIO");
     for (const unsigned nDestination : pRoute->clientsTo()) {
         RelayClient* pClient = nullptr;
         if (!ctAuthClientTable.bLookUp(static_cast<int>(nDestination), &pClient)) {
             continue;
         }
-        if (bFromRelayPeer && bIsRelayPeer(*pClient)) {
-            dissolveLoop(nSource, nDestination);
+        if (run.bFromRelayPeer && bIsRelayPeer(*pClient)) {
+            dissolveLoop(run.nSource, nDestination);
             continue;
         }
-        const sockaddr_in siTo = siReceiverOf(*pClient, nIndex, nFecChannel);
+        const sockaddr_in siTo = siReceiverOf(*pClient, run.nProgram, run.nFecChannel);
         if (siTo.sin_port != 0) {
-            queueDatagram(fdSend, achDatagram, static_cast<size_t>(nLength), siTo);
-            countSent(nSource, nDestination);
+            queueDatagrams(run.fdSend, &parts[nPartsUsed - run.nCount], run.nCount, siTo);
+            countSent(run, nDestination);
         }
     }
+    run.nCount = 0;
+}
+
+void flushAudio() {
+    routeAudio();
+    flushDatagrams();
+    nPartsUsed = 0;
 }
 
 void resetSwitchAudioForTest(unsigned nSent) {
     audio_packets_sent = nSent;
+    run.nCount = 0;
+    nPartsUsed = 0;
 }

@@ -13,7 +13,6 @@
 #include "connserver/logging.h"
 #include "relayserver/audio/audio_datagram.h"
 #include "relayserver/audio/packet_counts.h"
-#include "relayserver/audio/send_batch.h"
 #include "relayserver/audio/switch_audio.h"
 #include "relayserver/audio/udp_registration.h"
 #include "relayserver/clients/client_tables.h"
@@ -149,6 +148,7 @@ bool bIsRegistration(const AudioDatagram& datagram) {
 void handleDatagram(const AudioDatagram& datagram) {
     if (bIsRegistration(datagram)) {
         (void)bTakeFromLocalSource(datagram, true);  // it counts as a sign of life
+        routeAudio();                                // what came before goes where it went before
         handleRegistration(datagram);
     } else if (bPeerSendsFrom(datagram.siFrom.sin_addr,
                               static_cast<unsigned>(datagram.socket.nProgram))) {
@@ -209,7 +209,7 @@ bool bHandleUdpAudio(epoll_event& epe, int /*nIndex*/) {
         for (size_t i = 0; i < nReceived; ++i) {
             handleReceived(*pSocket, i);
         }
-        flushDatagrams();
+        flushAudio();
     }
     return true;
 }

@@ -30,15 +30,16 @@ const Orvex::ReturnCode rcUdpUnauthorized(4);
 /// Only relay peers carry messages of others.
 bool bMayCarry(const RelayClient& client, const char* achMsg, int nMsgLen) {
     const int nSender = static_cast<int>(GetNetMessageSenderID(achMsg, nMsgLen));
-    if (nSender >= 0 && (nSender == client.GetClientID() || bIsRelayPeer(client))) {
-        return true;
-    }
+    return nSender >= 0 && (nSender == client.GetClientID() || bIsRelayPeer(client));
+}
+
+void tellRefused(const RelayClient& client, const char* achMsg, int nMsgLen) {
+    const int nSender = static_cast<int>(GetNetMessageSenderID(achMsg, nMsgLen));
     writeToLog(
         true,
         "Message with invalid sender id string %d and len %d passed from client %d, ignoring "
         "message\n",
         nSender, nMsgLen, client.GetClientID());
-    return false;
 }
 
 void endPeer(RelayClient& client) {
@@ -83,8 +84,8 @@ void onLogOut(RelayClient& client, const char* achMsg, int nMsgLen) {
 }
 
 /// What a relay peer sends was archived where it was captioned.
-void archiveUnlessCarried(const RelayClient& client, const char* achMsg, int nMsgLen) {
-    if (bArchiveEnable && !bIsRelayPeer(client)) {
+void archiveIfCaption(const RelayClient& client, const char* achMsg, int nMsgLen) {
+    if (bArchiveEnable && achMsg[0] == Orvex::CaptionNetMessage::nTYPE && !bIsRelayPeer(client)) {
         const Orvex::CaptionNetMessage cnm(achMsg, nMsgLen);
         archiveCaption(GetNetMessageSenderID(achMsg, nMsgLen), cnm.GetCaption());
     }
@@ -101,12 +102,66 @@ void loseClient(RelayClient& client) {
     reportAndDelete(ctAuthClientTable, client);
 }
 
+/// Adds a message to the run that is on its way, if it may travel in it and is not to be refused.
+bool bJoinRun(RelayClient& client, std::string_view svImage, MessageRun& rRun) {
+    const int nMsgLen = static_cast<int>(svImage.size());
+    if (!bMayCarry(client, svImage.data(), nMsgLen) || !bTravelsInRuns(svImage) ||
+        !bAddToRun(rRun, svImage)) {
+        return false;
+    }
+    if (rRun.nCount == 1) {
+        rRun.bFromRelayPeer = bIsRelayPeer(client);
+        client.SetLastMessageTime(nowSecs());
+    }
+    client.IncrementTcpInputByteCounter(static_cast<unsigned>(nMsgLen));
+    archiveIfCaption(client, svImage.data(), nMsgLen);
+    return true;
+}
+
+bool bHandleNext(RelayClient& client, Orvex::InputBuffer& rInput) {
+    const std::optional<std::string_view> svImage = rInput.dequeueView();
+    return bHandleClientMessage(client, svImage->data(), static_cast<int>(svImage->size()));
+}
+
+/// A client by descriptor and serial number, since it may go whenever something is sent.
+struct ClientKey {
+    int fd;
+    std::uint64_t nSerial;
+
+    [[nodiscard]] RelayClient* find() const { return ctAuthClientTable.findBySerial(fd, nSerial); }
+};
+
+/// Handles the whole messages in `rInput` in their order, until a send fails or the client is gone.
+/// Returns false if a send failed.
+bool bHandleAll(const ClientKey& key, Orvex::InputBuffer& rInput) {
+    MessageRun run;
+    RelayClient* pClient = key.find();
+    while (pClient != nullptr) {
+        const std::optional<std::string_view> svImage = rInput.peekView();
+        if (!svImage) {
+            break;
+        }
+        if (bJoinRun(*pClient, *svImage, run)) {
+            rInput.pop();
+            continue;
+        }
+        const bool bOK = run.bEmpty() ? bHandleNext(*pClient, rInput) : SwitchRun(run);
+        run = MessageRun();
+        if (!bOK) {
+            return false;
+        }
+        pClient = key.find();
+    }
+    return SwitchRun(run);
+}
+
 }  // namespace
 
 bool bHandleClientMessage(RelayClient& client, const char* achMsg, int nMsgLen) {
     client.SetLastMessageTime(nowSecs());
     client.IncrementTcpInputByteCounter(static_cast<unsigned>(nMsgLen));
     if (!bMayCarry(client, achMsg, nMsgLen)) {
+        tellRefused(client, achMsg, nMsgLen);
         return true;
     }
     const Orvex::NetMessageType nmtType(achMsg, nMsgLen);
@@ -121,33 +176,26 @@ bool bHandleClientMessage(RelayClient& client, const char* achMsg, int nMsgLen) 
         onLogOut(client, achMsg, nMsgLen);
         return true;
     }
-    if (nmtType == nmtNetMsgTypeCaption) {
-        archiveUnlessCarried(client, achMsg, nMsgLen);
-    }
+    archiveIfCaption(client, achMsg, nMsgLen);
     NetMessage nmMessage(achMsg, nMsgLen);
     return SwitchPacket(&nmMessage, 0, bIsRelayPeer(client));
 }
 
 void readAndSwitch(RelayClient& client) {
-    const int fd = client.GetMessageSocket()->getMsgSockFileDesc();
-    const std::uint64_t nSerial = client.nSerial();
-    const bool bBroken = client.GetMessageSocket()->nReadNonBlockingSocket() < 0;
-    bool bOK = true;
-    RelayClient* pClient = &client;
-    while (bOK && pClient != nullptr) {
-        const std::optional<std::string_view> svImage = pClient->GetMessageSocket()->dequeueView();
-        if (!svImage) {
-            break;
-        }
-        bOK = bHandleClientMessage(*pClient, svImage->data(), static_cast<int>(svImage->size()));
-        pClient = ctAuthClientTable.findBySerial(fd, nSerial);
-    }
+    const ClientKey key{client.GetMessageSocket()->getMsgSockFileDesc(), client.nSerial()};
+    const bool bBroken = client.GetMessageSocket()->nReadBurst() < 0;
+    // Out of the client's hands: it may go while others still get what it sent.
+    Orvex::InputBuffer input(std::move(client.GetMessageSocket()->input()));
+    const bool bOK = bHandleAll(key, input);
+    RelayClient* const pClient = key.find();
     if (pClient == nullptr) {
         return;
     }
+    input.putAside();
+    pClient->GetMessageSocket()->input().swap(input);
     if (bBroken && bOK) {
         loseClient(*pClient);
     } else if (bBroken || pClient->GetMessageSocket()->bHasMoreInput()) {
-        offerAgain(fd);
+        offerAgain(key.fd);
     }
 }

@@ -7,7 +7,6 @@ inline const Orvex::NetMessageType nmtNetMsgTypeResp(0);
 inline const Orvex::NetMessageType nmtNetMsgTypeLogIn(1);
 inline const Orvex::NetMessageType nmtNetMsgTypeLogOut(2);
 inline const Orvex::NetMessageType nmtNetMsgTypeChat(3);
-inline const Orvex::NetMessageType nmtNetMsgTypeCaption(5);
 inline const Orvex::NetMessageType nmtNetMsgTypeCapCommand(6);
 inline const Orvex::NetMessageType nmtNetMsgTypeHeartbeat(12);
 inline const Orvex::NetMessageType nmtNetMsgTypeChallenge(14);

@@ -22,14 +22,11 @@ namespace {
 constexpr int kDirectDeliveryFlag = 1;
 constexpr int kPacketsPerReport = 200000;
 
-/// One message on its way to its routed destinations: what is the same for all of them.
-struct RoutedMessage {
-    NetMessage& nmMessage;
-    unsigned nSource;
-    int nPipe;
-    bool bFromRelayPeer;
-    bool bVideo;
-    int nPage;
+/// Messages on their way to their routed destinations, and what the video rules ask of them.
+struct RoutedMessages {
+    MessageRun run;
+    bool bVideo = false;
+    int nPage = 0;
 };
 
 unsigned char nTypeByteOf(NetMessage& nmMessage) {
@@ -59,68 +56,93 @@ bool bDeliverDirect(NetMessage& nmMessage) {
 }
 
 /// Two relays that route to each other would pass a message round for ever: the route goes instead.
-void dissolveLoop(const RoutedMessage& routed, unsigned nDestination) {
+void dissolveLoop(const MessageRun& run, unsigned nDestination) {
     writeToLog(true,
                "WARNING: suppressing possible relay loop to relay peer %u, originating client %u. "
                "Likely there are old links in our system, will try to clean up locally.\n",
-               nDestination, routed.nSource);
-    UpdateDB(Orvex::RoutingUpdateNetMessage(Orvex::RequestCode(1), routed.nSource, nDestination,
-                                            routed.nPipe));
+               nDestination, run.nSource);
+    UpdateDB(Orvex::RoutingUpdateNetMessage(Orvex::RequestCode(1), run.nSource, nDestination,
+                                            run.nPipe));
 }
 
 /// Whether the video rules let the message pass; other messages always do.
-bool bVideoRulesPass(const RoutedMessage& routed, RelayClient& destination) {
+bool bVideoRulesPass(const RoutedMessages& routed, RelayClient& destination) {
     if (!routed.bVideo) {
         return true;
     }
-    if (!bVideoPermitted(routed.nSource, destination)) {
+    if (!bVideoPermitted(routed.run.nSource, destination)) {
         return false;
     }
     return bIsRelayPeer(destination) || bVideoPageFits(routed.nPage, destination);
 }
 
-void countPacket(const RoutedMessage& routed, unsigned nDestination) {
+void countPacket(unsigned nSource, unsigned nDestination) {
     nPacketsSwitched = static_cast<int>(static_cast<unsigned>(nPacketsSwitched) + 1U);
     if (nPacketsSwitched % kPacketsPerReport == 0) {
         writeToLog(true, "%u tcp packets switched and sent, this packet switched from %u to %u\n",
-                   static_cast<unsigned>(nPacketsSwitched), routed.nSource, nDestination);
+                   static_cast<unsigned>(nPacketsSwitched), nSource, nDestination);
     }
 }
 
-void dropDestination(NetMessage& nmMessage, int nSent, RelayClient& destination) {
-    writeToLog(true, "TCP message send failed in SwitchPacket - rc=%d, errno=%u\n", nSent,
-               static_cast<unsigned>(errno));
-    const std::string_view svFrame = nmMessage.frame();
-    printchars(svFrame.data(), static_cast<int>(svFrame.size()));
+void countPackets(unsigned nCount, unsigned nSource, unsigned nDestination) {
+    for (; nCount > 0; --nCount) {
+        countPacket(nSource, nDestination);
+    }
+}
+
+std::size_t nFrameSizeAt(std::string_view svFrames, std::size_t nAt) {
+    return 2U * static_cast<unsigned char>(svFrames[nAt]);
+}
+
+/// Only a part of the frames was written: those that were written whole count, the one that broke
+/// is logged, and the destination goes.
+void dropDestination(const MessageRun& run, unsigned nDestination, RelayClient& destination) {
+    const int nProblem = errno;
+    const auto nWritten = static_cast<std::size_t>(destination.GetMessageSocket()->nLastWritten());
+    std::size_t nBroken = 0;
+    while (nBroken + nFrameSizeAt(run.svFrames, nBroken) <= nWritten) {
+        nBroken += nFrameSizeAt(run.svFrames, nBroken);
+        countPacket(run.nSource, nDestination);
+    }
+    writeToLog(true, "TCP message send failed in SwitchPacket - rc=%d, errno=%u\n", -1,
+               static_cast<unsigned>(nProblem));
+    printchars(run.svFrames.data() + nBroken,
+               static_cast<int>(nFrameSizeAt(run.svFrames, nBroken)));
     CleanBadSocket(destination.GetMessageSocket()->getMsgSockFileDesc());
 }
 
+[[nodiscard]] bool bWriteFrames(std::string_view svFrames, Orvex::RelayMessageSocket& rSocket) {
+    const int nSize = static_cast<int>(svFrames.size());
+    return rSocket.write_n_with_timeout(rSocket.getMsgSockFileDesc(), svFrames.data(), nSize, 0,
+                                        NetMessage::nSEND_TIMEOUT_MICROSECS) == nSize;
+}
+
 /// One destination of the route; false when the send failed and the destination is gone.
-bool bDeliverTo(const RoutedMessage& routed, unsigned nDestination) {
+bool bDeliverTo(const RoutedMessages& routed, unsigned nDestination) {
+    const MessageRun& run = routed.run;
     RelayClient* pDestination = nullptr;
     if (!ctAuthClientTable.bLookUp(static_cast<int>(nDestination), &pDestination)) {
         return true;
     }
-    if (routed.bFromRelayPeer && bIsRelayPeer(*pDestination)) {
-        dissolveLoop(routed, nDestination);
+    if (run.bFromRelayPeer && bIsRelayPeer(*pDestination)) {
+        dissolveLoop(run, nDestination);
         return true;
     }
     if (!bVideoRulesPass(routed, *pDestination)) {
         return true;
     }
-    const int nSent = routed.nmMessage.Send(true, *pDestination->GetMessageSocket());
-    if (nSent > 0) {
-        countPacket(routed, nDestination);
+    if (bWriteFrames(run.svFrames, *pDestination->GetMessageSocket())) {
+        countPackets(run.nCount, run.nSource, nDestination);
         return true;
     }
-    dropDestination(routed.nmMessage, nSent, *pDestination);
+    dropDestination(run, nDestination, *pDestination);
     return false;
 }
 
-bool bDeliverRouted(const RoutedMessage& routed) {
+bool bDeliverRouted(const RoutedMessages& routed) {
     // Held while it is walked: a loop that is dissolved on the way removes it from the cache.
     const std::shared_ptr<const Tessel_Routing::RouteEntry> pRoute =
-        findRoute(routed.nSource, routed.nPipe);
+        findRoute(routed.run.nSource, routed.run.nPipe);
     bool bSuccess = true;
     for (const unsigned nDestination : pRoute->clientsTo()) {
         bSuccess = bDeliverTo(routed, nDestination) && bSuccess;
@@ -149,8 +171,13 @@ bool SwitchPacket(NetMessage* nmpMsg, int nFlags, bool bFromRelayPeer) {
     unsigned nSource = 0;
     nmpMsg->GetSenderID(nSource);
     const bool bVideo = nTypeByte == kTypeVideoFeedback;
-    return bDeliverRouted(
-        {*nmpMsg, nSource, nPipe, bFromRelayPeer, bVideo, bVideo ? nVideoPage(*nmpMsg) : 0});
+    return bDeliverRouted({{nmpMsg->frame(), 1, nSource, nPipe, bFromRelayPeer},
+                           bVideo,
+                           bVideo ? nVideoPage(*nmpMsg) : 0});
+}
+
+bool SwitchRun(const MessageRun& run) {
+    return run.bEmpty() || bDeliverRouted({run});
 }
 
 void resetPacketsSwitchedForTest(int nPackets) {

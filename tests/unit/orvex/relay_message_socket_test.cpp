@@ -134,12 +134,12 @@ TEST_F(PlainSocketTest, TheLargestFrameHas509Bytes) {
 
 TEST_F(PlainSocketTest, ViewsStayGoodUntilTheNextRead) {
     feed(sFrame(2, 'a') + sFrame(3, 'b'));
-    const auto first = socket.dequeueView();
-    const auto second = socket.dequeueView();
+    const auto first = socket.input().dequeueView();
+    const auto second = socket.input().dequeueView();
     ASSERT_TRUE(first && second);
     EXPECT_EQ(*first, "aaa");
     EXPECT_EQ(*second, "bbbbb");
-    EXPECT_FALSE(socket.dequeueView());
+    EXPECT_FALSE(socket.input().dequeueView());
 }
 
 TEST_F(PlainSocketTest, CopiesCarryTheUnreadBytes) {

@@ -1,6 +1,7 @@
 #include "relayserver/audio/send_batch.h"
 
 #include <cerrno>
+#include <deque>
 
 #include "base/string_format.h"
 #include "relayserver/startup/listeners.h"
@@ -16,8 +17,18 @@ class SendBatch : public AudioTest {
   protected:
     /// Queues for a socket; the bytes stay.
     void queue(const std::string& sBytes, const sockaddr_in& siTo, int fd = udp_listen_sockfd[0]) {
-        kept.push_back(std::make_unique<std::string>(sBytes));
-        queueDatagram(fd, kept.back()->data(), kept.back()->size(), siTo);
+        queueAll({sBytes}, siTo, fd);
+    }
+
+    /// The same for several of one length.
+    void queueAll(const std::vector<std::string>& datagrams, const sockaddr_in& siTo,
+                  int fd = udp_listen_sockfd[0]) {
+        kept.push_back(datagrams);
+        std::vector<iovec>& rParts = parts.emplace_back();
+        for (std::string& rDatagram : kept.back()) {
+            rParts.push_back({rDatagram.data(), rDatagram.size()});
+        }
+        queueDatagrams(fd, rParts.data(), rParts.size(), siTo);
     }
 
     static sockaddr_in siBroadcast() {
@@ -30,7 +41,8 @@ class SendBatch : public AudioTest {
     const Station two{3};
 
   private:
-    std::vector<std::unique_ptr<std::string>> kept;
+    std::deque<std::vector<std::string>> kept;
+    std::deque<std::vector<iovec>> parts;
 };
 
 TEST_F(SendBatch, SendsNothingBeforeTheFlush) {

@@ -1,6 +1,5 @@
 #include "relayserver/audio/switch_audio.h"
 
-#include "relayserver/audio/send_batch.h"
 #include "relayserver/route_store.h"
 #include "relayserver/startup/listeners.h"
 #include "tests/stubs/allocation_count.h"
@@ -27,7 +26,7 @@ class SwitchAudio : public AudioTest {
                           const std::string& sBytes = "audio") {
         SwitchAudioPacket(kSource, udp_listen_sockfd[nProgram], sBytes.data(),
                           static_cast<int>(sBytes.size()), bFromRelayPeer, nFecChannel, nProgram);
-        flushDatagrams();
+        flushAudio();
     }
 
     static Peer addMarkedPeer(int nClientID, const Station& station) {
@@ -212,7 +211,7 @@ TEST_F(SwitchAudio, TakesNothingFromTheHeapOnceTheRouteIsKnown) {
         for (int i = 0; i < 5; ++i) {
             SwitchAudioPacket(kSource, udp_listen_sockfd[0], sBytes.data(), 5, false, 0, 0);
         }
-        flushDatagrams();
+        flushAudio();
         EXPECT_EQ(nBefore, nAllocations()) << nReceivers;
         EXPECT_EQ(6U * static_cast<unsigned>(nReceivers), ear.received().size());
     }

@@ -1,0 +1,55 @@
+#include "relayserver/switching/message_run.h"
+
+#include "orvex/net_message.h"
+#include "relayserver/switching/pipe_type.h"
+#include "relayserver/switching/video_gate.h"
+
+using Orvex::NetMessage;
+
+namespace {
+
+constexpr unsigned char kTypeResponse = 0;
+constexpr unsigned char kTypeHeartbeat = 12;
+
+int nPipeOf(std::string_view svImage) {
+    return nPipeType(static_cast<unsigned char>(svImage.front()));
+}
+
+unsigned nSourceOf(std::string_view svImage) {
+    return GetNetMessageSenderID(svImage.data(), static_cast<int>(svImage.size()));
+}
+
+/// The frame around an image that stands in one.
+std::string_view svFrameOf(std::string_view svImage) {
+    return {svImage.data() - 1, svImage.size() + 1};
+}
+
+}  // namespace
+
+bool bTravelsInRuns(std::string_view svImage) {
+    const auto nTypeByte = static_cast<unsigned char>(svImage.front());
+    const int nPipe = nPipeType(nTypeByte);
+    if (nPipe == kPipeNone || nPipe == kPipeDirect || nPipe == kPipeConnServer ||
+        nTypeByte == kTypeResponse || nTypeByte == kTypeHeartbeat ||
+        nTypeByte == kTypeVideoFeedback) {
+        return false;
+    }
+    // An image of this size that is not padded is too large to be sent on.
+    return svImage.size() <= NetMessage::nMAX_MSG_LEN || svImage.back() == NetMessage::chDELIM;
+}
+
+bool bAddToRun(MessageRun& rRun, std::string_view svImage) {
+    const std::string_view svFrame = svFrameOf(svImage);
+    if (rRun.bEmpty()) {
+        rRun.svFrames = svFrame;
+        rRun.nSource = nSourceOf(svImage);
+        rRun.nPipe = nPipeOf(svImage);
+    } else if (svFrame.data() == rRun.svFrames.data() + rRun.svFrames.size() &&
+               rRun.nSource == nSourceOf(svImage) && rRun.nPipe == nPipeOf(svImage)) {
+        rRun.svFrames = {rRun.svFrames.data(), rRun.svFrames.size() + svFrame.size()};
+    } else {
+        return false;
+    }
+    ++rRun.nCount;
+    return true;
+}
