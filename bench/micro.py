@@ -7,7 +7,6 @@ import csv
 import json
 import subprocess
 from collections.abc import Iterator
-from pathlib import Path
 
 from bench import instructions
 from bench.daemons import BUILD, ROOT
@@ -52,14 +51,15 @@ def _functions() -> Iterator[Line]:
 
 
 def _measure() -> list[dict]:
-    """Every run of every function. In no order, so that what disturbs does not hit one alone."""
+    """Every run of every function, which take turns: what disturbs does not hit one alone."""
     command = [
         *on_core(DAEMON_CORE), str(BUILD / "relay_micro"), "--benchmark_format=json",
         f"--benchmark_repetitions={_RUNS}", f"--benchmark_min_time={_SECONDS}",
         "--benchmark_enable_random_interleaving=true",
     ]  # fmt: skip
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
-    return [one for one in json.loads(done.stdout)["benchmarks"] if one["run_type"] == "iteration"]
+    found = [one for one in json.loads(done.stdout)["benchmarks"] if one["run_type"] == "iteration"]
+    return sorted(found, key=lambda one: (one["family_index"], one["per_family_instance_index"]))
 
 
 def _commit() -> str:
@@ -69,8 +69,8 @@ def _commit() -> str:
     return done.stdout.strip() or "unknown"
 
 
-def _write_csv(lines: list[Line], path: Path = _CSV) -> None:
-    with open(path, "w", newline="", encoding="utf-8") as file:
+def _write_csv(lines: list[Line]) -> None:
+    with open(_CSV, "w", newline="", encoding="utf-8") as file:
         writer = csv.writer(file)
         writer.writerow(["what", "value", "unit"])
         writer.writerows(lines)
