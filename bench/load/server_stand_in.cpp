@@ -103,7 +103,7 @@ void ServerStandIn::awaitRelay() {
         if (msRelay.nReadNonBlockingSocket() < 0) {
             giveUp("the relay left while it logged in");
         }
-        while (const auto image = msRelay.dequeueView()) {
+        while (const auto image = msRelay.input().dequeueView()) {
             bDone = bHandleOne(image->data(), static_cast<int>(image->size())) || bDone;
         }
     }
@@ -166,7 +166,7 @@ void ServerStandIn::readAll() {
         if (nRead < 0) {
             giveUp("the relay left its connection server");
         }
-        while (msRelay.dequeueView()) {
+        while (msRelay.input().dequeueView()) {
         }
         if (nRead == 0) {
             return;
