@@ -1,7 +1,7 @@
 """The benchmark: every cell with every daemon, one table, and whether the goals are met. Also
 written to build/bench-results.csv and build/bench-results.png.
 
-    python3 -m bench.run [--quick] [--only PATTERN]
+    python3 -m bench.run [--quick] [--only PATTERN | --micro]
 """
 
 from __future__ import annotations
@@ -16,7 +16,7 @@ from pathlib import Path
 if __package__ in (None, ""):
     sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from bench import goals, plot, report
+from bench import goals, micro, plot, report
 from bench.cells import Cell, all_cells, batches, quick_cells
 from bench.daemons import DAEMONS, ROOT, Surroundings
 from bench.measure import CellFailed, measure
@@ -32,6 +32,8 @@ def _parse() -> argparse.Namespace:
     parser.add_argument("--quick", action="store_true", help="few cells, short runs")
     parser.add_argument("--only", default="", metavar="PATTERN",
                         help="only cells whose name holds this text")  # fmt: skip
+    parser.add_argument("--micro", action="store_true",
+                        help="only single functions and counted instructions")  # fmt: skip
     return parser.parse_args()
 
 
@@ -70,6 +72,9 @@ def _conclude(results: report.Results) -> None:
 
 def main() -> int:
     options = _parse()
+    if options.micro:
+        micro.run()
+        return 0
     # As after Ctrl-C, everything that was started is ended on the way out.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     _raise_descriptor_limit()
@@ -80,6 +85,8 @@ def main() -> int:
     _conclude(results)
     if failures:
         print("\nNo figures:", *failures, sep="\n  ")
+    if not options.only:
+        micro.run()
     print(f"{time.monotonic() - started:.0f} s")
     return 1 if failures else 0
 
