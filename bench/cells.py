@@ -10,7 +10,11 @@ PAYLOADS = (200, 64, 490)
 FANOUTS = (1, 8, 64, 512)
 IDLE = (10, 1000, 8000)
 
-PEERS = ("nats", "redis", "mosquitto")
+PEERS = ("nats", "redis", "mosquitto", "coturn")
+TCP_PEERS = PEERS[:3]
+
+TCP, UDP = "tcp", "udp"
+UDP_FANOUTS = (1, 8, 64)
 
 #: Bytes per second that a source stays below: the relay drops ordinary clients above 2,000,000.
 SOURCE_LIMIT = 1_900_000
@@ -23,7 +27,7 @@ class Cell:
     #: Which part of the table it is in, and its name there.
     part: str
     label: str
-    #: What the load program calls this kind of cell.
+    #: What the load program calls this kind of cell: TCP or UDP.
     kind: str
     daemons: tuple[str, ...]
     #: The floor that the relay is compared with.
@@ -36,6 +40,8 @@ class Cell:
     tls: bool = False
     #: The sources are relay peers, which the relay does not limit.
     relay_sources: bool = False
+    #: UDP: two channels of error correction beside the sound.
+    fec: bool = False
     #: Flat out: how many bytes a source is ahead of its slowest receiver.
     window: int = 65536
     seconds: float = 0.3
@@ -61,9 +67,9 @@ class Cell:
             "cell": self.kind, "pace": self.pace, "sources": self.sources,
             "fanout": ",".join(map(str, fanouts)), "payload": self.payload, "idle": self.idle,
             "tls": int(self.tls), "peer": int(self.relay_sources), "seconds": self.seconds,
-            "repeats": self.repeats, "window": self.window,
+            "repeats": self.repeats, "window": self.window, "fec": int(self.fec),
         }  # fmt: skip
-        if self.pace == FLAT_OUT and not self.relay_sources:
+        if self.kind == TCP and self.pace == FLAT_OUT and not self.relay_sources:
             values["source-limit"] = SOURCE_LIMIT
         return [text for key, value in values.items() for text in (f"--{key}", str(value))]
 
@@ -75,7 +81,7 @@ _MANY_LABEL = "100 to 10 each"
 
 
 def _moderate() -> list[Cell]:
-    common = {"kind": "tcp", "daemons": ("relay", "floor_send", *PEERS), "floor": "floor_send"}
+    common = {"kind": TCP, "daemons": ("relay", "floor_send", *TCP_PEERS), "floor": "floor_send"}
     part = "moderate"
     one_source = [
         Cell(part, f"1 to {fanout}, {payload} B", fanout=fanout, payload=payload, **common)
@@ -93,19 +99,19 @@ def _moderate() -> list[Cell]:
 
 
 def _flat_out() -> list[Cell]:
-    common = {"kind": "tcp", "floor": "floor_gather", "pace": FLAT_OUT}
+    common = {"kind": TCP, "floor": "floor_gather", "pace": FLAT_OUT}
     part = "flat out"
     many = [
         Cell(
             part, f"{_MANY_LABEL}, {payload} B", payload=payload, window=_MANY_WINDOW,
-            daemons=("relay", "floor_gather", "floor_send", *PEERS), **_MANY, **common,
+            daemons=("relay", "floor_gather", "floor_send", *TCP_PEERS), **_MANY, **common,
         )
         for payload in PAYLOADS
     ]  # fmt: skip
     one_source = [
         Cell(
             part, f"1 to {fanout}, {payload} B", fanout=fanout, payload=payload,
-            daemons=("relay", "floor_gather", *PEERS), relay_sources=True, **common,
+            daemons=("relay", "floor_gather", *TCP_PEERS), relay_sources=True, **common,
         )
         for payload, fanout in itertools.product(PAYLOADS, FANOUTS[1:])
     ]  # fmt: skip
@@ -125,9 +131,28 @@ def _tls() -> list[Cell]:
     ]  # fmt: skip
 
 
+def _udp() -> list[Cell]:
+    """Datagrams: several receivers, several programs, error correction, idle clients."""
+    shapes = [
+        *({"label": f"1 to {fanout}", "fanout": fanout} for fanout in UDP_FANOUTS),
+        {"label": "6 to 8 each", "fanout": 8, "sources": 6},
+        {"label": "1 to 8 with FEC", "fanout": 8, "fec": True},
+    ]
+    common = {"kind": UDP, "seconds": 0.25}
+    moderate = {"part": "UDP moderate", "floor": "floor_udp", **common}
+    moderate["daemons"] = ("relay", "floor_udp", "coturn")
+    flat_out = {"part": "UDP flat out", "floor": "floor_udp_gso", "pace": FLAT_OUT, **common}
+    flat_out["daemons"] = ("relay", "floor_udp_gso", "floor_udp", "coturn")
+    return [
+        *(Cell(**shape, **moderate) for shape in shapes),
+        Cell(label=f"1 to 8, {IDLE[-1]} idle", fanout=8, idle=IDLE[-1], **moderate),
+        *(Cell(**shape, **flat_out) for shape in shapes),
+    ]
+
+
 def all_cells() -> list[Cell]:
     """Every cell of the table, in its order."""
-    return [*_moderate(), *_flat_out(), *_tls()]
+    return [*_moderate(), *_flat_out(), *_tls(), *_udp()]
 
 
 def batches(cells: list[Cell]) -> list[list[Cell]]:

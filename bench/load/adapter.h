@@ -10,15 +10,10 @@
 #include <string_view>
 
 #include "bench/load/connection.h"
+#include "bench/load/frame.h"
 #include "bench/load/options.h"
 
 namespace Load {
-
-/// One message in its envelope.
-struct Frame {
-    std::string sBytes;
-    std::size_t nPayloadAt = 0;  ///< offset of the payload in it
-};
 
 class Adapter {
   public:

@@ -11,6 +11,8 @@
 #include "bench/load/give_up.h"
 #include "bench/load/options.h"
 #include "bench/load/tcp_cell.h"
+#include "bench/load/udp_adapter.h"
+#include "bench/load/udp_cell.h"
 
 namespace {
 
@@ -30,6 +32,17 @@ pid_t nReadPid() {
     return nPid;
 }
 
+/// From before the daemon starts to the last result.
+template <class Cell, class AdapterOfCell>
+void measure(const Load::Options& options, AdapterOfCell& rAdapter) {
+    rAdapter.prepare();
+    std::puts("ready");
+    std::fflush(stdout);
+    const pid_t nPid = nReadPid();
+    rAdapter.awaitDaemon();
+    Cell(options, rAdapter, nPid).run();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -39,15 +52,12 @@ int main(int argc, char** argv) {
     }
     raiseDescriptorLimit();
     std::signal(SIGPIPE, SIG_IGN);
-    const auto pAdapter = Load::makeAdapter(options);
-    pAdapter->prepare();
-    std::puts("ready");
-    std::fflush(stdout);
-    const pid_t nPid = nReadPid();
-    pAdapter->awaitDaemon();
-    if (options.sCell != "tcp") {
+    if (options.sCell == "tcp") {
+        measure<Load::TcpCell>(options, *Load::makeAdapter(options));
+    } else if (options.sCell == "udp") {
+        measure<Load::UdpCell>(options, *Load::makeUdpAdapter(options));
+    } else {
         Load::giveUp("no such kind of cell: '%s'", options.sCell.c_str());
     }
-    Load::TcpCell(options, *pAdapter, nPid).run();
     return 0;
 }
