@@ -75,6 +75,9 @@ class Cell:
 
 
 _MANY = {"sources": 100, "fanout": 10}
+#: What is under way has to fit into a socket buffer of the size that Linux gives: not every daemon
+#: asks for more at each of its sockets.
+_UDP_WINDOW = 32768
 #: A thousand receivers behind: so much waits in the daemon when sources stop.
 _MANY_WINDOW = 16384
 _MANY_LABEL = "100 to 10 each"
@@ -138,7 +141,7 @@ def _udp() -> list[Cell]:
         {"label": "6 to 8 each", "fanout": 8, "sources": 6},
         {"label": "1 to 8 with FEC", "fanout": 8, "fec": True},
     ]
-    common = {"kind": UDP, "seconds": 0.25}
+    common = {"kind": UDP, "window": _UDP_WINDOW, "seconds": 0.25}
     moderate = {"part": "UDP moderate", "floor": "floor_udp", **common}
     moderate["daemons"] = ("relay", "floor_udp", "coturn")
     flat_out = {"part": "UDP flat out", "floor": "floor_udp_gso", "pace": FLAT_OUT, **common}
