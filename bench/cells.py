@@ -10,7 +10,11 @@ PAYLOADS = (200, 64, 490)
 FANOUTS = (1, 8, 64, 512)
 IDLE = (10, 1000, 8000)
 
-PEERS = ("nats", "redis", "mosquitto")
+PEERS = ("nats", "redis", "mosquitto", "coturn")
+TCP_PEERS = PEERS[:3]
+
+TCP, UDP, ADMISSION, RECONNECT = "tcp", "udp", "admission", "reconnect"
+UDP_FANOUTS = (1, 8, 64)
 
 #: Bytes per second that a source stays below: the relay drops ordinary clients above 2,000,000.
 SOURCE_LIMIT = 1_900_000
@@ -23,7 +27,7 @@ class Cell:
     #: Which part of the table it is in, and its name there.
     part: str
     label: str
-    #: What the load program calls this kind of cell.
+    #: What the load program calls this kind of cell, one of the above.
     kind: str
     daemons: tuple[str, ...]
     #: The floor that the relay is compared with.
@@ -36,6 +40,8 @@ class Cell:
     tls: bool = False
     #: The sources are relay peers, which the relay does not limit.
     relay_sources: bool = False
+    #: UDP: two channels of error correction beside the sound.
+    fec: bool = False
     #: Flat out: how many bytes a source is ahead of its slowest receiver.
     window: int = 65536
     #: How long a repetition lasts; of admissions and reconnects, at most.
@@ -66,9 +72,9 @@ class Cell:
             "cell": self.kind, "pace": self.pace, "sources": self.sources,
             "fanout": ",".join(map(str, fanouts)), "payload": self.payload, "idle": self.idle,
             "tls": int(self.tls), "peer": int(self.relay_sources), "seconds": self.seconds,
-            "repeats": self.repeats, "window": self.window,
+            "repeats": self.repeats, "window": self.window, "fec": int(self.fec),
         }  # fmt: skip
-        if self.pace == FLAT_OUT and not self.relay_sources:
+        if self.kind == TCP and self.pace == FLAT_OUT and not self.relay_sources:
             values["source-limit"] = SOURCE_LIMIT
         if self.logins:
             values["logins"] = self.logins
@@ -76,13 +82,16 @@ class Cell:
 
 
 _MANY = {"sources": 100, "fanout": 10}
+#: What is under way has to fit into a socket buffer of the size that Linux gives: not every daemon
+#: asks for more at each of its sockets.
+_UDP_WINDOW = 32768
 #: A thousand receivers behind: so much waits in the daemon when sources stop.
 _MANY_WINDOW = 16384
 _MANY_LABEL = "100 to 10 each"
 
 
 def _moderate() -> list[Cell]:
-    common = {"kind": "tcp", "daemons": ("relay", "floor_send", *PEERS), "floor": "floor_send"}
+    common = {"kind": TCP, "daemons": ("relay", "floor_send", *TCP_PEERS), "floor": "floor_send"}
     part = "moderate"
     one_source = [
         Cell(part, f"1 to {fanout}, {payload} B", fanout=fanout, payload=payload, **common)
@@ -100,19 +109,19 @@ def _moderate() -> list[Cell]:
 
 
 def _flat_out() -> list[Cell]:
-    common = {"kind": "tcp", "floor": "floor_gather", "pace": FLAT_OUT}
+    common = {"kind": TCP, "floor": "floor_gather", "pace": FLAT_OUT}
     part = "flat out"
     many = [
         Cell(
             part, f"{_MANY_LABEL}, {payload} B", payload=payload, window=_MANY_WINDOW,
-            daemons=("relay", "floor_gather", "floor_send", *PEERS), **_MANY, **common,
+            daemons=("relay", "floor_gather", "floor_send", *TCP_PEERS), **_MANY, **common,
         )
         for payload in PAYLOADS
     ]  # fmt: skip
     one_source = [
         Cell(
             part, f"1 to {fanout}, {payload} B", fanout=fanout, payload=payload,
-            daemons=("relay", "floor_gather", *PEERS), relay_sources=True, **common,
+            daemons=("relay", "floor_gather", *TCP_PEERS), relay_sources=True, **common,
         )
         for payload, fanout in itertools.product(PAYLOADS, FANOUTS[1:])
     ]  # fmt: skip
@@ -132,17 +141,36 @@ def _tls() -> list[Cell]:
     ]  # fmt: skip
 
 
+def _udp() -> list[Cell]:
+    """Datagrams: several receivers, several programs, error correction, idle clients."""
+    shapes = [
+        *({"label": f"1 to {fanout}", "fanout": fanout} for fanout in UDP_FANOUTS),
+        {"label": "6 to 8 each", "fanout": 8, "sources": 6},
+        {"label": "1 to 8 with FEC", "fanout": 8, "fec": True},
+    ]
+    common = {"kind": UDP, "window": _UDP_WINDOW, "seconds": 0.25}
+    moderate = {"part": "UDP moderate", "floor": "floor_udp", **common}
+    moderate["daemons"] = ("relay", "floor_udp", "coturn")
+    flat_out = {"part": "UDP flat out", "floor": "floor_udp_gso", "pace": FLAT_OUT, **common}
+    flat_out["daemons"] = ("relay", "floor_udp_gso", "floor_udp", "coturn")
+    return [
+        *(Cell(**shape, **moderate) for shape in shapes),
+        Cell(label=f"1 to 8, {IDLE[-1]} idle", fanout=8, idle=IDLE[-1], **moderate),
+        *(Cell(**shape, **flat_out) for shape in shapes),
+    ]
+
+
 def _admission() -> list[Cell]:
     """Clients that come, and clients that are there when the relay loses its server."""
     logins = Cell(
-        "admission", "log-ins, plain", kind="admission", daemons=("relay", "floor_admission"),
+        "admission", "log-ins, plain", kind=ADMISSION, daemons=("relay", "floor_admission"),
         floor="floor_admission", idle=0, seconds=1.0, logins=3000, unit="log-in",
     )  # fmt: skip
     over_tls = dataclasses.replace(
         logins, label="log-ins, TLS", tls=True, seconds=1.5, logins=600
     )
     reconnect = Cell(
-        "admission", "5000 clients after a reconnect", kind="reconnect", daemons=("relay",),
+        "admission", "5000 clients after a reconnect", kind=RECONNECT, daemons=("relay",),
         floor="", idle=5000, seconds=0.5, unit="client",
     )  # fmt: skip
     return [logins, over_tls, reconnect]
@@ -150,7 +178,7 @@ def _admission() -> list[Cell]:
 
 def all_cells() -> list[Cell]:
     """Every cell of the table, in its order."""
-    return [*_moderate(), *_flat_out(), *_tls(), *_admission()]
+    return [*_moderate(), *_flat_out(), *_tls(), *_udp(), *_admission()]
 
 
 def batches(cells: list[Cell]) -> list[list[Cell]]:
@@ -166,6 +194,6 @@ def quick_cells() -> list[Cell]:
     few = [
         cell
         for cell in all_cells()
-        if cell.payload == 200 and (cell.idle <= 1000 or cell.kind == "reconnect")
+        if cell.payload == 200 and (cell.idle <= 1000 or cell.kind == RECONNECT)
     ]
     return [dataclasses.replace(cell, repeats=2, seconds=0.15) for cell in few]

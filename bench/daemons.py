@@ -104,7 +104,7 @@ class RelayDaemon(Daemon):
     def __init__(self, around: Surroundings, cell: Cell) -> None:
         super().__init__(around, cell)
         self.server_address = addresses.new_address()
-        config = RelayConfig(servers=[self.server_address])
+        config = RelayConfig(servers=[self.server_address], fec=cell.fec or None)
         self.relay = Relay(
             config,
             env=around.database_env,
@@ -118,6 +118,7 @@ class RelayDaemon(Daemon):
         self.port = self.relay.tls_port if self.cell.tls else self.relay.tcp_port
         return [
             *super().load_options(),
+            "--audio-port", str(self.relay.audio_port(0)),
             "--server-address", self.server_address,
             "--server-key", str(self.around.server_key_file),
         ]  # fmt: skip
@@ -164,6 +165,20 @@ class FloorAdmission(FloorSend):
         return [*super().command(folder), str(certificate.crt_file), str(certificate.key_file)]
 
 
+class FloorUdp(FloorSend):
+    """Listens where the relay would, for every program and channel."""
+
+    program = "floor_udp"
+
+    def __init__(self, around: Surroundings, cell: Cell) -> None:
+        super().__init__(around, cell)
+        self.port = addresses.free_audio_base(self.address)
+
+
+class FloorUdpGso(FloorUdp):
+    program = "floor_udp_gso"
+
+
 class Nats(Daemon):
     adapter = "nats"
 
@@ -198,6 +213,21 @@ class Mosquitto(Daemon):
         return ["mosquitto", "-c", "mosquitto.conf"]
 
 
+class Coturn(Daemon):
+    """A TURN server with one thread that relays, and nobody to authenticate."""
+
+    adapter = "turn"
+
+    def command(self, folder: Path) -> list[str]:
+        return [
+            "turnserver", "-n", f"--listening-ip={self.address}", f"--relay-ip={self.address}",
+            f"--listening-port={self.port}", "--relay-threads=1", "--allow-loopback-peers",
+            "--no-auth", "--no-tls", "--no-dtls", "--no-tcp", "--no-tcp-relay", "--no-cli",
+            "--no-rfc5780", f"--userdb={folder / 'turndb'}", f"--pidfile={folder / 'pid'}",
+            "--log-file=stdout", "--simple-log",
+        ]  # fmt: skip
+
+
 #: By the names that cells use.
 DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
     "relay": RelayDaemon,
@@ -208,4 +238,7 @@ DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
     "nats": Nats,
     "redis": Redis,
     "mosquitto": Mosquitto,
+    "floor_udp": FloorUdp,
+    "floor_udp_gso": FloorUdpGso,
+    "coturn": Coturn,
 }

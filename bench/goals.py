@@ -5,7 +5,7 @@ from __future__ import annotations
 import dataclasses
 from collections.abc import Iterator
 
-from bench.cells import FLAT_OUT, IDLE, MODERATE, Cell
+from bench.cells import ADMISSION, FLAT_OUT, IDLE, MODERATE, RECONNECT, TCP, UDP, Cell
 from bench.report import Results, cpu
 from bench.statistic import Figure, figure, ratio
 
@@ -59,7 +59,7 @@ def _best_peer(results: Results, cell: Cell, key: str) -> Figure | None:
 
 
 def _moderate(results: Results, cell: Cell) -> Iterator[Check]:
-    if cell.pace != MODERATE or cell.tls:
+    if cell.kind != TCP or cell.pace != MODERATE or cell.tls:
         return
     if times := _against(results, cell, cell.floor):
         yield Check("moderate: x floor", cell.name, times, 1.10)
@@ -74,7 +74,7 @@ def _moderate(results: Results, cell: Cell) -> Iterator[Check]:
 
 
 def _flat_out(results: Results, cell: Cell) -> Iterator[Check]:
-    if cell.pace != FLAT_OUT or cell.tls:
+    if cell.kind != TCP or cell.pace != FLAT_OUT or cell.tls:
         return
     if times := _against(results, cell, cell.floor):
         yield Check("flat out: x floor", cell.name, times, 1.8)
@@ -88,6 +88,32 @@ def _flat_out(results: Results, cell: Cell) -> Iterator[Check]:
 def _tls(results: Results, cell: Cell) -> Iterator[Check]:
     if cell.tls and (times := _against(results, cell, cell.floor)):
         yield Check("TLS: x floor", cell.name, times, 1.15)
+
+
+def _udp_moderate(results: Results, cell: Cell) -> Iterator[Check]:
+    if cell.kind != UDP or cell.pace != MODERATE:
+        return
+    if times := _against(results, cell, cell.floor):
+        yield Check("UDP moderate: x floor", cell.name, times, 1.10)
+    if times := _against(results, cell, "coturn"):
+        yield Check("UDP moderate: x coturn", cell.name, times, 1.0, below=True)
+
+
+def _udp_flat_out(results: Results, cell: Cell) -> Iterator[Check]:
+    if cell.kind != UDP or cell.pace != FLAT_OUT:
+        return
+    if times := _against(results, cell, cell.floor):
+        yield Check("UDP flat out: x floor", cell.name, times, 1.5)
+    # With one receiver most of the work is to take datagrams in, which is the same for both.
+    if cell.fanout > 1 and (times := _against(results, cell, "coturn")):
+        yield Check("UDP flat out: x coturn", cell.name, times, 0.35)
+
+
+def _udp_lost(results: Results, cell: Cell) -> Iterator[Check]:
+    """Nothing may be lost that the floor does not lose."""
+    if cell.kind == UDP and (cell, cell.floor) in results:
+        lost, floors = (results[cell, name].lost_per_million() for name in ("relay", cell.floor))
+        yield Check("UDP: lost or wrong per million", cell.name, Figure(lost, 0.0), floors)
 
 
 def _idle(results: Results, cell: Cell) -> Iterator[Check]:
@@ -124,9 +150,10 @@ def _admission(results: Results, cell: Cell) -> Iterator[Check]:
 
 #: The goals of each kind of cell. Each takes the results and a cell that the relay has figures of.
 _GOALS = {
-    "tcp": [_moderate, _flat_out, _tls, _idle],
-    "admission": [_admission],
-    "reconnect": [],
+    TCP: [_moderate, _flat_out, _tls, _idle],
+    UDP: [_udp_moderate, _udp_flat_out, _udp_lost, _idle],
+    ADMISSION: [_admission],
+    RECONNECT: [],
 }
 
 

@@ -52,6 +52,12 @@ class Outcome:
         idle = self.memory.get("idle", 0)
         return (self.memory["after"] - self.memory["before"]) / idle if idle >= 1000 else 0.0
 
+    def lost_per_million(self) -> float:
+        """Of a million deliveries, how many were lost, repeated or changed."""
+        bad = sum(self.values("lost")) + sum(self.values("wrong"))
+        due = bad + sum(self.values("deliveries"))
+        return 1e6 * bad / due if due else 0.0
+
     def faults(self) -> str:
         """What went wrong; empty when nothing did."""
         lost = sum(self.values("lost"))

@@ -10,17 +10,12 @@
 #include <string_view>
 
 #include "bench/load/connection.h"
+#include "bench/load/frame.h"
 #include "bench/load/options.h"
 
 namespace Load {
 
 class ServerStandIn;
-
-/// One message in its envelope.
-struct Frame {
-    std::string sBytes;
-    std::size_t nPayloadAt = 0;  ///< offset of the payload in it
-};
 
 class Adapter {
   public:

@@ -40,7 +40,7 @@ void Crowd::connectGroups(EventSet& rEvents) {
 }
 
 void Crowd::connectGroup(int nGroup, int nFanout, EventSet& rEvents) {
-    checks.push_back(std::make_unique<FrameCheck>(rAdapter, nGroup, sPayload));
+    checks.push_back(std::make_unique<FrameCheck>(rAdapter.deliveredFrame(nGroup, sPayload)));
     for (int i = 0; i < nFanout; ++i) {
         addReceiver(nGroup, rEvents);
     }
@@ -64,12 +64,7 @@ void Crowd::addReceiver(int nGroup, EventSet& rEvents) {
 
 void Crowd::connectIdle() {
     for (int i = 0; i < options.nIdle; ++i) {
-        Connection connection = connectNext();
-        rAdapter.becomeIdle(connection);
-        connection.makeNonBlocking();
-        idle.push_back(std::move(connection));
-        // With thousands this takes long enough for the first ones to be given up.
-        keepAliveIfDue();
+        (void)rConnectOneIdle();
     }
 }
 
@@ -79,6 +74,16 @@ std::vector<unsigned> Crowd::idsOfIdle() const {
         ids.push_back(connection.nId);
     }
     return ids;
+}
+
+const Connection& Crowd::rConnectOneIdle() {
+    Connection connection = connectNext();
+    rAdapter.becomeIdle(connection);
+    connection.makeNonBlocking();
+    idle.push_back(std::move(connection));
+    // With thousands this takes long enough for the first ones to be given up.
+    keepAliveIfDue();
+    return idle.back();
 }
 
 bool Crowd::bAllDelivered() const {

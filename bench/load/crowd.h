@@ -32,6 +32,8 @@ class Crowd {
     void connectGroups(EventSet& rEvents);
     /// Connects the others. Nobody watches them.
     void connectIdle();
+    /// Connects one more of these; good until the next one is connected.
+    const Connection& rConnectOneIdle();
     [[nodiscard]] std::vector<unsigned> idsOfIdle() const;
     /// Once in some seconds lets everybody say what the daemon wants to hear now and then. Not
     /// while it is measured.

@@ -13,6 +13,8 @@
 #include "bench/load/options.h"
 #include "bench/load/reconnect_cell.h"
 #include "bench/load/tcp_cell.h"
+#include "bench/load/udp_adapter.h"
+#include "bench/load/udp_cell.h"
 
 namespace {
 
@@ -32,16 +34,15 @@ pid_t nReadPid() {
     return nPid;
 }
 
-void runCell(const Load::Options& options, Load::Adapter& rAdapter, pid_t nPid) {
-    if (options.sCell == "tcp") {
-        Load::TcpCell(options, rAdapter, nPid).run();
-    } else if (options.sCell == "admission") {
-        Load::AdmissionCell(options, rAdapter, nPid).run();
-    } else if (options.sCell == "reconnect") {
-        Load::ReconnectCell(options, rAdapter, nPid).run();
-    } else {
-        Load::giveUp("no such kind of cell: '%s'", options.sCell.c_str());
-    }
+/// From before the daemon starts to the last result.
+template <class Cell, class AdapterOfCell>
+void measure(const Load::Options& options, AdapterOfCell& rAdapter) {
+    rAdapter.prepare();
+    std::puts("ready");
+    std::fflush(stdout);
+    const pid_t nPid = nReadPid();
+    rAdapter.awaitDaemon();
+    Cell(options, rAdapter, nPid).run();
 }
 
 }  // namespace
@@ -53,12 +54,16 @@ int main(int argc, char** argv) {
     }
     raiseDescriptorLimit();
     std::signal(SIGPIPE, SIG_IGN);
-    const auto pAdapter = Load::makeAdapter(options);
-    pAdapter->prepare();
-    std::puts("ready");
-    std::fflush(stdout);
-    const pid_t nPid = nReadPid();
-    pAdapter->awaitDaemon();
-    runCell(options, *pAdapter, nPid);
+    if (options.sCell == "tcp") {
+        measure<Load::TcpCell>(options, *Load::makeAdapter(options));
+    } else if (options.sCell == "admission") {
+        measure<Load::AdmissionCell>(options, *Load::makeAdapter(options));
+    } else if (options.sCell == "reconnect") {
+        measure<Load::ReconnectCell>(options, *Load::makeAdapter(options));
+    } else if (options.sCell == "udp") {
+        measure<Load::UdpCell>(options, *Load::makeUdpAdapter(options));
+    } else {
+        Load::giveUp("no such kind of cell: '%s'", options.sCell.c_str());
+    }
     return 0;
 }

@@ -31,6 +31,11 @@ const std::map<std::string_view, setter_t>& setters() {
         {"--address", [](Options& o, const char* s) { o.sAddress = s; }},
         {"--port",
          [](Options& o, const char* s) { o.nPort = static_cast<std::uint16_t>(std::atoi(s)); }},
+        {"--audio-port",
+         [](Options& o, const char* s) {
+             o.nAudioPort = static_cast<std::uint16_t>(std::atoi(s));
+         }},
+        {"--fec", [](Options& o, const char* s) { o.bFec = std::atoi(s) != 0; }},
         {"--tls", [](Options& o, const char* s) { o.bTls = std::atoi(s) != 0; }},
         {"--server-address", [](Options& o, const char* s) { o.sServerAddress = s; }},
         {"--server-key", [](Options& o, const char* s) { o.sServerKeyFile = s; }},
@@ -84,6 +89,20 @@ const char* findFault(const Options& options) {
     return nullptr;
 }
 
+/// What holds for UDP beside the rest: a relay has six programs, and a datagram a head.
+const char* findUdpFault(const Options& options) {
+    if (options.nPayload < 40) {
+        return "--payload is from 40 on for UDP";
+    }
+    if (options.nSources > 6 || options.fanouts.size() != 1) {
+        return "at most six --sources, and one --fanout for UDP";
+    }
+    if (options.sDaemon == "relay" && options.nAudioPort == 0) {
+        return "--audio-port is required for a relay and UDP";
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 bool bParseOptions(int nArgs, const char* const* arguments, Options& rOptions) {
@@ -95,7 +114,10 @@ bool bParseOptions(int nArgs, const char* const* arguments, Options& rOptions) {
         }
         itSetter->second(rOptions, arguments[i + 1]);
     }
-    const char* const sFault = findFault(rOptions);
+    const char* sFault = findFault(rOptions);
+    if (sFault == nullptr && rOptions.sCell == "udp") {
+        sFault = findUdpFault(rOptions);
+    }
     if (sFault != nullptr) {
         std::fprintf(stderr, "relay_load: %s\n", sFault);
     }

@@ -16,13 +16,14 @@ enum class Pace {
 };
 
 struct Options {
-    std::string sCell = "tcp";   ///< the kind of cell: tcp, admission or reconnect
-    std::string sDaemon;         ///< relay, nats, redis, mqtt or floor
-    std::string sAddress;        ///< dotted IPv4 address of the daemon
-    std::uint16_t nPort = 0;     ///< its TCP port
-    bool bTls = false;           ///< connect to it with TLS
-    std::string sServerAddress;  ///< relay only: where the stand-in connection server listens
-    std::string sServerKeyFile;  ///< relay only: that server's private key, PEM
+    std::string sCell = "tcp";     ///< the kind of cell: tcp, udp, admission or reconnect
+    std::string sDaemon;           ///< relay, nats, redis, mqtt, turn or floor
+    std::string sAddress;          ///< dotted IPv4 address of the daemon
+    std::uint16_t nPort = 0;       ///< its TCP port, or the first UDP port of one without TCP
+    std::uint16_t nAudioPort = 0;  ///< relay only: the first of its UDP ports
+    bool bTls = false;             ///< connect to it with TLS
+    std::string sServerAddress;    ///< relay only: where the stand-in connection server listens
+    std::string sServerKeyFile;    ///< relay only: that server's private key, PEM
     /// The first two numbers of our own addresses, which are 127.NET.x.y. The relay counts
     /// connections by address.
     int nClientNet = 200;
@@ -32,13 +33,16 @@ struct Options {
     /// Receivers of each source; every receiver hears one source. With several numbers each has
     /// sources of its own and is measured in its turn; the clients of the others are idle then.
     std::vector<int> fanouts = {1};
-    int nIdle = 0;               ///< further clients that neither send nor receive
-    std::size_t nPayload = 200;  ///< bytes of payload, from 24 to 490
-    bool bPeer = false;          ///< relay only: the sources are relay peers
-    double dRate = 20000;        ///< moderate: deliveries per second, of all receivers together
-    double dSeconds = 0.3;       ///< how long sources send in one repetition
+    int nIdle = 0;  ///< further clients that neither send nor receive
+    /// Bytes of payload, from 24 to 490. UDP: of the whole datagram, at least 40.
+    std::size_t nPayload = 200;
+    bool bFec = false;      ///< UDP: two channels of error correction beside the sound
+    bool bPeer = false;     ///< relay only: the sources are relay peers
+    double dRate = 20000;   ///< moderate: deliveries per second, of all receivers together
+    double dSeconds = 0.3;  ///< how long sources send in one repetition
     int nRepeats = 5;
     /// Flat out: how many bytes of payload and framing a source is ahead of its slowest receiver.
+    /// UDP: for all that it sends, where it sends to every receiver itself.
     std::size_t nWindow = 65536;
     /// Flat out: bytes per second that a source stays below; 0 for no limit.
     double dSourceLimit = 0;

@@ -29,6 +29,9 @@ class RelayAdapter : public Adapter {
     void service() override { server.readAll(); }
     void serviceTimer() override { server.sendHeartbeat(); }
 
+    /// For what else its clients need of their connection server.
+    [[nodiscard]] ServerStandIn& rServerOf() { return server; }
+
   private:
     void logIn(Connection& rConnection, unsigned nId);
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "bench/load/receiver.h"
+#include "bench/load/frame_check.h"
 
 namespace Load {
 

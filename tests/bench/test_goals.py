@@ -13,6 +13,10 @@ from bench.statistic import Figure, figure, ratio
 MODERATE_CELL = next(cell for cell in all_cells() if cell.name == "moderate, 1 to 8, 200 B")
 FLAT_OUT_CELL = next(cell for cell in all_cells() if cell.name == "flat out, 1 to 8, 200 B")
 
+UDP_CELL = next(cell for cell in all_cells() if cell.name == "UDP moderate, 1 to 8")
+UDP_FLAT_OUT_CELL = next(cell for cell in all_cells() if cell.name == "UDP flat out, 1 to 8")
+UDP_ALONE_CELL = next(cell for cell in all_cells() if cell.name == "UDP flat out, 1 to 1")
+
 
 LOG_IN_CELL = next(cell for cell in all_cells() if cell.name == "admission, log-ins, plain")
 TLS_LOG_IN_CELL = next(cell for cell in all_cells() if cell.name == "admission, log-ins, TLS")
@@ -106,3 +110,61 @@ def test_lost_messages_are_shown_in_the_table():
     results = {(MODERATE_CELL, "relay"): outcome(5.0)}
     results[MODERATE_CELL, "relay"].repetitions[0]["lost"] = 3
     assert "lost" in report.rows(results, MODERATE_CELL)[0]
+
+
+def test_udp_at_the_moderate_rate_is_compared_with_its_floor_and_coturn():
+    found = verdicts(UDP_CELL, relay=5.6, floor_udp=5.0, coturn=5.7)
+    assert found["UDP moderate: x floor"].startswith("missed: 1.12")
+    assert found["UDP moderate: x coturn"] == "met"
+    equal = verdicts(UDP_CELL, relay=5.7, floor_udp=5.7, coturn=5.7)
+    assert equal["UDP moderate: x floor"] == "met"
+    assert equal["UDP moderate: x coturn"].startswith("missed")
+    assert not any(goal.startswith("moderate") for goal in found)
+
+
+def test_udp_flat_out_is_compared_with_segmentation_offload_and_coturn():
+    found = verdicts(UDP_FLAT_OUT_CELL, relay=1.4, floor_udp_gso=1.0, floor_udp=9.0, coturn=4.0)
+    assert found["UDP flat out: x floor"] == "met"
+    assert found["UDP flat out: x coturn"] == "met"
+    slow = verdicts(UDP_FLAT_OUT_CELL, relay=1.6, floor_udp_gso=1.0, coturn=4.0)
+    assert slow["UDP flat out: x floor"].startswith("missed: 1.60")
+    assert slow["UDP flat out: x coturn"].startswith("missed: 0.40")
+    assert not any(goal.startswith("flat out") for goal in found)
+
+
+def test_udp_to_one_receiver_need_not_beat_coturn_by_far():
+    found = verdicts(UDP_ALONE_CELL, relay=3.0, floor_udp_gso=2.8, coturn=4.0)
+    assert "UDP flat out: x coturn" not in found
+
+
+def lost_verdict(relay_lost: int, floor_lost: int) -> str:
+    results = {(UDP_CELL, name): outcome(5.0) for name in ("relay", "floor_udp")}
+    results[UDP_CELL, "relay"].repetitions[0]["lost"] = relay_lost
+    results[UDP_CELL, "floor_udp"].repetitions[0]["lost"] = floor_lost
+    found = {check.goal: check.verdict for check in goals.checks(results)}
+    return found["UDP: lost or wrong per million"]
+
+
+def test_udp_may_lose_what_the_floor_loses_and_no_more():
+    assert lost_verdict(0, 0) == "met"
+    assert lost_verdict(1, 0).startswith("missed")
+    assert lost_verdict(2, 2) == "met"
+    assert lost_verdict(3, 2).startswith("missed")
+
+
+def test_idle_clients_are_weighed_for_udp_too():
+    many = next(cell for cell in all_cells() if cell.name == "UDP moderate, 1 to 8, 8000 idle")
+    results = {(UDP_CELL, "relay"): outcome(5.0), (many, "relay"): outcome(5.2)}
+    found = {check.goal: check for check in goals.checks(results)}
+    assert found["idle clients: x with 10 of them"].verdict == "met"
+    results[many, "relay"] = outcome(5.3)
+    found = {check.goal: check for check in goals.checks(results)}
+    assert found["idle clients: x with 10 of them"].verdict == "missed: 1.06"
+
+
+def test_udp_cells_tell_the_load_program_what_they_are():
+    fec = next(cell for cell in all_cells() if cell.fec)
+    options = fec.load_options([fec.fanout])
+    assert options[options.index("--cell") + 1] == "udp"
+    assert options[options.index("--fec") + 1] == "1"
+    assert "--source-limit" not in UDP_FLAT_OUT_CELL.load_options([8])

@@ -28,4 +28,23 @@ TEST(ParseOptions, RefusesWhatItDoesNotKnowOrCannotMeasure) {
     EXPECT_FALSE(bParseOptions(2, noValue, options));
 }
 
+/// Whether a UDP cell with this option is one.
+bool bTakesForUdp(const char* sDaemon, const char* sName, const char* sValue) {
+    const char* const arguments[] = {"relay_load", "--cell", "udp",  "--address",
+                                     "127.0.0.1",  "--port", "4000", "--daemon",
+                                     sDaemon,      sName,    sValue};
+    Options options;
+    return bParseOptions(11, arguments, options);
+}
+
+TEST(ParseOptions, KnowsTheLimitsOfUdp) {
+    EXPECT_TRUE(bTakesForUdp("floor", "--payload", "40"));
+    EXPECT_FALSE(bTakesForUdp("floor", "--payload", "39"));
+    EXPECT_TRUE(bTakesForUdp("floor", "--sources", "6"));
+    EXPECT_FALSE(bTakesForUdp("floor", "--sources", "7"));
+    EXPECT_FALSE(bTakesForUdp("floor", "--fanout", "1,8"));
+    EXPECT_FALSE(bTakesForUdp("relay", "--fec", "1"));
+    EXPECT_TRUE(bTakesForUdp("relay", "--audio-port", "6900"));
+}
+
 }  // namespace

@@ -50,7 +50,7 @@ class ReceiverTest : public testing::Test {
     }
 
     FloorAdapter adapter;
-    FrameCheck check{adapter, 3, makePayload(64)};
+    FrameCheck check{adapter.deliveredFrame(3, makePayload(64))};
     Findings findings;
     std::unique_ptr<Receiver> pReceiver;
     int fdListener = -1;

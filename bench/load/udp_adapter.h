@@ -1,0 +1,60 @@
+/// What the load program has to know of a daemon that forwards datagrams: how clients introduce
+/// themselves, and what a source sends. Receivers get the same datagrams from all daemons.
+///
+/// A program has one source, and receivers with a socket for each channel: one, or three when error
+/// correction is sent beside the sound.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench/load/options.h"
+#include "bench/load/udp_socket.h"
+
+namespace Load {
+
+/// Where a source sends a message to, and what stands in front of the datagram there.
+struct UdpTarget {
+    sockaddr_in siTo;
+    std::string sHead;
+};
+
+class UdpAdapter {
+  public:
+    virtual ~UdpAdapter() = default;
+
+    /// Before the daemon starts, and after it has been started.
+    virtual void prepare() {}
+    virtual void awaitDaemon() {}
+
+    /// Introduces the source of a program; before its receivers. The socket must outlive the
+    /// adapter's use.
+    virtual void becomeSource(int nProgram, const UdpSocket& socket) = 0;
+    /// Introduces a receiver of a program, with its sockets by channel.
+    virtual void becomeReceiver(int nProgram, const std::vector<UdpSocket>& row) = 0;
+    /// Connects clients that neither send nor receive.
+    virtual void connectIdle(int nCount) = 0;
+
+    /// What stands in the datagrams of a program as the id of their source.
+    [[nodiscard]] virtual std::uint32_t nSourceId(int nProgram) const = 0;
+    /// All that a source sends for one message, so that every receiver gets it once.
+    [[nodiscard]] virtual std::vector<UdpTarget> targetsOf(int nProgram, int nChannel) const = 0;
+
+    /// Lets everybody say what the daemon wants to hear now and then. Not while it is measured.
+    virtual void keepAliveIfDue() {}
+    /// Seconds after which nothing but datagrams will occupy the daemon for `dSeconds`, at least
+    /// as far as can be foreseen.
+    [[nodiscard]] virtual double dSecondsUntilQuiet(double /*dSeconds*/) const { return 0; }
+    /// A descriptor that `service` has to be called for when it is readable; -1 for none.
+    [[nodiscard]] virtual int fdToService() const { return -1; }
+    virtual void service() {}
+};
+
+/// The adapter that the options name. Ends the program when there is none of that name.
+[[nodiscard]] std::unique_ptr<UdpAdapter> makeUdpAdapter(const Options& options);
+
+}  // namespace Load
