@@ -25,6 +25,8 @@ namespace {
 
 constexpr int kChat = 3;
 constexpr int kChatPipe = 128;
+constexpr int kCaption = 5;
+constexpr int kCaptionPipe = 192;
 
 class ClientMessages : public EngineTest {
   protected:
