@@ -300,8 +300,7 @@ TEST_F(ClientMessages, ARouteToItselfThatFailsRemovesTheClientWhileItsMessageIsS
     peer7.stopReading();
     readAndSwitch(authClient(7));
     EXPECT_FALSE(bIsAdmitted(7));
-    EXPECT_THAT(peer8.images(),
-                ElementsAre(sImage(kChat, 7, 0, "ab"), sImage(kChat, 7, 0, "cd")));
+    EXPECT_THAT(peer8.images(), ElementsAre(sImage(kChat, 7, 0, "ab"), sImage(kChat, 7, 0, "cd")));
     EXPECT_THAT(server.images(), ElementsAre(sLoss(7)));
     EXPECT_EQ(1U, vRecentlyLost.size());
 }
