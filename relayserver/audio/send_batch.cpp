@@ -102,7 +102,8 @@ void queueSegments(int fdSend, const iovec* pParts, size_t nCount, const sockadd
 }  // namespace
 
 void queueDatagrams(int fdSend, const iovec* pParts, size_t nCount, const sockaddr_in& siTo) {
-    const size_t nLength = std::max<size_t>(1, pParts->iov_len);
+    // Empty ones cannot be told apart by their length.
+    const size_t nLength = pParts->iov_len == 0 ? kMaxSegmentedBytes : pParts->iov_len;
     const size_t nMost = std::clamp<size_t>(kMaxSegmentedBytes / nLength, 1, kMaxSegments);
     for (size_t nDone = 0; nDone < nCount; nDone += nMost) {
         queueSegments(fdSend, pParts + nDone, std::min(nMost, nCount - nDone), siTo);

@@ -12,7 +12,9 @@
 namespace {
 
 std::atomic<std::size_t> nSends{0};
+std::atomic<std::size_t> nMessagesGiven{0};
 std::atomic<std::size_t> nWaits{0};
+std::atomic<int> nMillisWaited{0};
 
 /// 0 while there is room.
 std::atomic<int> nProblemOfSend{0};
@@ -34,6 +36,14 @@ std::size_t nPolls() {
     return nWaits.load();
 }
 
+int nMillisOfLastPoll() {
+    return nMillisWaited.load();
+}
+
+std::size_t nMessagesSent() {
+    return nMessagesGiven.load();
+}
+
 void fillSendBuffer(FullBuffer behaviour, int nProblem) {
     nProblemOfSend = nProblem;
     bEmptiesInWait = behaviour == FullBuffer::kEmptiesInWait;
@@ -45,6 +55,7 @@ void emptySendBuffer() {
 
 extern "C" int sendmmsg(int fd, mmsghdr* pMessages, unsigned nMessages, int nFlags) {
     nSends.fetch_add(1);
+    nMessagesGiven.fetch_add(nMessages);
     if (nProblemOfSend != 0) {
         errno = nProblemOfSend;
         return -1;
@@ -54,6 +65,7 @@ extern "C" int sendmmsg(int fd, mmsghdr* pMessages, unsigned nMessages, int nFla
 
 extern "C" int poll(pollfd* pDescriptors, nfds_t nDescriptors, int nMillis) {
     nWaits.fetch_add(1);
+    nMillisWaited = nMillis;
     if (nProblemOfSend != 0) {
         if (bEmptiesInWait) {
             emptySendBuffer();

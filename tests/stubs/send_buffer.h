@@ -9,6 +9,12 @@
 std::size_t nSendCalls();
 std::size_t nPolls();
 
+/// The time-out of the last `poll`, in milliseconds.
+int nMillisOfLastPoll();
+
+/// How many messages `sendmmsg` was given in all; one may stand for several datagrams.
+std::size_t nMessagesSent();
+
 /// What a send buffer that was filled is like until it is emptied.
 enum class FullBuffer {
     kStaysFull,      ///< waiting for room is in vain

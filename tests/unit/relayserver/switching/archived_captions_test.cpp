@@ -1,4 +1,5 @@
 /// Which of the messages that arrive leave a copy for the archive.
+#include "base/string_format.h"
 #include "genner/output/CaptionNetMessage.h"
 #include "relayserver/RoutingCache.h"
 #include "relayserver/archive_pass.h"
@@ -75,6 +76,22 @@ TEST_F(ArchivedCaptions, TheLongestCaptionIsArchived) {
     receive({sCaption(7, std::string(498, 'a'))});
     const std::string sJson = sArchived(7);
     EXPECT_EQ(249U * 4 + 248, sJson.find("\r\n") - sJson.find('\t') - 1);
+}
+
+TEST_F(ArchivedCaptions, EachCaptionOfABurstIsArchived) {
+    std::vector<std::string> burst;
+    std::string sAll;
+    for (int i = 0; i < 100; ++i) {
+        burst.push_back(sCaption(7, string_format("%04d", i)));
+        sAll += sFrame(burst.back());
+    }
+    peer7.sendBytes(sAll);
+    readAndSwitch(authClient(7));
+    EXPECT_EQ(burst, peer8.images());
+    EXPECT_THAT(loggedLines(), ElementsAre(kNewSource7));
+    // They came in one millisecond: two words of four letters each, all in one line.
+    const std::string sJson = sArchived(7);
+    EXPECT_EQ(200U * 4 + 199, sJson.find("\r\n") - sJson.find('\t') - 1);
 }
 
 TEST_F(ArchivedCaptions, ASourceIsLoggedOnce) {
