@@ -232,6 +232,7 @@ bool UdpCell::bHandleEvents(int nTimeoutMs) {
                 break;
             case Party::kSource:
             case Party::kTimer:
+            case Party::kEntrant:
                 break;
         }
     }
