@@ -84,8 +84,12 @@ void onLogOut(RelayClient& client, const char* achMsg, int nMsgLen) {
 }
 
 /// What a relay peer sends was archived where it was captioned.
+bool bGoesToArchive(const RelayClient& client, const char* achMsg) {
+    return bArchiveEnable && achMsg[0] == Orvex::CaptionNetMessage::nTYPE && !bIsRelayPeer(client);
+}
+
 void archiveIfCaption(const RelayClient& client, const char* achMsg, int nMsgLen) {
-    if (bArchiveEnable && achMsg[0] == Orvex::CaptionNetMessage::nTYPE && !bIsRelayPeer(client)) {
+    if (bGoesToArchive(client, achMsg)) {
         const Orvex::CaptionNetMessage cnm(achMsg, nMsgLen);
         archiveCaption(GetNetMessageSenderID(achMsg, nMsgLen), cnm.GetCaption());
     }
@@ -103,10 +107,12 @@ void loseClient(RelayClient& client) {
 }
 
 /// Adds a message to the run that is on its way, if it may travel in it and is not to be refused.
+/// What the archive gets may not: it keeps one caption of a source for each microsecond, and those
+/// of a run come closer together than that.
 bool bJoinRun(RelayClient& client, std::string_view svImage, MessageRun& rRun) {
     const int nMsgLen = static_cast<int>(svImage.size());
     if (!bMayCarry(client, svImage.data(), nMsgLen) || !bTravelsInRuns(svImage) ||
-        !bAddToRun(rRun, svImage)) {
+        bGoesToArchive(client, svImage.data()) || !bAddToRun(rRun, svImage)) {
         return false;
     }
     if (rRun.nCount == 1) {
@@ -114,7 +120,6 @@ bool bJoinRun(RelayClient& client, std::string_view svImage, MessageRun& rRun) {
         client.SetLastMessageTime(nowSecs());
     }
     client.IncrementTcpInputByteCounter(static_cast<unsigned>(nMsgLen));
-    archiveIfCaption(client, svImage.data(), nMsgLen);
     return true;
 }
 

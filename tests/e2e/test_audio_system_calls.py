@@ -52,13 +52,18 @@ def test_a_datagram_takes_two_calls_whatever_its_receivers(relay, source, receiv
         receiver.audio(1).expect(sent)
 
 
-def test_what_waits_together_leaves_together(relay, source, receivers):
-    """A call takes no more than 1024 from us, so a few are needed, and no other call at all."""
+@pytest.mark.parametrize("lengths", [1, 2])
+def test_what_waits_together_leaves_together(relay, source, receivers, lengths):
+    """A call takes no more than 1024 messages from us, so a few are needed when each datagram is
+    one; those of one length share theirs. No other call at all."""
     with LoopTracer(relay.pid) as tracer:
-        sent = [source.say(b"%06d" % number, 1) for number in range(DATAGRAMS)]
+        payloads = [b"%06d" % number + b"x" * (number % lengths) for number in range(DATAGRAMS)]
+        sent = [source.say(payload, 1) for payload in payloads]
         calls = tracer.system_calls()
     assert calls.count("recvmmsg") == 1
-    assert calls.count("sendmmsg") == -(-DATAGRAMS * RECEIVERS // SENT_AT_ONCE)
+    assert calls.count("sendmmsg") == (
+        1 if lengths == 1 else -(-DATAGRAMS * RECEIVERS // SENT_AT_ONCE)
+    )
     assert set(calls) == {"recvmmsg", "sendmmsg"}
     for receiver in receivers:
         assert receiver.audio(1).receive_count(DATAGRAMS, 10) == sent
