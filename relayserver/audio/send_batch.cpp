@@ -102,6 +102,10 @@ void queueSegments(int fdSend, const iovec* pParts, size_t nCount, const sockadd
 }  // namespace
 
 void queueDatagrams(int fdSend, const iovec* pParts, size_t nCount, const sockaddr_in& siTo) {
+    if (nCount == 1) {
+        queueSegments(fdSend, pParts, 1, siTo);
+        return;
+    }
     // Empty ones cannot be told apart by their length.
     const size_t nLength = pParts->iov_len == 0 ? kMaxSegmentedBytes : pParts->iov_len;
     const size_t nMost = std::clamp<size_t>(kMaxSegmentedBytes / nLength, 1, kMaxSegments);

@@ -5,6 +5,7 @@
 
 #include <array>
 
+#include "base/next_multiple.h"
 #include "connserver/logging.h"
 #include "genner/output/RoutingUpdateNetMessage.h"
 #include "relayserver/audio/fec_ports.h"
@@ -68,12 +69,12 @@ sockaddr_in siReceiverOf(const RelayClient& client, unsigned nProgram, int nFecC
 }
 
 void countSent(const AudioRun& sent, unsigned nDestination) {
-    for (size_t i = 0; i < sent.nCount; ++i) {
-        if (++audio_packets_sent % kPacketsPerReport == 0) {
-            writeToLog(true, "Sent %u audio packets, this packet switched from %u to %u\n",
-                       audio_packets_sent, sent.nSource, nDestination);
-        }
+    const unsigned nToReport = nStepsToMultiple(audio_packets_sent, kPacketsPerReport);
+    if (sent.nCount >= nToReport) {
+        writeToLog(true, "Sent %u audio packets, this packet switched from %u to %u\n",
+                   audio_packets_sent + nToReport, sent.nSource, nDestination);
     }
+    audio_packets_sent += static_cast<unsigned>(sent.nCount);
 }
 
 /// Whether a datagram of this kind may follow those of the run.

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "base/next_multiple.h"
 #include "connserver/logging.h"
 #include "genner/output/RoutingUpdateNetMessage.h"
 #include "relayserver/clients/client_removal.h"
@@ -20,7 +21,7 @@ int nPacketsSwitched = 0;
 namespace {
 
 constexpr int kDirectDeliveryFlag = 1;
-constexpr int kPacketsPerReport = 200000;
+constexpr unsigned kPacketsPerReport = 200000;
 
 /// Messages on their way to their routed destinations, and what the video rules ask of them.
 struct RoutedMessages {
@@ -76,17 +77,13 @@ bool bVideoRulesPass(const RoutedMessages& routed, RelayClient& destination) {
     return bIsRelayPeer(destination) || bVideoPageFits(routed.nPage, destination);
 }
 
-void countPacket(unsigned nSource, unsigned nDestination) {
-    nPacketsSwitched = static_cast<int>(static_cast<unsigned>(nPacketsSwitched) + 1U);
-    if (nPacketsSwitched % kPacketsPerReport == 0) {
-        writeToLog(true, "%u tcp packets switched and sent, this packet switched from %u to %u\n",
-                   static_cast<unsigned>(nPacketsSwitched), nSource, nDestination);
-    }
-}
-
 void countPackets(unsigned nCount, unsigned nSource, unsigned nDestination) {
-    for (; nCount > 0; --nCount) {
-        countPacket(nSource, nDestination);
+    const auto nBefore = static_cast<unsigned>(nPacketsSwitched);
+    const unsigned nToReport = nStepsToMultiple(nPacketsSwitched, kPacketsPerReport);
+    nPacketsSwitched = static_cast<int>(nBefore + nCount);
+    if (nCount >= nToReport) {
+        writeToLog(true, "%u tcp packets switched and sent, this packet switched from %u to %u\n",
+                   nBefore + nToReport, nSource, nDestination);
     }
 }
 
@@ -102,7 +99,7 @@ void dropDestination(const MessageRun& run, unsigned nDestination, RelayClient& 
     std::size_t nBroken = 0;
     while (nBroken + nFrameSizeAt(run.svFrames, nBroken) <= nWritten) {
         nBroken += nFrameSizeAt(run.svFrames, nBroken);
-        countPacket(run.nSource, nDestination);
+        countPackets(1, run.nSource, nDestination);
     }
     writeToLog(true, "TCP message send failed in SwitchPacket - rc=%d, errno=%u\n", -1,
                static_cast<unsigned>(nProblem));
