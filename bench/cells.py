@@ -166,11 +166,9 @@ def _admission() -> list[Cell]:
         "admission", "log-ins, plain", kind=ADMISSION, daemons=("relay", "floor_admission"),
         floor="floor_admission", idle=0, seconds=1.0, logins=3000, unit="log-in",
     )  # fmt: skip
-    over_tls = dataclasses.replace(
-        logins, label="log-ins, TLS", tls=True, seconds=1.5, logins=600
-    )
+    over_tls = dataclasses.replace(logins, label="log-ins, TLS", tls=True, seconds=1.0, logins=400)
     reconnect = Cell(
-        "admission", "5000 clients after a reconnect", kind=RECONNECT, daemons=("relay",),
+        "admission", "5000 after a reconnect", kind=RECONNECT, daemons=("relay",),
         floor="", idle=5000, seconds=0.5, unit="client",
     )  # fmt: skip
     return [logins, over_tls, reconnect]

@@ -16,7 +16,7 @@ _LATENCIES = ("p50_ns", "p99_ns", "p999_ns")
 
 def head() -> str:
     return (
-        f"{'cell':38} {'daemon':12} {'us CPU/delivery':>17} {'x floor':>8} {'deliveries/s':>13}"
+        f"{'cell':38} {'daemon':15} {'us CPU/delivery':>17} {'x floor':>8} {'deliveries/s':>13}"
         f" {'p50 us':>8} {'p99 us':>8} {'p99.9 us':>9} {'RSS MiB':>8}"
     )
 
@@ -38,7 +38,7 @@ def _row(results: Results, cell: Cell, daemon: str) -> str:
     floor_text = f"{values['x_floor']:8.2f}" if values["x_floor"] else " " * 8
     latencies = [f"{values[key]:8.0f}" if values[key] else " " * 8 for key in _LATENCY_COLUMNS]
     return (
-        f"{cell.name:38} {daemon:12} {cpu_text} {floor_text} {values['deliveries_per_s']:13.0f}"
+        f"{cell.name:38} {daemon:15} {cpu_text} {floor_text} {values['deliveries_per_s']:13.0f}"
         f" {' '.join(latencies)} {values['rss_mib']:9.1f}{_notes(cell, values)}"
     )
 

@@ -13,7 +13,8 @@ constexpr std::int64_t kNsPerSec = 1'000'000'000;
 constexpr std::int64_t kServiceNs = kNsPerSec;
 constexpr std::int64_t kPatienceNs = 20 * kNsPerSec;
 constexpr unsigned kFirstClientId = 4'000'000;
-constexpr int kWarmUpLogins = 200;
+/// Of a repetition's log-ins, so many come once beforehand.
+constexpr int kWarmUpShare = 10;
 
 }  // namespace
 
@@ -30,7 +31,7 @@ AdmissionCell::AdmissionCell(const Options& cellOptions, Adapter& rAdapterOfDaem
 }
 
 void AdmissionCell::run() {
-    prepareRepetition(kWarmUpLogins);
+    prepareRepetition(1 + options.nLogins / kWarmUpShare);
     (void)runOnce();
     letAllGo();
     const std::int64_t nBefore = nResidentBytes(nPid);
@@ -44,7 +45,8 @@ void AdmissionCell::run() {
         nWithAll = nResidentBytes(nPid);
         letAllGo();
     }
-    printMemory(nBefore, nWithAll, options.nLogins);
+    constexpr int kNoneIdle = 0;
+    printMemory(nBefore, nWithAll, kNoneIdle);
 }
 
 void AdmissionCell::prepareRepetition(int nLogins) {
