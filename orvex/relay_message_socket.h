@@ -53,8 +53,8 @@ class RelayMessageSocket {
     /// stream are in the buffer even then: dequeue them before dropping the connection.
     [[nodiscard]] int nReadNonBlockingSocket();
 
-    /// The same for a sender whose messages are many: reads up to `InputBuffer::kBlockSize` bytes at
-    /// once. Does not ask whether there are more, or an end: that has an event of its own.
+    /// The same for a sender whose messages are many: reads up to `InputBuffer::kBlockSize` bytes
+    /// at once. Does not ask whether there are more, or an end: that has an event of its own.
     [[nodiscard]] int nReadBurst();
 
     /// Takes the oldest complete image out of the buffer into `chpOutNetMsg` (room for

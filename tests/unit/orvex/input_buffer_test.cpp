@@ -158,8 +158,8 @@ TEST(InputBuffer, KeepsExactlyWhatIsLeftWhenPutAside) {
     buffer.pop();
     buffer.putAside();
     EXPECT_EQ(buffer.size(), kFrame + 3);
+    ASSERT_EQ(pSpare(), pBlock) << "the next one reads into it";
     EXPECT_LT(malloc_usable_size(pBegin(buffer)), 64U);
-    EXPECT_EQ(pSpare(), pBlock) << "the next one reads into it";
     EXPECT_EQ(sTaken(buffer), std::string(9, 'b'));
     fill(buffer, "zzzzzzz", InputBuffer::kBlockSize);
     EXPECT_EQ(sTaken(buffer), std::string(9, 'z'));
