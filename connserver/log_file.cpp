@@ -47,6 +47,16 @@ void writeText(FILE* pOut, const std::string& sText) {
     (void)std::fwrite(sText.data(), 1, sText.size(), pOut);
 }
 
+/// In one piece, because standard output writes line by line.
+void writeToStandardOutput(const std::deque<std::string>& lines) {
+    std::string sText;
+    for (const std::string& sLine : lines) {
+        sText += sLine;
+    }
+    writeText(stdout, sText);
+    std::fflush(stdout);
+}
+
 void writeLineToFile(const std::string& sLine) {
     if (lNumLines == kMaxLines) {
         std::fprintf(pLogFile, "Log File Truncated at %ld lines\n", static_cast<long>(kMaxLines));
@@ -92,14 +102,14 @@ std::string sLogFileName() {
 
 void writeLogLines(const std::deque<std::string>& lines) {
     const SemaphoreLock lock(semLogFilePtrSafe());
-    for (const std::string& sLine : lines) {
-        if (pLogFile == nullptr) {
-            writeText(stdout, sLine);
-        } else {
-            writeLineToFile(sLine);
-        }
+    if (pLogFile == nullptr) {
+        writeToStandardOutput(lines);
+        return;
     }
-    std::fflush(pLogFile == nullptr ? stdout : pLogFile);
+    for (const std::string& sLine : lines) {
+        writeLineToFile(sLine);
+    }
+    std::fflush(pLogFile);
 }
 
 void closeLogFile() {

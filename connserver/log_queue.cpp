@@ -59,9 +59,12 @@ bool bQueueLogLine(std::string& sLine) {
         ++queue.nLost;
         return true;
     }
+    const bool bFirst = queue.logMsgQueue.empty();
     queue.logMsgQueue.push_back(std::move(sLine));
     ++queue.counts.nQueued;
-    sem_post(&queue.semLogQueueMsgWaiting);
+    if (bFirst) {
+        sem_post(&queue.semLogQueueMsgWaiting);  // one wake-up fetches those behind it too
+    }
     return true;
 }
 

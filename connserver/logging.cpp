@@ -26,6 +26,9 @@ constexpr std::size_t TIME_PREFIX_SIZE = 15;
 constexpr int kMaxCloseAttempts = 10;
 constexpr std::chrono::milliseconds kCloseAttemptPause{50};
 constexpr std::chrono::milliseconds kDrainPollPause{1};
+/// What is logged meanwhile is written together: lines come in groups, and a wake-up of the thread
+/// costs more than a line.
+constexpr std::chrono::milliseconds kCollectPause{5};
 
 bool bSimpleLogging = false;
 pthread_t pttLogWrite = 0;    ///< The logging thread; zero when none runs. Main thread only.
@@ -73,6 +76,7 @@ void* logging_thread(void*) {
         if (result == LogWait::failed) {
             break;
         }
+        std::this_thread::sleep_for(kCollectPause);
         fetchLogLines(batch);
         writeFetchedLines(batch);
     }

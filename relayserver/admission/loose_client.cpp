@@ -70,7 +70,11 @@ void admit(RelayClient& client, unsigned nClientID) {
     RemoveFromRecentlyLost(nClientID);
     Orvex::ConnectConfirmNetMessage ccnm(static_cast<int>(nClientID));
     ForwardToCS(ccnm);
-    offerAgain(fd);  // messages behind the log-in were read with it
+    RelayClient* pAdmitted = nullptr;
+    if (ctAuthClientTable.bFileDescLookUp(fd, &pAdmitted) &&
+        pAdmitted->GetMessageSocket()->bHasMoreInput()) {
+        offerAgain(fd);  // messages behind the log-in were read with it
+    }
 }
 
 void acceptLogin(RelayClient& client, unsigned nClientID) {

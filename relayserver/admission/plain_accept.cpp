@@ -1,5 +1,6 @@
 #include "relayserver/admission/plain_accept.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,9 @@
 
 namespace {
 
+/// So many connections and one are taken before others have their turn.
+constexpr int kMostInOnePass = 63;
+
 constexpr AcceptTexts kPlainTexts{
     "Warning: socket accept call returned -1 with error ",
     "No connection to CS, not accepting connection from ",
@@ -35,6 +39,11 @@ void onAcceptFailed(int fdListener, const AcceptTexts& texts) {
     if (!bNoDescriptors || bPauseAccepting(fdListener)) {
         writeToLog(true, "%s%d\n", texts.sAcceptFailed, nProblem);
     }
+}
+
+bool bConnectionWaits() {
+    pollfd pfd{connect_listen_sockfd, POLLIN, 0};
+    return poll(&pfd, 1, 0) == 1;
 }
 
 }  // namespace
@@ -61,11 +70,11 @@ int nAcceptClient(int fdListener, sockaddr_in& rsiPeer, const AcceptTexts& texts
     return fd;
 }
 
-void acceptPlainClient() {
+bool acceptPlainClient() {
     sockaddr_in siPeer{};
     const int fd = nAcceptClient(connect_listen_sockfd, siPeer, kPlainTexts);
     if (fd == -1) {
-        return;
+        return false;
     }
     writeToLog(true, "New client request received from %s(%d)\n", sDottedAddress(siPeer).c_str(),
                nPortOf(siPeer));
@@ -84,4 +93,10 @@ void acceptPlainClient() {
     ctLooseClientTable.Add(client);
     makeNonBlocking(fd);
     addToEpollForRead(fd);
+    return true;
+}
+
+void acceptWaitingPlainClients() {
+    for (int i = 0; acceptPlainClient() && i < kMostInOnePass && bConnectionWaits(); ++i) {
+    }
 }

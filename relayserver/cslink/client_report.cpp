@@ -78,7 +78,7 @@ int IdentifyLosses() {
                    "reporting/checking %u entries\n",
                    static_cast<unsigned>(itStopped - vRecentlyLost.begin()));
     }
-    vRecentlyLost.erase(vRecentlyLost.begin(), itStopped);
+    forgetOldestLosses(static_cast<std::size_t>(itStopped - vRecentlyLost.begin()));
     return vRecentlyLost.empty() ? 0 : -1;
 }
 

@@ -2,13 +2,14 @@
 /// link is back. Main thread only.
 #pragma once
 
+#include <cstddef>
 #include <ctime>
 #include <memory>
 #include <vector>
 
 #include "genner/output/LostConnectionNetMessage.h"
 
-/// One entry for each loss, oldest first.
+/// One entry for each loss, oldest first. To be read; the functions below change it.
 extern std::vector<std::shared_ptr<Orvex::LostConnectionNetMessage>>& vRecentlyLost;
 
 /// The list is emptied at clock times that are multiples of this many seconds.
@@ -22,6 +23,9 @@ bool RemoveFromRecentlyLost(unsigned clientID);
 
 /// As above, because the connection server has dissolved all links of the client.
 void ConfirmFromRecentlyLost(unsigned clientID);
+
+/// Takes the `nLosses` oldest entries off the list.
+void forgetOldestLosses(std::size_t nLosses);
 
 /// Empties the list when the clock stands at a multiple of `_kLossClearInterval` and the relay is
 /// logged in.

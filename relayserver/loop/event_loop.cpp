@@ -116,7 +116,7 @@ bool bHandlePlainAccept(epoll_event& epe, int /*nIndex*/) {
     if (nDescriptorOf(epe) != connect_listen_sockfd) {
         return false;
     }
-    acceptPlainClient();
+    acceptWaitingPlainClients();
     return true;
 }
 
