@@ -3,11 +3,12 @@
 from __future__ import annotations
 
 import dataclasses
+import statistics
 from collections.abc import Iterator
 
 from bench.cells import ADMISSION, FLAT_OUT, IDLE, MODERATE, RECONNECT, TCP, UDP, Cell
-from bench.report import Results, cpu
-from bench.statistic import Figure, figure, ratio
+from bench.report import Results, cpu, x_times
+from bench.statistic import Figure, paired_ratio, ratio
 
 _KIB = 1024.0
 
@@ -45,17 +46,16 @@ class Check:
 
 def _against(results: Results, cell: Cell, other: str) -> Figure | None:
     """The relay's processor time as a multiple of another daemon's."""
-    own, its = cpu(results, cell, "relay"), cpu(results, cell, other)
-    return ratio(own, its) if own and its else None
+    return x_times(results, cell, "relay", other)
 
 
-def _best_peer(results: Results, cell: Cell, key: str) -> Figure | None:
-    """The smallest figure that a peer has of one value of the repetitions."""
-    found = [
-        figure(results[cell, peer].values(key)) for peer in cell.peers if (cell, peer) in results
-    ]
-    known = [one for one in found if one]
-    return min(known, key=lambda one: one.median) if known else None
+def _against_best_peer(results: Results, cell: Cell, key: str) -> Figure | None:
+    """One value of the relay's repetitions as a multiple of that of the peer with the smallest."""
+    peers = [results[cell, peer].values(key) for peer in cell.peers if (cell, peer) in results]
+    known = [values for values in peers if values]
+    if not known:
+        return None
+    return paired_ratio(results[cell, "relay"].values(key), min(known, key=statistics.median))
 
 
 def _moderate(results: Results, cell: Cell) -> Iterator[Check]:
@@ -67,10 +67,8 @@ def _moderate(results: Results, cell: Cell) -> Iterator[Check]:
         if times := _against(results, cell, peer):
             yield Check(f"moderate: x {peer}", cell.name, times, 1.0, below=True)
     for key, name in (("p50_ns", "p50"), ("p99_ns", "p99")):
-        own = figure(results[cell, "relay"].values(key))
-        best = _best_peer(results, cell, key)
-        if own and best:
-            yield Check(f"moderate: {name} x best peer's", cell.name, ratio(own, best), 1.0)
+        if times := _against_best_peer(results, cell, key):
+            yield Check(f"moderate: {name} x best peer's", cell.name, times, 1.0)
 
 
 def _flat_out(results: Results, cell: Cell) -> Iterator[Check]:

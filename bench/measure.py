@@ -1,4 +1,4 @@
-"""Runs one cell with one daemon: the load program and the daemon, side by side."""
+"""Runs the daemons of one cell, each with a load program of its own; their repetitions take turns."""
 
 from __future__ import annotations
 
@@ -91,21 +91,74 @@ def _load(arguments: list[str]) -> Iterator[subprocess.Popen[str]]:
         process.communicate()
 
 
-def measure(batch: list[Cell], daemon: Daemon) -> dict[Cell, Outcome]:
-    """Starts the load program, then the daemon, and collects the figures of every cell."""
-    options = batch[0].load_options([cell.fanout for cell in batch])
-    arguments = [str(BUILD / "relay_load"), *daemon.load_options(), *options]
-    with _load(arguments) as load:
-        if load.stdout.readline() != "ready\n":
-            raise CellFailed(load.stderr.read().strip())
-        with daemon.running() as pid:
-            load.stdin.write(f"{pid}\n")
-            load.stdin.flush()
-            lines = [json.loads(line) for line in load.stdout]
-            if load.wait() != 0:
-                raise CellFailed(load.stderr.read().strip() or "killed: it took too long")
+class _Session:
+    """A daemon and the load program beside it, ready for the next repetition."""
+
+    def __init__(self, batch: list[Cell], daemon: Daemon, stack: contextlib.ExitStack) -> None:
+        options = batch[0].load_options([cell.fanout for cell in batch])
+        arguments = [str(BUILD / "relay_load"), *daemon.load_options(), *options]
+        self._load = stack.enter_context(_load(arguments))
+        if self._load.stdout.readline() != "ready\n":
+            raise CellFailed(self._load.stderr.read().strip())
+        #: What the load program has printed.
+        self.lines: list[dict[str, float]] = []
+        #: Whether it has ended.
+        self.done = False
+        self._go_on(f"{stack.enter_context(daemon.running())}\n")
+
+    def take_turn(self) -> None:
+        """Runs one repetition."""
+        self._go_on("\n")
+
+    def _go_on(self, answer: str) -> None:
+        try:
+            self._load.stdin.write(answer)
+            self._load.stdin.flush()
+        except BrokenPipeError:
+            pass  # it has ended; why, it has told
+        for line in map(json.loads, self._load.stdout):
+            if line["what"] == "turn":
+                return
+            self.lines.append(line)
+        if self._load.wait() != 0:
+            raise CellFailed(self._load.stderr.read().strip() or "killed: it took too long")
+        self.done = True
+
+
+def measure(
+    batch: list[Cell], daemons: dict[str, Daemon]
+) -> tuple[dict[tuple[Cell, str], Outcome], list[str]]:
+    """The figures of every cell with every daemon, whose repetitions take turns; and what failed.
+    Daemons are started one after the other, and none while another is measured."""
+    outcomes = {}
+    failures = []
+    with contextlib.ExitStack() as stack:
+        waiting: dict[str, _Session] = {}
+        for name, daemon in daemons.items():
+            try:
+                waiting[name] = _Session(batch, daemon, stack)
+            except CellFailed as error:
+                failures.append(f"{batch[0].name}, {name}: {error}")
+        while waiting:
+            for name, session in list(waiting.items()):
+                try:
+                    session.take_turn()
+                except CellFailed as error:
+                    failures.append(f"{batch[0].name}, {name}: {error}")
+                    del waiting[name]
+                    continue
+                if session.done:
+                    outcomes.update(_outcomes(batch, name, session.lines))
+                    del waiting[name]
+    return outcomes, failures
+
+
+def _outcomes(
+    batch: list[Cell], name: str, lines: list[dict[str, float]]
+) -> Iterator[tuple[tuple[Cell, str], Outcome]]:
     memory = next((line for line in lines if line["what"] == "memory"), {})
-    return {cell: Outcome(_repetitions_of(cell, lines), memory) for cell in batch}
+    for cell in batch:
+        yield (cell, name), Outcome(_repetitions_of(cell, lines), memory)
 
 
 def _repetitions_of(cell: Cell, lines: list[dict[str, float]]) -> list[dict[str, float]]:

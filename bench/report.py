@@ -7,7 +7,7 @@ from pathlib import Path
 
 from bench.cells import Cell
 from bench.measure import Outcome
-from bench.statistic import Figure, figure
+from bench.statistic import Figure, figure, paired_ratio
 
 Results = dict[tuple[Cell, str], Outcome]
 
@@ -25,6 +25,13 @@ def cpu(results: Results, cell: Cell, daemon: str) -> Figure | None:
     """Microseconds of processor time per delivery."""
     outcome = results.get((cell, daemon))
     return figure(outcome.cpu_us()) if outcome else None
+
+
+def x_times(results: Results, cell: Cell, daemon: str, other: str) -> Figure | None:
+    """The processor time of one daemon as a multiple of another's, run by run."""
+    if (cell, daemon) not in results or (cell, other) not in results:
+        return None
+    return paired_ratio(results[cell, daemon].cpu_us(), results[cell, other].cpu_us())
 
 
 def rows(results: Results, cell: Cell) -> list[str]:
@@ -61,7 +68,8 @@ _LATENCY_COLUMNS = ("p50_us", "p99_us", "p99.9_us")
 def _values(results: Results, cell: Cell, daemon: str) -> dict[str, float | str]:
     """Every column of a line of the file."""
     outcome = results[cell, daemon]
-    own, floor = cpu(results, cell, daemon), cpu(results, cell, cell.floor)
+    own = cpu(results, cell, daemon)
+    x_floor = x_times(results, cell, daemon, cell.floor)
     latencies = {
         column: found.median / 1000 if (found := figure(outcome.values(key))) else ""
         for column, key in zip(_LATENCY_COLUMNS, _LATENCIES)
@@ -71,7 +79,7 @@ def _values(results: Results, cell: Cell, daemon: str) -> dict[str, float | str]
         "daemon": daemon,
         "cpu_us": own.median,
         "cpu_us_spread": own.spread,
-        "x_floor": own.median / floor.median if floor else "",
+        "x_floor": x_floor.median if x_floor else "",
         "deliveries_per_s": figure(outcome.per_sec()).median,
         **latencies,
         "rss_mib": outcome.memory.get("after", 0) / 2**20,

@@ -19,7 +19,7 @@ if __package__ in (None, ""):
 from bench import goals, micro, plot, report
 from bench.cells import Cell, all_cells, batches, quick_cells
 from bench.daemons import DAEMONS, ROOT, Surroundings
-from bench.measure import CellFailed, measure
+from bench.measure import measure
 from bench.pinning import stay_on_load_core
 
 
@@ -37,6 +37,12 @@ def _parse() -> argparse.Namespace:
     return parser.parse_args()
 
 
+def _measured_together(cell: Cell) -> list[tuple[str, ...]]:
+    """All daemons, unless thousands of clients are connected to each."""
+    few = cell.idle < 1000
+    return [cell.daemons] if few else [(name,) for name in cell.daemons]
+
+
 def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
     """Measures; prints the table as it grows. Returns the results and what failed."""
     results: report.Results = {}
@@ -44,12 +50,11 @@ def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
     print(report.head(), flush=True)
     with Surroundings() as around:
         for batch in batches(cells):
-            for name in batch[0].daemons:
-                try:
-                    outcomes = measure(batch, DAEMONS[name](around, batch[0]))
-                    results.update({(cell, name): one for cell, one in outcomes.items()})
-                except CellFailed as error:
-                    failures.append(f"{batch[0].name}, {name}: {error}")
+            for names in _measured_together(batch[0]):
+                daemons = {name: DAEMONS[name](around, batch[0]) for name in names}
+                outcomes, failed = measure(batch, daemons)
+                results.update(outcomes)
+                failures += failed
             for cell in batch:
                 print(*report.rows(results, cell), sep="\n", flush=True)
     return results, failures

@@ -29,6 +29,11 @@ def figure(values: Sequence[float]) -> Figure | None:
     return Figure(middle, (high - low) / 2)
 
 
+def paired_ratio(values: Sequence[float], of: Sequence[float]) -> Figure | None:
+    """The quotient of runs that took turns, each with the one beside it."""
+    return figure([value / other for value, other in zip(values, of) if other])
+
+
 def ratio(value: Figure, of: Figure) -> Figure:
     """The quotient; its spread is what both differ by."""
     quotient = value.median / of.median if of.median else float("inf")

@@ -4,6 +4,7 @@
 
 #include "bench/load/give_up.h"
 #include "bench/load/rest.h"
+#include "bench/load/turn.h"
 
 namespace Load {
 
@@ -37,6 +38,7 @@ void AdmissionCell::run() {
     const std::int64_t nBefore = nResidentBytes(nPid);
     std::int64_t nWithAll = 0;
     for (int i = 0; i < options.nRepeats; ++i) {
+        awaitTurn();
         prepareRepetition(options.nLogins);
         const Repetition repetition = runOnce();
         Findings findings;

@@ -28,7 +28,7 @@ void raiseDescriptorLimit() {
 
 pid_t nReadPid() {
     int nPid = 0;
-    if (std::scanf("%d", &nPid) != 1 || nPid <= 0) {
+    if (std::scanf("%d", &nPid) != 1 || std::getchar() != '\n' || nPid <= 0) {
         Load::giveUp("no process id came");
     }
     return nPid;

@@ -5,6 +5,7 @@
 #include "bench/load/give_up.h"
 #include "bench/load/identification.h"
 #include "bench/load/rest.h"
+#include "bench/load/turn.h"
 
 namespace Load {
 
@@ -41,6 +42,7 @@ void ReconnectCell::run() {
     ids = crowd.idsOfIdle();
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
     for (int i = 0; i < options.nRepeats; ++i) {
+        awaitTurn();
         awaitNextTry();
         Findings findings;
         const Repetition repetition = runOnce(findings);

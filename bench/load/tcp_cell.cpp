@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "bench/load/give_up.h"
+#include "bench/load/turn.h"
 
 namespace Load {
 
@@ -41,6 +42,7 @@ void TcpCell::run() {
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
     for (const Stage& stage : crowd.stages) {
         for (int i = 0; i < options.nRepeats; ++i) {
+            awaitTurn();
             prepareRepetition(stage);
             const Repetition repetition = runOnce(stage);
             printRepetition(stage.nFanout, repetition, findings);

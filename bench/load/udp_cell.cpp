@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "bench/load/give_up.h"
+#include "bench/load/turn.h"
 #include "bench/load/udp_datagram.h"
 
 namespace Load {
@@ -44,6 +45,7 @@ void UdpCell::run() {
     warmUp();
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
     for (int i = 0; i < options.nRepeats; ++i) {
+        awaitTurn();
         prepareRepetition();
         const Repetition repetition = runOnce();
         printRepetition(options.fanouts.front(), repetition, findings);

@@ -8,7 +8,7 @@ from bench import goals, report
 from bench.cells import all_cells, batches
 from bench.goals import Check
 from bench.measure import Outcome
-from bench.statistic import Figure, figure, ratio
+from bench.statistic import Figure, figure, paired_ratio, ratio
 
 MODERATE_CELL = next(cell for cell in all_cells() if cell.name == "moderate, 1 to 8, 200 B")
 FLAT_OUT_CELL = next(cell for cell in all_cells() if cell.name == "flat out, 1 to 8, 200 B")
@@ -41,6 +41,12 @@ def test_the_median_and_half_the_distance_of_the_quartiles():
     assert figure([5, 1, 2, 4, 3]) == Figure(3, 1)
     assert figure([7]) == Figure(7, 0)
     assert figure([]) is None
+
+
+def test_runs_that_took_turns_are_compared_one_by_one():
+    # The machine became slower; the quotient did not change.
+    assert paired_ratio([2, 4, 6, 8], [1, 2, 3, 4]) == Figure(2, 0)
+    assert paired_ratio([], []) is None
 
 
 def test_a_quotient_differs_by_what_both_differ_by():

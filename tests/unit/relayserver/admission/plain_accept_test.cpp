@@ -7,6 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "relayserver/admission/accept_pause.h"
@@ -114,6 +116,30 @@ TEST_F(PlainAccept, OneCallTakesOneConnection) {
     EXPECT_EQ(1, ctLooseClientTable.GetSize());
     acceptPlainClient();
     EXPECT_EQ(2, ctLooseClientTable.GetSize());
+}
+
+TEST_F(PlainAccept, AHandlingTakesWhatWaitsUpTo64Connections) {
+    std::vector<Peer> peers;
+    for (int i = 0; i < 65; ++i) {
+        peers.push_back(connectClient());
+    }
+    acceptWaitingPlainClients();
+    EXPECT_EQ(64, ctLooseClientTable.GetSize());
+    acceptWaitingPlainClients();
+    EXPECT_EQ(65, ctLooseClientTable.GetSize());
+    EXPECT_EQ(65U, loggedLines().size()) << "no accept has failed";
+}
+
+TEST_F(PlainAccept, ARefusedConnectionEndsTheHandling) {
+    for (int i = 0; i < 99; ++i) {
+        ASSERT_TRUE(CheckIPAddrConnectLimit("127.0.0.1"));
+    }
+    const Peer refused = connectClient();
+    const Peer other = connectClient("127.0.0.2");
+    acceptWaitingPlainClients();
+    EXPECT_EQ(0, ctLooseClientTable.GetSize());
+    acceptWaitingPlainClients();
+    EXPECT_EQ(1, ctLooseClientTable.GetSize());
 }
 
 TEST_F(PlainAccept, WithoutAConnectionServerNoneIsAccepted) {

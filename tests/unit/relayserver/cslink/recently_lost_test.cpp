@@ -59,6 +59,18 @@ TEST_F(RecentlyLost, RemovalFindsIdsOfAllSizes) {
     EXPECT_TRUE(RemoveFromRecentlyLost(4294967294U));
 }
 
+TEST_F(RecentlyLost, TheOldestCanBeForgotten) {
+    lose(7);
+    lose(8);
+    lose(7);
+    forgetOldestLosses(2);
+    ASSERT_EQ(1U, vRecentlyLost.size());
+    EXPECT_EQ(7, vRecentlyLost[0]->GetClientID());
+    EXPECT_FALSE(RemoveFromRecentlyLost(8));
+    EXPECT_TRUE(RemoveFromRecentlyLost(7));
+    EXPECT_THAT(vRecentlyLost, IsEmpty());
+}
+
 TEST_F(RecentlyLost, ConfirmationSaysWhoTookCare) {
     lose(7);
     ConfirmFromRecentlyLost(7);
