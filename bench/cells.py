@@ -16,6 +16,9 @@ TCP_PEERS = PEERS[:3]
 TCP, UDP, ADMISSION, RECONNECT = "tcp", "udp", "admission", "reconnect"
 UDP_FANOUTS = (1, 8, 64)
 
+#: The relay with few idle clients, beside that with thousands.
+RELAY_FEW = "relay, 10 idle"
+
 #: Bytes per second that a source stays below: the relay drops ordinary clients above 2,000,000.
 SOURCE_LIMIT = 1_900_000
 
@@ -45,8 +48,8 @@ class Cell:
     #: Flat out: how many bytes a source is ahead of its slowest receiver.
     window: int = 65536
     #: How long a repetition lasts; of admissions and reconnects, at most.
-    seconds: float = 0.3
-    repeats: int = 5
+    seconds: float = 0.2
+    repeats: int = 7
     #: Admission: clients that come in one repetition.
     logins: int = 0
     #: What processor time and rate are counted by.
@@ -66,11 +69,16 @@ class Cell:
         alone = self.idle < 1000
         return self if alone else dataclasses.replace(self, label="", fanout=0)
 
-    def load_options(self, fanouts: list[int]) -> list[str]:
-        """What the load program is told of the cell, and of those of its batch."""
+    def idle_of(self, daemon: str) -> int:
+        """How many idle clients a daemon has in this cell."""
+        return IDLE[0] if daemon == RELAY_FEW else self.idle
+
+    def load_options(self, daemon: str, fanouts: list[int]) -> list[str]:
+        """What the load program of a daemon is told of the cell, and of those of its batch."""
         values = {
             "cell": self.kind, "pace": self.pace, "sources": self.sources,
-            "fanout": ",".join(map(str, fanouts)), "payload": self.payload, "idle": self.idle,
+            "fanout": ",".join(map(str, fanouts)), "payload": self.payload,
+            "idle": self.idle_of(daemon),
             "tls": int(self.tls), "peer": int(self.relay_sources), "seconds": self.seconds,
             "repeats": self.repeats, "window": self.window, "fec": int(self.fec),
         }  # fmt: skip
@@ -105,7 +113,14 @@ def _moderate() -> list[Cell]:
         Cell(part, f"1 to {fanout}, {idle} idle", fanout=fanout, idle=idle, **common)
         for idle, fanout in itertools.product(IDLE[1:], FANOUTS)
     ]
-    return [*one_source, *many, *idle]
+    return [*one_source, *many, *map(_beside_few, idle)]
+
+
+def _beside_few(cell: Cell) -> Cell:
+    """The same; with most idle clients, the relay with few of them takes its turn too."""
+    if cell.idle != IDLE[-1]:
+        return cell
+    return dataclasses.replace(cell, daemons=(*cell.daemons, RELAY_FEW))
 
 
 def _flat_out() -> list[Cell]:
@@ -148,14 +163,14 @@ def _udp() -> list[Cell]:
         {"label": "6 to 8 each", "fanout": 8, "sources": 6},
         {"label": "1 to 8 with FEC", "fanout": 8, "fec": True},
     ]
-    common = {"kind": UDP, "window": _UDP_WINDOW, "seconds": 0.25}
+    common = {"kind": UDP, "window": _UDP_WINDOW}
     moderate = {"part": "UDP moderate", "floor": "floor_udp", **common}
     moderate["daemons"] = ("relay", "floor_udp", "coturn")
     flat_out = {"part": "UDP flat out", "floor": "floor_udp_gso", "pace": FLAT_OUT, **common}
     flat_out["daemons"] = ("relay", "floor_udp_gso", "floor_udp", "coturn")
     return [
         *(Cell(**shape, **moderate) for shape in shapes),
-        Cell(label=f"1 to 8, {IDLE[-1]} idle", fanout=8, idle=IDLE[-1], **moderate),
+        _beside_few(Cell(label=f"1 to 8, {IDLE[-1]} idle", fanout=8, idle=IDLE[-1], **moderate)),
         *(Cell(**shape, **flat_out) for shape in shapes),
     ]
 
@@ -164,12 +179,12 @@ def _admission() -> list[Cell]:
     """Clients that come, and clients that are there when the relay loses its server."""
     logins = Cell(
         "admission", "log-ins, plain", kind=ADMISSION, daemons=("relay", "floor_admission"),
-        floor="floor_admission", idle=0, seconds=1.0, logins=3000, unit="log-in",
+        floor="floor_admission", idle=0, seconds=1.0, repeats=5, logins=3000, unit="log-in",
     )  # fmt: skip
     over_tls = dataclasses.replace(logins, label="log-ins, TLS", tls=True, seconds=1.0, logins=400)
     reconnect = Cell(
         "admission", "5000 after a reconnect", kind=RECONNECT, daemons=("relay",),
-        floor="", idle=5000, seconds=0.5, unit="client",
+        floor="", idle=5000, seconds=0.5, repeats=5, unit="client",
     )  # fmt: skip
     return [logins, over_tls, reconnect]
 

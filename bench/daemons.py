@@ -9,7 +9,7 @@ import tempfile
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from bench.cells import FLAT_OUT, Cell
+from bench.cells import FLAT_OUT, RELAY_FEW, Cell
 from bench.pinning import DAEMON_CORE, on_core
 from lab import addresses
 from lab.cluster import Cluster
@@ -231,6 +231,7 @@ class Coturn(Daemon):
 #: By the names that cells use.
 DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
     "relay": RelayDaemon,
+    RELAY_FEW: RelayDaemon,
     "floor_send": FloorSend,
     "floor_gather": FloorGather,
     "floor_tls": FloorTls,

@@ -6,9 +6,9 @@ import dataclasses
 import statistics
 from collections.abc import Iterator
 
-from bench.cells import ADMISSION, FLAT_OUT, IDLE, MODERATE, RECONNECT, TCP, UDP, Cell
+from bench.cells import ADMISSION, FLAT_OUT, IDLE, MODERATE, RECONNECT, RELAY_FEW, TCP, UDP, Cell
 from bench.report import Results, cpu, x_times
-from bench.statistic import Figure, paired_ratio, ratio
+from bench.statistic import Figure, paired_ratio
 
 _KIB = 1024.0
 
@@ -121,24 +121,8 @@ def _idle(results: Results, cell: Cell) -> Iterator[Check]:
     if outcome.bytes_per_idle():
         kib = Figure(outcome.bytes_per_idle() / _KIB, 0.0)
         yield Check("memory: KiB per idle client", cell.name, kib, 8.0)
-    few = next(
-        (
-            one
-            for one, daemon in results
-            if daemon == "relay" and one.idle == IDLE[0] and _alike(one, cell)
-        ),
-        None,
-    )
-    if few:
-        times = ratio(cpu(results, cell, "relay"), cpu(results, few, "relay"))
+    if times := x_times(results, cell, "relay", RELAY_FEW):
         yield Check(f"idle clients: x with {IDLE[0]} of them", cell.name, times, 1.05)
-
-
-def _alike(one: Cell, other: Cell) -> bool:
-    """Whether two cells differ in their idle clients only."""
-    return dataclasses.replace(one, idle=0, label="") == dataclasses.replace(
-        other, idle=0, label=""
-    )
 
 
 def _admission(results: Results, cell: Cell) -> Iterator[Check]:

@@ -94,8 +94,10 @@ def _load(arguments: list[str]) -> Iterator[subprocess.Popen[str]]:
 class _Session:
     """A daemon and the load program beside it, ready for the next repetition."""
 
-    def __init__(self, batch: list[Cell], daemon: Daemon, stack: contextlib.ExitStack) -> None:
-        options = batch[0].load_options([cell.fanout for cell in batch])
+    def __init__(
+        self, batch: list[Cell], name: str, daemon: Daemon, stack: contextlib.ExitStack
+    ) -> None:
+        options = batch[0].load_options(name, [cell.fanout for cell in batch])
         arguments = [str(BUILD / "relay_load"), *daemon.load_options(), *options]
         self._load = stack.enter_context(_load(arguments))
         if self._load.stdout.readline() != "ready\n":
@@ -136,7 +138,7 @@ def measure(
         waiting: dict[str, _Session] = {}
         for name, daemon in daemons.items():
             try:
-                waiting[name] = _Session(batch, daemon, stack)
+                waiting[name] = _Session(batch, name, daemon, stack)
             except CellFailed as error:
                 failures.append(f"{batch[0].name}, {name}: {error}")
         while waiting:

@@ -37,12 +37,6 @@ def _parse() -> argparse.Namespace:
     return parser.parse_args()
 
 
-def _measured_together(cell: Cell) -> list[tuple[str, ...]]:
-    """All daemons, unless thousands of clients are connected to each."""
-    few = cell.idle < 1000
-    return [cell.daemons] if few else [(name,) for name in cell.daemons]
-
-
 def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
     """Measures; prints the table as it grows. Returns the results and what failed."""
     results: report.Results = {}
@@ -50,11 +44,10 @@ def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
     print(report.head(), flush=True)
     with Surroundings() as around:
         for batch in batches(cells):
-            for names in _measured_together(batch[0]):
-                daemons = {name: DAEMONS[name](around, batch[0]) for name in names}
-                outcomes, failed = measure(batch, daemons)
-                results.update(outcomes)
-                failures += failed
+            daemons = {name: DAEMONS[name](around, batch[0]) for name in batch[0].daemons}
+            outcomes, failed = measure(batch, daemons)
+            results.update(outcomes)
+            failures += failed
             for cell in batch:
                 print(*report.rows(results, cell), sep="\n", flush=True)
     return results, failures

@@ -14,10 +14,6 @@ class Figure:
     median: float
     spread: float
 
-    @property
-    def relative_spread(self) -> float:
-        return self.spread / self.median if self.median else 0.0
-
 
 def figure(values: Sequence[float]) -> Figure | None:
     """None of no values."""
@@ -32,9 +28,3 @@ def figure(values: Sequence[float]) -> Figure | None:
 def paired_ratio(values: Sequence[float], of: Sequence[float]) -> Figure | None:
     """The quotient of runs that took turns, each with the one beside it."""
     return figure([value / other for value, other in zip(values, of) if other])
-
-
-def ratio(value: Figure, of: Figure) -> Figure:
-    """The quotient; its spread is what both differ by."""
-    quotient = value.median / of.median if of.median else float("inf")
-    return Figure(quotient, quotient * (value.relative_spread + of.relative_spread))

@@ -51,10 +51,6 @@ class Adapter {
     /// The connection server of a relay; null for all other daemons.
     [[nodiscard]] virtual ServerStandIn* pConnectionServer() { return nullptr; }
 
-    /// Seconds after which nothing but messages will occupy the daemon for `dSeconds`, at least as
-    /// far as can be foreseen.
-    [[nodiscard]] virtual double dSecondsUntilQuiet(double /*dSeconds*/) const { return 0; }
-
     /// A descriptor that `service` has to be called for when it is readable; -1 for none.
     [[nodiscard]] virtual int fdToService() const { return -1; }
     virtual void service() {}

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "bench/load/give_up.h"
+#include "bench/load/quiet_time.h"
 #include "bench/load/rest.h"
 #include "bench/load/turn.h"
 
@@ -38,7 +39,7 @@ void AdmissionCell::run() {
     const std::int64_t nBefore = nResidentBytes(nPid);
     std::int64_t nWithAll = 0;
     for (int i = 0; i < options.nRepeats; ++i) {
-        awaitTurn();
+        awaitTurn([] {});
         prepareRepetition(options.nLogins);
         const Repetition repetition = runOnce();
         Findings findings;
@@ -57,7 +58,7 @@ void AdmissionCell::prepareRepetition(int nLogins) {
     nAdmitted = 0;
     // Events name entrants by their places.
     entrants.reserve(static_cast<std::size_t>(nLogins));
-    const double dQuietIn = rAdapter.dSecondsUntilQuiet(options.dSeconds);
+    const double dQuietIn = dSecondsUntilQuiet(options.dSeconds);
     const auto nQuietIn = static_cast<std::int64_t>(dQuietIn * static_cast<double>(kNsPerSec));
     for (const std::int64_t nUntil = nMonotonicNs() + nQuietIn; nMonotonicNs() < nUntil;) {
         handleEvents(10);

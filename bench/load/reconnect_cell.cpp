@@ -4,6 +4,7 @@
 
 #include "bench/load/give_up.h"
 #include "bench/load/identification.h"
+#include "bench/load/quiet_time.h"
 #include "bench/load/rest.h"
 #include "bench/load/turn.h"
 
@@ -42,7 +43,7 @@ void ReconnectCell::run() {
     ids = crowd.idsOfIdle();
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
     for (int i = 0; i < options.nRepeats; ++i) {
-        awaitTurn();
+        awaitTurn([this] { crowd.keepAliveIfDue(); });
         awaitNextTry();
         Findings findings;
         const Repetition repetition = runOnce(findings);
@@ -65,7 +66,7 @@ void ReconnectCell::awaitNextTry() {
         }
     };
     wait(nLinkUpNs + kTryAgainNs);
-    const double dQuietIn = rAdapter.dSecondsUntilQuiet(options.dSeconds);
+    const double dQuietIn = dSecondsUntilQuiet(options.dSeconds);
     wait(nMonotonicNs() + static_cast<std::int64_t>(dQuietIn * static_cast<double>(kNsPerSec)));
     awaitRestOfDaemon();
 }

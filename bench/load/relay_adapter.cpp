@@ -1,8 +1,5 @@
 #include "bench/load/relay_adapter.h"
 
-#include <chrono>
-#include <cmath>
-
 #include "bench/load/give_up.h"
 #include "bench/load/log_in.h"
 #include "genner/output/CaptionNetMessage.h"
@@ -114,16 +111,5 @@ std::string RelayAdapter::sKeepAlive(const Connection& connection) const {
 }
 
 // Every four seconds by the wall clock the relay sends heartbeats to all its clients.
-double RelayAdapter::dSecondsUntilQuiet(double dSeconds) const {
-    constexpr double dPeriod = 4.0;
-    constexpr double dBurst = 0.2;
-    const std::chrono::duration<double> sinceEpoch =
-        std::chrono::system_clock::now().time_since_epoch();
-    const double dNow = std::fmod(sinceEpoch.count(), dPeriod);
-    if (dNow < dBurst) {
-        return dBurst - dNow;
-    }
-    return dNow + dSeconds < dPeriod ? 0 : dPeriod - dNow + dBurst;
-}
 
 }  // namespace Load

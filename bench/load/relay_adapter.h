@@ -22,7 +22,6 @@ class RelayAdapter : public Adapter {
     [[nodiscard]] Frame deliveredFrame(int nGroup, const std::string& sPayload) const override;
     [[nodiscard]] std::size_t nOtherFrameLen(std::string_view svInput) const override;
     [[nodiscard]] std::string sKeepAlive(const Connection& connection) const override;
-    [[nodiscard]] double dSecondsUntilQuiet(double dSeconds) const override;
     [[nodiscard]] std::string sLogInFrame(unsigned nClientId) const override;
     [[nodiscard]] ServerStandIn* pConnectionServer() override { return &server; }
     [[nodiscard]] int fdToService() const override { return server.getFileDesc(); }

@@ -24,9 +24,6 @@ class RelayUdpAdapter : public UdpAdapter {
     [[nodiscard]] std::uint32_t nSourceId(int nProgram) const override;
     [[nodiscard]] std::vector<UdpTarget> targetsOf(int nProgram, int nChannel) const override;
     void keepAliveIfDue() override { clients.keepAliveIfDue(); }
-    [[nodiscard]] double dSecondsUntilQuiet(double dSeconds) const override {
-        return relay.dSecondsUntilQuiet(dSeconds);
-    }
     [[nodiscard]] int fdToService() const override { return relay.fdToService(); }
     void service() override { relay.service(); }
 

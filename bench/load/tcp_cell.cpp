@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "bench/load/give_up.h"
+#include "bench/load/quiet_time.h"
 #include "bench/load/turn.h"
 
 namespace Load {
@@ -42,7 +43,7 @@ void TcpCell::run() {
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
     for (const Stage& stage : crowd.stages) {
         for (int i = 0; i < options.nRepeats; ++i) {
-            awaitTurn();
+            awaitTurn([this] { crowd.keepAliveIfDue(); });
             prepareRepetition(stage);
             const Repetition repetition = runOnce(stage);
             printRepetition(stage.nFanout, repetition, findings);
@@ -82,7 +83,7 @@ void TcpCell::warmUp(gsl::span<Source> sources) {
 void TcpCell::prepareRepetition(const Stage& stage) {
     crowd.keepAliveIfDue();
     const double dNeeded = options.dSeconds * 1.2;
-    const std::int64_t nQuietAt = nMonotonicNs() + nToNs(rAdapter.dSecondsUntilQuiet(dNeeded));
+    const std::int64_t nQuietAt = nMonotonicNs() + nToNs(dSecondsUntilQuiet(dNeeded));
     while (nMonotonicNs() < nQuietAt) {
         handleEvents(10);
     }

@@ -46,9 +46,6 @@ class UdpAdapter {
 
     /// Lets everybody say what the daemon wants to hear now and then. Not while it is measured.
     virtual void keepAliveIfDue() {}
-    /// Seconds after which nothing but datagrams will occupy the daemon for `dSeconds`, at least
-    /// as far as can be foreseen.
-    [[nodiscard]] virtual double dSecondsUntilQuiet(double /*dSeconds*/) const { return 0; }
     /// A descriptor that `service` has to be called for when it is readable; -1 for none.
     [[nodiscard]] virtual int fdToService() const { return -1; }
     virtual void service() {}

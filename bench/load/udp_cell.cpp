@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "bench/load/give_up.h"
+#include "bench/load/quiet_time.h"
 #include "bench/load/turn.h"
 #include "bench/load/udp_datagram.h"
 
@@ -45,7 +46,7 @@ void UdpCell::run() {
     warmUp();
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
     for (int i = 0; i < options.nRepeats; ++i) {
-        awaitTurn();
+        awaitTurn([this] { rAdapter.keepAliveIfDue(); });
         prepareRepetition();
         const Repetition repetition = runOnce();
         printRepetition(options.fanouts.front(), repetition, findings);
@@ -135,7 +136,7 @@ void UdpCell::warmUp() {
 void UdpCell::prepareRepetition() {
     rAdapter.keepAliveIfDue();
     const double dNeeded = options.dSeconds * 1.2;
-    const std::int64_t nQuietAt = nMonotonicNs() + nToNs(rAdapter.dSecondsUntilQuiet(dNeeded));
+    const std::int64_t nQuietAt = nMonotonicNs() + nToNs(dSecondsUntilQuiet(dNeeded));
     while (nMonotonicNs() < nQuietAt) {
         (void)bHandleEvents(10);
     }
