@@ -88,7 +88,7 @@ void countPackets(unsigned nCount, unsigned nSource, unsigned nDestination) {
 }
 
 std::size_t nFrameSizeAt(std::string_view svFrames, std::size_t nAt) {
-    return 2U * static_cast<unsigned char>(svFrames[nAt]);
+    return std::size_t{2} * static_cast<unsigned char>(svFrames[nAt]);
 }
 
 /// Only a part of the frames was written: those that were written whole count, the one that broke

@@ -95,7 +95,10 @@ def settle(relay, station):
         since = relay.log.mark()
         station.audio(PROGRAM).register_raw(station.client_id, flags=8)
         got = got_before_order_fence(relay.server, station)
-        return any(isinstance(one, Response) for one in got) and relay.log.mark() > since
+        if not any(isinstance(one, Response) for one in got):
+            return False
+        wait_until(lambda: relay.log.mark() > since, 5, "the line that goes with the answer")
+        return True
 
     wait_until(is_told, 20, "the end of the flood")
 
