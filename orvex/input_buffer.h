@@ -43,9 +43,8 @@ class InputBuffer {
     [[nodiscard]] std::optional<std::string_view> peekView();
     void pop();
 
-    /// Both together. The view is
-    /// good until `nMakeRoom` or `putAside`; before it lies its length byte, and behind it the next
-    /// frame.
+    /// Both together. The view is good until `nMakeRoom` or `putAside`; before it lies its length
+    /// byte, and behind it the next frame.
     [[nodiscard]] std::optional<std::string_view> dequeueView();
 
     /// Whether a complete frame or a zero length byte waits.
