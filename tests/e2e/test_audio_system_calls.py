@@ -74,6 +74,6 @@ def test_a_flow_takes_turns_with_everything_else(relay, source, receivers):
     with LoopTracer(relay.pid) as tracer:
         for _ in range(TAKEN_AT_ONCE + 1):
             source.audio(1).send_raw(bytes(16))
-        assert tracer.system_calls() == ["recvmmsg"]
-        assert tracer.system_calls() == ["recvmmsg"]
-        assert tracer.system_calls() == []
+        # Heartbeats may be due in any pass.
+        taken = [tracer.system_calls().count("recvmmsg") for _ in range(3)]
+        assert taken == [1, 1, 0]
