@@ -48,7 +48,7 @@ class Cell:
     #: Flat out: how many bytes a source is ahead of its slowest receiver.
     window: int = 65536
     #: How long a repetition lasts; of admissions and reconnects, at most.
-    seconds: float = 0.2
+    seconds: float = 0.15
     repeats: int = 7
     #: Admission: clients that come in one repetition.
     logins: int = 0
