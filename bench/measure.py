@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import dataclasses
+import itertools
 import json
 import subprocess
 import threading
@@ -141,8 +142,10 @@ def measure(
                 waiting[name] = _Session(batch, name, daemon, stack)
             except CellFailed as error:
                 failures.append(f"{batch[0].name}, {name}: {error}")
-        while waiting:
-            for name, session in list(waiting.items()):
+        for first in itertools.count():
+            if not waiting:
+                break
+            for name, session in _rotated(list(waiting.items()), first):
                 try:
                     session.take_turn()
                 except CellFailed as error:
@@ -153,6 +156,12 @@ def measure(
                     outcomes.update(_outcomes(batch, name, session.lines))
                     del waiting[name]
     return outcomes, failures
+
+
+def _rotated(sessions: list[tuple[str, _Session]], first: int) -> list[tuple[str, _Session]]:
+    """Each begins a round in its turn: what comes before leaves its traces in the caches."""
+    first %= len(sessions)
+    return sessions[first:] + sessions[:first]
 
 
 def _outcomes(
