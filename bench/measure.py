@@ -155,7 +155,8 @@ def measure(
                 if session.done:
                     outcomes.update(_outcomes(batch, name, session.lines))
                     del waiting[name]
-    return outcomes, failures
+    in_order = [(cell, name) for name in daemons for cell in batch if (cell, name) in outcomes]
+    return {key: outcomes[key] for key in in_order}, failures
 
 
 def _rotated(sessions: list[tuple[str, _Session]], first: int) -> list[tuple[str, _Session]]:
