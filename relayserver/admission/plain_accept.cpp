@@ -23,8 +23,8 @@
 
 namespace {
 
-/// So many connections and one are taken before others have their turn.
-constexpr int kMostInOnePass = 63;
+/// So many connections are taken before others have their turn.
+constexpr int kMostInOnePass = 64;
 
 constexpr AcceptTexts kPlainTexts{
     "Warning: socket accept call returned -1 with error ",
@@ -97,6 +97,7 @@ bool acceptPlainClient() {
 }
 
 void acceptWaitingPlainClients() {
-    for (int i = 0; acceptPlainClient() && i < kMostInOnePass && bConnectionWaits(); ++i) {
+    int nTaken = 0;
+    while (acceptPlainClient() && ++nTaken < kMostInOnePass && bConnectionWaits()) {
     }
 }
