@@ -2,15 +2,16 @@
 
 from __future__ import annotations
 
+import itertools
 import time
 from pathlib import Path
 
 from audio_tools import listening, on_air
-from switching_tools import got_before_order_fence, in_threads
+from switching_tools import got_before_order_fence, in_threads, line_count
 
 from lab.audio_player import ClipListener, ClipPlayer
 from lab.audio_socket import AudioSocket
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION, Response
+from lab.messages import PIPE_AUDIO, PIPE_CAPTION
 from lab.stations import Captioner, Encoder
 from lab.waiting import patient, wait_until
 
@@ -21,6 +22,8 @@ NOTICEABLE_SECS = 1.0
 GROWTH_BYTES = 4 << 20
 #: Lines that have nothing to do with the flood.
 OTHER_LINES = 20
+
+_ill_formed_flags = itertools.count(2000)
 
 
 def resident_bytes(relay) -> int:
@@ -88,19 +91,17 @@ def flood(relay, datagrams, addresses):
 
 
 def settle(relay, station):
-    """All of the flood that was received has been dealt with; the line that proves it is told
-    although thousands were refused just now."""
+    """All of the flood that was received has been dealt with, told of in the log and answered. Each
+    try registers under flags of its own, so that no line or answer of the flood passes for its."""
 
     def is_told():
-        since = relay.log.mark()
-        station.audio(PROGRAM).register_raw(station.client_id, flags=8)
-        got = got_before_order_fence(relay.server, station)
-        if not any(isinstance(one, Response) for one in got):
-            return False
-        wait_until(lambda: relay.log.mark() > since, 5, "the line that goes with the answer")
-        return True
+        mine = next(_ill_formed_flags)
+        station.audio(PROGRAM).register_raw(station.client_id, flags=mine)
+        got_before_order_fence(relay.server, station)
+        return line_count(relay, station, f"ill-formed flags - {mine}. ")
 
-    wait_until(is_told, 20, "the end of the flood")
+    wait_until(is_told, 20, "a refusal that is told again")
+    got_before_order_fence(relay.server, station)
 
 
 def grown(relay, before):
