@@ -174,6 +174,7 @@ RelayClient& RelayClientTable::Add(const RelayClient& client) {
     (pLast == nullptr ? pFirst : pLast->pNext) = pStored;
     pLast = pStored;
     ++nSize;
+    ++nVersion;
     byFileDesc.insert(*pStored, client.msMessageSocket.getMsgSockFileDesc());
     byClientID.insert(*pStored, client.nClientID);
     for (Walk* pWalk = pWalks; pWalk != nullptr; pWalk = pWalk->pNextWalk) {
@@ -182,12 +183,17 @@ RelayClient& RelayClientTable::Add(const RelayClient& client) {
     return pStored->client;
 }
 
-bool RelayClientTable::bLookUp(int nClientID, RelayClient** out) const {
+RelayClient* RelayClientTable::find(int nClientID) const {
     StoredClient* pFound = byClientID.findFirst(nClientID);
+    return pFound == nullptr ? nullptr : &pFound->client;
+}
+
+bool RelayClientTable::bLookUp(int nClientID, RelayClient** out) const {
+    RelayClient* const pFound = find(nClientID);
     if (pFound == nullptr) {
         return false;
     }
-    *out = &pFound->client;
+    *out = pFound;
     return true;
 }
 
@@ -227,6 +233,7 @@ bool RelayClientTable::bDelete(RelayClient& client) {
 }
 
 void RelayClientTable::reindex(StoredClient& stored) {
+    ++nVersion;
     byFileDesc.rekey(stored, stored.client.msMessageSocket.getMsgSockFileDesc());
     byClientID.rekey(stored, stored.client.nClientID);
 }
@@ -240,6 +247,7 @@ void RelayClientTable::erase(StoredClient& stored) {
     (stored.pPrev == nullptr ? pFirst : stored.pPrev->pNext) = stored.pNext;
     (stored.pNext == nullptr ? pLast : stored.pNext->pPrev) = stored.pPrev;
     --nSize;
+    ++nVersion;
     delete &stored;
 }
 

@@ -15,6 +15,13 @@
 
 namespace Orvex {
 
+/// What one look-up by id found, for whoever asks for the same id again and again: one for each
+/// table and id. Only `RelayClientTable::findAgain` looks inside.
+struct FoundClient {
+    std::uint64_t nVersion = 0;
+    RelayClient* pClient = nullptr;
+};
+
 /// Records of equal key, chained in insertion order; one of the two indexes of a table.
 class ClientIndex {
   public:
@@ -88,6 +95,14 @@ class RelayClientTable {
 
     /// The first record with that client id; false, and `*out` untouched, when there is none.
     [[nodiscard]] bool bLookUp(int nClientID, RelayClient** out) const;
+    /// The same as a pointer, null when there is none. Looks up only if a record came, went or got
+    /// another key since `rFound` was filled.
+    [[nodiscard]] RelayClient* findAgain(int nClientID, FoundClient& rFound) const {
+        if (rFound.nVersion != nVersion) {
+            rFound = {nVersion, find(nClientID)};
+        }
+        return rFound.pClient;
+    }
     /// The first record with that descriptor; false, and `*out` untouched, when there is none.
     [[nodiscard]] bool bFileDescLookUp(int fd, RelayClient** out) const;
     /// The descriptor of the first record with that client id, or -1.
@@ -107,6 +122,7 @@ class RelayClientTable {
 
   private:
     friend class ClientTableHook;
+    [[nodiscard]] RelayClient* find(int nClientID) const;
     void reindex(StoredClient& stored);
     void erase(StoredClient& stored);
 
@@ -115,7 +131,8 @@ class RelayClientTable {
     StoredClient* pFirst = nullptr;
     StoredClient* pLast = nullptr;
     int nSize = 0;
-    Walk* pWalks = nullptr;  ///< every walk alive, the table's own included
+    std::uint64_t nVersion = 1;  ///< rises whenever a look-up may give something else than before
+    Walk* pWalks = nullptr;      ///< every walk alive, the table's own included
     Walk ownWalk;
 };
 

@@ -19,7 +19,8 @@ std::uint64_t keyOf(const RouteEntry& re) {
 RouteEntry::RouteEntry(unsigned clientFrom, int msgType, std::vector<unsigned> clientsTo)
     : _clientFrom(static_cast<int>(clientFrom)),
       _msgType(msgType),
-      _clientsTo(std::move(clientsTo)) {}
+      _clientsTo(std::move(clientsTo)),
+      _found(_clientsTo.size()) {}
 
 RoutingCache* RoutingCache::Instance() {
     static RoutingCache* const _instance = new RoutingCache;

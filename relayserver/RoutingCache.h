@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "orvex/relay_client_table.h"
+
 namespace Tessel_Routing {
 
 /// One cached route: everything that `GetClientFrom` sends as `GetMessageType` goes to
@@ -23,10 +25,17 @@ class RouteEntry {
     /// The destinations themselves, valid as long as this entry.
     [[nodiscard]] const std::vector<unsigned>& clientsTo() const { return _clientsTo; }
 
+    /// The `i`th destination's record in `table`, null when it is not there; ask always for the
+    /// same table. Costs a look-up only after the table has changed.
+    [[nodiscard]] Orvex::RelayClient* find(size_t i, const Orvex::RelayClientTable& table) const {
+        return table.findAgain(static_cast<int>(_clientsTo[i]), _found[i]);
+    }
+
   private:
     int _clientFrom = 0;
     int _msgType = 0;
     std::vector<unsigned> _clientsTo;
+    mutable std::vector<Orvex::FoundClient> _found;  ///< of each destination
 };
 
 class RoutingCache {

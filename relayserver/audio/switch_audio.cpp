@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 
 #include <array>
+#include <vector>
 
 #include "base/next_multiple.h"
 #include "connserver/logging.h"
@@ -77,6 +78,18 @@ void countSent(const AudioRun& sent, unsigned nDestination) {
     audio_packets_sent += static_cast<unsigned>(sent.nCount);
 }
 
+void routeRunTo(unsigned nDestination, const RelayClient& client) {
+    if (run.bFromRelayPeer && bIsRelayPeer(client)) {
+        dissolveLoop(run.nSource, nDestination);
+        return;
+    }
+    const sockaddr_in siTo = siReceiverOf(client, run.nProgram, run.nFecChannel);
+    if (siTo.sin_port != 0) {
+        queueDatagrams(run.fdSend, &parts[nPartsUsed - run.nCount], run.nCount, siTo);
+        countSent(run, nDestination);
+    }
+}
+
 /// Whether a datagram of this kind may follow those of the run.
 bool bContinues(const AudioRun& kind) {
     return run.nCount > 0 && run.nSource == kind.nSource && run.fdSend == kind.fdSend &&
@@ -107,19 +120,10 @@ void routeAudio() {
     }
     // Held while it is walked: a loop that is dissolved on the way removes it from the cache.
     const auto pRoute = findRoute(run.nSource, kAudioMsgClass, "AUDIO");
-    for (const unsigned nDestination : pRoute->clientsTo()) {
-        RelayClient* pClient = nullptr;
-        if (!ctAuthClientTable.bLookUp(static_cast<int>(nDestination), &pClient)) {
-            continue;
-        }
-        if (run.bFromRelayPeer && bIsRelayPeer(*pClient)) {
-            dissolveLoop(run.nSource, nDestination);
-            continue;
-        }
-        const sockaddr_in siTo = siReceiverOf(*pClient, run.nProgram, run.nFecChannel);
-        if (siTo.sin_port != 0) {
-            queueDatagrams(run.fdSend, &parts[nPartsUsed - run.nCount], run.nCount, siTo);
-            countSent(run, nDestination);
+    const std::vector<unsigned>& destinations = pRoute->clientsTo();
+    for (size_t i = 0; i < destinations.size(); ++i) {
+        if (const RelayClient* const pClient = pRoute->find(i, ctAuthClientTable)) {
+            routeRunTo(destinations[i], *pClient);
         }
     }
     run.nCount = 0;

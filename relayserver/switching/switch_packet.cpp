@@ -1,6 +1,7 @@
 #include "relayserver/switching/switch_packet.h"
 
 #include <cerrno>
+#include <vector>
 
 #include "base/next_multiple.h"
 #include "connserver/logging.h"
@@ -115,24 +116,20 @@ void dropDestination(const MessageRun& run, unsigned nDestination, RelayClient& 
 }
 
 /// One destination of the route; false when the send failed and the destination is gone.
-bool bDeliverTo(const RoutedMessages& routed, unsigned nDestination) {
+bool bDeliverTo(const RoutedMessages& routed, unsigned nDestination, RelayClient& destination) {
     const MessageRun& run = routed.run;
-    RelayClient* pDestination = nullptr;
-    if (!ctAuthClientTable.bLookUp(static_cast<int>(nDestination), &pDestination)) {
-        return true;
-    }
-    if (run.bFromRelayPeer && bIsRelayPeer(*pDestination)) {
+    if (run.bFromRelayPeer && bIsRelayPeer(destination)) {
         dissolveLoop(run, nDestination);
         return true;
     }
-    if (!bVideoRulesPass(routed, *pDestination)) {
+    if (!bVideoRulesPass(routed, destination)) {
         return true;
     }
-    if (bWriteFrames(run.svFrames, *pDestination->GetMessageSocket())) {
+    if (bWriteFrames(run.svFrames, *destination.GetMessageSocket())) {
         countPackets(run.nCount, run.nSource, nDestination);
         return true;
     }
-    dropDestination(run, nDestination, *pDestination);
+    dropDestination(run, nDestination, destination);
     return false;
 }
 
@@ -141,8 +138,12 @@ bool bDeliverRouted(const RoutedMessages& routed) {
     const std::shared_ptr<const Tessel_Routing::RouteEntry> pRoute =
         findRoute(routed.run.nSource, routed.run.nPipe);
     bool bSuccess = true;
-    for (const unsigned nDestination : pRoute->clientsTo()) {
-        bSuccess = bDeliverTo(routed, nDestination) && bSuccess;
+    const std::vector<unsigned>& destinations = pRoute->clientsTo();
+    for (size_t i = 0; i < destinations.size(); ++i) {
+        RelayClient* const pDestination = pRoute->find(i, ctAuthClientTable);
+        if (pDestination != nullptr) {
+            bSuccess = bDeliverTo(routed, destinations[i], *pDestination) && bSuccess;
+        }
     }
     return bSuccess;
 }

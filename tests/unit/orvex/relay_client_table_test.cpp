@@ -102,6 +102,26 @@ TEST_F(RelayClientTableTest, AMissLeavesTheOutputUntouched) {
     EXPECT_EQ(pFound, &other);
 }
 
+TEST_F(RelayClientTableTest, ARepeatedLookUpFollowsEveryChange) {
+    Orvex::FoundClient found;
+    EXPECT_EQ(table.findAgain(7, found), nullptr);
+    RelayClient& late = table.Add(clientWith(5, 8));
+    EXPECT_EQ(table.findAgain(7, found), nullptr);
+    late.SetClientID(7);
+    EXPECT_EQ(table.findAgain(7, found), &late);
+    EXPECT_EQ(table.findAgain(7, found), &late);
+    late.SetClientID(8);
+    EXPECT_EQ(table.findAgain(7, found), nullptr);
+    RelayClient& first = table.Add(clientWith(6, 7));
+    EXPECT_EQ(table.findAgain(7, found), &first);
+    RelayClient& second = table.Add(clientWith(9, 7));
+    EXPECT_EQ(table.findAgain(7, found), &first) << "the first of an id is meant";
+    ASSERT_TRUE(table.bDelete(6));
+    EXPECT_EQ(table.findAgain(7, found), &second);
+    ASSERT_TRUE(table.bDelete(9));
+    EXPECT_EQ(table.findAgain(7, found), nullptr);
+}
+
 TEST_F(RelayClientTableTest, AddStoresACopyAndReturnsIt) {
     RelayClient client = clientWith(10, 1);
     RelayClient& stored = table.Add(client);

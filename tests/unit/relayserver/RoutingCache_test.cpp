@@ -97,6 +97,19 @@ TEST(RoutingCacheInstance, IsOneForTheProcess) {
     EXPECT_EQ(Tessel_Routing::RoutingCache::Instance(), Tessel_Routing::RoutingCache::Instance());
 }
 
+TEST(RouteEntry, FindsTheRecordsOfItsDestinations) {
+    Orvex::RelayClientTable table;
+    Orvex::RelayClient client;
+    client.SetClientID(3);
+    Orvex::RelayClient& rStored = table.Add(client);
+    const RouteEntry re(1, 128, {2, 3});
+    EXPECT_EQ(nullptr, re.find(0, table));
+    EXPECT_EQ(&rStored, re.find(1, table));
+    rStored.SetClientID(2);
+    EXPECT_EQ(&rStored, re.find(0, table));
+    EXPECT_EQ(nullptr, re.find(1, table));
+}
+
 TEST(RouteEntry, TellsWhatItWasMadeOf) {
     const RouteEntry empty;
     EXPECT_EQ(0, empty.GetClientFrom());
