@@ -138,13 +138,27 @@ bool RelayMessageSocket::bKnownNonBlocking(int f) {
 
 int RelayMessageSocket::write_n_with_timeout(int f, const void* addr, int n, int timeoutSecs,
                                              int timeoutMicroSecs) {
+    const auto job = [&] {
+        return TimedWrite{f,
+                          static_cast<const unsigned char*>(addr),
+                          n,
+                          nTimeoutMillis(timeoutSecs, timeoutMicroSecs),
+                          pSSL,
+                          &_lastErrorString,
+                          &nWrittenLast};
+    };
+    nWrittenLast = 0;
+    if (pSSL == nullptr && n > 0) {
+        // Nearly every write ends here, and it is all that most deliveries cost.
+        const int nSent = nWritePlain(f, addr, n, MSG_DONTWAIT);
+        nWrittenLast = nSent;
+        return nSent == n ? n : nFinishWrite(job(), nSent);
+    }
     std::optional<NonBlockingGuard> guard;
     if (pSSL != nullptr && !bKnownNonBlocking(f)) {
         guard.emplace(f);  // a plain socket is asked not to block in the call itself
     }
-    return nTimedWrite({f, static_cast<const unsigned char*>(addr), n,
-                        nTimeoutMillis(timeoutSecs, timeoutMicroSecs), pSSL, &_lastErrorString,
-                        &nWrittenLast});
+    return nTimedWrite(job());
 }
 
 }  // namespace Orvex

@@ -129,6 +129,17 @@ Wait waitForRoom(const TimedWrite& job) {
     return Wait::Ready;
 }
 
+/// After an attempt that wrote nothing.
+Wait waitAfterRefusal(const TimedWrite& job, int nResult, bool bReportedReady) {
+    const Refusal refusal =
+        job.pSSL == nullptr ? judgePlain(bReportedReady) : judgeSsl(job, nResult, bReportedReady);
+    if (refusal == Refusal::Failed) {
+        std::printf("orvex write msg returning error - strerror=%s\n", std::strerror(errno));
+        return Wait::Failed;
+    }
+    return waitForRoom(job);
+}
+
 }  // namespace
 
 int nTimeoutMillis(int timeoutSecs, int timeoutMicroSecs) {
@@ -144,33 +155,36 @@ int nWritePlain(int fd, const void* pData, int nBytes, int nFlags) {
     return static_cast<int>(nSent);
 }
 
-int nTimedWrite(const TimedWrite& job) {
-    if (job.pSSL != nullptr) {
-        blockSigPipeInThisThread();
-        SSL_set_mode(job.pSSL, SSL_MODE_ENABLE_PARTIAL_WRITE);
-    }
+int nFinishWrite(const TimedWrite& job, int nResult) {
     int nOwnCount = 0;
     int& rnWritten = job.pnWritten == nullptr ? nOwnCount : *job.pnWritten;
     rnWritten = 0;
     bool bReportedReady = false;
-    while (rnWritten < job.nBytes) {
-        const int nResult = nWriteOnce(job, rnWritten);
+    while (true) {
         if (nResult > 0) {
             rnWritten += nResult;
+            if (rnWritten >= job.nBytes) {
+                return rnWritten;
+            }
             bReportedReady = false;
-            continue;
+        } else {
+            const Wait wait = waitAfterRefusal(job, nResult, bReportedReady);
+            if (wait != Wait::Ready) {
+                return wait == Wait::Failed ? -1 : rnWritten;
+            }
+            bReportedReady = true;
         }
-        const Refusal refusal = job.pSSL == nullptr ? judgePlain(bReportedReady)
-                                                    : judgeSsl(job, nResult, bReportedReady);
-        if (refusal == Refusal::Failed) {
-            std::printf("orvex write msg returning error - strerror=%s\n", std::strerror(errno));
-            return -1;
-        }
-        const Wait wait = waitForRoom(job);
-        if (wait != Wait::Ready) {
-            return wait == Wait::Failed ? -1 : rnWritten;
-        }
-        bReportedReady = true;
+        nResult = nWriteOnce(job, rnWritten);
     }
-    return rnWritten;
+}
+
+int nTimedWrite(const TimedWrite& job) {
+    if (job.nBytes <= 0) {
+        return 0;
+    }
+    if (job.pSSL != nullptr) {
+        blockSigPipeInThisThread();
+        SSL_set_mode(job.pSSL, SSL_MODE_ENABLE_PARTIAL_WRITE);
+    }
+    return nFinishWrite(job, nWriteOnce(job, 0));
 }

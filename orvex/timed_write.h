@@ -25,6 +25,10 @@ struct TimedWrite {
 /// the bytes written, fewer than asked for after a time-out, or -1 on failure.
 [[nodiscard]] int nTimedWrite(const TimedWrite& job);
 
+/// The rest of such a write, for whoever made the first attempt, over all of it, himself: with
+/// MSG_DONTWAIT, or `SSL_write`. `nResult` and errno, or OpenSSL's error queue, are that attempt's.
+[[nodiscard]] int nFinishWrite(const TimedWrite& job, int nResult);
+
 /// One write to a descriptor that may be no socket, without SIGPIPE; `nFlags` as for `send`, of
 /// which MSG_DONTWAIT is obeyed by descriptors of every kind. As `write` otherwise.
 [[nodiscard]] int nWritePlain(int fd, const void* pData, int nBytes, int nFlags);
