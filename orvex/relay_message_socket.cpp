@@ -95,6 +95,11 @@ int RelayMessageSocket::nReadNonBlockingSocket() {
 }
 
 int RelayMessageSocket::nReadBurst() {
+    if (pSSL != nullptr) {
+        // One system call brings as many records as there are, not the head of one.
+        SSL_set_read_ahead(pSSL, 1);
+    }
+    bBurstCutShort = false;
     int nRoom = inputBuffer.nMakeRoom(InputBuffer::kBlockSize);
     int nTotal = 0;
     while (nRoom > 0) {
@@ -104,10 +109,11 @@ int RelayMessageSocket::nReadBurst() {
         }
         nTotal += nResult;
         nRoom -= nResult;
-        if (pSSL == nullptr || SSL_pending(pSSL) == 0) {
-            break;  // the kernel announces what it still has
+        if (pSSL == nullptr || SSL_has_pending(pSSL) == 0) {
+            return nTotal;  // the kernel announces what it still has
         }
     }
+    bBurstCutShort = pSSL != nullptr;
     return nTotal;
 }
 
@@ -122,7 +128,8 @@ bool RelayMessageSocket::bDequeueNetMessage(char* chpOutNetMsg, int* nrOutNetMsg
 }
 
 bool RelayMessageSocket::bHasMoreInput() const {
-    return (pSSL != nullptr && SSL_pending(pSSL) > 0) || inputBuffer.bFrameWaits();
+    return bBurstCutShort || (pSSL != nullptr && SSL_pending(pSSL) > 0) ||
+           inputBuffer.bFrameWaits();
 }
 
 bool RelayMessageSocket::bKnownNonBlocking(int f) {

@@ -54,7 +54,8 @@ class RelayMessageSocket {
     [[nodiscard]] int nReadNonBlockingSocket();
 
     /// The same for a sender whose messages are many: reads up to `InputBuffer::kBlockSize` bytes
-    /// at once. Does not ask whether there are more, or an end: that has an event of its own.
+    /// at once. Does not ask whether there are more, or an end: that has an event of its own. A
+    /// TLS session reads ahead from then on.
     [[nodiscard]] int nReadBurst();
 
     /// Takes the oldest complete image out of the buffer into `chpOutNetMsg` (room for
@@ -88,6 +89,9 @@ class RelayMessageSocket {
     sockaddr_in siAddress;          ///< the peer, as accepted or connected
     SSL* pSSL;                      ///< null for a plain connection; not owned
     bool bSeenNonBlocking = false;  ///< O_NONBLOCK was seen on the descriptor, which keeps it
+    /// The last burst ended for want of room: the session may hold records. It may also hold the
+    /// beginning of one, which is no reason to come back, so that only a read can tell.
+    bool bBurstCutShort = false;
     int nWrittenLast = 0;
     std::string _lastErrorString;
     InputBuffer inputBuffer;
