@@ -21,7 +21,13 @@ const char* sLastTlsError() {
 
 bool SslCtxWrap::set_new(const SSL_METHOD* pMethod) {
     _pContext.reset(SSL_CTX_new(pMethod));
-    return _pContext != nullptr;
+    if (_pContext == nullptr) {
+        return false;
+    }
+    // An idle session holds no buffers, and busy ones take turns with those that are in the
+    // processor's cache.
+    SSL_CTX_set_mode(_pContext.get(), SSL_MODE_RELEASE_BUFFERS);
+    return true;
 }
 
 void InitializeSSL() {

@@ -53,6 +53,11 @@ TEST_F(SslContexts, InitializingMakesBoth) {
     EXPECT_THAT(loggedLines(), IsEmpty());
 }
 
+TEST_F(SslContexts, IdleSessionsHoldNoBuffers) {
+    EXPECT_NE(0, SSL_CTX_get_mode(sslctx_server.get()) & SSL_MODE_RELEASE_BUFFERS);
+    EXPECT_NE(0, SSL_CTX_get_mode(sslctx_client.get()) & SSL_MODE_RELEASE_BUFFERS);
+}
+
 TEST_F(SslContexts, TheClientContextIsMadeOnlyWhenItIsMissing) {
     SSL_CTX* const pClient = sslctx_client.get();
     ensureClientContext();
