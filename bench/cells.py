@@ -19,6 +19,9 @@ UDP_FANOUTS = (1, 8, 64)
 #: The relay with few idle clients, beside that with thousands.
 RELAY_FEW = "relay, 10 idle"
 
+#: Another build of the relay.
+RELAY_OTHER = "relay, other"
+
 #: Bytes per second that a source stays below: the relay drops ordinary clients above 2,000,000.
 SOURCE_LIMIT = 1_900_000
 
@@ -68,6 +71,10 @@ class Cell:
         other with the same clients, where thousands of these have to be connected."""
         alone = self.idle < 1000
         return self if alone else dataclasses.replace(self, label="", fanout=0)
+
+    def beside_other_build(self) -> Cell:
+        """The same cell, in which another build of the relay takes its turn too."""
+        return dataclasses.replace(self, daemons=(*self.daemons, RELAY_OTHER))
 
     def idle_of(self, daemon: str) -> int:
         """How many idle clients a daemon has in this cell."""

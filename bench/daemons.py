@@ -9,7 +9,7 @@ import tempfile
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from bench.cells import FLAT_OUT, RELAY_FEW, Cell
+from bench.cells import FLAT_OUT, RELAY_FEW, RELAY_OTHER, Cell
 from bench.pinning import DAEMON_CORE, on_core
 from lab import addresses
 from lab.cluster import Cluster
@@ -22,9 +22,11 @@ BUILD = ROOT / "build" / "bench" / "bin"
 
 
 class Surroundings:
-    """What the daemons of a run share: the database of the relay, keys, a certificate."""
+    """What the daemons of a run share: the database of the relay, keys, a certificate; and where
+    another build of the relay lies, if it is to be measured too."""
 
-    def __init__(self) -> None:
+    def __init__(self, other_build: Path | None = None) -> None:
+        self.other_build = other_build
         self._folder = tempfile.TemporaryDirectory(prefix="tessel-bench-")
         self.folder = Path(self._folder.name)
         self._cluster = Cluster()
@@ -101,6 +103,10 @@ _LOG_TO_FILE = ["sh", "-c", 'exec "$0" "$@" >output 2>&1']
 class RelayDaemon(Daemon):
     adapter = "relay"
 
+    def binary(self) -> Path:
+        """The program to run."""
+        return BUILD / "relayserver"
+
     def __init__(self, around: Surroundings, cell: Cell) -> None:
         super().__init__(around, cell)
         self.server_address = addresses.new_address()
@@ -108,7 +114,7 @@ class RelayDaemon(Daemon):
         self.relay = Relay(
             config,
             env=around.database_env,
-            binary=BUILD / "relayserver",
+            binary=self.binary(),
             tls=cell.tls,
             wrapper=[*on_core(DAEMON_CORE), *_LOG_TO_FILE],
         )
@@ -129,6 +135,11 @@ class RelayDaemon(Daemon):
             yield self.relay.start().pid
         finally:
             self.relay.close()
+
+
+class OtherRelay(RelayDaemon):
+    def binary(self) -> Path:
+        return self.around.other_build
 
 
 class FloorSend(Daemon):
@@ -232,6 +243,7 @@ class Coturn(Daemon):
 DAEMONS: dict[str, Callable[[Surroundings, Cell], Daemon]] = {
     "relay": RelayDaemon,
     RELAY_FEW: RelayDaemon,
+    RELAY_OTHER: OtherRelay,
     "floor_send": FloorSend,
     "floor_gather": FloorGather,
     "floor_tls": FloorTls,

@@ -5,7 +5,7 @@ from __future__ import annotations
 import csv
 from pathlib import Path
 
-from bench.cells import Cell
+from bench.cells import RELAY_OTHER, Cell
 from bench.measure import Outcome
 from bench.statistic import Figure, figure, paired_ratio
 
@@ -46,8 +46,15 @@ def _row(results: Results, cell: Cell, daemon: str) -> str:
     latencies = [f"{values[key]:8.0f}" if values[key] else " " * 8 for key in _LATENCY_COLUMNS]
     return (
         f"{cell.name:38} {daemon:15} {cpu_text} {floor_text} {values['deliveries_per_s']:13.0f}"
-        f" {' '.join(latencies)} {values['rss_mib']:9.1f}{_notes(cell, values)}"
+        f" {' '.join(latencies)} {values['rss_mib']:9.1f}"
+        f"{_beside_other(results, cell, daemon)}{_notes(cell, values)}"
     )
+
+
+def _beside_other(results: Results, cell: Cell, daemon: str) -> str:
+    """What the relay costs beside another build of it, when that was measured."""
+    times = x_times(results, cell, daemon, RELAY_OTHER) if daemon == "relay" else None
+    return f"  {times.median:.3f} ±{times.spread:.3f} x other build" if times else ""
 
 
 def _notes(cell: Cell, values: dict[str, float | str]) -> str:

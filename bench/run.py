@@ -1,7 +1,7 @@
 """The benchmark: every cell with every daemon, one table, and whether the goals are met. Also
 written to build/bench-results.csv and build/bench-results.png.
 
-    python3 -m bench.run [--quick] [--only PATTERN | --micro]
+    python3 -m bench.run [--quick] [--only PATTERN | --micro] [--beside PROGRAM]
 """
 
 from __future__ import annotations
@@ -34,15 +34,17 @@ def _parse() -> argparse.Namespace:
                         help="only cells whose name holds this text")  # fmt: skip
     parser.add_argument("--micro", action="store_true",
                         help="only single functions and counted instructions")  # fmt: skip
+    parser.add_argument("--beside", type=Path, metavar="PROGRAM",
+                        help="another build of the relay, which takes its turn in every cell")  # fmt: skip
     return parser.parse_args()
 
 
-def run(cells: list[Cell]) -> tuple[report.Results, list[str]]:
+def run(cells: list[Cell], other_build: Path | None) -> tuple[report.Results, list[str]]:
     """Measures; prints the table as it grows. Returns the results and what failed."""
     results: report.Results = {}
     failures = []
     print(report.head(), flush=True)
-    with Surroundings() as around:
+    with Surroundings(other_build) as around:
         for batch in batches(cells):
             daemons = {name: DAEMONS[name](around, batch[0]) for name in batch[0].daemons}
             outcomes, failed = measure(batch, daemons)
@@ -79,7 +81,10 @@ def main() -> int:
     stay_on_load_core()
     started = time.monotonic()
     cells = quick_cells() if options.quick else all_cells()
-    results, failures = run([cell for cell in cells if options.only in cell.name])
+    chosen = [cell for cell in cells if options.only in cell.name]
+    if options.beside:
+        chosen = [cell.beside_other_build() for cell in chosen]
+    results, failures = run(chosen, options.beside)
     _conclude(results)
     if failures:
         print("\nNo figures:", *failures, sep="\n  ")
