@@ -7,6 +7,7 @@ import time
 
 import pytest
 from archive_tools import archived, assert_archived, make_lines
+from switching_tools import line_count
 
 from lab.messages import Caption
 from lab.waiting import patient
@@ -46,11 +47,10 @@ def test_a_post_has_exactly_the_form_that_is_agreed(make_endpoint, make_relay, m
         line.say(caption)
     line.say(b"")
     line.say(b"A")
-    assert relay.log.count(
-        f"Newly collecting caption feedback from source {line.source} for archive"
-    ) == 1
     (post,) = endpoint.wait_for(1)
     ended = time.time()
+    newly = f"Newly collecting caption feedback from source {line.source} for archive"
+    assert line_count(relay, line.captioner, newly) == 1
     assert (post.method, post.target) == ("POST", "/archive")
     assert post.headers["content-type"] == "text/json; charset=utf-8"
     assert int(post.headers["content-length"]) == len(post.body)

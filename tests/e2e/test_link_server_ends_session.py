@@ -61,6 +61,7 @@ def test_two_log_outs_in_one_batch_end_one_link(any_server, make_relay):
     any_server.wait_logged_in(20, number=1)
     any_server.connect_route(5, 9, 192)
     relay.schema.wait_for_routes({(5, 9, 192)})
+    relay.log.expect_in_order("Lost connection to CS!", "sending relay port message")
     assert relay.log.count("Lost connection to CS!") == 1
     assert len(any_server.links) == 2
 
