@@ -7,6 +7,7 @@ import time
 import pytest
 from archive_tools import archived, assert_archived, make_lines
 from scripted_endpoint import PASS_SECS, Answer
+from switching_tools import got_before_fence
 
 from lab.messages import Caption
 from lab.stations import Captioner
@@ -59,6 +60,8 @@ def test_a_long_absence_leaves_the_latest_twenty(make_endpoint, make_relay, make
     captioners = [make_station(relay, Captioner) for _ in range(35)]
     for captioner in captioners:
         captioner.caption(b"%06d" % captioner.client_id)
+        # The relay reads its clients in any order: each has been heard before the next speaks.
+        assert got_before_fence(captioner, captioner) == []
     relay.log.expect_in_order(
         *map(RETRY.format, range(1, 10)),
         "Dropping data packets, max number of connsecutive errors exceeded",
@@ -85,6 +88,8 @@ def test_what_is_refused_is_not_tried_again(make_endpoint, make_relay, make_stat
     sources = [make_station(relay, Captioner) for _ in REFUSALS]
     for source in sources:
         source.send(Caption(b"refused~"))
+        # The relay reads its clients in any order: each has been heard before the next speaks.
+        assert got_before_fence(source, source) == []
     posts = endpoint.wait_for(len(REFUSALS))
     assert [post.payload.feed_id for post in posts] == [one.client_id for one in sources]
     line.say_all(5)
