@@ -74,13 +74,14 @@ class TooManySteps(Exception):
 class LoopTracer:
     """Use as a context manager; the process runs freely again afterwards. Only its main thread is
     traced and held, always where its next wait for events begins. Signals that come to it
-    meanwhile are handed on."""
+    meanwhile are handed on. On a busy machine thousands of instructions take seconds, calls do
+    not."""
 
     def __init__(self, pid: int) -> None:
         """The process has to be waiting for events, as it does nearly always."""
         self.pid = pid
         self._info = _SyscallInfo()
-        self._wait_ends_at = wait_until(self._blocked_in_wait, 5, f"{pid} waiting for events")
+        self._wait_ends_at = wait_until(self._blocked_in_wait, 20, f"{pid} waiting for events")
         #: Whether the process is held inside the wait, and not in front of it.
         self._in_wait = False
 
@@ -100,7 +101,8 @@ class LoopTracer:
         try:
             self._wait_for_stop()
             self._ptrace(_SETOPTIONS, _TRACE_SYSGOOD)
-            self._step_to_wait()  # that it was in is over
+            # That it was in is over. Not step by step: on a busy machine that takes seconds.
+            self._run_to_wait()
         except BaseException:
             self._ptrace(_DETACH)
             raise
@@ -139,10 +141,14 @@ class LoopTracer:
     def system_calls(self) -> list[str]:
         """Lets the process wait for events, half a second if there are none, and handle them; the
         calls that it made for that."""
-        calls: list[str] = []
         if not self._in_wait:
             self._resume(_SYSCALL)  # to its entry
         self._resume(_SYSCALL)  # to its return
+        return self._run_to_wait()
+
+    def _run_to_wait(self) -> list[str]:
+        """Lets the process run into its next wait; the calls before it."""
+        calls: list[str] = []
         while not calls or calls[-1] != "epoll_wait":
             self._resume(_SYSCALL)
             info = self._look()
@@ -153,7 +159,8 @@ class LoopTracer:
 
     def instructions(self) -> int:
         """The same, and how many instructions of the program that took; TooManySteps."""
-        self._resume(_SINGLESTEP)  # the wait as a whole
+        # The wait as a whole, or what is left of it.
+        self._resume(_SYSCALL if self._in_wait else _SINGLESTEP)
         self._in_wait = False
         return self._step_to_wait()
 
