@@ -3,6 +3,8 @@ order and unchanged; and the kinds that are never held."""
 
 from __future__ import annotations
 
+from switching_tools import got_before_fence
+
 from lab import messages, wire
 from lab.waiting import wait_until
 
@@ -43,6 +45,7 @@ def test_a_hundred_messages_wait_with_traces_and_arrive_in_order(server, relay, 
     _lose_link(relay, server)
     station.send_all([_post(number) for number in range(100)])
     relay.log.expect(_TRACE + "65 messages queued")
+    assert got_before_fence(station, station) == [], "by now all hundred wait"
     _bring_back(relay, server)
     relay.log.expect("TRACE: have collected 100 messages to de-queue to server", 20)
     relay.log.expect("TRACE: cleared CS queue to 0 messages")
@@ -81,6 +84,8 @@ def test_messages_of_several_clients_keep_their_order(server, relay, make_statio
 
 def test_the_kinds_that_are_never_held_are_gone(server, relay, make_station):
     station = make_station(relay)
+    # A server that goes before it has read this has never heard of the station.
+    server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
     _lose_link(relay, server)
     for code in _NEVER_QUEUED:
         station.send(messages.Opaque(code, b"now or never~"))
@@ -148,5 +153,6 @@ def test_many_thousand_messages_wait_without_bound(server, relay, make_station):
         station.send_all([_post(start + number) for number in range(500)], 20)
     relay.log.expect(_TRACE + "16385 messages queued", 20)
     _bring_back(relay, server)
-    wait_until(lambda: len(_posts(server)) >= count, 40, "all posts")
+    # Not by looking through all of them again and again, which would hold the server up.
+    server.wait_for_type(messages.StatusKeyPost, 60, value=str(count - 1))
     assert _posts(server) == list(range(count))
