@@ -13,6 +13,7 @@ from lab import archive_json
 from lab.messages import PIPE_CAPTION
 from lab.relay import Relay
 from lab.stations import Captioner, Encoder
+from lab.stopwatch import Stopwatch
 from lab.waiting import patient
 
 #: What a caption may take through a relay; on an idle machine it is under a millisecond.
@@ -24,8 +25,8 @@ _PATIENCE_SECS = 20.0
 class CaptionLine:
     """A captioner and an encoder that gets what it says."""
 
-    def __init__(self, captioner: Captioner, encoder: Encoder) -> None:
-        self.captioner, self.encoder = captioner, encoder
+    def __init__(self, relay: Relay, captioner: Captioner, encoder: Encoder) -> None:
+        self.relay, self.captioner, self.encoder = relay, captioner, encoder
         #: When each caption was sent (wall clock), and its bytes.
         self.said: list[tuple[float, bytes]] = []
         self.longest_trip = 0.0
@@ -38,10 +39,10 @@ class CaptionLine:
         """Sends one caption, by default one like no other, and waits until it has arrived."""
         caption = b"%06d" % len(self.said) if caption is None else caption
         self.said.append((time.time(), caption))
-        begun = time.monotonic()
+        watch = Stopwatch(self.relay.pid)
         self.captioner.caption(caption)
         assert self.encoder.receive_caption(_PATIENCE_SECS)[0] == caption
-        self.longest_trip = max(self.longest_trip, time.monotonic() - begun)
+        self.longest_trip = max(self.longest_trip, watch.secs())
         return caption
 
     def say_all(self, count: int) -> None:
@@ -56,7 +57,7 @@ def make_lines(relay, make_station, route, count: int) -> list[CaptionLine]:
     """Lines through a relay."""
     lines = []
     for _ in range(count):
-        line = CaptionLine(make_station(relay, Captioner), make_station(relay, Encoder))
+        line = CaptionLine(relay, make_station(relay, Captioner), make_station(relay, Encoder))
         route(relay, line.captioner, line.encoder, PIPE_CAPTION)
         lines.append(line)
     return lines

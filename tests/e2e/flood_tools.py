@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import itertools
-import time
 from pathlib import Path
 
 from audio_tools import listening, on_air
@@ -13,6 +12,7 @@ from lab.audio_player import ClipListener, ClipPlayer
 from lab.audio_socket import AudioSocket
 from lab.messages import PIPE_AUDIO, PIPE_CAPTION
 from lab.stations import Captioner, Encoder
+from lab.stopwatch import Stopwatch
 from lab.waiting import patient, wait_until
 
 DATAGRAMS = 60_000
@@ -36,10 +36,15 @@ def resident_bytes(relay) -> int:
 
 def dropped_by_kernel(relay, program) -> int:
     """Datagrams that found the receive buffer of the relay full."""
-    port = f":{relay.audio_port(program):04X} "
-    rows = [row for row in Path("/proc/net/udp").read_text().splitlines() if port in row]
     host = "".join(f"{int(part):02X}" for part in reversed(relay.address.split(".")))
-    return sum(int(row.split()[-1]) for row in rows if host in row)
+    place = f" {host}:{relay.audio_port(program):04X} "
+
+    def row():
+        """Other sockets come and go while the table is read: ours may be missing, or twice."""
+        rows = Path("/proc/net/udp").read_text().splitlines()
+        return next((one for one in rows if place in one), None)
+
+    return int(wait_until(row, 5, "the relay's socket in the table").split()[-1])
 
 
 def make_everyday(relay, make_station, route):
@@ -61,10 +66,10 @@ def make_everyday(relay, make_station, route):
 
         def write():
             while busy[0]:
-                begun = time.monotonic()
+                watch = Stopwatch(relay.pid)
                 captioner.caption(b"%d" % len(trips))
                 assert encoder.receive_caption(20)[0] == b"%d" % len(trips)
-                trips.append(time.monotonic() - begun)
+                trips.append(watch.secs())
 
         with ClipListener(receiver.audio(0)) as listener:
             player = ClipPlayer(source.audio(0), seconds=60).start()
@@ -91,17 +96,23 @@ def flood(relay, datagrams, addresses):
 
 
 def settle(relay, station):
-    """All of the flood that was received has been dealt with, told of in the log and answered. Each
-    try registers under flags of its own, so that no line or answer of the flood passes for its."""
+    """All of the flood that was received has been dealt with, told of in the log and answered: the
+    answers, and how many lines stand in the log only because we looked. Each try registers under
+    flags of its own, so that no line or answer of the flood passes for its."""
+    answers, looks = [], itertools.count(1)
 
     def is_told():
         mine = next(_ill_formed_flags)
         station.audio(PROGRAM).register_raw(station.client_id, flags=mine)
-        got_before_order_fence(relay.server, station)
+        answers.extend(got_before_order_fence(relay.server, station))
+        next(looks)
         return line_count(relay, station, f"ill-formed flags - {mine}. ")
 
     wait_until(is_told, 20, "a refusal that is told again")
-    got_before_order_fence(relay.server, station)
+    answers.extend(got_before_order_fence(relay.server, station))
+    # What came last may have been told of behind the line that was waited for.
+    line_count(relay, station, "")
+    return answers, next(looks)
 
 
 def grown(relay, before):

@@ -24,7 +24,7 @@ def test_each_relay_archives_its_own_stations_alone(make_network, make_endpoint)
         encoders = [network.station(Encoder, at=place) for place in (other, at)]
         for encoder in encoders:
             network.route(captioner, encoder, PIPE_CAPTION)
-        lines[at] = CaptionLine(captioner, encoders[0])
+        lines[at] = CaptionLine(network[at].relay, captioner, encoders[0])
     for number in range(50):
         for line in lines.values():
             line.say(b"caption %04d" % number)
@@ -51,7 +51,7 @@ def test_a_peer_without_stations_of_its_own_archives_nothing(
         link.send(Caption(b"from afar", sender_id=4242 + number % 2))
     assert [one.caption for one in encoder.receive_count(50)] == [b"from afar"] * 50
     route(relay, captioner, encoder, PIPE_CAPTION)
-    line = CaptionLine(captioner, encoder)
+    line = CaptionLine(relay, captioner, encoder)
     line.say_all(10)
     (post,) = endpoint.wait_for(1)
     assert assert_archived([post], line) == 10
