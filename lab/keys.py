@@ -61,6 +61,19 @@ class ServerKey:
         )
 
 
+def public_pem_of(bits: int) -> bytes:
+    """A public key of so many bits that nobody has the private key of, as PEM. It costs nothing,
+    while to draw a pair of 4096 bits takes minutes on a busy machine."""
+    odd = int.from_bytes(b"\xa5" * (bits // 8), "big")
+    return (
+        rsa.RSAPublicNumbers(65537, odd)
+        .public_key()
+        .public_bytes(
+            serialization.Encoding.PEM, serialization.PublicFormat.SubjectPublicKeyInfo
+        )
+    )
+
+
 @functools.lru_cache(maxsize=None)
 def shared_server_key(bits: int = 2048) -> ServerKey:
     """A key pair made once per process: drawing one takes a noticeable time."""
@@ -75,11 +88,17 @@ class Certificate:
     key_file: Path
 
 
+@functools.lru_cache(maxsize=None)
+def _certificate_key() -> rsa.RSAPrivateKey:
+    """Made once per process like the server's key."""
+    return rsa.generate_private_key(public_exponent=65537, key_size=2048)
+
+
 def write_certificate(
     folder: Path, name: str = "lab", addresses: tuple[str, ...] = ("127.0.0.1",)
 ) -> Certificate:
     """Makes a self-signed certificate for `addresses` and writes it into `folder`."""
-    key = rsa.generate_private_key(public_exponent=65537, key_size=2048)
+    key = _certificate_key()
     subject = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, name)])
     now = datetime.datetime.utcnow()
     alternatives = [x509.IPAddress(ipaddress.ip_address(address)) for address in addresses]

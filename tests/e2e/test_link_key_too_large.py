@@ -4,7 +4,7 @@ goes on trying."""
 from __future__ import annotations
 
 from lab import messages
-from lab.keys import shared_server_key
+from lab.keys import public_pem_of
 
 
 def _refuses_to_log_in(relay, server):
@@ -24,9 +24,8 @@ def _refuses_to_log_in(relay, server):
 
 
 def test_a_key_of_4096_bits_is_reported_and_its_login_not_sent(make_server, make_relay):
-    key = shared_server_key(4096)
-    server = make_server(key=key)
-    relay = make_relay(using=server, public_key=key.public_pem(), ready=False)
+    server = make_server()
+    relay = make_relay(using=server, public_key=public_pem_of(4096), ready=False)
     relay.log.expect_in_order("RSA Size: 512", "ERROR: ", "Attempting connection to server")
     _refuses_to_log_in(relay, server)
 
@@ -37,10 +36,9 @@ def test_a_login_longer_than_one_cipher_block_is_not_sent(server, make_relay):
 
 
 def test_a_refused_encryption_moves_on_to_the_next_server(make_server, make_relay):
-    key = shared_server_key(4096)
-    first, second = make_server(key=key), make_server(key=key)
+    first, second = make_server(), make_server()
     relay = make_relay(
-        servers=[first.address, second.address], public_key=key.public_pem(), ready=False
+        servers=[first.address, second.address], public_key=public_pem_of(4096), ready=False
     )
     relay.log.expect_in_order(
         f"Attempting connection to server {first.address}",
