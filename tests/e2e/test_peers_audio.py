@@ -109,9 +109,7 @@ def test_a_hundred_receivers_hear_a_source_at_the_other_relay(network):
     network.join("east", "west", audio=True)
     source = on_air(network, "east", 4)
     places = source_addresses()
-    receivers = [
-        listening(network, "west", 4, source_ip=next(places), heartbeats=False) for _ in range(100)
-    ]
+    receivers = [listening(network, "west", 4, source_ip=next(places)) for _ in range(100)]
     for receiver in receivers:
         ends = source.client_id, "east", receiver.client_id, "west"
         network.server.route_across(*ends, PIPE_AUDIO)
