@@ -36,7 +36,7 @@ class ProcessLog:
             self._ended = True
             self._changed.notify_all()
 
-    def join(self, secs: float = 5.0) -> None:
+    def join(self, secs: float = 20.0) -> None:
         """Waits until the stream has ended, so that no line is missing."""
         if self._thread is not None:
             self._thread.join(secs)

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import dataclasses
 import threading
+import time
 from typing import TYPE_CHECKING, Any, Callable, TypeVar
 
 from lab import messages
@@ -18,10 +19,11 @@ M = TypeVar("M", bound=messages.Message)
 
 @dataclasses.dataclass(frozen=True)
 class Received:
-    """A message from a relay, and the link that it came on."""
+    """A message from a relay, the link that it came on, and when (monotonic seconds)."""
 
     message: messages.Message
     link: ServerLink
+    at: float = dataclasses.field(default_factory=time.monotonic)
 
 
 class ServerRecord:

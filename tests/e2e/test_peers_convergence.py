@@ -3,8 +3,6 @@ to have every program registered both ways by themselves, and ask for few ticket
 
 from __future__ import annotations
 
-import time
-
 import pytest
 from peer_tools import StandInPeer
 from switching_tools import got_before_fence, in_threads
@@ -113,13 +111,14 @@ def test_a_server_that_never_answers_is_asked_four_times(make_relay, server, mak
     with StandInPeer(server.new_client_id()) as peer:
         link = peer.join(relay)
         peer.receive_count(6)
-        since, times = server.mark(), []
+        since = server.mark()
         for _ in range(6):
             peer.answer(link, "UDP UNAUTHORIZED")
         relay.log.expect(f"relay-to-relay ticket rejected by {peer.id}")
         for number in range(_REQUESTS):
             server.wait_for(lambda _: len(server.messages_of(TicketRequest, since)) > number, 15)
-            times.append(time.monotonic())
+        asked = [one for one in server.received[since:] if isinstance(one.message, TicketRequest)]
+        times = [one.at for one in asked]
         assert all(after - before > 5.5 for before, after in zip(times, times[1:]))
         request = server.messages_of(TicketRequest, since)[0]
         assert (request.requested_id, request.request) == (peer.id, "UDP_REG")
