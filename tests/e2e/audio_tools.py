@@ -10,7 +10,7 @@ import dataclasses
 import itertools
 from collections.abc import Callable, Iterable
 
-from switching_tools import got_before_order_fence
+from switching_tools import LOAD_REPORT, got_before_order_fence
 
 from lab import messages
 from lab.audio_socket import AudioSocket
@@ -95,7 +95,9 @@ def outcome(
     # Whom the fence names is told of it, last.
     if audio.client_id == station.client_id:
         assert answers.pop() == REFUSED
-    return Outcome([line.partition(" - ")[2] for line in relay.log.lines[begin:end]], answers)
+    lines = [line.partition(" - ")[2] for line in relay.log.lines[begin:end]]
+    # On the minute the relay says more.
+    return Outcome([line for line in lines if not line.startswith(LOAD_REPORT)], answers)
 
 
 def register(

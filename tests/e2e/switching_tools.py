@@ -22,6 +22,9 @@ from lab.waiting import Deadline, LabTimeout, patient, wait_until
 #: A type that relays deliver to the destination in the header.
 TYPE_DIRECT = 9
 
+#: The beginning of a line that relays write once a minute, between whatever other lines.
+LOAD_REPORT = "Load reporting: "
+
 _TAIL_LEN = 1024
 _numbers = itertools.count(1)
 
