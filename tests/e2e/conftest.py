@@ -23,6 +23,10 @@ from lab.connection_server import ConnectionServer  # noqa: E402
 from lab.keys import Certificate, write_certificate  # noqa: E402
 from lab.messages import PIPE_CAPTION  # noqa: E402
 from lab.pytest_relay_log import pytest_runtest_makereport  # noqa: E402, F401
+from lab.pytest_scheduling import (  # noqa: E402, F401
+    pytest_collection_modifyitems,
+    pytest_xdist_make_scheduler,
+)
 from lab.relay import Relay  # noqa: E402
 from lab.relay_config import RelayConfig  # noqa: E402
 from lab.relay_network import RelayNetwork  # noqa: E402
@@ -43,6 +47,7 @@ def pytest_configure(config: pytest.Config) -> None:
     config.addinivalue_line(
         "markers", "threads: runs with the thread sanitizer too, for it keeps all threads busy"
     )
+    config.addinivalue_line("markers", "long: waits half a minute or more, and so begins first")
 
 
 class TestedRelay(Relay):

@@ -11,6 +11,8 @@ from scripted_endpoint import PASS_SECS, Answer
 
 from lab.waiting import patient
 
+pytestmark = pytest.mark.long
+
 FAILED = "ERROR: error sending POST (code 28) for "
 RETRY = "Consecutive retry errors: "
 ISSUE = "WARNING: Archive posting issue - Can't connect to server"

@@ -115,6 +115,7 @@ def test_a_peer_that_goes_comes_back_under_its_id(network, traffic, how):
     traffic.nothing_is_lost_at_east()
 
 
+@pytest.mark.long
 def test_a_peer_that_stands_still_is_given_up_and_comes_back(network, traffic):
     """Past the 15 s of silence: the relay that lives goes on and reports the loss. The other finds
     its links gone when it wakes up, and all find together again."""

@@ -14,6 +14,8 @@ from lab.messages import PIPE_AUDIO, TicketRequest
 from lab.stations import Station
 from lab.waiting import Deadline, LabTimeout, patient
 
+pytestmark = pytest.mark.long
+
 _CONVERGED_SECS = 30.0
 #: Requests of one relay: the first and three retries.
 _REQUESTS = 4

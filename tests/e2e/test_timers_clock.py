@@ -6,9 +6,12 @@ from __future__ import annotations
 import re
 import time
 
+import pytest
 from switching_tools import got_before_fence
 
 from lab import messages
+
+pytestmark = pytest.mark.long
 
 _TICK_SECS = 4
 #: More of them than a silent client would see.
