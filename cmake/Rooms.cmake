@@ -18,6 +18,7 @@ function(add_room NAME)
     target_include_directories(${NAME} PUBLIC ${CMAKE_SOURCE_DIR}/${ROOM_FOLDER})
   endif()
   target_link_libraries(${NAME} PUBLIC ${ROOM_USES})
+  use_shared_headers(${NAME} room_headers)
 endfunction()
 
 # add_room_tests(NAME FOLDERS folders... STUBS files... USES libraries...)
@@ -36,10 +37,7 @@ function(add_room_tests NAME)
   add_executable(${NAME} ${SOURCES} ${ROOM_STUBS})
   target_include_directories(${NAME} PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_libraries(${NAME} PRIVATE ${ROOM_USES} GTest::gmock GTest::gtest_main)
-  # Optimising the tests takes longer than running them, and g++ 12 then takes operator+ of std::string
-  # for a buffer overflow.
-  target_compile_options(${NAME} PRIVATE -O0)
-  # Reading these takes longer than compiling most tests.
-  target_precompile_headers(${NAME} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+  target_compile_options(${NAME} PRIVATE ${TEST_OPTIONS})
+  use_shared_headers(${NAME} test_headers)
   add_test(NAME ${NAME} COMMAND ${NAME} --gtest_brief=1)
 endfunction()

@@ -2,7 +2,7 @@
 # Checks the sources, cheapest check first; ends at the first that finds something.
 #   scripts/lint.sh all | format | CHECK
 # `format` changes files; everything else only looks. Run by ./dev, which installs the tools and
-# configures build/release, whose compile database clang-tidy reads.
+# configures build/lint, whose compile database clang-tidy reads.
 set -euo pipefail
 
 readonly ROOMS=(base orvex genner/output connserver poster relayserver)
@@ -52,7 +52,7 @@ check_cppcheck() {
 # A source at a time, so that all cores work; the count of suppressed warnings is no news.
 check_clang-tidy() {
     find "${ROOMS[@]}" -name '*.cpp' -print0 |
-        xargs -0 -P "$CORES" -n 1 clang-tidy -p build/release --quiet 2> >(
+        xargs -0 -P "$CORES" -n 1 clang-tidy -p build/lint --quiet 2> >(
             grep -v ' warnings\? \(generated\|treated as\)' >&2
         )
 }
