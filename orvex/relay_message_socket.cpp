@@ -1,7 +1,6 @@
 #include "orvex/relay_message_socket.h"
 
 #include <fcntl.h>
-#include <openssl/err.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 
 #include "orvex/nonblocking_guard.h"
 #include "orvex/timed_write.h"
+#include "orvex/tls_errors.h"
 
 namespace Orvex {
 
@@ -39,7 +39,7 @@ bool RelayMessageSocket::bCheckSocket() {
 int RelayMessageSocket::nReadSome(int nRoom) {
     int nResult = 0;
     if (pSSL != nullptr) {
-        ERR_clear_error();
+        forgetTlsErrors();
         nResult = SSL_read(pSSL, inputBuffer.pTail(), nRoom);
     } else {
         nResult = static_cast<int>(

@@ -1,6 +1,5 @@
 #include "orvex/timed_write.h"
 
-#include <openssl/err.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -14,6 +13,7 @@
 #include <cstring>
 
 #include "orvex/nonblocking_guard.h"
+#include "orvex/tls_errors.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ int nWriteOnce(const TimedWrite& job, int nWritten) {
     if (job.pSSL == nullptr) {
         return nWritePlain(job.fd, pRest, nRest, MSG_DONTWAIT);
     }
-    ERR_clear_error();
+    Orvex::forgetTlsErrors();
     return SSL_write(job.pSSL, pRest, nRest);
 }
 

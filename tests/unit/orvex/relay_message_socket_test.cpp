@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <openssl/err.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -402,6 +403,17 @@ TEST_F(TlsSocketTest, NoRoomRightAfterAReadinessReportFails) {
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::StartsWith("orvex write msg returning error - strerror="));
     EXPECT_EQ(full.getErrorString(), "SSL_ERROR_WANT_WRITE during SSL write, choosing close");
+}
+
+TEST_F(TlsSocketTest, AnEarlierErrorOfAnotherSessionIsNotTakenForItsOwn) {
+    ERR_raise(ERR_LIB_USER, 1);
+    testing::internal::CaptureStdout();
+    EXPECT_GT(nWrite(std::string(10'000'000, 'x'), 1), 0) << "as much as there is room for";
+    (void)testing::internal::GetCapturedStdout();
+    EXPECT_EQ(socket.getErrorString(), "");
+    ERR_raise(ERR_LIB_USER, 1);
+    EXPECT_EQ(socket.nReadBurst(), 0);
+    EXPECT_EQ(socket.getErrorString(), "");
 }
 
 TEST_F(TlsSocketTest, ABlockingDescriptorNeitherBlocksNorKeepsAFlag) {
