@@ -19,8 +19,10 @@ class TlsIo {
     static constexpr std::size_t kReadSize = 65536;
 
     TlsIo(const char* sCertificate, const char* sKey) : pContext(SSL_CTX_new(TLS_method())) {
-        SSL_CTX_set_mode(pContext,
-                         SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+        SSL_CTX_set_mode(pContext, SSL_MODE_ENABLE_PARTIAL_WRITE |
+                                       SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
+                                       SSL_MODE_RELEASE_BUFFERS);
+        SSL_CTX_set_read_ahead(pContext, 1);
         if (SSL_CTX_use_certificate_chain_file(pContext, sCertificate) != 1 ||
             SSL_CTX_use_PrivateKey_file(pContext, sKey, SSL_FILETYPE_PEM) != 1) {
             std::fprintf(stderr, "certificate or key cannot be read\n");
@@ -50,7 +52,7 @@ class TlsIo {
                 return nTotal > 0 || bJustNotNow(pSession, nGot) ? nTotal : nClose(fd);
             }
             nTotal += nGot;
-        } while (SSL_pending(pSession) > 0 && nTotal < static_cast<int>(nRoom));
+        } while (SSL_has_pending(pSession) != 0 && nTotal < static_cast<int>(nRoom));
         return nTotal;
     }
 
