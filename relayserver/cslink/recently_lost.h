@@ -13,6 +13,7 @@
 extern std::vector<std::shared_ptr<Orvex::LostConnectionNetMessage>>& vRecentlyLost;
 
 /// The list is emptied at clock times that are multiples of this many seconds.
+// NOLINTNEXTLINE(clang-diagnostic-reserved-identifier): known everywhere by this name.
 constexpr int _kLossClearInterval = 10800;
 
 /// Remembers a copy of `lcnm`.
