@@ -62,19 +62,25 @@ class Cast:
     def _cost(self, act):
         steps, calls = [], []
         deadline = Deadline(120)
-        while len(calls) < MEASUREMENTS:
-            assert not deadline.passed(), "more steps than can be counted, again and again"
-            self._wait_for_quiet()
-            acts = 0
-            # Held for one measurement only: on a busy machine steps take seconds, and whoever has
-            # not been heard of for 15 is dropped.
-            with contextlib.suppress(TooManySteps), LoopTracer(self.relay.pid) as tracer:
-                for results, count in ((steps, tracer.instructions), (calls, tracer.system_calls)):
-                    acts += 1
+        for results, count in ((steps, LoopTracer.instructions), (calls, LoopTracer.system_calls)):
+            while len(results) < MEASUREMENTS:
+                assert not deadline.passed(), "more steps than can be counted, again and again"
+                self._wait_for_quiet()
+                with contextlib.suppress(TooManySteps), self._held() as tracer:
                     act()
-                    results.append(count())
-            self._expect(act, acts)
+                    results.append(count(tracer))
+                self._expect(act, 1)
         return min(steps), min(calls, key=len)
+
+    @contextlib.contextmanager
+    def _held(self):
+        """The relay in our hands, for one pass. On a busy machine the steps of one may take longer
+        than anyone may be silent, so that everyone is heard in the next."""
+        with LoopTracer(self.relay.pid) as tracer:
+            try:
+                yield tracer
+            finally:
+                self.be_heard()
 
     def _wait_for_quiet(self):
         """Timers run in seconds that four divides: their work for thousands of clients would take
