@@ -31,12 +31,12 @@ _WALL = 0x40000000
 #: The numbers of the calls that matter here; any other is named by its number.
 _NAMES = {
     "x86_64": {
-        0: "read", 1: "write", 7: "poll", 46: "sendmsg", 44: "sendto", 45: "recvfrom",
+        0: "read", 1: "write", 3: "close", 7: "poll", 46: "sendmsg", 44: "sendto", 45: "recvfrom",
         47: "recvmsg", 232: "epoll_wait", 281: "epoll_wait", 299: "recvmmsg", 307: "sendmmsg",
     },
     "aarch64": {
-        63: "read", 64: "write", 73: "poll", 211: "sendmsg", 206: "sendto", 207: "recvfrom",
-        212: "recvmsg", 22: "epoll_wait", 243: "recvmmsg", 269: "sendmmsg",
+        57: "close", 63: "read", 64: "write", 73: "poll", 211: "sendmsg", 206: "sendto",
+        207: "recvfrom", 212: "recvmsg", 22: "epoll_wait", 243: "recvmmsg", 269: "sendmmsg",
     },
 }.get(platform.machine(), {})  # fmt: skip
 #: The length of the instruction that makes a system call.
