@@ -82,9 +82,10 @@ def main() -> int:
     started = time.monotonic()
     cells = quick_cells() if options.quick else all_cells()
     chosen = [cell for cell in cells if options.only in cell.name]
-    if options.beside:
+    other_build = options.beside and options.beside.resolve()
+    if other_build:
         chosen = [cell.beside_other_build() for cell in chosen]
-    results, failures = run(chosen, options.beside)
+    results, failures = run(chosen, other_build)
     _conclude(results)
     if failures:
         print("\nNo figures:", *failures, sep="\n  ")
