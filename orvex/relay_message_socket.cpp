@@ -102,7 +102,7 @@ int RelayMessageSocket::nReadBurst() {
     bBurstCutShort = false;
     int nRoom = inputBuffer.nMakeRoom(InputBuffer::kBlockSize);
     int nTotal = 0;
-    while (nRoom > 0) {
+    for (int nReads = 0; nRoom > 0 && nReads < kBurstReadsMax; ++nReads) {
         const int nResult = nReadSome(nRoom);
         if (nResult <= 0) {
             return bGoOnAfterFailedRead(nResult) ? nTotal : -1;

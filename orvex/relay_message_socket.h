@@ -17,6 +17,9 @@ class RelayMessageSocket {
   public:
     /// Bytes after which one draining read stops, so that a busy peer cannot hold the loop.
     static constexpr int kNonBlockingReadMax = 1024;
+    /// TLS records that one burst takes at most: a peer that sends them with a byte in each cannot
+    /// hold the loop.
+    static constexpr int kBurstReadsMax = 256;
     /// Bytes that are held at most, but for bursts: ten frames of the largest size.
     static constexpr int kReadBufferSize = 5090;
     /// Largest image that a frame can carry; the room `bDequeueNetMessage` needs.
@@ -89,8 +92,8 @@ class RelayMessageSocket {
     sockaddr_in siAddress;          ///< the peer, as accepted or connected
     SSL* pSSL;                      ///< null for a plain connection; not owned
     bool bSeenNonBlocking = false;  ///< O_NONBLOCK was seen on the descriptor, which keeps it
-    /// The last burst ended for want of room: the session may hold records. It may also hold the
-    /// beginning of one, which is no reason to come back, so that only a read can tell.
+    /// The last burst ended at one of its limits: the session may hold records. It may also hold
+    /// the beginning of one, which is no reason to come back, so that only a read can tell.
     bool bBurstCutShort = false;
     int nWrittenLast = 0;
     std::string _lastErrorString;

@@ -208,6 +208,19 @@ TEST_F(TlsBurst, SmallRecordsThatCameTogetherAreReadTogether) {
     EXPECT_FALSE(socket.bHasMoreInput());
 }
 
+TEST_F(TlsBurst, TinyRecordsDoNotHoldTheLoop) {
+    constexpr int kMore = 10;  // a socket pair holds not many more
+    for (int i = 0; i < RelayMessageSocket::kBurstReadsMax + kMore; ++i) {
+        tls.farWrites("\x01x");  // a frame of two bytes
+    }
+    EXPECT_EQ(socket.nReadBurst(), 2 * RelayMessageSocket::kBurstReadsMax);
+    (void)sTakeFrames(socket);
+    EXPECT_TRUE(socket.bHasMoreInput()) << "no event announces the rest";
+    EXPECT_EQ(socket.nReadBurst(), 2 * kMore);
+    (void)sTakeFrames(socket);
+    EXPECT_FALSE(socket.bHasMoreInput());
+}
+
 TEST_F(TlsBurst, ABeginningOfARecordBehindAWholeOneIsNoReasonToComeBack) {
     tls.farWrites(sStream(1));
     writeAll(tls.pair.far.get(), "\x17\x03\x03\x01"s);
