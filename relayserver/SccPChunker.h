@@ -5,27 +5,16 @@
 /// field 2) and bits 0 to 6 are the data; parity is made when rendering.
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <map>
 #include <string>
 #include <string_view>
 
 #include "base/clock.h"
-
-/// The Unix epoch, from which the archive's times count.
-constexpr utc_time_t ptEpoch{};
+#include "relayserver/SccPRendering.h"
 
 /// Bytes that the archive takes at once; a caption counts as ten of them.
 constexpr std::size_t dynamo_max_put = 400000;
-
-/// `b` with odd parity: unchanged if its lower seven bits hold an odd number of ones, else with bit
-/// 7 set. Bit 7 is never cleared, so bytes of field 2 may come out with even parity: receivers
-/// expect it so.
-[[nodiscard]] constexpr unsigned char odd_parity_8(unsigned char b) {
-    const bool bOdd = std::popcount(b & 0x7FU) % 2 == 1;
-    return bOdd ? b : static_cast<unsigned char>(b | 0x80U);
-}
 
 class SccPChunker {
   public:
@@ -43,8 +32,10 @@ class SccPChunker {
     /// any beyond one more than `kMaxSentCaptions`: that one tells the flood.
     void add(std::string_view captionBytes);
 
-    /// What was collected, as JSON text; empties the buffer. Line ends stand in the strings as they
-    /// are (CR LF), which strict JSON does not allow; receivers expect it.
+    /// What was collected, to be rendered; empties the buffer. Costs the same whatever it holds.
+    [[nodiscard]] SccPChunk takeChunk();
+
+    /// The same as JSON text, rendered at once.
     [[nodiscard]] std::string getChunkPayloadJson();
 
     /// Empties the buffer.
@@ -61,12 +52,13 @@ class SccPChunker {
 
   private:
     [[nodiscard]] std::string sTakePairs(std::string_view captionBytes);
-    void _bufSccPSnapshot(bool field1, std::string& rsOut) const;
 
     unsigned _nSourceID;
     /// When the buffer was last rendered; at first, when this object was made.
     utc_time_t _ptLastSent;
     std::map<utc_time_t, std::string> _byteMap;
+    /// What `_byteMap` takes as text.
+    std::size_t _nTextBytes = 0;
     /// For field 1 and 2: the last pair kept was an erase command.
     bool _bLastPairErase[2] = {false, false};
 };

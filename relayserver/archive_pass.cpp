@@ -1,7 +1,9 @@
 #include "relayserver/archive_pass.h"
 
+#include <algorithm>
 #include <deque>
 #include <memory>
+#include <optional>
 
 #include "base/clock.h"
 #include "connserver/logging.h"
@@ -13,12 +15,15 @@ std::time_t ttLastArchiveSent = nowSecs();
 
 namespace {
 
-/// Captions handed over in one pass of the loop, but always one source's at least: rendering them
-/// takes some tenths of a millisecond.
-constexpr std::size_t kCaptionsPerPass = 2000;
+/// What one pass of the loop may render, in the unit of `SccPRendering`; it takes some tenths of a
+/// millisecond. A source costs something too, however little it has.
+constexpr std::size_t kBudgetPerPass = 100000;
+constexpr std::size_t kSourceCost = 1000;
 
 /// Sources whose captions are to be handed over in this pass and the next ones.
 std::deque<unsigned> sourcesDue;
+/// Of the source before them, if it is not complete.
+std::optional<SccPRendering> rendering;
 
 bool bArchiveFull() {
     return ArchivePostThreader.getPayloadQueueSize() > kMaxArchiveBacklogPayloads ||
@@ -45,29 +50,42 @@ void beginArchivePass(std::time_t ttNow) {
     ttLastArchiveSent = ttNow;
 }
 
-void handOver(SccPChunker& rChunker) {
+void cancelFlood(SccPChunker& rChunker) {
+    writeToLog(true,
+               "WARNING: Archive: Attempt to send %zu data bytes collected from client %u, "
+               "cancelling\n",
+               rChunker.getBufferedSize(), rChunker.getSourceID());
+    rChunker.clear();
+}
+
+void beginWithNextSource(std::size_t& rnBudget) {
+    // Sources are forgotten only when a pass begins: all that are due are still there.
+    SccPChunker& rChunker = *ChunkCollector.getSourceBuffer(sourcesDue.front());
+    sourcesDue.pop_front();
     if (rChunker.getBufferedSize() > SccPChunker::kMaxSentCaptions) {
-        writeToLog(true,
-                   "WARNING: Archive: Attempt to send %zu data bytes collected from client %u, "
-                   "cancelling\n",
-                   rChunker.getBufferedSize(), rChunker.getSourceID());
-        rChunker.clear();
+        cancelFlood(rChunker);
+        rnBudget = 0;  // to free so many takes long enough
         return;
     }
-    std::string sPayload = rChunker.getChunkPayloadJson();
+    rendering.emplace(rChunker.takeChunk());
+    rnBudget -= std::min(rnBudget, kSourceCost);
+}
+
+void queueRendered() {
     if (bArchiveEnable && !bArchiveFull()) {
-        ArchivePostThreader.queuePayload(std::move(sPayload));
+        ArchivePostThreader.queuePayload(rendering->sTakeText());
     }
+    rendering.reset();
 }
 
 void handSomeOver() {
-    std::size_t nCaptions = 0;
-    while (!sourcesDue.empty() && nCaptions < kCaptionsPerPass) {
-        // Sources are forgotten only when a pass begins: all that are due are still there.
-        SccPChunker& rChunker = *ChunkCollector.getSourceBuffer(sourcesDue.front());
-        sourcesDue.pop_front();
-        nCaptions += 1 + rChunker.getBufferedSize();
-        handOver(rChunker);
+    std::size_t nBudget = kBudgetPerPass;
+    while (nBudget > 0 && bArchiveWaits()) {
+        if (!rendering) {
+            beginWithNextSource(nBudget);
+        } else if (rendering->bWriteOn(nBudget)) {
+            queueRendered();
+        }
     }
 }
 
@@ -110,15 +128,14 @@ void lookAfterArchive(std::time_t ttNow) {
     if (ttNow < ttLastArchiveSent) {
         ttLastArchiveSent = ttNow;  // the clock was set back: it must not hold up the archive
     }
-    if (sourcesDue.empty() &&
-        std::difftime(ttNow, ttLastArchiveSent) >= nArchiveSendCheckInterval) {
+    if (!bArchiveWaits() && std::difftime(ttNow, ttLastArchiveSent) >= nArchiveSendCheckInterval) {
         beginArchivePass(ttNow);
     }
     handSomeOver();
 }
 
 bool bArchiveWaits() {
-    return !sourcesDue.empty();
+    return rendering.has_value() || !sourcesDue.empty();
 }
 
 void resetArchiveForTest() {
@@ -126,5 +143,6 @@ void resetArchiveForTest() {
     std::construct_at(&ArchivePostThreader);
     ChunkCollector = SccPChunkerCollection();
     sourcesDue.clear();
+    rendering.reset();
     ttLastArchiveSent = nowSecs();
 }

@@ -34,8 +34,8 @@ void openArchive();
 void archiveCaption(unsigned nSourceID, std::string_view svCaption);
 
 /// Every 15 s reports what is wrong with posting and begins to hand over the captions that are old
-/// enough. Called in each pass: hands over some sources at a time, so that many of them do not hold
-/// up the loop.
+/// enough. Called in each pass of the loop: renders a bounded part at a time, so that neither many
+/// sources nor one that has much hold up the loop.
 void lookAfterArchive(std::time_t ttNow);
 
 /// Whether there is more to hand over, so that the loop must not sleep.

@@ -11,6 +11,8 @@
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::Pair;
 
 namespace {
 
@@ -77,35 +79,6 @@ class SccPChunkerTest : public StoppedClock {
     std::string _sRendered;
 };
 
-// Parity.
-
-/// Made without counting: the bits are folded onto each other.
-bool bOddParityOf(unsigned nBits) {
-    nBits ^= nBits >> 4;
-    nBits ^= nBits >> 2;
-    nBits ^= nBits >> 1;
-    return (nBits & 1) != 0;
-}
-
-TEST(OddParity8, HoldsForEveryByte) {
-    for (unsigned n = 0; n < 256; ++n) {
-        const unsigned nResult = odd_parity_8(static_cast<unsigned char>(n));
-        EXPECT_EQ(bOddParityOf(n & 0x7F) ? n : (n | 0x80), nResult) << n;
-        EXPECT_EQ(n & 0x7F, nResult & 0x7F) << n;
-        EXPECT_TRUE(n >= 0x80 || bOddParityOf(nResult)) << n;
-        EXPECT_TRUE(n < 0x80 || nResult == n) << "bit 7 is never cleared " << n;
-    }
-}
-
-TEST(OddParity8, KeepsTheTagOfField2EvenIfThatMakesParityEven) {
-    EXPECT_EQ(0x80, odd_parity_8(0x00));
-    EXPECT_EQ(0x01, odd_parity_8(0x01));
-    EXPECT_EQ(0x94, odd_parity_8(0x14));
-    EXPECT_EQ(0x81, odd_parity_8(0x81));
-    EXPECT_EQ(0xFF, odd_parity_8(0xFF));
-    EXPECT_EQ(0x7F, odd_parity_8(0x7F));
-}
-
 // The JSON text.
 
 TEST_F(SccPChunkerTest, RendersAMixedBufferToTheByte) {
@@ -129,22 +102,6 @@ TEST_F(SccPChunkerTest, RendersAnEmptyBuffer) {
         "{\"time\" : 1700000000,\"dur\" : 0,\"feedID\" : \"4294967295\",\"CaptionData\" : {"
         "\"format\" : \"SCCP\",\"S1data\" : \"\",\"S2data\" : \"\"}}",
         SccPChunker(4294967295U).getChunkPayloadJson());
-}
-
-TEST_F(SccPChunkerTest, RendersEveryByteValueWithParity) {
-    std::string sExpected1;
-    std::string sExpected2;
-    std::string sAll;
-    for (int n = 0; n < 256; ++n) {
-        sAll += static_cast<char>(n);
-        const bool bOdd = bOddParityOf(static_cast<unsigned>(n) & 0x7F);
-        std::string& rsExpected = n < 128 ? sExpected1 : sExpected2;
-        rsExpected += n % 2 == 0 && n % 128 != 0 ? " " : "";
-        rsExpected += string_format("%02x", bOdd ? n : (n | 0x80));
-    }
-    add(sAll);
-    EXPECT_EQ(sExpected1, sHexOfField1());
-    EXPECT_EQ(sExpected2, sHexOfField2());
 }
 
 TEST_F(SccPChunkerTest, MillisecondsAreCutOffAndHaveThreeDigits) {
@@ -408,6 +365,41 @@ TEST_F(SccPChunkerTest, AFloodEndsOneCaptionBeyondWhatIsSent) {
     chunker().clear();
     add("ab");
     EXPECT_EQ(1U, chunker().getBufferedSize());
+}
+
+// What is taken out to be rendered.
+
+TEST_F(SccPChunkerTest, WhatIsTakenOutIsWhatWasCollected) {
+    add("ab");
+    add("cd\xE1");
+    advanceClockForTest(seconds(5));
+    const SccPChunk chunk = chunker().takeChunk();
+    EXPECT_EQ(4711U, chunk.nSourceID);
+    EXPECT_EQ(ptEpoch + seconds(kNow), chunk.ptLastSent);
+    EXPECT_EQ(ptNow(), chunk.ptThisTime);
+    EXPECT_THAT(chunk.byteMap, ElementsAre(Pair(ptEpoch + seconds(kNow), "ab"),
+                                           Pair(ptEpoch + seconds(kNow) + milliseconds(1), "cd")));
+    EXPECT_EQ(nSccPTextBytes("ab") + nSccPTextBytes("cd"), chunk.nTextBytes);
+}
+
+TEST_F(SccPChunkerTest, WhatComesAfterwardsIsCollectedAnew) {
+    add("ab");
+    (void)chunker().takeChunk();
+    EXPECT_EQ(0U, chunker().getBufferedSize());
+    advanceClockForTest(seconds(7));
+    add("cdef");
+    const SccPChunk chunk = chunker().takeChunk();
+    EXPECT_EQ(ptEpoch + seconds(kNow) + milliseconds(1), chunk.ptLastSent);
+    EXPECT_EQ(1U, chunk.byteMap.size());
+    EXPECT_EQ(nSccPTextBytes("cdef"), chunk.nTextBytes);
+}
+
+TEST_F(SccPChunkerTest, TextOfWhatIsNotKeptIsNotCounted) {
+    add("ab");
+    chunker().clear();
+    chunker().add("cd");
+    chunker().add("of the same microsecond");
+    EXPECT_EQ(nSccPTextBytes("cd"), chunker().takeChunk().nTextBytes);
 }
 
 }  // namespace

@@ -29,6 +29,15 @@ class ArchivePass : public EngineTest {
         lookAfterArchive(nowSecs());
     }
 
+    /// Lets the loop pass, in no time, until all that is due is handed over.
+    static int nPassesUntilHandedOver() {
+        int nPasses = 0;
+        for (; bArchiveWaits() && nPasses < 1000; ++nPasses) {
+            lookAfter(0);
+        }
+        return nPasses;
+    }
+
     /// Lets a source caption `nCaptions` times, a microsecond apart.
     static void caption(unsigned nID, int nCaptions = 1) {
         for (int i = 0; i < nCaptions; ++i) {
