@@ -32,6 +32,9 @@ class SccPChunker {
     /// any beyond one more than `kMaxSentCaptions`: that one tells the flood.
     void add(std::string_view captionBytes);
 
+    /// Whether it holds a caption of that very time.
+    [[nodiscard]] bool bHolds(utc_time_t t) const { return _byteMap.contains(t); }
+
     /// What was collected, to be rendered; empties the buffer. Costs the same whatever it holds.
     [[nodiscard]] SccPChunk takeChunk();
 

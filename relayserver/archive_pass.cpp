@@ -89,6 +89,15 @@ void handSomeOver() {
     }
 }
 
+/// A source keeps one caption for each microsecond, and captions that arrive together are handled
+/// faster than that: waits until the clock has gone on. A clock that stands still is not waited
+/// for.
+void awaitTimeOfItsOwn(const SccPChunker& chunker) {
+    constexpr int kMostLooks = 1000;
+    for (int i = 0; i < kMostLooks && chunker.bHolds(ptNow()); ++i) {
+    }
+}
+
 }  // namespace
 
 void openArchive() {
@@ -120,6 +129,7 @@ void archiveCaption(unsigned nSourceID, std::string_view svCaption) {
         return;
     }
     if (!svCaption.empty()) {
+        awaitTimeOfItsOwn(*pChunker);
         pChunker->add(svCaption);
     }
 }

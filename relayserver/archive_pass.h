@@ -30,7 +30,7 @@ extern std::time_t ttLastArchiveSent;
 void openArchive();
 
 /// Keeps a copy of what source `nSourceID` captions: byte pairs, maybe none. Only if the archive is
-/// enabled.
+/// enabled. May take a microsecond, until the clock shows another time than for the one before.
 void archiveCaption(unsigned nSourceID, std::string_view svCaption);
 
 /// Every 15 s reports what is wrong with posting and begins to hand over the captions that are old

@@ -84,12 +84,8 @@ void onLogOut(RelayClient& client, const char* achMsg, int nMsgLen) {
 }
 
 /// What a relay peer sends was archived where it was captioned.
-bool bGoesToArchive(const RelayClient& client, const char* achMsg) {
-    return bArchiveEnable && achMsg[0] == Orvex::CaptionNetMessage::nTYPE && !bIsRelayPeer(client);
-}
-
 void archiveIfCaption(const RelayClient& client, const char* achMsg, int nMsgLen) {
-    if (bGoesToArchive(client, achMsg)) {
+    if (bArchiveEnable && achMsg[0] == Orvex::CaptionNetMessage::nTYPE && !bIsRelayPeer(client)) {
         const Orvex::CaptionNetMessage cnm(achMsg, nMsgLen);
         archiveCaption(GetNetMessageSenderID(achMsg, nMsgLen), cnm.GetCaption());
     }
@@ -107,14 +103,13 @@ void loseClient(RelayClient& client) {
 }
 
 /// Adds a message to the run that is on its way, if it may travel in it and is not to be refused.
-/// What the archive gets may not: it keeps one caption of a source for each microsecond, and those
-/// of a run come closer together than that.
 bool bJoinRun(RelayClient& client, std::string_view svImage, MessageRun& rRun) {
     const int nMsgLen = static_cast<int>(svImage.size());
     if (!bMayCarry(client, svImage.data(), nMsgLen) || !bTravelsInRuns(svImage) ||
-        bGoesToArchive(client, svImage.data()) || !bAddToRun(rRun, svImage)) {
+        !bAddToRun(rRun, svImage)) {
         return false;
     }
+    archiveIfCaption(client, svImage.data(), nMsgLen);
     if (rRun.nCount == 1) {
         rRun.bFromRelayPeer = bIsRelayPeer(client);
         client.SetLastMessageTime(nowSecs());

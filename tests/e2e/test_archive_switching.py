@@ -4,12 +4,19 @@ from __future__ import annotations
 
 import time
 
-from archive_tools import assert_archived, make_lines, private_bytes
+import pytest
+from archive_tools import archived, assert_archived, make_lines, private_bytes
 from scripted_endpoint import Answer
+
+from lab.messages import Caption
+from lab.stations import Captioner
+from lab.tracer import LoopTracer
 
 #: What memory may grow by while bodies of hundreds of megabytes come.
 GROWTH_BYTES = 24 << 20
 PAUSE_SECS = 0.01
+#: Captions in one write, and calls that may send something else meanwhile.
+BURST, OTHER_CALLS = 200, 8
 DELAY_SECS = 2
 #: So long after a post the relay has looked after its archive again.
 NEXT_PASS_SECS = 17
@@ -61,3 +68,28 @@ def test_a_dead_archive_holds_nothing_up(make_endpoint, make_relay, make_station
         endpoint.has(1, PAUSE_SECS)
     for line in lines:
         line.assert_never_held_up()
+
+
+@pytest.mark.skipif(not LoopTracer.supported(), reason="unknown kind of processor")
+@pytest.mark.parametrize("routed", [True, False], ids=["to an encoder", "to nobody"])
+def test_captions_that_come_together_are_archived_one_by_one(
+    make_endpoint, make_relay, make_station, route, routed
+):
+    """They leave together all the same, and the faster they are done with the more it takes to
+    give each a time of its own, without which it would be lost."""
+    endpoint = make_endpoint()
+    relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
+    (line,) = make_lines(relay, make_station, route, 1)
+    captioner = line.captioner if routed else make_station(relay, Captioner)
+    line.say()
+    captions = [b"%06d" % number for number in range(BURST)]
+    with LoopTracer(relay.pid) as tracer:
+        captioner.send_all(Caption(caption) for caption in captions)
+        calls = []
+        while "read" not in calls:
+            calls += tracer.system_calls()
+    assert calls.count("sendto") <= OTHER_CALLS
+    if routed:
+        assert [one.caption for one in line.encoder.receive_count(BURST)] == captions
+    posts = endpoint.wait_for(1 if routed else 2)
+    assert [caption for _, caption in archived(posts, captioner.client_id)][-BURST:] == captions

@@ -102,6 +102,13 @@ TEST_F(ArchivedCaptions, EachCaptionOfABurstHasATimeOfItsOwn) {
     EXPECT_THAT(loggedLines(), ElementsAre(kNewSource7));
 }
 
+TEST_F(ArchivedCaptions, AClockThatStandsStillIsNotWaitedFor) {
+    receive({sCaption(7, "ab"), sCaption(7, "cd")});
+    EXPECT_THAT(peer8.images(), ElementsAre(sCaption(7, "ab"), sCaption(7, "cd")));
+    EXPECT_THAT(sArchived(7),
+                HasSubstr("\"S1data\" : \"1700000001.000\t6162\r\n\r\n\",\"S2data\""));
+}
+
 TEST_F(ArchivedCaptions, ASourceIsLoggedOnce) {
     receive({sCaption(7, "ab")});
     advanceClockForTest(1);
