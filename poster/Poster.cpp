@@ -166,7 +166,6 @@ bool CaptionPoster::bHasEnded() {
 
 bool CaptionPoster::bClose() {
     if (!bHasEnded()) {
-        _workerThread.detach();
         return false;
     }
     _httpPost = HttpPost();

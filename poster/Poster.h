@@ -77,8 +77,8 @@ class CaptionPoster {
     void askToEnd();
     /// Whether no worker runs. Does not wait.
     [[nodiscard]] bool bHasEnded();
-    /// Closes the connection; there is no destination afterwards. If a worker runs, false: it is
-    /// let go of and works on until `_exit`. Does not wait.
+    /// Closes the connection; there is no destination afterwards. False, and nothing happens, while
+    /// a worker runs. Does not wait.
     [[nodiscard]] bool bClose();
 
   private:

@@ -210,6 +210,13 @@ TEST_F(PosterInterruption, MayBeAskedForWithoutWaiting) {
     expectDeliveryOf(payloads(0, 12));
 }
 
+TEST_F(PosterInterruption, HasToComeBeforeTheConnectionCanBeClosed) {
+    ASSERT_NO_FATAL_FAILURE(postToNobody(payloads(0, 12)));
+    inTime(kAtOnce, [&] { EXPECT_FALSE(poster_.bClose()); });
+    inTime(kSoon, [&] { poster_._interruptWorkThread(); });
+    expectDeliveryOf(payloads(0, 12));
+}
+
 TEST_F(PosterInterruption, LeavesAConnectionThatCanBeClosed) {
     poster_.queuePayload("payload");
     ASSERT_TRUE(bHasStatus("HTTP OK"));
