@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/ip_utils.h"
+#include "tests/unit/poster/held_name.h"
 #include "tests/unit/poster/poster_fixture.h"
 
 namespace {
@@ -172,6 +173,17 @@ TEST_F(PosterInterruption, EndsAConnectionAttemptThatNobodyAnswers) {
     poster_.queuePayload("p0");
     EXPECT_TRUE(bStays([&] { return poster_.getLastStatusCode() == "Idle"; }));
     interruptIn(kSoon);
+    poster_.setDestination(endpoint_.sURL());
+    expectDeliveryOf({"p0"});
+}
+
+TEST_F(PosterInterruption, EndsTheWaitForANameServerThatDoesNotAnswer) {
+    const HeldName name;
+    poster_.setDestination(std::string("http://") + HeldName::kHost + "/");
+    poster_.queuePayload("p0");
+    ASSERT_TRUE(bEventually([] { return HeldName::bIsAskedFor(); }));
+    interruptIn(kSoon);
+    EXPECT_TRUE(HeldName::bIsAskedFor());
     poster_.setDestination(endpoint_.sURL());
     expectDeliveryOf({"p0"});
 }
