@@ -37,10 +37,10 @@ void SccPChunker::add(std::string_view captionBytes) {
     if (sKept.empty()) {
         return;
     }
-    const std::size_t nTextBytes = nSccPTextBytes(sKept);
-    const std::size_t nBefore = _byteMap.size();
-    _byteMap.try_emplace(_byteMap.end(), ptNow(), std::move(sKept));
-    _nTextBytes += _byteMap.size() > nBefore ? nTextBytes : 0;
+    const auto [itCaption, bNew] = _byteMap.try_emplace(ptNow(), std::move(sKept));
+    if (bNew) {
+        _nTextBytes += nSccPTextBytes(itCaption->second);
+    }
 }
 
 SccPChunk SccPChunker::takeChunk() {

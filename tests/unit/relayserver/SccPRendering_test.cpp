@@ -6,9 +6,7 @@
 #include <vector>
 
 #include "base/string_format.h"
-#include "relayserver/SccPChunker.h"
 
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 namespace {
