@@ -3,8 +3,8 @@
 ///
 /// The descriptor is the key for deletion; where several records share a descriptor or an id, the
 /// first in insertion order is meant. A record never moves: pointers and references to it stay
-/// good until that very record is deleted. Note that a failed send deletes records: look up again
-/// after anything that may send. Event-loop thread only.
+/// good until that very record is deleted. A failed send to a client deletes its record: look up
+/// again after anything that may send to it. Event-loop thread only.
 #pragma once
 
 #include <cstddef>

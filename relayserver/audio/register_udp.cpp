@@ -98,7 +98,6 @@ void countRequest(RelayClient& otherRelay, std::time_t ttNow) {
     otherRelay.ttLastTicketRequested = ttNow;
 }
 
-/// `otherRelay` may be gone afterwards.
 void requestTicket(RelayClient& otherRelay) {
     const int nPeerID = otherRelay.GetClientID();
     const std::time_t ttNow = nowSecs();

@@ -17,11 +17,10 @@ constexpr int kAllPrograms = -1;
 /// receives
 /// (`rx`) and sends (`tx`) audio, and with `callback` asks it to register in return; for one
 /// program (0..5), or for `kAllPrograms`. Without a usable ticket asks the connection server for
-/// one, whose order then brings the registration about. Returns 1. May remove clients, `otherRelay`
-/// included.
+/// one, whose order then brings the registration about. Returns 1.
 int RegisterUdp(Orvex::RelayClient& otherRelay, bool rx, bool tx, bool callback,
                 int specificProgram);
 
 /// Tries again where a registration was refused or could not be sent while a ticket had just been
-/// requested: a few times, since a peer lets only so many through at a time. May remove clients.
+/// requested: a few times, since a peer lets only so many through at a time.
 void retryOwedRegistrations(std::time_t ttNow);

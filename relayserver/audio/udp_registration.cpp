@@ -106,8 +106,7 @@ sockaddr_in siReceiveAddress(const RelayClient& client, const AudioDatagram& dat
     return bFecOfRelay ? siPeerAudioAddress(client, nProgramOf(datagram)) : datagram.siFrom;
 }
 
-/// A client that registers again may have a new address; peers may have one just as well.
-/// `client` may be gone afterwards.
+/// A client that registers again may have a new address, and so may peers.
 void reregisterPeersAfter(const RelayClient& client, const AudioDatagram& datagram) {
     if (std::difftime(nowSecs(), ttLastUdpReregister) <= kUdpReregisterPeriod ||
         bIsRelayPeer(client)) {
@@ -120,7 +119,6 @@ void reregisterPeersAfter(const RelayClient& client, const AudioDatagram& datagr
     (void)ReregisterRelayPeers();  // logged there
 }
 
-/// `client` may be gone afterwards.
 void startReceiving(RelayClient& client, const AudioDatagram& datagram) {
     const unsigned nProgram = nProgramOf(datagram);
     const bool bBefore = client.bIsRcvAudio(nProgram);
@@ -155,21 +153,15 @@ void callBack(RelayClient& client, const AudioDatagram& datagram) {
 
 /// Does what the flags ask for.
 void registerClient(RelayClient& client, unsigned nFlags, const AudioDatagram& datagram) {
-    const int fd = client.GetMessageSocket()->getMsgSockFileDesc();
-    const std::uint64_t nSerial = client.nSerial();
     if ((nFlags & kFlagReceives) != 0) {
         startReceiving(client, datagram);
     }
-    RelayClient* const pClient = ctAuthClientTable.findBySerial(fd, nSerial);
-    if (pClient == nullptr) {
-        return;
-    }
     if ((nFlags & kFlagSends) != 0) {
-        startSending(*pClient, datagram);
+        startSending(client, datagram);
     }
-    notePeerSources(*pClient);
+    notePeerSources(client);
     if ((nFlags & kFlagCallback) != 0) {
-        callBack(*pClient, datagram);
+        callBack(client, datagram);
     }
 }
 

@@ -6,8 +6,6 @@
 #include "connserver/logging.h"
 #include "genner/output/LostConnectionNetMessage.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/cslink/connect_to_server.h"
-#include "relayserver/cslink/cs_messages.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/cslink/recently_lost.h"
@@ -18,18 +16,6 @@ using Orvex::RelayClient;
 using Orvex::RelayClientTable;
 
 namespace {
-
-void cleanConnServerSocket() {
-    writeToLog(true, "cleanbadsocket was on connection server\n");
-    const std::uint64_t nThisLink = nLinkNumber;
-    readLastServerMessages();
-    if (nThisLink != nLinkNumber) {
-        return;  // one of them has ended the link
-    }
-    LostConnectionToCS();
-    SwitchServers();
-    reconnectUnlessThrottled();
-}
 
 /// The table that holds a client on `fd`, and that client; null when there is none.
 RelayClientTable* findTableOf(int fd, RelayClient*& pClientFound) {
@@ -66,20 +52,16 @@ void reportLostClient(unsigned nClientID) {
 }
 
 void reportAndDelete(RelayClientTable& table, RelayClient& client) {
-    const int fd = client.GetMessageSocket()->getMsgSockFileDesc();
-    const std::uint64_t nSerial = client.nSerial();
     reportLostClient(static_cast<unsigned>(client.GetClientID()));
-    if (RelayClient* const pStillThere = table.findBySerial(fd, nSerial)) {
-        DeleteClient(table, *pStillThere);
-    }
+    DeleteClient(table, client);
 }
 
 void CleanBadSocket(int fd) {
-    writeToLog(true, "cleaning up socket fd %d\n", fd);
     if (connserv_sockfd != 0 && fd == connserv_sockfd) {
-        cleanConnServerSocket();
+        markLinkBroken();
         return;
     }
+    writeToLog(true, "cleaning up socket fd %d\n", fd);
     RelayClient* pClientFound = nullptr;
     RelayClientTable* const pTableFound = findTableOf(fd, pClientFound);
     if (pTableFound == nullptr) {

@@ -1,7 +1,7 @@
 /// The only doors through which a connection leaves. Main thread only.
 ///
-/// Both free the client's record: a pointer or reference to it is dead afterwards. Because a failed
-/// send ends here, so may any function that sends to a client.
+/// Both free the client's record, and no other: a pointer or reference to it is dead afterwards.
+/// Because a failed send ends here, so may any function that sends to a client.
 #pragma once
 
 #include "orvex/relay_client_table.h"
@@ -11,15 +11,14 @@
 void DeleteClient(Orvex::RelayClientTable& table, Orvex::RelayClient& client);
 
 /// Tells the connection server that it lost the admitted client `nClientID`, and remembers so for a
-/// connection server that is out of reach. A link that turns out to be broken has its last orders
-/// carried out, which may remove clients.
+/// connection server that is out of reach.
 void reportLostClient(unsigned nClientID);
 
 /// Reports the loss of `client`, a record of `table`, and deletes it.
 void reportAndDelete(Orvex::RelayClientTable& table, Orvex::RelayClient& client);
 
-/// Ends whatever stands behind a descriptor that failed: the connection-server link (which moves to
-/// the next server and reconnects, not more often than every `connectRetry_secs`), or a client of
-/// any table, whose loss is reported if it had an id. A descriptor of nobody is closed; so is a
-/// pending connect to another relay, of which the connection server has not heard yet.
+/// Ends whatever a failed descriptor belongs to: a client of any table, whose loss is reported if
+/// it had an id, or the connection-server link, which is marked as broken and taken down by the
+/// loop. An unknown descriptor is closed; so is a pending connect to another relay, of which the
+/// connection server has not heard yet.
 void CleanBadSocket(int fd);

@@ -108,7 +108,6 @@ int nStartAttempt() {
         return kFailed;
     }
     connserv_sockfd = fd;
-    ++nLinkNumber;
     msConnServMsgSock = Orvex::RelayMessageSocket(fd, siServer);
     addToEpollForWrite(fd);
     nConnectionStage = WAITING_FOR_CONNECT;
@@ -191,11 +190,10 @@ int nHandleWritable() {
 int nHandleReadable() {
     const bool bBroken = msConnServMsgSock.nReadNonBlockingSocket() < 0;
     const std::string sProblem = msConnServMsgSock.getErrorString();
-    const std::uint64_t nThisLink = nLinkNumber;
     if (handleLinkMessages() < 0) {
         return kFailed;
     }
-    if (bBroken && nThisLink == nLinkNumber) {
+    if (bBroken) {
         writeToLog(true,
                    "WARNING: broken connection to connserver during initial connect stages : %s\n",
                    sProblem.c_str());

@@ -66,9 +66,7 @@ void readFinishedLink() {
         reportBreak();
     }
     // What arrived whole before the link broke still counts.
-    const std::uint64_t nThisLink = nLinkNumber;
-    (void)handleLinkMessages();  // a lost link shows in the link's number
-    if (bBroken && nThisLink == nLinkNumber) {
+    if (handleLinkMessages() >= 0 && bBroken) {
         LostConnectionToCS();
     }
 }
@@ -92,13 +90,13 @@ void onLinkEvent(epoll_event& epe) {
     } else if ((epe.events & EPOLLIN) != 0) {
         readFinishedLink();
     }
-    if (nConnectionStage == CONNECTION_FINISHED && !csForwardQueue.empty()) {
+    if (bLinkFinished() && !csForwardQueue.empty()) {
         SendCSQueue();
     }
 }
 
 void readLastServerMessages() {
-    if (nConnectionStage < WAITING_FOR_CHALLENGE || bLinkGoesDown) {
+    if (nConnectionStage < WAITING_FOR_CHALLENGE) {
         return;
     }
     // A server that goes on sending does not keep us here: only what has come by now counts, and
@@ -107,14 +105,26 @@ void readLastServerMessages() {
     int nWaiting = 0;
     ioctl(connserv_sockfd, FIONREAD, &nWaiting);
     nWaiting += kTlsRecordBytes;
-    bLinkGoesDown = true;
-    const std::uint64_t nThisLink = nLinkNumber;
-    (void)handleLinkMessages();  // a lost link shows in the link's number
-    for (int nRead = 1; nRead > 0 && nWaiting > 0 && nThisLink == nLinkNumber; nWaiting -= nRead) {
+    int nStage = handleLinkMessages();
+    for (int nRead = 1; nRead > 0 && nWaiting > 0 && nStage >= 0; nWaiting -= nRead) {
         nRead = msConnServMsgSock.nReadNonBlockingSocket();
-        (void)handleLinkMessages();
+        nStage = handleLinkMessages();
     }
-    bLinkGoesDown = false;
+}
+
+void settleBrokenLink() {
+    if (!bLinkMarkedBroken()) {
+        return;
+    }
+    writeToLog(true, "cleaning up socket fd %d\n", connserv_sockfd);
+    writeToLog(true, "cleanbadsocket was on connection server\n");
+    readLastServerMessages();
+    if (!bLinkMarkedBroken()) {
+        return;  // one of them has ended the link
+    }
+    LostConnectionToCS();
+    SwitchServers();
+    reconnectUnlessThrottled();
 }
 
 void onServerMessage(const char* achMsg, int nMsgLen) {

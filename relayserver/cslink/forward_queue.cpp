@@ -3,7 +3,6 @@
 #include <new>
 
 #include "connserver/logging.h"
-#include "relayserver/clients/client_removal.h"
 #include "relayserver/cslink/link_state.h"
 
 using Orvex::NetMessage;
@@ -62,7 +61,7 @@ int ForwardToCS(NetMessage& nmp) {
     if (nmp.frame().empty()) {
         return 0;  // no link could ever carry it, so none is to be blamed for it
     }
-    if (connserv_sockfd != 0 && nConnectionStage == CONNECTION_FINISHED && !bLinkGoesDown) {
+    if (bLinkFinished()) {
         const int nSent = nmp.Send(true, msConnServMsgSock);
         nmLastSentToCS = nmp;
         if (nSent >= 1) {
@@ -70,7 +69,7 @@ int ForwardToCS(NetMessage& nmp) {
             return nSent;
         }
         writeToLog(true, "socket broken sending message to connection server!\n");
-        CleanBadSocket(connserv_sockfd);
+        markLinkBroken();
     }
     return nQueue(nmp);
 }
@@ -78,7 +77,7 @@ int ForwardToCS(NetMessage& nmp) {
 int SendCSQueue() {
     writeToLog(true, "TRACE: have collected %zu messages to de-queue to server\n",
                csForwardQueue.size());
-    while (!csForwardQueue.empty()) {
+    while (bLinkFinished() && !csForwardQueue.empty()) {
         const std::shared_ptr<NetMessage> pMessage = csForwardQueue.front();
         csForwardQueue.pop();
         if (ForwardToCS(*pMessage) <= 0) {

@@ -19,7 +19,7 @@ extern Orvex::NetMessage nmLastSentToCS;
 /// Sends `nmp` to the connection server, or queues a copy while there is none. Returns the bytes
 /// sent; 0 when it was queued, or dropped because it is of a kind that is rebuilt after a
 /// reconnect, or because it is too large for a frame; -1 when it could not be copied. A failed send
-/// takes the link down and may start the next attempt.
+/// marks the link as broken: the loop takes it down, no client goes meanwhile.
 int ForwardToCS(Orvex::NetMessage& nmp);
 
 /// Sends what waits, until the first message that does not get through; returns how many are left.

@@ -8,6 +8,8 @@ namespace {
 
 constexpr unsigned kLeastSecsBetweenAttempts = 1;
 
+bool bMarkedBroken = false;
+
 }  // namespace
 
 connection_stage_t nConnectionStage = CONNECTION_IDLE;
@@ -16,8 +18,6 @@ std::string sLastServer;
 int connserv_sockfd = 0;
 SSL* connserv_ssl = nullptr;
 Orvex::RelayMessageSocket msConnServMsgSock;
-std::uint64_t nLinkNumber = 0;
-bool bLinkGoesDown = false;
 int nLastChallenge = 0;
 bool bLoginContinue = false;
 bool bAccepting = true;
@@ -25,6 +25,18 @@ std::time_t ttLastConnServMsg = nowSecs();
 std::time_t ttLastCSConnectAttempt = nowSecs();
 std::time_t ttConnectLost = 0;
 unsigned connectRetry_secs = kLeastSecsBetweenAttempts;
+
+void markLinkBroken() {
+    bMarkedBroken = true;
+}
+
+bool bLinkMarkedBroken() {
+    return bMarkedBroken;
+}
+
+bool bLinkFinished() {
+    return nConnectionStage == CONNECTION_FINISHED && !bMarkedBroken;
+}
 
 void SwitchServers() {
     if (serverQ.empty()) {
@@ -51,15 +63,14 @@ void closeLink() {
     if (connserv_sockfd != 0) {
         closeDescriptor(connserv_sockfd);
         connserv_sockfd = 0;
-        ++nLinkNumber;
     }
     msConnServMsgSock = Orvex::RelayMessageSocket();
     nConnectionStage = CONNECTION_IDLE;
+    bMarkedBroken = false;
 }
 
 void resetLinkStateForTest() {
     closeLink();
-    bLinkGoesDown = false;
     serverQ = {};
     sLastServer.clear();
     nLastChallenge = 0;

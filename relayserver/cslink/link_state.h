@@ -4,7 +4,6 @@
 
 #include <openssl/ssl.h>
 
-#include <cstdint>
 #include <ctime>
 #include <queue>
 #include <string>
@@ -33,14 +32,6 @@ extern int connserv_sockfd;
 extern SSL* connserv_ssl;
 extern Orvex::RelayMessageSocket msConnServMsgSock;
 
-/// Counts attempts: work that spans several messages tells by it whether the link is still the
-/// same.
-extern std::uint64_t nLinkNumber;
-
-/// The link has failed and the last messages of its server are being handled: nothing is sent on
-/// it any more.
-extern bool bLinkGoesDown;
-
 /// The last challenge received.
 extern int nLastChallenge;
 /// Whether the next login asks to continue the session of an earlier one.
@@ -55,6 +46,17 @@ extern std::time_t ttConnectLost;
 
 /// Least number of seconds between two attempts.
 extern unsigned connectRetry_secs;
+
+/// Marks the link as broken: nothing is sent on it any more, and the loop takes it down once the
+/// handler that is running has returned (`settleBrokenLink`). The stage stays until then. Callers
+/// deep inside a send therefore lose nothing that they hold.
+void markLinkBroken();
+
+/// Whether the link is marked as broken and still up.
+[[nodiscard]] bool bLinkMarkedBroken();
+
+/// Whether messages may be sent to the server: logged in, and not marked as broken.
+[[nodiscard]] bool bLinkFinished();
 
 /// Moves the server in front of `serverQ` to its back.
 void SwitchServers();

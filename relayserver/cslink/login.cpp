@@ -173,10 +173,10 @@ int onChallenge(const char* achMsg, int nMsgLen) {
 }
 
 int handleLinkMessages() {
-    const std::uint64_t nThisLink = nLinkNumber;
     char achMsg[Orvex::NetMessage::nMAX_PADDED_MSG_LEN];
     int nMsgLen = 0;
-    while (nThisLink == nLinkNumber && msConnServMsgSock.bDequeueNetMessage(achMsg, &nMsgLen)) {
+    // A link that was lost has no messages left.
+    while (msConnServMsgSock.bDequeueNetMessage(achMsg, &nMsgLen)) {
         ttLastConnServMsg = nowSecs();
         if (nConnectionStage == CONNECTION_FINISHED) {
             onServerMessage(achMsg, nMsgLen);
@@ -184,7 +184,7 @@ int handleLinkMessages() {
             return kFailed;
         }
     }
-    if (nThisLink != nLinkNumber) {
+    if (nConnectionStage == CONNECTION_IDLE) {
         return kFailed;
     }
     if (msConnServMsgSock.bHasMoreInput()) {

@@ -65,8 +65,7 @@ void forgetOldestLosses(std::size_t nLosses) {
 }
 
 void clearRecentlyLostOnBoundary(std::time_t ttNow) {
-    if (ttNow % _kLossClearInterval == 0 && nConnectionStage == CONNECTION_FINISHED &&
-        !vRecentlyLost.empty()) {
+    if (ttNow % _kLossClearInterval == 0 && bLinkFinished() && !vRecentlyLost.empty()) {
         writeToLog(true, "periodic cleanup - removing %zu entries from recently lost array\n",
                    vRecentlyLost.size());
         forgetAll();

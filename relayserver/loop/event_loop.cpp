@@ -57,6 +57,7 @@ bool bHandleBadSocket(epoll_event& epe, int nIndex) {
         return false;
     }
     if (fd == connserv_sockfd) {
+        markLinkBroken();
         readLastServerMessages();
     }
     writeToLog(true,
@@ -154,9 +155,10 @@ void offerToHandlers(epoll_event& epe, int nIndex) {
     }
     for (const handler_t bHandles : kHandlersInOrder) {
         if (bHandles(epe, nIndex)) {
-            return;
+            break;
         }
     }
+    settleBrokenLink();
 }
 
 void runOnePass() {

@@ -9,6 +9,7 @@
 #include "relayserver/archive_pass.h"
 #include "relayserver/audio/register_udp.h"
 #include "relayserver/audio/udp_registration.h"
+#include "relayserver/cslink/cs_messages.h"
 #include "relayserver/cslink/recently_lost.h"
 #include "relayserver/loop/client_timers.h"
 #include "relayserver/loop/link_timers.h"
@@ -49,19 +50,27 @@ void reportLoad() {
     }
 }
 
-void runTimers() {
-    lookAfterLink(ttThisLoop);
-    dropIdleClients(ttThisLoop);
-    cancelStaleConnects(ttThisLoop);
-    dropStalledHandshakes(ttThisLoop);
-    dropLooseClients(ttThisLoop);
-    retryOwedRegistrations(ttThisLoop);
-    if (std::difftime(ttThisLoop, tLastHeartbeatBurst) <= dHeartbeatPeriod) {
+void sendHeartbeatBurst(std::time_t ttNow) {
+    if (std::difftime(ttNow, tLastHeartbeatBurst) <= dHeartbeatPeriod) {
         return;
     }
-    tLastHeartbeatBurst = ttThisLoop;
-    checkInputAndSendHeartbeats(ttThisLoop);
+    tLastHeartbeatBurst = ttNow;
+    checkInputAndSendHeartbeats(ttNow);
     reportLoad();
+}
+
+using tick_step_t = void (*)(std::time_t ttNow);
+
+constexpr tick_step_t kStepsInOrder[] = {
+    lookAfterLink,    dropIdleClients,        cancelStaleConnects, dropStalledHandshakes,
+    dropLooseClients, retryOwedRegistrations, sendHeartbeatBurst,
+};
+
+void runTimers() {
+    for (const tick_step_t runStep : kStepsInOrder) {
+        runStep(ttThisLoop);
+        settleBrokenLink();
+    }
 }
 
 }  // namespace

@@ -53,8 +53,7 @@ void lookAfterLink(std::time_t ttNow) {
     const double dIdle = std::difftime(ttNow, std::max(ttLastConnServMsg, ttLastCSConnectAttempt));
     if (nConnectionStage != CONNECTION_IDLE && dIdle > dIdleTimeOut) {
         abandonLink(dIdle);
-    } else if (nConnectionStage == CONNECTION_FINISHED &&
-               std::difftime(ttNow, tLastHeartbeat) > dHeartbeatPeriod) {
+    } else if (bLinkFinished() && std::difftime(ttNow, tLastHeartbeat) > dHeartbeatPeriod) {
         sendHeartbeat(ttNow);
     } else if (nConnectionStage == CONNECTION_IDLE &&
                std::difftime(ttNow, ttLastCSConnectAttempt) >= connectRetry_secs) {

@@ -5,5 +5,4 @@
 
 /// Carries out one order: to connect to another relay, or to register audio with one that is
 /// connected, both under the ticket that the order brings. What fails is logged and ends the order.
-/// May remove clients.
 void onConnectOrder(const Orvex::ConnectOrderNetMessage& order);

@@ -16,7 +16,7 @@ void startPeerConnect(const Orvex::ConnectOrderNetMessage& order);
 [[nodiscard]] bool bHandlePendingConnect(epoll_event& epe, int nIndex);
 
 /// What an order to connect to a relay that is connected already comes to: `client`, the admitted
-/// relay, is marked as a peer and confirmed to the connection server. It may be gone afterwards.
+/// relay, is marked as a peer and confirmed to the connection server.
 void confirmExistingPeer(Orvex::RelayClient& client);
 
 /// Two relays that connect to each other at once would each close the connection of its own making

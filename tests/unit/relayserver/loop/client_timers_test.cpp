@@ -108,7 +108,7 @@ TEST_F(ClientTimers, ALossThatBreaksTheLinkStillDropsAllIdleClients) {
     const Peer second = addAuthClient(2);
     dropIdleClients(kNow + 16);
     EXPECT_EQ(0, ctAuthClientTable.GetSize());
-    EXPECT_EQ(0, connserv_sockfd);
+    EXPECT_TRUE(bLinkMarkedBroken());
     EXPECT_EQ(2U, vRecentlyLost.size());
 }
 

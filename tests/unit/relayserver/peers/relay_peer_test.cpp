@@ -1,6 +1,8 @@
 #include "relayserver/peers/relay_peer.h"
 
 #include "base/ip_utils.h"
+#include "relayserver/clients/client_removal.h"
+#include "relayserver/clients/client_tables.h"
 #include "relayserver/startup/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"
@@ -196,6 +198,17 @@ TEST_F(Reregistration, WithoutClientsOnlySaysSo) {
     EXPECT_TRUE(ReregisterRelayPeers());
     EXPECT_THAT(loggedLines(), testing::ElementsAre("reregistering all relay peers\n"));
     EXPECT_THAT(server.images(), IsEmpty());
+}
+
+TEST_F(RelayPeer, APeerThatComesBackUnderItsIdLeavesNothingOfTheOld) {
+    const Peer old = addAuthClientAt(8, "127.0.0.7");
+    namePeerPort(authClient(8), 6900);
+    MarkAsRelay(authClient(8));
+    DeleteClient(ctAuthClientTable, authClient(8));
+    const Peer again = addAuthClientAt(8, "127.0.0.7");
+    EXPECT_FALSE(bIsRelayPeer(authClient(8)));
+    EXPECT_EQ(0, authClient(8).nRelayUdpBasePort);
+    EXPECT_EQ("", sTicketOf(authClient(8)));
 }
 
 }  // namespace
