@@ -12,7 +12,7 @@
 #include "relayserver/audio/switch_audio.h"
 #include "relayserver/audio/udp_receive.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 
 using Orvex::RelayClient;
 

@@ -9,9 +9,9 @@
 #include "base/clock.h"
 #include "bench/instructions/give_up.h"
 #include "orvex/net_message.h"
-#include "relayserver/RoutingCache.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/loop/epoll_set.h"
+#include "relayserver/routes/RoutingCache.h"
+#include "relayserver/sockets/epoll_set.h"
 
 using Orvex::RelayClient;
 using Orvex::RelayMessageSocket;

@@ -5,7 +5,7 @@
 #include "base/clock.h"
 #include "bench/micro/sample_frames.h"
 #include "bench/micro/stopwatch.h"
-#include "relayserver/SccPChunker.h"
+#include "relayserver/archive/SccPChunker.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 /// What it takes to ask whether video from one client may go to another.
 #include <benchmark/benchmark.h>
 
-#include "relayserver/PermissionsCache.h"
+#include "relayserver/clients/PermissionsCache.h"
 
 using Tessel_Routing::PermissionsCache;
 

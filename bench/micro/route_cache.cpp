@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "relayserver/RoutingCache.h"
+#include "relayserver/routes/RoutingCache.h"
 
 using Tessel_Routing::RouteEntry;
 using Tessel_Routing::RoutingCache;

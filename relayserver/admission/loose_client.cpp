@@ -10,11 +10,11 @@
 #include "relayserver/admission/ticket_check.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/recently_lost.h"
 #include "relayserver/cslink/forward_queue.h"
-#include "relayserver/cslink/recently_lost.h"
-#include "relayserver/loop/epoll_set.h"
 #include "relayserver/peers/pending_connects.h"
-#include "relayserver/startup/settings.h"
+#include "relayserver/settings/settings.h"
+#include "relayserver/sockets/epoll_set.h"
 #include "relayserver/switching/message_types.h"
 
 using Orvex::NetMessageType;

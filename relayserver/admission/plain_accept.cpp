@@ -13,13 +13,13 @@
 #include "base/string_format.h"
 #include "connserver/logging.h"
 #include "orvex/misc_utils.h"
-#include "relayserver/admission/accept_pause.h"
 #include "relayserver/admission/connect_limits.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/loop/epoll_set.h"
-#include "relayserver/startup/listeners.h"
-#include "relayserver/startup/socket_options.h"
+#include "relayserver/sockets/accept_pause.h"
+#include "relayserver/sockets/epoll_set.h"
+#include "relayserver/sockets/listeners.h"
+#include "relayserver/sockets/socket_options.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "connserver/logging.h"
 #include "orvex/orvex.h"
 #include "relayserver/admission/connect_limits.h"
-#include "relayserver/startup/session_keys.h"
+#include "relayserver/settings/session_keys.h"
 
 using Orvex::KTicket;
 

@@ -8,10 +8,10 @@
 #include "connserver/logging.h"
 #include "relayserver/admission/plain_accept.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/loop/epoll_set.h"
-#include "relayserver/startup/listeners.h"
-#include "relayserver/startup/socket_options.h"
-#include "relayserver/startup/ssl_contexts.h"
+#include "relayserver/sockets/epoll_set.h"
+#include "relayserver/sockets/listeners.h"
+#include "relayserver/sockets/socket_options.h"
+#include "relayserver/sockets/ssl_contexts.h"
 
 namespace {
 

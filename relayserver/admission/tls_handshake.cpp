@@ -11,8 +11,8 @@
 #include "connserver/logging.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/loop/epoll_set.h"
-#include "relayserver/startup/ssl_contexts.h"
+#include "relayserver/sockets/epoll_set.h"
+#include "relayserver/sockets/ssl_contexts.h"
 
 using Orvex::RelayClient;
 

@@ -9,11 +9,11 @@
 #include "base/next_multiple.h"
 #include "connserver/logging.h"
 #include "genner/output/RoutingUpdateNetMessage.h"
-#include "relayserver/audio/fec_ports.h"
 #include "relayserver/audio/send_batch.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/peers/relay_peer.h"
-#include "relayserver/route_store.h"
+#include "relayserver/routes/route_store.h"
+#include "relayserver/sockets/fec_ports.h"
 
 using Orvex::RelayClient;
 

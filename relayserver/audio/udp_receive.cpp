@@ -16,10 +16,10 @@
 #include "relayserver/audio/switch_audio.h"
 #include "relayserver/audio/udp_registration.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/loop/epoll_set.h"
 #include "relayserver/peers/peer_sources.h"
-#include "relayserver/startup/listeners.h"
-#include "relayserver/startup/socket_options.h"
+#include "relayserver/sockets/epoll_set.h"
+#include "relayserver/sockets/listeners.h"
+#include "relayserver/sockets/socket_options.h"
 #include "relayserver/switching/message_types.h"
 
 using Orvex::RelayClient;

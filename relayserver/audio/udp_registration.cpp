@@ -6,10 +6,10 @@
 #include "genner/output/RelayConnectNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
 #include "relayserver/admission/ticket_check.h"
-#include "relayserver/audio/register_udp.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/peers/peer_sources.h"
+#include "relayserver/peers/register_udp.h"
 #include "relayserver/peers/relay_peer.h"
 
 using Orvex::RelayClient;

@@ -7,9 +7,9 @@
 #include "genner/output/ConnectConfirmNetMessage.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/recently_lost.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/cslink/recently_lost.h"
-#include "relayserver/route_store.h"
+#include "relayserver/routes/route_store.h"
 
 using Orvex::RelayClient;
 using Orvex::RelayClientTable;

@@ -2,7 +2,7 @@
 
 #include "base/clock.h"
 #include "connserver/logging.h"
-#include "relayserver/loop/epoll_set.h"
+#include "relayserver/sockets/epoll_set.h"
 
 namespace {
 

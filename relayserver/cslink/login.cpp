@@ -11,12 +11,12 @@
 #include "genner/output/ResponseNetMessage.h"
 #include "orvex/rsa_encrypter_impl.h"
 #include "relayserver/cslink/client_report.h"
-#include "relayserver/cslink/cs_messages.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/loop/epoll_set.h"
-#include "relayserver/startup/session_keys.h"
-#include "relayserver/startup/settings.h"
+#include "relayserver/orders/cs_messages.h"
+#include "relayserver/settings/session_keys.h"
+#include "relayserver/settings/settings.h"
+#include "relayserver/sockets/epoll_set.h"
 #include "relayserver/switching/message_types.h"
 
 using Orvex::NetMessageType;

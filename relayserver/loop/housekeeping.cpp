@@ -5,14 +5,14 @@
 #include "base/clock.h"
 #include "connserver/logging.h"
 #include "orvex/tesselsql.h"
-#include "relayserver/admission/accept_pause.h"
-#include "relayserver/archive_pass.h"
-#include "relayserver/audio/register_udp.h"
+#include "relayserver/archive/archive_pass.h"
 #include "relayserver/audio/udp_registration.h"
-#include "relayserver/cslink/cs_messages.h"
-#include "relayserver/cslink/recently_lost.h"
+#include "relayserver/clients/recently_lost.h"
 #include "relayserver/loop/client_timers.h"
 #include "relayserver/loop/link_timers.h"
+#include "relayserver/orders/cs_messages.h"
+#include "relayserver/peers/register_udp.h"
+#include "relayserver/sockets/accept_pause.h"
 
 std::time_t ttThisLoop = 0;
 std::time_t ttLastLoop = 0;

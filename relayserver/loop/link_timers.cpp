@@ -5,11 +5,11 @@
 #include "connserver/logging.h"
 #include "genner/output/HeartbeatNetMessage.h"
 #include "relayserver/cslink/client_report.h"
-#include "relayserver/cslink/connect_to_server.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/housekeeping.h"
-#include "relayserver/startup/settings.h"
+#include "relayserver/orders/connect_to_server.h"
+#include "relayserver/settings/settings.h"
 
 namespace {
 

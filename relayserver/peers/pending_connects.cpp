@@ -12,12 +12,12 @@
 #include "genner/output/RelayConnectNetMessage.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/recently_lost.h"
 #include "relayserver/cslink/forward_queue.h"
-#include "relayserver/cslink/recently_lost.h"
-#include "relayserver/loop/epoll_set.h"
 #include "relayserver/loop/housekeeping.h"
 #include "relayserver/peers/relay_peer.h"
-#include "relayserver/startup/socket_options.h"
+#include "relayserver/sockets/epoll_set.h"
+#include "relayserver/sockets/socket_options.h"
 
 using Orvex::ConnectOrderNetMessage;
 using Orvex::RelayClient;

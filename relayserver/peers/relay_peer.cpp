@@ -3,10 +3,10 @@
 #include <stdexcept>
 
 #include "connserver/logging.h"
-#include "relayserver/audio/register_udp.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/peers/peer_sources.h"
-#include "relayserver/startup/socket_options.h"
+#include "relayserver/peers/register_udp.h"
+#include "relayserver/sockets/socket_options.h"
 
 using Orvex::RelayClient;
 using Orvex::RelayClientTable;

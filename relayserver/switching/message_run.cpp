@@ -1,8 +1,8 @@
 #include "relayserver/switching/message_run.h"
 
 #include "orvex/net_message.h"
+#include "relayserver/clients/video_gate.h"
 #include "relayserver/switching/pipe_type.h"
-#include "relayserver/switching/video_gate.h"
 
 using Orvex::NetMessage;
 

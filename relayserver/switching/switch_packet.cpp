@@ -8,11 +8,11 @@
 #include "genner/output/RoutingUpdateNetMessage.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/video_gate.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/peers/relay_peer.h"
-#include "relayserver/route_store.h"
+#include "relayserver/routes/route_store.h"
 #include "relayserver/switching/pipe_type.h"
-#include "relayserver/switching/video_gate.h"
 
 using Orvex::NetMessage;
 using Orvex::RelayClient;

@@ -3,7 +3,7 @@
 #include "base/ip_utils.h"
 #include "base/string_format.h"
 #include "relayserver/admission/connect_limits.h"
-#include "relayserver/startup/session_keys.h"
+#include "relayserver/settings/session_keys.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/admission/ticket_maker.h"
 #include "tests/unit/relayserver/engine_fixture.h"

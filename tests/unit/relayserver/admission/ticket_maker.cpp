@@ -6,7 +6,7 @@
 #include "base/ip_utils.h"
 #include "genner/output/RelayConnectNetMessage.h"
 #include "orvex/orvex.h"
-#include "relayserver/startup/session_keys.h"
+#include "relayserver/settings/session_keys.h"
 
 std::string sEncryptedTicket(unsigned nClientID, std::time_t ttIssued,
                              const std::string& sAddress) {

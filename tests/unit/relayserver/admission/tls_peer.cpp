@@ -9,8 +9,8 @@
 
 #include <cstdio>
 
-#include "relayserver/startup/settings.h"
-#include "relayserver/startup/ssl_contexts.h"
+#include "relayserver/settings/settings.h"
+#include "relayserver/sockets/ssl_contexts.h"
 #include "tests/unit/relayserver/loopback.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include "base/string_format.h"
 #include "relayserver/audio/packet_counts.h"
 #include "relayserver/audio/switch_audio.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/send_buffer.h"
 #include "tests/stubs/tesselsql_stub.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "relayserver/startup/settings.h"
+#include "relayserver/settings/settings.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 
 /// 127.0.0.`nHost`, at `nPort` (host byte order).

@@ -1,6 +1,6 @@
 #include "relayserver/audio/packet_counts.h"
 
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"
 

@@ -4,7 +4,7 @@
 #include <deque>
 
 #include "base/string_format.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/send_buffer.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"
 

@@ -7,7 +7,7 @@
 
 #include "base/string_format.h"
 #include "relayserver/audio/send_batch.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/send_buffer.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"
 

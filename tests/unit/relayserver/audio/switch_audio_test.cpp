@@ -1,7 +1,7 @@
 #include "relayserver/audio/switch_audio.h"
 
-#include "relayserver/route_store.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/routes/route_store.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/allocation_count.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"

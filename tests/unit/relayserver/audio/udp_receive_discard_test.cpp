@@ -1,5 +1,5 @@
 #include "base/string_format.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"

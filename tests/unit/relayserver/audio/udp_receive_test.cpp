@@ -3,7 +3,7 @@
 #include "base/clock.h"
 #include "relayserver/audio/packet_counts.h"
 #include "relayserver/peers/peer_sources.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"

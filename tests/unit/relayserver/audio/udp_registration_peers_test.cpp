@@ -3,11 +3,11 @@
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "relayserver/audio/udp_registration.h"
-#include "relayserver/cslink/cs_messages.h"
 #include "relayserver/cslink/link_state.h"
+#include "relayserver/orders/cs_messages.h"
 #include "relayserver/peers/peer_sources.h"
 #include "relayserver/peers/relay_peer.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"
 

@@ -1,7 +1,7 @@
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "relayserver/admission/connect_limits.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/admission/ticket_maker.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"

@@ -4,7 +4,7 @@
 #include "base/string_format.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/admission/ticket_maker.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"

@@ -6,10 +6,10 @@
 #include "base/clock.h"
 #include "genner/output/LostConnectionNetMessage.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/recently_lost.h"
+#include "relayserver/clients/video_gate.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/cslink/recently_lost.h"
-#include "relayserver/loop/epoll_set.h"
-#include "relayserver/switching/video_gate.h"
+#include "relayserver/sockets/epoll_set.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 

@@ -1,11 +1,11 @@
 #include "relayserver/cslink/client_report.h"
 
 #include "genner/output/ConnectConfirmNetMessage.h"
-#include "relayserver/RoutingCache.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/recently_lost.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/cslink/recently_lost.h"
+#include "relayserver/routes/RoutingCache.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"

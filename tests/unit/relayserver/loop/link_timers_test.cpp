@@ -6,7 +6,7 @@
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/housekeeping.h"
-#include "relayserver/startup/settings.h"
+#include "relayserver/settings/settings.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"

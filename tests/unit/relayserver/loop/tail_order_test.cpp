@@ -2,11 +2,11 @@
 #include <sys/socket.h>
 
 #include "base/clock.h"
-#include "relayserver/audio/register_udp.h"
 #include "relayserver/audio/udp_registration.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/housekeeping.h"
+#include "relayserver/peers/register_udp.h"
 #include "relayserver/peers/relay_peer.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"

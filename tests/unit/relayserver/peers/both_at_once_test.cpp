@@ -6,7 +6,7 @@
 #include "relayserver/loop/client_timers.h"
 #include "relayserver/peers/pending_connects.h"
 #include "relayserver/peers/relay_peer.h"
-#include "relayserver/startup/session_keys.h"
+#include "relayserver/settings/session_keys.h"
 #include "relayserver/switching/client_messages.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/admission/ticket_maker.h"

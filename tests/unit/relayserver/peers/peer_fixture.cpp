@@ -16,9 +16,9 @@
 #include "genner/output/ResponseNetMessage.h"
 #include "genner/output/TicketRequestNetMessage.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/loop/epoll_set.h"
 #include "relayserver/loop/event_loop.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/epoll_set.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/unit/relayserver/loopback.h"
 
 using Orvex::RelayClient;

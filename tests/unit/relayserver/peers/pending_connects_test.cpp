@@ -9,9 +9,9 @@
 #include "base/string_format.h"
 #include "genner/output/LostConnectionNetMessage.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/cslink/recently_lost.h"
-#include "relayserver/loop/epoll_set.h"
-#include "relayserver/startup/settings.h"
+#include "relayserver/clients/recently_lost.h"
+#include "relayserver/settings/settings.h"
+#include "relayserver/sockets/epoll_set.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"
 

@@ -3,7 +3,7 @@
 #include "base/ip_utils.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"
 

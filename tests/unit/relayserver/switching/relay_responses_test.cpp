@@ -1,10 +1,10 @@
 /// How responses of other relays are taken.
 #include "base/clock.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/cslink/cs_messages.h"
-#include "relayserver/cslink/recently_lost.h"
+#include "relayserver/clients/recently_lost.h"
+#include "relayserver/orders/cs_messages.h"
 #include "relayserver/peers/relay_peer.h"
-#include "relayserver/startup/listeners.h"
+#include "relayserver/sockets/listeners.h"
 #include "relayserver/switching/client_messages.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"

@@ -7,10 +7,10 @@
 
 #include "base/printable_str.h"
 #include "base/string_format.h"
-#include "relayserver/RoutingCache.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/cslink/recently_lost.h"
+#include "relayserver/clients/recently_lost.h"
 #include "relayserver/peers/relay_peer.h"
+#include "relayserver/routes/RoutingCache.h"
 #include "relayserver/switching/switch_packet.h"
 #include "tests/stubs/allocation_count.h"
 #include "tests/stubs/logging_stub.h"

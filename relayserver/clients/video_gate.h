@@ -1,0 +1,26 @@
+/// Which video messages reach which destination: by permission of the pair, and by what the
+/// destination's connection can still take. Main thread only.
+#pragma once
+
+#include "orvex/net_message.h"
+#include "orvex/relay_client.h"
+#include "relayserver/clients/PermissionsCache.h"
+
+/// Permissions by (source, destination). Never destroyed.
+extern Tessel_Routing::PermissionsCache& videoPermissions;
+
+/// The largest unsent TCP backlog (bytes) at which a new video frame may still start.
+constexpr int kMaxVideoFullness = 200000;
+
+constexpr unsigned char kTypeVideoFeedback = 0x41;
+
+/// Whether video of `nSource` may go to `destination`. A pair that is new or stale is granted here,
+/// but only from its next message on.
+[[nodiscard]] bool bVideoPermitted(unsigned nSource, Orvex::RelayClient& destination);
+
+/// Whether page `nPage` (from 1) of a frame may be sent to `destination` now. A frame starts only
+/// while the backlog is small, and is then sent whole or not at all.
+[[nodiscard]] bool bVideoPageFits(int nPage, Orvex::RelayClient& destination);
+
+/// The page number in a video message.
+[[nodiscard]] int nVideoPage(const Orvex::NetMessage& nmMessage);
