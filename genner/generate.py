@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Writes genner/output/, one header and one source per message of genner/messages.toml.
+"""Writes genner/output/: one header and one source per message of genner/messages.toml, and the message types.
 
 generate.py           writes what differs and removes files of classes that the table no longer has
 generate.py --check   writes nothing; names what differs and exits 1 if anything does
@@ -11,14 +11,17 @@ from pathlib import Path
 
 from class_code import ClassCode
 from message_table import TableError, read_table
+from type_code import NAME as TYPES_HEADER
+from type_code import message_types_header
 
 HERE = Path(__file__).resolve().parent
 
 
 def generated_files(table: Path) -> dict[str, str]:
     """The text of each file, by name."""
-    files = {}
-    for message in read_table(table):
+    contents = read_table(table)
+    files = {TYPES_HEADER: message_types_header(contents)}
+    for message in contents.messages:
         code = ClassCode(message)
         files[f"{code.name}.h"] = code.header()
         files[f"{code.name}.cpp"] = code.source()

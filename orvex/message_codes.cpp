@@ -1,7 +1,5 @@
 #include "orvex/message_codes.h"
 
-#include <span>
-
 namespace Orvex {
 
 namespace {
@@ -9,26 +7,6 @@ namespace {
 constexpr long kUnknown = -1;
 constexpr std::string_view kUnknownText = "INVALID";
 constexpr unsigned char kUnsetTypeByte = 255;
-
-struct code_text_t {
-    long lValue;
-    std::string_view sText;
-};
-
-// REDIRECT sits between the service texts: the numbers are part of the protocol.
-constexpr code_text_t kReturnCodes[] = {
-    {0, "OK"},          {1, "NOT LOGGED IN"},    {2, "UNAUTHORIZED"},
-    {3, "NO CONTINUE"}, {4, "UDP UNAUTHORIZED"}, {5, "SERVICE2 OK"},
-    {6, "SERVICE3 OK"}, {7, "SERVICE4 OK"},      {8, "REDIRECT"},
-    {9, "SERVICE5 OK"}, {10, "SERVICE6 OK"},
-};
-
-constexpr code_text_t kRequestCodes[] = {{0, "CONNECT"}, {1, "DISCONNECT"}, {2, "UDP_REG"}};
-
-// 0 and 3 are not assigned.
-constexpr code_text_t kFunctions[] = {
-    {1, "ENCODE"}, {2, "CAPTION"}, {4, "MONITOR"}, {5, "RELAY"}, {6, "CONTINUE"}, {7, "TEXTCAST"},
-};
 
 long lValueOf(std::span<const code_text_t> codes, std::string_view sText) {
     for (const code_text_t& rCode : codes) {

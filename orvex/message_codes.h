@@ -6,10 +6,42 @@
 /// receiver judges.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 
 namespace Orvex {
+
+/// A code and its text on the wire.
+struct code_text_t {
+    long lValue;
+    std::string_view sText;
+};
+
+// REDIRECT sits between the service texts: the numbers are part of the protocol.
+inline constexpr code_text_t kReturnCodes[] = {
+    {0, "OK"},          {1, "NOT LOGGED IN"},    {2, "UNAUTHORIZED"},
+    {3, "NO CONTINUE"}, {4, "UDP UNAUTHORIZED"}, {5, "SERVICE2 OK"},
+    {6, "SERVICE3 OK"}, {7, "SERVICE4 OK"},      {8, "REDIRECT"},
+    {9, "SERVICE5 OK"}, {10, "SERVICE6 OK"},
+};
+
+inline constexpr code_text_t kRequestCodes[] = {{0, "CONNECT"}, {1, "DISCONNECT"}, {2, "UDP_REG"}};
+
+// 0 and 3 are not assigned.
+inline constexpr code_text_t kFunctions[] = {
+    {1, "ENCODE"}, {2, "CAPTION"}, {4, "MONITOR"}, {5, "RELAY"}, {6, "CONTINUE"}, {7, "TEXTCAST"},
+};
+
+/// The value of a text of `codes`, at compile time; any other text does not compile.
+consteval long lKnownCode(std::span<const code_text_t> codes, std::string_view sText) {
+    for (const code_text_t& rCode : codes) {
+        if (rCode.sText == sText) {
+            return rCode.lValue;
+        }
+    }
+    throw "no such code";
+}
 
 /// The first byte of every message image.
 class NetMessageType {
@@ -33,15 +65,17 @@ class NetMessageType {
     long lValue = -1;
 };
 
-/// The result that a response carries:
-///   0 OK, 1 NOT LOGGED IN, 2 UNAUTHORIZED, 3 NO CONTINUE, 4 UDP UNAUTHORIZED, 5 SERVICE2 OK, 6
-///   SERVICE3 OK, 7 SERVICE4 OK, 8 REDIRECT, 9 SERVICE5 OK, 10 SERVICE6 OK
+/// The result that a response carries, one of `kReturnCodes`.
 class ReturnCode {
   public:
     constexpr ReturnCode() = default;
     constexpr explicit ReturnCode(long lCode) : lValue(lCode) {}
     /// The whole text is compared, case-sensitively; anything else gives -1.
     explicit ReturnCode(const std::string& sText);
+    /// For constants: the code with that text; a text that is none does not compile.
+    static consteval ReturnCode of(std::string_view sText) {
+        return ReturnCode(lKnownCode(kReturnCodes, sText));
+    }
 
     void ToString(std::string& srOutText) const;
     /// The text as a view of static storage; "INVALID" for a number without text.
@@ -55,13 +89,17 @@ class ReturnCode {
     long lValue = -1;
 };
 
-/// The verb of routing, ticket and connect orders: 0 CONNECT, 1 DISCONNECT, 2 UDP_REG.
+/// The verb of routing, ticket and connect orders, one of `kRequestCodes`.
 class RequestCode {
   public:
     constexpr RequestCode() = default;
     constexpr explicit RequestCode(long lCode) : lValue(lCode) {}
     /// The whole text is compared, case-sensitively; anything else gives -1.
     explicit RequestCode(const std::string& sText);
+    /// For constants: the code with that text; a text that is none does not compile.
+    static consteval RequestCode of(std::string_view sText) {
+        return RequestCode(lKnownCode(kRequestCodes, sText));
+    }
 
     void ToString(std::string& srOutText) const;
     /// The text as a view of static storage; "INVALID" for a number without text.
@@ -76,14 +114,17 @@ class RequestCode {
     long lValue = -1;
 };
 
-/// The role a client logs in as: 1 ENCODE, 2 CAPTION, 4 MONITOR, 5 RELAY, 6 CONTINUE, 7 TEXTCAST (0
-/// and 3 are not assigned).
+/// The role a client logs in as, one of `kFunctions`.
 class Function {
   public:
     constexpr Function() = default;
     constexpr explicit Function(long lCode) : lValue(lCode) {}
     /// The whole text is compared, case-sensitively; anything else gives -1.
     explicit Function(const std::string& sText);
+    /// For constants: the code with that text; a text that is none does not compile.
+    static consteval Function of(std::string_view sText) {
+        return Function(lKnownCode(kFunctions, sText));
+    }
 
     void ToString(std::string& srOutText) const;
     /// The text as a view of static storage; "INVALID" for a number without text.
