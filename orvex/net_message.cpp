@@ -13,6 +13,10 @@
 
 unsigned nSenderID = 0;
 
+void assignSenderID(unsigned nID) {
+    nSenderID = nID;
+}
+
 namespace {
 
 constexpr int kSenderOffset = 1;

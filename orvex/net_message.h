@@ -36,6 +36,9 @@
 /// only.
 extern unsigned nSenderID;
 
+/// Takes the id that the connection server has assigned to this relay.
+void assignSenderID(unsigned nID);
+
 /// The sender id of a raw image; all bits set (-1) when there is no image or it has fewer than 9
 /// bytes.
 unsigned GetNetMessageSenderID(const char* chpInMsg, int nInMsgLen);

@@ -7,7 +7,7 @@
 #include "bench/instructions/give_up.h"
 #include "bench/instructions/stage.h"
 #include "genner/output/CaptionNetMessage.h"
-#include "relayserver/switching/pipe_type.h"
+#include "genner/output/message_types.h"
 
 using Orvex::CaptionNetMessage;
 

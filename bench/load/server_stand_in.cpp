@@ -20,6 +20,7 @@
 #include "genner/output/RelayPortNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
 #include "genner/output/RoutingUpdateNetMessage.h"
+#include "genner/output/message_types.h"
 #include "orvex/rsa_decrypter_impl.h"
 
 namespace Load {
@@ -106,7 +107,7 @@ void ServerStandIn::awaitLogIn() {
 }
 
 std::vector<unsigned> ServerStandIn::acceptLogIn() {
-    Orvex::ResponseNetMessage response(kRelayId, Orvex::ReturnCode(0));
+    Orvex::ResponseNetMessage response(kRelayId, rcOK);
     send(response);
     std::vector<unsigned> named;
     readUntil(Orvex::RelayPortNetMessage::nTYPE, [&named](const char* pImage, int nLen) {
@@ -164,7 +165,7 @@ Orvex::RelayConnectNetMessage ServerStandIn::ticketFor(unsigned nClientId) const
 }
 
 void ServerStandIn::addRoute(unsigned nFromId, unsigned nToId, int nMsgClass) {
-    Orvex::RoutingUpdateNetMessage update(Orvex::RequestCode(0), nFromId, nToId, nMsgClass);
+    Orvex::RoutingUpdateNetMessage update(rcConnect, nFromId, nToId, nMsgClass);
     send(update);
 }
 

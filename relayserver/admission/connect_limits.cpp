@@ -1,6 +1,7 @@
 #include "relayserver/admission/connect_limits.h"
 
 #include "base/clock.h"
+#include "relayserver/settings/time_limits.h"
 
 // Never destroyed, like all that the process ends with.
 std::map<std::string, int>& ipAcceptHistory = *new std::map<std::string, int>;

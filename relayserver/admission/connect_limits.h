@@ -6,10 +6,10 @@
 #include <map>
 #include <string>
 
+#include "relayserver/settings/time_limits.h"
+
 constexpr int kMaxNewConnectsPerIPPerSec = 10;
 constexpr int kMaxNewLoginsPerIDPerSec = 1;
-/// Seconds.
-constexpr int kPeriodNewConnects = 10;
 
 /// Connections per dotted IPv4 address, and log-ins per client id, of the running period; and when
 /// that period began. Written only here.

@@ -7,6 +7,7 @@
 #include "genner/output/RelayConnectNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
 #include "genner/output/StatusKeyPostNetMessage.h"
+#include "genner/output/message_types.h"
 #include "relayserver/admission/ticket_check.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
@@ -15,7 +16,6 @@
 #include "relayserver/peers/pending_connects.h"
 #include "relayserver/settings/settings.h"
 #include "relayserver/sockets/epoll_set.h"
-#include "relayserver/switching/message_types.h"
 
 using Orvex::NetMessageType;
 using Orvex::RelayClient;
@@ -41,14 +41,14 @@ void closeOlderConnection(unsigned nClientID) {
     RelayClient* pOlder = nullptr;
     if (ctAuthClientTable.bLookUp(static_cast<int>(nClientID), &pOlder)) {
         writeToLog(true, "closing older connection with ID %d\n", static_cast<int>(nClientID));
-        DeleteClient(ctAuthClientTable, *pOlder);
+        DeleteClient(ctAuthClientTable, *pOlder, LeaveReason::kNewerLogin);
     }
 }
 
 /// Answers an accepted log-in; false when that did not go out.
 [[nodiscard]] bool bSendWelcome(RelayClient& client) {
     Orvex::RelayMessageSocket& rSocket = *client.GetMessageSocket();
-    ResponseNetMessage rnm(nSenderID, Orvex::ReturnCode(0));
+    ResponseNetMessage rnm(nSenderID, rcOK);
     if (rnm.Send(true, rSocket) <= 0) {
         return false;
     }
@@ -85,18 +85,18 @@ void acceptLogin(RelayClient& client, unsigned nClientID) {
         return;
     }
     writeToLog(true, "error sending OK response\n");
-    DeleteClient(ctLooseClientTable, client);
+    DeleteClient(ctLooseClientTable, client, LeaveReason::kSendFailed);
 }
 
 void refuseLogin(RelayClient& client, unsigned nClientID) {
-    ResponseNetMessage rnm(nSenderID, Orvex::ReturnCode(2));
+    ResponseNetMessage rnm(nSenderID, rcUnauthorized);
     if (rnm.Send(true, *client.GetMessageSocket()) <= 0) {
         writeToLog(true,
                    "WARNING: error sending authorization failed msg to client - was closing "
                    "anyway\n");
     }
     writeToLog(true, "client ID %d sent invalid ticket\n", static_cast<int>(nClientID));
-    DeleteClient(ctLooseClientTable, client);
+    DeleteClient(ctLooseClientTable, client, LeaveReason::kTicketRefused);
 }
 
 LooseOutcome onTicketLogin(RelayClient& client, const char* achMsg, int nMsgLen) {
@@ -148,7 +148,7 @@ void loseLooseClient(RelayClient& client, const std::string& sProblem) {
     writeToLog(true, "Socket connection broken fd %u, with client %s(%d) : %s\n",
                static_cast<unsigned>(client.GetMessageSocket()->getMsgSockFileDesc()),
                sDottedAddress(siAddress).c_str(), nPortOf(siAddress), sProblem.c_str());
-    DeleteClient(ctLooseClientTable, client);
+    DeleteClient(ctLooseClientTable, client, LeaveReason::kConnectionLost);
 }
 
 /// True when the client had talked too much before its log-in and is gone.
@@ -161,7 +161,7 @@ bool bDropTalker(RelayClient& client) {
     writeToLog(true,
                "WARNING: input TCP count on pre-log-in client at %s(%d)  over limit : %u bytes\n",
                sDottedAddress(siAddress).c_str(), nPortOf(siAddress), nBytes);
-    DeleteClient(ctLooseClientTable, client);
+    DeleteClient(ctLooseClientTable, client, LeaveReason::kOverLoginBudget);
     return true;
 }
 

@@ -60,6 +60,6 @@ void stepTlsHandshake(RelayClient& client) {
     } else {
         writeToLog(true, "SSL handshake failed on socket %u: %s\n", static_cast<unsigned>(fd),
                    sFailureReason(nError, nSystemError).c_str());
-        DeleteClient(ctSslHandshakingTable, client);
+        DeleteClient(ctSslHandshakingTable, client, LeaveReason::kHandshakeFailed);
     }
 }

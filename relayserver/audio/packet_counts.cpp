@@ -2,7 +2,7 @@
 
 #include "connserver/logging.h"
 #include "genner/output/AudioConfirmNetMessage.h"
-#include "relayserver/clients/client_removal.h"
+#include "relayserver/cslink/client_loss.h"
 
 using Orvex::RelayClient;
 
@@ -16,7 +16,7 @@ constexpr unsigned kPacketsPerReport = 100000;
 void confirm(RelayClient& client, unsigned nProgram) {
     Orvex::AudioConfirmNetMessage acnm(nProgram);
     if (acnm.Send(true, *client.GetMessageSocket()) <= 0) {
-        CleanBadSocket(client.GetMessageSocket()->getMsgSockFileDesc());
+        CleanBadSocket(client.GetMessageSocket()->getMsgSockFileDesc(), LeaveReason::kSendFailed);
     }
 }
 

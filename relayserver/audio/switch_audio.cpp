@@ -8,10 +8,9 @@
 
 #include "base/next_multiple.h"
 #include "connserver/logging.h"
-#include "genner/output/RoutingUpdateNetMessage.h"
 #include "relayserver/audio/send_batch.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/peers/relay_peer.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/routes/route_store.h"
 #include "relayserver/sockets/fec_ports.h"
 
@@ -47,8 +46,8 @@ void dissolveLoop(unsigned nSource, unsigned nDestination) {
                "WARNING: suppressing possible relay loop to relay peer %u, originating client %u. "
                "Likely there are old audio links in our system, will try to clean up locally.\n",
                nDestination, nSource);
-    UpdateDB(Orvex::RoutingUpdateNetMessage(Orvex::RequestCode(1), nSource, nDestination,
-                                            kAudioMsgClass));
+    deleteRoute(nSource, nDestination, kAudioMsgClass);
+    forgetRoute(nSource, kAudioMsgClass);
 }
 
 /// Where a client hears a channel of a program. The port is 0 when it does not, or when nobody

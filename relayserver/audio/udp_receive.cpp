@@ -11,6 +11,8 @@
 #include "base/clock.h"
 #include "base/ip_utils.h"
 #include "connserver/logging.h"
+#include "genner/output/message_types.h"
+#include "orvex/net_message.h"
 #include "relayserver/audio/audio_datagram.h"
 #include "relayserver/audio/packet_counts.h"
 #include "relayserver/audio/switch_audio.h"
@@ -20,7 +22,6 @@
 #include "relayserver/sockets/epoll_set.h"
 #include "relayserver/sockets/listeners.h"
 #include "relayserver/sockets/socket_options.h"
-#include "relayserver/switching/message_types.h"
 
 using Orvex::RelayClient;
 

@@ -5,17 +5,19 @@
 #include "connserver/logging.h"
 #include "genner/output/RelayConnectNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
+#include "genner/output/message_types.h"
 #include "relayserver/admission/ticket_check.h"
-#include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
+#include "relayserver/cslink/client_loss.h"
 #include "relayserver/peers/peer_sources.h"
 #include "relayserver/peers/register_udp.h"
 #include "relayserver/peers/relay_peer.h"
+#include "relayserver/settings/time_limits.h"
+#include "relayserver/settings/timers.h"
 
 using Orvex::RelayClient;
 using Orvex::RelayConnectNetMessage;
-
-std::time_t ttLastUdpReregister = nowSecs();
 
 namespace {
 
@@ -93,9 +95,9 @@ void refuse(const AudioDatagram& datagram) {
     if (!ctAuthClientTable.bLookUp(static_cast<int>(datagram.nMarkedID), &pClient)) {
         return;
     }
-    Orvex::ResponseNetMessage rnm(datagram.nMarkedID, Orvex::ReturnCode(4));
+    Orvex::ResponseNetMessage rnm(datagram.nMarkedID, rcUdpUnauthorized);
     if (rnm.Send(true, *pClient->GetMessageSocket()) <= 0) {
-        CleanBadSocket(pClient->GetMessageSocket()->getMsgSockFileDesc());
+        CleanBadSocket(pClient->GetMessageSocket()->getMsgSockFileDesc(), LeaveReason::kSendFailed);
     }
 }
 
@@ -112,7 +114,7 @@ void reregisterPeersAfter(const RelayClient& client, const AudioDatagram& datagr
         bIsRelayPeer(client)) {
         return;
     }
-    ttLastUdpReregister = nowSecs();
+    noteUdpReregister(nowSecs());
     writeToLog(true, "Notice: Client %d re-registering to rx audio program %u at %s(%d)\n",
                client.GetClientID(), nProgramOf(datagram), sDottedAddress(datagram.siFrom).c_str(),
                nPortOf(datagram.siFrom));
@@ -204,7 +206,6 @@ void handleRegistration(const AudioDatagram& datagram) {
 }
 
 void resetUdpRegistrationForTest() {
-    ttLastUdpReregister = nowSecs();
     ttRefusalSecond = 0;
     nRefusedThisSecond = 0;
 }

@@ -4,7 +4,6 @@
 #include <unordered_map>
 
 #include "connserver/logging.h"
-#include "relayserver/cslink/link_state.h"
 
 using Orvex::LostConnectionNetMessage;
 
@@ -64,8 +63,8 @@ void forgetOldestLosses(std::size_t nLosses) {
     vRecentlyLost.erase(vRecentlyLost.begin(), itEnd);
 }
 
-void clearRecentlyLostOnBoundary(std::time_t ttNow) {
-    if (ttNow % _kLossClearInterval == 0 && bLinkFinished() && !vRecentlyLost.empty()) {
+void clearRecentlyLostOnBoundary(std::time_t ttNow, bool bLoggedIn) {
+    if (ttNow % _kLossClearInterval == 0 && bLoggedIn && !vRecentlyLost.empty()) {
         writeToLog(true, "periodic cleanup - removing %zu entries from recently lost array\n",
                    vRecentlyLost.size());
         forgetAll();

@@ -28,8 +28,7 @@ void ConfirmFromRecentlyLost(unsigned clientID);
 /// Takes the `nLosses` oldest entries off the list.
 void forgetOldestLosses(std::size_t nLosses);
 
-/// Empties the list when the clock stands at a multiple of `_kLossClearInterval` and the relay is
-/// logged in.
-void clearRecentlyLostOnBoundary(std::time_t ttNow);
+/// Empties the list when `ttNow` is a multiple of `_kLossClearInterval` and the relay is logged in.
+void clearRecentlyLostOnBoundary(std::time_t ttNow, bool bLoggedIn);
 
 void resetRecentlyLostForTest();

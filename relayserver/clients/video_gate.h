@@ -12,8 +12,6 @@ extern Tessel_Routing::PermissionsCache& videoPermissions;
 /// The largest unsent TCP backlog (bytes) at which a new video frame may still start.
 constexpr int kMaxVideoFullness = 200000;
 
-constexpr unsigned char kTypeVideoFeedback = 0x41;
-
 /// Whether video of `nSource` may go to `destination`. A pair that is new or stale is granted here,
 /// but only from its next message on.
 [[nodiscard]] bool bVideoPermitted(unsigned nSource, Orvex::RelayClient& destination);

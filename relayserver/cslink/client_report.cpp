@@ -17,13 +17,13 @@ using Orvex::RelayClientTable;
 namespace {
 
 /// Deletes every client of `table` and returns how many there were.
-int nDropAll(RelayClientTable& table, const char* sOutOfRange) {
+int nDropAll(RelayClientTable& table, LeaveReason reason, const char* sOutOfRange) {
     int nDropped = 0;
     try {
         RelayClientTable::Walk walk(table);
         if (walk.bBeginTraverse()) {
             do {
-                DeleteClient(table, walk.current());
+                DeleteClient(table, walk.current(), reason);
                 ++nDropped;
             } while (walk.bContinueTraverse());
         }
@@ -82,10 +82,12 @@ int IdentifyLosses() {
     return vRecentlyLost.empty() ? 0 : -1;
 }
 
-void MopupCS() {
+void MopupCS(LeaveReason reason) {
     writeToLog(true, "Mopping up CS! Client connections being cancelled\n");
-    int nDropped = nDropAll(ctAuthClientTable, "auth client table out of bounds in mopup!\n");
-    nDropped += nDropAll(ctLooseClientTable, "loose client table out of bounds in mopup!\n");
+    int nDropped =
+        nDropAll(ctAuthClientTable, reason, "auth client table out of bounds in mopup!\n");
+    nDropped +=
+        nDropAll(ctLooseClientTable, reason, "loose client table out of bounds in mopup!\n");
     DBCleanup();
     writeToLog(true, "Cancelled %d client connections\n", nDropped);
 }

@@ -2,6 +2,8 @@
 /// with them when the server knows nothing of them. Main thread only.
 #pragma once
 
+#include "relayserver/clients/departures.h"
+
 /// Confirms every admitted client on the link; 0, or -1 when the link did not take all.
 int IdentifyClients();
 
@@ -9,5 +11,5 @@ int IdentifyClients();
 /// when some are left because the link did not take them.
 int IdentifyLosses();
 
-/// Drops every admitted and every loose client and every route.
-void MopupCS();
+/// Drops every admitted and every loose client, for `reason`, and every route.
+void MopupCS(LeaveReason reason);

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "connserver/logging.h"
+#include "genner/output/message_types.h"
 #include "relayserver/cslink/link_state.h"
 
 using Orvex::NetMessage;
@@ -16,17 +17,12 @@ NetMessage nmLastSentToCS;
 
 namespace {
 
-/// Confirmations and losses are rebuilt from the client table and the list of losses after a
-/// reconnect; 228 and 229 mean nothing to a server that was not there.
+/// Confirmations and losses, for example: they are rebuilt from the client table and the list of
+/// losses after a reconnect.
 bool bNeverQueued(NetMessage& nmp) {
     NetMessageType nmtType;
     nmp.GetNetMsgType(nmtType);
-    for (const long lType : {16L, 18L, 228L, 229L}) {
-        if (nmtType == lType) {
-            return true;
-        }
-    }
-    return false;
+    return bIsNeverQueued(static_cast<unsigned char>(nmtType.ToLong()));
 }
 
 std::shared_ptr<NetMessage> copyOf(const NetMessage& nmp) {

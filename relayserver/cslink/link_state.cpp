@@ -13,7 +13,6 @@ bool bMarkedBroken = false;
 }  // namespace
 
 connection_stage_t nConnectionStage = CONNECTION_IDLE;
-std::queue<std::string> serverQ;
 std::string sLastServer;
 int connserv_sockfd = 0;
 SSL* connserv_ssl = nullptr;
@@ -26,6 +25,51 @@ std::time_t ttLastCSConnectAttempt = nowSecs();
 std::time_t ttConnectLost = 0;
 unsigned connectRetry_secs = kLeastSecsBetweenAttempts;
 
+void enterStage(connection_stage_t stage) {
+    nConnectionStage = stage;
+}
+
+void adoptSocket(int fd, const sockaddr_in& siServer) {
+    connserv_sockfd = fd;
+    msConnServMsgSock = Orvex::RelayMessageSocket(fd, siServer);
+    nConnectionStage = WAITING_FOR_CONNECT;
+}
+
+void adoptSession(SSL* pSSL) {
+    sockaddr_in siServer{};
+    msConnServMsgSock.GetAddress(siServer);
+    connserv_ssl = pSSL;
+    msConnServMsgSock = Orvex::RelayMessageSocket(connserv_sockfd, siServer, pSSL);
+}
+
+void noteAttempt(std::time_t ttNow) {
+    ttLastCSConnectAttempt = ttNow;
+}
+
+void noteServerHeard(std::time_t ttNow) {
+    ttLastConnServMsg = ttNow;
+}
+
+void noteChallenge(int nChallenge) {
+    nLastChallenge = nChallenge;
+}
+
+void noteLoggedIn() {
+    bLoginContinue = true;
+}
+
+void forgetSession() {
+    bLoginContinue = false;
+}
+
+void noteSessionWith(const std::string& sServer) {
+    sLastServer = sServer;
+}
+
+void letClientsIn(bool bIn) {
+    bAccepting = bIn;
+}
+
 void markLinkBroken() {
     bMarkedBroken = true;
 }
@@ -36,14 +80,6 @@ bool bLinkMarkedBroken() {
 
 bool bLinkFinished() {
     return nConnectionStage == CONNECTION_FINISHED && !bMarkedBroken;
-}
-
-void SwitchServers() {
-    if (serverQ.empty()) {
-        return;
-    }
-    serverQ.push(serverQ.front());
-    serverQ.pop();
 }
 
 void LostConnectionToCS() {
@@ -71,7 +107,6 @@ void closeLink() {
 
 void resetLinkStateForTest() {
     closeLink();
-    serverQ = {};
     sLastServer.clear();
     nLastChallenge = 0;
     bLoginContinue = false;

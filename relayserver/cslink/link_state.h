@@ -1,11 +1,10 @@
-/// The state of the link to the connection server, and the two operations that change which server
-/// and whether there is one. Main thread only.
+/// The state of the link to the connection server. Everybody may read the variables; only the
+/// functions below change them. Main thread only.
 #pragma once
 
 #include <openssl/ssl.h>
 
 #include <ctime>
-#include <queue>
 #include <string>
 
 #include "orvex/relay_message_socket.h"
@@ -21,8 +20,6 @@ enum connection_stage_t {
 
 extern connection_stage_t nConnectionStage;
 
-/// Host names of the servers in order of preference; the front is in use or is tried next.
-extern std::queue<std::string> serverQ;
 /// The server of the last login that was not a continuation.
 extern std::string sLastServer;
 
@@ -47,6 +44,32 @@ extern std::time_t ttConnectLost;
 /// Least number of seconds between two attempts.
 extern unsigned connectRetry_secs;
 
+/// The attempt or the log-in has come as far as `stage`.
+void enterStage(connection_stage_t stage);
+
+/// A connect to `siServer` is under way on `fd`: the link takes it over and waits for it.
+void adoptSocket(int fd, const sockaddr_in& siServer);
+
+/// The link goes on over the TLS session `pSSL` on its socket, which it takes over.
+void adoptSession(SSL* pSSL);
+
+/// An attempt begins, a message of the server has come, at `ttNow`.
+void noteAttempt(std::time_t ttNow);
+void noteServerHeard(std::time_t ttNow);
+
+/// The server asks for a login that answers `nChallenge`.
+void noteChallenge(int nChallenge);
+
+/// The relay has logged in: later logins ask to continue this session.
+void noteLoggedIn();
+/// A server does not know the session: the next login asks for a new one.
+void forgetSession();
+/// A new session has begun with server `sServer`.
+void noteSessionWith(const std::string& sServer);
+
+/// Lets new clients in, or keeps them out because there is no server to tell of them.
+void letClientsIn(bool bIn);
+
 /// Marks the link as broken: nothing is sent on it any more, and the loop takes it down once the
 /// handler that is running has returned (`settleBrokenLink`). The stage stays until then. Callers
 /// deep inside a send therefore lose nothing that they hold.
@@ -57,9 +80,6 @@ void markLinkBroken();
 
 /// Whether messages may be sent to the server: logged in, and not marked as broken.
 [[nodiscard]] bool bLinkFinished();
-
-/// Moves the server in front of `serverQ` to its back.
-void SwitchServers();
 
 /// Takes the link down, whatever its stage; clients stay connected. Harmless without a link.
 void LostConnectionToCS();

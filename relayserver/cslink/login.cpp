@@ -2,34 +2,28 @@
 
 #include <netinet/in.h>
 
-#include "base/clock.h"
 #include "base/ip_utils.h"
 #include "connserver/logging.h"
 #include "genner/output/ChallengeNetMessage.h"
 #include "genner/output/LogInNetMessage.h"
 #include "genner/output/RelayPortNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
+#include "genner/output/message_types.h"
 #include "orvex/rsa_encrypter_impl.h"
 #include "relayserver/cslink/client_report.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/orders/cs_messages.h"
+#include "relayserver/settings/servers.h"
 #include "relayserver/settings/session_keys.h"
 #include "relayserver/settings/settings.h"
-#include "relayserver/sockets/epoll_set.h"
-#include "relayserver/switching/message_types.h"
 
 using Orvex::NetMessageType;
 
 namespace {
 
 constexpr int kFailed = -1;
-/// The role of a relay, and that of a login which continues an earlier one.
-const Orvex::Function fMyFunction(5);
-const Orvex::Function fContinue(6);
-
-const Orvex::ReturnCode rcOK(0);
-const Orvex::ReturnCode rcNoContinue(3);
+/// The role of a login that continues no earlier one.
+constexpr Orvex::Function fMyFunction = fRelay;
 
 int nLoseLink() {
     LostConnectionToCS();
@@ -81,19 +75,19 @@ void beginSession() {
     writeToLog(true, "Switched from server %s to server %s\n", sLastServer.c_str(),
                serverQ.front().c_str());
     writeToLog(true, "Need to ask clients to re-initiate\n");
-    MopupCS();
+    MopupCS(LeaveReason::kNewSession);
     ClearCSQueue();
-    sLastServer = serverQ.front();
+    noteSessionWith(serverQ.front());
 }
 
 int onLoginAccepted() {
-    bAccepting = true;
+    letClientsIn(true);
     if (!bLoginContinue) {
         beginSession();
     } else if (!bContinueSession()) {
         return nLoseLink();
     }
-    bLoginContinue = true;
+    noteLoggedIn();
     writeToLog(true, "assigned id number %u\n", nSenderID);
     if (!bSendRelayPort()) {
         writeToLog(true, "error sending port message\n");
@@ -101,14 +95,14 @@ int onLoginAccepted() {
         SwitchServers();
         return kFailed;
     }
-    nConnectionStage = CONNECTION_FINISHED;
+    enterStage(CONNECTION_FINISHED);
     return nConnectionStage;
 }
 
 int onLoginResponse(const char* achMsg, int nMsgLen) {
     writeToLog(true, "debug: got response\n");
     const Orvex::ResponseNetMessage rnm(achMsg, nMsgLen);
-    nSenderID = rnm.GetClientID();
+    assignSenderID(rnm.GetClientID());
     std::string sCode;
     rnm.GetReturnCode().ToString(sCode);
     writeToLog(true, "Server response: %s.\n", sCode.c_str());
@@ -116,9 +110,9 @@ int onLoginResponse(const char* achMsg, int nMsgLen) {
         return onLoginAccepted();
     }
     if (rnm.GetReturnCode() == rcNoContinue) {
-        bLoginContinue = false;
+        forgetSession();
         writeToLog(true, "server didn't recognize our continue id\n");
-        nConnectionStage = WAITING_FOR_CHALLENGE;
+        enterStage(WAITING_FOR_CHALLENGE);
         return nConnectionStage;
     }
     return nLoseLink();
@@ -130,21 +124,6 @@ int onUnexpected(const char* achMsg, int nMsgLen) {
     printchars(achMsg, nMsgLen);
     writeToLog(false, "\n");
     return nLoseLink();
-}
-
-/// A message before the link is finished.
-int onLoginMessage(const char* achMsg, int nMsgLen) {
-    const NetMessageType nmtType(achMsg, nMsgLen);
-    if (nmtType == nmtNetMsgTypeChallenge) {
-        return onChallenge(achMsg, nMsgLen);
-    }
-    if (nmtType == nmtNetMsgTypeResp && nConnectionStage == WAITING_FOR_LOGIN_RESPONSE) {
-        return onLoginResponse(achMsg, nMsgLen);
-    }
-    if (nmtType == nmtNetMsgTypeHeartbeat) {
-        return nConnectionStage;
-    }
-    return onUnexpected(achMsg, nMsgLen);
 }
 
 }  // namespace
@@ -160,7 +139,7 @@ int SendLogin() {
         return kFailed;
     }
     writeToLog(true, "sent login- waiting for response\n");
-    nConnectionStage = WAITING_FOR_LOGIN_RESPONSE;
+    enterStage(WAITING_FOR_LOGIN_RESPONSE);
     return nConnectionStage;
 }
 
@@ -168,27 +147,20 @@ int onChallenge(const char* achMsg, int nMsgLen) {
     if (nConnectionStage != WAITING_FOR_CHALLENGE) {
         writeToLog(true, "INFO: challenge number recieved out of place, re-sending login\n");
     }
-    nLastChallenge = Orvex::ChallengeNetMessage(achMsg, nMsgLen).GetLoginNumber();
+    noteChallenge(Orvex::ChallengeNetMessage(achMsg, nMsgLen).GetLoginNumber());
     return SendLogin() < 0 ? nLoseLink() : nConnectionStage;
 }
 
-int handleLinkMessages() {
-    char achMsg[Orvex::NetMessage::nMAX_PADDED_MSG_LEN];
-    int nMsgLen = 0;
-    // A link that was lost has no messages left.
-    while (msConnServMsgSock.bDequeueNetMessage(achMsg, &nMsgLen)) {
-        ttLastConnServMsg = nowSecs();
-        if (nConnectionStage == CONNECTION_FINISHED) {
-            onServerMessage(achMsg, nMsgLen);
-        } else if (onLoginMessage(achMsg, nMsgLen) < 0) {
-            return kFailed;
-        }
+int onLoginMessage(const char* achMsg, int nMsgLen) {
+    const NetMessageType nmtType(achMsg, nMsgLen);
+    if (nmtType == nmtNetMsgTypeChallenge) {
+        return onChallenge(achMsg, nMsgLen);
     }
-    if (nConnectionStage == CONNECTION_IDLE) {
-        return kFailed;
+    if (nmtType == nmtNetMsgTypeResp && nConnectionStage == WAITING_FOR_LOGIN_RESPONSE) {
+        return onLoginResponse(achMsg, nMsgLen);
     }
-    if (msConnServMsgSock.bHasMoreInput()) {
-        offerAgain(connserv_sockfd);
+    if (nmtType == nmtNetMsgTypeHeartbeat) {
+        return nConnectionStage;
     }
-    return nConnectionStage;
+    return onUnexpected(achMsg, nMsgLen);
 }

@@ -6,10 +6,10 @@
 /// then and the next server is in front.
 int SendLogin();
 
-/// Handles the messages that the link holds, whatever its stage, until none is left or the link is
-/// lost. Returns the stage, or -1 when the link was lost.
-int handleLinkMessages();
-
 /// A challenge: answers it with a login, also when the relay is logged in already. Returns the
 /// stage or -1.
 int onChallenge(const char* achMsg, int nMsgLen);
+
+/// A message of the server while the link is not finished. Returns the stage, or -1 when the link
+/// was lost. May remove every client: a server that does not know our session begins a new one.
+int onLoginMessage(const char* achMsg, int nMsgLen);

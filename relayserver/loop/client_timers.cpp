@@ -8,8 +8,9 @@
 #include "genner/output/HeartbeatNetMessage.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/loop/housekeeping.h"
-#include "relayserver/peers/relay_peer.h"
+#include "relayserver/clients/peer_mark.h"
+#include "relayserver/cslink/client_loss.h"
+#include "relayserver/settings/time_limits.h"
 
 using Orvex::RelayClient;
 using Orvex::RelayClientTable;
@@ -64,7 +65,8 @@ void dropIdleClient(RelayClient& client, double dSilent) {
     cnm.SetName("SERVER");
     cnm.SetChat(kFarewell.data(), static_cast<int>(kFarewell.size()));
     (void)cnm.Send(true, *client.GetMessageSocket());  // it goes in any case
-    reportAndDelete(ctAuthClientTable, client);
+    reportLostClient(nClientID);
+    DeleteClient(ctAuthClientTable, client, LeaveReason::kIdle);
 }
 
 /// False when the client had sent too much and is gone.
@@ -81,7 +83,8 @@ void dropIdleClient(RelayClient& client, double dSilent) {
         writeToLog(true,
                    "WARNING: input TCP count on client %u over limit : %u bytes in %.01f seconds\n",
                    nClientID, nBytes, dHeartbeatPeriod);
-        CleanBadSocket(client.GetMessageSocket()->getMsgSockFileDesc());
+        CleanBadSocket(client.GetMessageSocket()->getMsgSockFileDesc(),
+                       LeaveReason::kOverInputLimit);
         return false;
     }
     const double dRate = nBytes / dHeartbeatPeriod;
@@ -109,7 +112,7 @@ void cancelStaleConnects(std::time_t ttNow) {
         if (dSilentSecs(client, ttNow) > dPeerConnectTimeOut) {
             writeToLog(true, "Failed to reach out to relay %s in 5 seconds, cancelling attempt\n",
                        sAddressOf(client).c_str());
-            DeleteClient(ctOutboundConnectsPending, client);
+            DeleteClient(ctOutboundConnectsPending, client, LeaveReason::kConnectTimedOut);
         }
     });
 }
@@ -119,7 +122,7 @@ void dropStalledHandshakes(std::time_t ttNow) {
         if (dSilentSecs(client, ttNow) > dLogInTimeOut) {
             writeToLog(true, "SSL handshake timed out on socket %u, %s\n", nSocketOf(client),
                        sAddressOf(client).c_str());
-            DeleteClient(ctSslHandshakingTable, client);
+            DeleteClient(ctSslHandshakingTable, client, LeaveReason::kHandshakeTimedOut);
         }
     });
 }
@@ -133,7 +136,7 @@ void dropLooseClients(std::time_t ttNow) {
                 "Dropping client that has sent no login ticket after %.f seconds, socket %u, "
                 "%s\n",
                 dSilent, nSocketOf(client), sAddressOf(client).c_str());
-            DeleteClient(ctLooseClientTable, client);
+            DeleteClient(ctLooseClientTable, client, LeaveReason::kNoTicketInTime);
         }
     });
 }
@@ -146,7 +149,8 @@ void checkInputAndSendHeartbeats(std::time_t ttNow) {
         }
         client.ClearTcpInputByteCounter();
         if (hbnm.Send(true, *client.GetMessageSocket()) <= 0) {
-            CleanBadSocket(client.GetMessageSocket()->getMsgSockFileDesc());
+            CleanBadSocket(client.GetMessageSocket()->getMsgSockFileDesc(),
+                           LeaveReason::kSendFailed);
         }
     });
 }

@@ -3,6 +3,9 @@
 
 #include <ctime>
 
+/// Input limit of an admitted client that is no relay peer.
+constexpr unsigned kMaxAllowedTcpBytesPerSecond = 2000000;
+
 /// Drops admitted clients that were silent for more than 15 s; tells them and the connection
 /// server.
 void dropIdleClients(std::time_t ttNow);

@@ -13,11 +13,12 @@
 #include "relayserver/admission/tls_handshake.h"
 #include "relayserver/archive/archive_pass.h"
 #include "relayserver/audio/udp_receive.h"
-#include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/cslink/client_loss.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/housekeeping.h"
-#include "relayserver/orders/cs_messages.h"
+#include "relayserver/orders/link_events.h"
+#include "relayserver/orders/link_messages.h"
 #include "relayserver/peers/pending_connects.h"
 #include "relayserver/sockets/epoll_set.h"
 #include "relayserver/sockets/listeners.h"
@@ -65,7 +66,7 @@ bool bHandleBadSocket(epoll_event& epe, int nIndex) {
                "loop\n",
                static_cast<unsigned>(fd), epe.events, static_cast<unsigned>(nIndex));
     if (bIsCurrent(epe)) {
-        CleanBadSocket(fd);
+        CleanBadSocket(fd, LeaveReason::kErrorEvent);
     }
     return true;
 }

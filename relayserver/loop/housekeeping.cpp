@@ -1,30 +1,27 @@
 #include "relayserver/loop/housekeeping.h"
 
-#include <algorithm>
-
 #include "base/clock.h"
 #include "connserver/logging.h"
 #include "orvex/tesselsql.h"
 #include "relayserver/archive/archive_pass.h"
-#include "relayserver/audio/udp_registration.h"
 #include "relayserver/clients/recently_lost.h"
+#include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/client_timers.h"
 #include "relayserver/loop/link_timers.h"
-#include "relayserver/orders/cs_messages.h"
+#include "relayserver/orders/link_events.h"
 #include "relayserver/peers/register_udp.h"
+#include "relayserver/settings/time_limits.h"
+#include "relayserver/settings/timers.h"
 #include "relayserver/sockets/accept_pause.h"
 
 std::time_t ttThisLoop = 0;
 std::time_t ttLastLoop = 0;
-std::time_t tLastHeartbeat = nowSecs();
-std::time_t tLastHeartbeatBurst = nowSecs();
 double epoll_load_avg_1 = 0;
 double epoll_load_avg_1K = 0;
 double epoll_load_avg_1M = 0;
 
 namespace {
 
-constexpr int kTickSecs = 4;
 constexpr int kLoadReportSecs = 60;
 
 bool bTimerTick = false;
@@ -54,7 +51,7 @@ void sendHeartbeatBurst(std::time_t ttNow) {
     if (std::difftime(ttNow, tLastHeartbeatBurst) <= dHeartbeatPeriod) {
         return;
     }
-    tLastHeartbeatBurst = ttNow;
+    noteHeartbeatBurst(ttNow);
     checkInputAndSendHeartbeats(ttNow);
     reportLoad();
 }
@@ -80,7 +77,7 @@ void headOfPass() {
     lookAfterDatabase();
     loggingTimeCheck();
     lookAfterArchive(ttThisLoop);
-    clearRecentlyLostOnBoundary(ttThisLoop);
+    clearRecentlyLostOnBoundary(ttThisLoop, bLinkFinished());
     resumeAccepting();
     bTimerTick = ttThisLoop > ttLastLoop && ttThisLoop % kTickSecs == 0;
 }
@@ -100,17 +97,9 @@ void tailOfPass() {
     ttLastLoop = ttThisLoop;
 }
 
-void clampTimersToNow(std::time_t ttNow) {
-    tLastHeartbeat = std::min(tLastHeartbeat, ttNow);
-    tLastHeartbeatBurst = std::min(tLastHeartbeatBurst, ttNow);
-    ttLastUdpReregister = std::min(ttLastUdpReregister, ttNow);
-}
-
 void resetHousekeepingForTest() {
     ttThisLoop = 0;
     ttLastLoop = 0;
-    tLastHeartbeat = nowSecs();
-    tLastHeartbeatBurst = nowSecs();
     epoll_load_avg_1 = epoll_load_avg_1K = epoll_load_avg_1M = 0;
     bTimerTick = false;
     ttDatabaseTried = 0;

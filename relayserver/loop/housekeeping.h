@@ -3,23 +3,9 @@
 
 #include <ctime>
 
-/// Seconds of silence after which an admitted client, or the connection server, is given up.
-constexpr double dIdleTimeOut = 15.0;
-/// Seconds that a TLS handshake or a client without a valid ticket may take.
-constexpr double dLogInTimeOut = 15.0;
-/// Seconds that a connect to another relay may take.
-constexpr double dPeerConnectTimeOut = 5.0;
-/// Heartbeat period, and the period over which input is measured (seconds).
-constexpr double dHeartbeatPeriod = 3.0;
-/// Input limit of an admitted client that is no relay peer.
-constexpr unsigned kMaxAllowedTcpBytesPerSecond = 2000000;
-
 /// Times of this pass and of the one before it.
 extern std::time_t ttThisLoop;
 extern std::time_t ttLastLoop;
-/// Last heartbeat to the connection server, last burst of heartbeats to the clients.
-extern std::time_t tLastHeartbeat;
-extern std::time_t tLastHeartbeatBurst;
 
 /// Ready descriptors of the last pass, and their running averages over about a thousand and a
 /// million passes.
@@ -36,9 +22,6 @@ void noteLoad(int nReady);
 
 /// Runs the timers if this pass is the first of a second divisible by four. May remove clients.
 void tailOfPass();
-
-/// A clock that was set back must not stop the timers: those in the future start now.
-void clampTimersToNow(std::time_t ttNow);
 
 /// Back to the state at process start.
 void resetHousekeepingForTest();

@@ -7,9 +7,11 @@
 #include "relayserver/cslink/client_report.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/loop/housekeeping.h"
 #include "relayserver/orders/connect_to_server.h"
+#include "relayserver/settings/servers.h"
 #include "relayserver/settings/settings.h"
+#include "relayserver/settings/time_limits.h"
+#include "relayserver/settings/timers.h"
 
 namespace {
 
@@ -23,7 +25,7 @@ void abandonLink(double dIdle) {
 }
 
 void sendHeartbeat(std::time_t ttNow) {
-    tLastHeartbeat = ttNow;
+    noteHeartbeat(ttNow);
     Orvex::HeartbeatNetMessage hbnm;
     ForwardToCS(hbnm);
 }
@@ -33,8 +35,8 @@ void hibernate() {
                "Haven't been able to reach connection server for %u seconds, dropping clients and "
                "hibernating accepting new ones until connection made\n",
                nMaxTimeAwayFromCS);
-    bAccepting = false;
-    MopupCS();
+    letClientsIn(false);
+    MopupCS(LeaveReason::kHibernation);
     ClearCSQueue();
 }
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "connserver/logging.h"
+#include "genner/output/message_types.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/peers/pending_connects.h"
 #include "relayserver/peers/register_udp.h"
@@ -12,9 +13,6 @@ using Orvex::ConnectOrderNetMessage;
 using Orvex::RelayClient;
 
 namespace {
-
-const Orvex::RequestCode rcConnect(0);
-const Orvex::RequestCode rcUdpReg(2);
 
 void onConnect(const ConnectOrderNetMessage& order) {
     writeToLog(true, "debug: requestcode was connect\n");

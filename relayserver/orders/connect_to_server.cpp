@@ -1,187 +1,38 @@
 #include "relayserver/orders/connect_to_server.h"
 
-#include <netdb.h>
-#include <openssl/err.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
 
 #include "base/clock.h"
 #include "base/get_strerror.h"
-#include "base/ip_utils.h"
 #include "connserver/logging.h"
 #include "connserver/signal_handling.h"
+#include "relayserver/cslink/link_connect.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/cslink/login.h"
-#include "relayserver/loop/housekeeping.h"
-#include "relayserver/settings/settings.h"
+#include "relayserver/orders/link_messages.h"
+#include "relayserver/settings/servers.h"
 #include "relayserver/sockets/epoll_set.h"
-#include "relayserver/sockets/socket_options.h"
-#include "relayserver/sockets/ssl_contexts.h"
 
 namespace {
 
 constexpr int kFailed = -1;
-constexpr int kConnServPort = 9736;
 constexpr int kWaitMillis = 5000;
 /// How long a request to end the process may go unnoticed.
 constexpr int kWaitSliceMillis = 200;
 constexpr int kRetryMillis = 1000;
-
-/// Gives the running attempt up: the next server is tried next.
-int nFailAndSwitch() {
-    SwitchServers();
-    LostConnectionToCS();
-    return kFailed;
-}
-
-bool bRewatch(bool bForWrite) {
-    removeFromEpoll(connserv_sockfd);
-    return bForWrite ? addToEpollForWrite(connserv_sockfd) : addToEpollForRead(connserv_sockfd);
-}
-
-// ---- starting an attempt
-
-/// The first IPv4 address of the server in front; false, logged, when its name does not resolve.
-[[nodiscard]] bool bResolveServer(sockaddr_in& rsiAddress) {
-    const hostent* const pHost = serverQ.empty() ? nullptr : gethostbyname(serverQ.front().c_str());
-    if (pHost == nullptr || pHost->h_addrtype != AF_INET || pHost->h_addr_list[0] == nullptr) {
-        writeToLog(true, "gethostbyname failed: invalid server.\n");
-        return false;
-    }
-    rsiAddress = {};
-    rsiAddress.sin_family = AF_INET;
-    rsiAddress.sin_port = htons(bCS_ssl ? cs_ssl_port : kConnServPort);
-    std::copy_n(pHost->h_addr_list[0], sizeof rsiAddress.sin_addr,
-                reinterpret_cast<char*>(&rsiAddress.sin_addr));
-    return true;
-}
-
-/// A socket with the configured options; -1, logged, when there is none to be had.
-int nOpenLinkSocket() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd == -1) {
-        writeToLog(true, "Error: connserv_sockfd socket creation failed. %s.\n",
-                   get_strerror(errno).c_str());
-        return -1;
-    }
-    if (!bSetSocketInterface(fd) || !bSetLocalSourceAddress(fd)) {
-        closeDescriptor(fd);
-        return -1;
-    }
-    bIncreaseSockTxBuf(fd, kLinkTxBufBytes);
-    return fd;
-}
-
-void noteAttempt() {
-    ttLastCSConnectAttempt = nowSecs();
-    char achTime[26] = {};
-    writeToLog(true, "initialized connection server reconnect timer at: %s",
-               ctime_r(&ttLastCSConnectAttempt, achTime));
-    clampTimersToNow(ttLastCSConnectAttempt);
-}
-
-int nStartAttempt() {
-    noteAttempt();
-    sockaddr_in siServer{};
-    if (!bResolveServer(siServer)) {
-        return kFailed;
-    }
-    const int fd = nOpenLinkSocket();
-    if (fd == -1) {
-        return kFailed;
-    }
-    if (bCS_ssl) {
-        ensureClientContext();
-    }
-    const std::string sAddress = sDottedAddress(siServer);
-    writeToLog(true, "Attempting connection to server %s\n", sAddress.c_str());
-    makeNonBlocking(fd);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&siServer), sizeof siServer) == -1 &&
-        errno != EINPROGRESS) {
-        writeToLog(true, "Error initiating connect to server %s\n", sAddress.c_str());
-        closeDescriptor(fd);
-        SwitchServers();
-        return kFailed;
-    }
-    connserv_sockfd = fd;
-    msConnServMsgSock = Orvex::RelayMessageSocket(fd, siServer);
-    addToEpollForWrite(fd);
-    nConnectionStage = WAITING_FOR_CONNECT;
-    return nConnectionStage;
-}
-
-// ---- TLS
-
-void logTlsLibraryErrors() {
-    ERR_print_errors_cb(sslErrorCallback, nullptr);
-}
-
-/// One step of the handshake. `bFirst`: the step right after the connect, whose texts differ.
-int nStepHandshake(bool bFirst) {
-    ERR_clear_error();
-    const int nResult = SSL_do_handshake(connserv_ssl);
-    if (nResult == 1) {
-        writeToLog(true, bFirst ? "SSL handshake was successful unexpectly after write phase...\n"
-                                : "Completed SSL handshake to connserver\n");
-        bRewatch(false);
-        nConnectionStage = WAITING_FOR_CHALLENGE;
-        return nConnectionStage;
-    }
-    const int nError = SSL_get_error(connserv_ssl, nResult);
-    if (nError == SSL_ERROR_WANT_WRITE || nError == SSL_ERROR_WANT_READ) {
-        bRewatch(nError == SSL_ERROR_WANT_WRITE);
-        return nConnectionStage;
-    }
-    logTlsLibraryErrors();
-    writeToLog(true, bFirst ? "SSL handshake with CS failed, library trace above\n"
-                            : "SSL handshake with CS failed, library callback above\n");
-    return nFailAndSwitch();
-}
-
-int nStartHandshake() {
-    writeToLog(true, "Setting up SSL to connserver, beginning handshake\n");
-    connserv_ssl = SSL_new(sslctx_client.get());
-    if (connserv_ssl == nullptr || SSL_set_fd(connserv_ssl, connserv_sockfd) != 1) {
-        logTlsLibraryErrors();
-        writeToLog(true, "SSL handshake with CS failed, library trace above\n");
-        return nFailAndSwitch();
-    }
-    SSL_set_connect_state(connserv_ssl);
-    sockaddr_in siServer{};
-    msConnServMsgSock.GetAddress(siServer);
-    msConnServMsgSock = Orvex::RelayMessageSocket(connserv_sockfd, siServer, connserv_ssl);
-    nConnectionStage = SSL_HANDSHAKE;
-    return nStepHandshake(true);
-}
-
-// ---- one event
-
-int nFinishConnect() {
-    writeToLog(true, "Finished non-blocking connect to connserver\n");
-    (void)bDisableNagle(connserv_sockfd);  // the link works without, only later
-    if (bCS_ssl) {
-        return nStartHandshake();
-    }
-    bRewatch(false);
-    nConnectionStage = WAITING_FOR_CHALLENGE;
-    return nConnectionStage;
-}
 
 int nHandleWritable() {
     switch (nConnectionStage) {
         case WAITING_FOR_CONNECT:
             return nFinishConnect();
         case SSL_HANDSHAKE:
-            return nStepHandshake(false);
+            return nStepHandshake();
         default:
             writeToLog(true,
                        "WARNING: CS socket signaling ready to write from unexpected state - "
                        "cancelling this epoll notification\n");
-            bRewatch(false);
+            rewatchLink(false);
             return nConnectionStage;
     }
 }
@@ -212,7 +63,7 @@ int nHandleEvent(const epoll_event& epe) {
         return kFailed;
     }
     if (nConnectionStage == SSL_HANDSHAKE) {
-        return nStepHandshake(false);
+        return nStepHandshake();
     }
     return nHandleReadable();
 }

@@ -4,7 +4,7 @@
 #include <unordered_map>
 
 #include "relayserver/clients/client_tables.h"
-#include "relayserver/peers/relay_peer.h"
+#include "relayserver/clients/peer_mark.h"
 
 using Orvex::RelayClient;
 

@@ -13,9 +13,10 @@
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/clients/recently_lost.h"
+#include "relayserver/cslink/client_loss.h"
 #include "relayserver/cslink/forward_queue.h"
-#include "relayserver/loop/housekeeping.h"
 #include "relayserver/peers/relay_peer.h"
+#include "relayserver/settings/time_limits.h"
 #include "relayserver/sockets/epoll_set.h"
 #include "relayserver/sockets/socket_options.h"
 
@@ -94,14 +95,14 @@ bool bGiveUpForExisting(RelayClient& client) {
         return false;
     }
     namePeerPort(*pExisting, ntohs(client.nRelayUdpBasePort));
-    DeleteClient(ctOutboundConnectsPending, client);
+    DeleteClient(ctOutboundConnectsPending, client, LeaveReason::kAlreadyConnected);
     confirmExistingPeer(*pExisting);
     return true;
 }
 
 void logIn(RelayClient& client, int fd) {
     if (!bSendLogin(client)) {
-        CleanBadSocket(fd);
+        CleanBadSocket(fd, LeaveReason::kSendFailed);
         return;
     }
     client.ttOwnLoginSent = nowSecs();
@@ -133,7 +134,7 @@ void startPeerConnect(const ConnectOrderNetMessage& order) {
             RemoveFromRecentlyLost(static_cast<unsigned>(order.GetConnectToID()));
             return;
         }
-        DeleteClient(ctOutboundConnectsPending, *pPending);
+        DeleteClient(ctOutboundConnectsPending, *pPending, LeaveReason::kConnectReplaced);
     }
     const int fd = nStartConnect(order, siPeer);
     if (fd != -1) {

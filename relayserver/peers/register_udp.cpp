@@ -1,15 +1,18 @@
 #include "relayserver/peers/register_udp.h"
 
+#include <stdexcept>
+
 #include "base/clock.h"
 #include "base/ip_utils.h"
 #include "connserver/logging.h"
 #include "genner/output/RelayConnectNetMessage.h"
 #include "genner/output/TicketRequestNetMessage.h"
-#include "relayserver/admission/connect_limits.h"
-#include "relayserver/audio/udp_registration.h"
+#include "genner/output/message_types.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/peers/relay_peer.h"
+#include "relayserver/settings/time_limits.h"
 #include "relayserver/sockets/fec_ports.h"
 #include "relayserver/sockets/listeners.h"
 
@@ -25,8 +28,6 @@ constexpr int kDone = 1;
 /// the last one has another reason, and may have as many behind it again.
 constexpr int kMaxRequests = 4;
 constexpr int kNewRoundSecs = 60;
-
-const Orvex::RequestCode rcUdpReg(2);
 
 /// A peer's stored ticket.
 struct StoredTicket {
@@ -122,6 +123,21 @@ void requestTicket(RelayClient& otherRelay) {
     ForwardToCS(trnm);
 }
 
+/// False when a peer could not be registered.
+bool bReregisterAll() {
+    RelayClientTable::Walk walk(ctAuthClientTable);
+    if (!walk.bBeginTraverse()) {
+        return true;
+    }
+    do {
+        if (bIsRelayPeer(walk.current()) &&
+            RegisterUdp(walk.current(), true, true, true, kAllPrograms) < 1) {
+            return false;
+        }
+    } while (walk.bContinueTraverse());
+    return true;
+}
+
 }  // namespace
 
 int RegisterUdp(RelayClient& otherRelay, bool rx, bool tx, bool callback, int specificProgram) {
@@ -155,4 +171,14 @@ void retryOwedRegistrations(std::time_t ttNow) {
             RegisterUdp(rClient, true, true, true, kAllPrograms);
         }
     } while (walk.bContinueTraverse());
+}
+
+bool ReregisterRelayPeers() {
+    writeToLog(true, "reregistering all relay peers\n");
+    try {
+        return bReregisterAll();
+    } catch (const std::out_of_range&) {
+        writeToLog(true, "WARNING - search for relay peers in table, stepped out of range!\n");
+        return true;
+    }
 }

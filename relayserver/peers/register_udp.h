@@ -5,6 +5,13 @@
 
 #include "orvex/relay_client.h"
 
+/// What a registration asks for, in the destination id of its header: the sender wants to receive
+/// the program at the datagram's source address; it is a relay that wants us to register in return;
+/// it sends the program from the datagram's source address.
+constexpr unsigned kFlagReceives = 1;
+constexpr unsigned kFlagCallback = 2;
+constexpr unsigned kFlagSends = 4;
+
 /// Seconds for which a stored ticket is used.
 constexpr int kTicketUsableSecs = 299;
 /// Seconds between two requests for a ticket to one peer.
@@ -24,3 +31,6 @@ int RegisterUdp(Orvex::RelayClient& otherRelay, bool rx, bool tx, bool callback,
 /// Tries again where a registration was refused or could not be sent while a ticket had just been
 /// requested: a few times, since a peer lets only so many through at a time.
 void retryOwedRegistrations(std::time_t ttNow);
+
+/// Re-registers all programs with every relay peer. True unless one of them could not be.
+bool ReregisterRelayPeers();

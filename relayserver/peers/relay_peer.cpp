@@ -1,38 +1,10 @@
 #include "relayserver/peers/relay_peer.h"
 
-#include <stdexcept>
-
-#include "connserver/logging.h"
-#include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/peers/peer_sources.h"
-#include "relayserver/peers/register_udp.h"
 #include "relayserver/sockets/socket_options.h"
 
 using Orvex::RelayClient;
-using Orvex::RelayClientTable;
-
-namespace {
-
-/// False when a peer could not be registered.
-bool bReregisterAll() {
-    RelayClientTable::Walk walk(ctAuthClientTable);
-    if (!walk.bBeginTraverse()) {
-        return true;
-    }
-    do {
-        if (bIsRelayPeer(walk.current()) &&
-            RegisterUdp(walk.current(), true, true, true, kAllPrograms) < 1) {
-            return false;
-        }
-    } while (walk.bContinueTraverse());
-    return true;
-}
-
-}  // namespace
-
-bool bIsRelayPeer(const RelayClient& client) {
-    return client.bIsRcvAudio(0) && client.bIsSrcAudio(0);
-}
 
 void MarkAsRelay(RelayClient& client) {
     if (bIsRelayPeer(client)) {
@@ -68,15 +40,5 @@ void namePeerPort(RelayClient& client, int nUdpBasePort) {
         if (client.bIsRcvAudio(nProgram)) {
             client.StartRcvAudio(nProgram, siPeerAudioAddress(client, nProgram));
         }
-    }
-}
-
-bool ReregisterRelayPeers() {
-    writeToLog(true, "reregistering all relay peers\n");
-    try {
-        return bReregisterAll();
-    } catch (const std::out_of_range&) {
-        writeToLog(true, "WARNING - search for relay peers in table, stepped out of range!\n");
-        return true;
     }
 }

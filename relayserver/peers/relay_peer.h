@@ -1,10 +1,7 @@
-/// What makes a client a relay peer, and where a peer's audio sockets are. Main thread only.
+/// Marks clients as relay peers, and knows where a peer's audio sockets are. Main thread only.
 #pragma once
 
 #include "orvex/relay_client.h"
-
-/// A peer is a client that both receives and sources audio on program 0; there is no other mark.
-[[nodiscard]] bool bIsRelayPeer(const Orvex::RelayClient& client);
 
 /// Makes `client`, an admitted one, a relay peer and enlarges its send buffer for the traffic of
 /// many clients; nothing happens to one that is a peer already.
@@ -18,6 +15,3 @@ void MarkAsRelay(Orvex::RelayClient& client);
 /// names the peer. Audio that it receives already goes to that base from now on, wherever it
 /// registered from: a relay also registers from its FEC sockets, which are not where audio goes.
 void namePeerPort(Orvex::RelayClient& client, int nUdpBasePort);
-
-/// Registers all programs with every relay peer anew. True unless one of them could not be.
-bool ReregisterRelayPeers();

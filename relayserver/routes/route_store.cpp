@@ -9,22 +9,12 @@
 #include "base/string_format.h"
 #include "connserver/logging.h"
 #include "orvex/tesselsql.h"
-#include "relayserver/clients/client_tables.h"
 #include "relayserver/clients/recently_lost.h"
-#include "relayserver/cslink/forward_queue.h"
 
-using Orvex::RoutingUpdateNetMessage;
 using Tessel_Routing::RouteEntry;
 using Tessel_Routing::RoutingCache;
 
 namespace {
-
-/// The absent destination that the connection server was told of last; only repeats in a row are
-/// kept from it.
-unsigned lastClientBadRoutingUpdate = 0;
-
-const Orvex::RequestCode rcConnect(0);
-const Orvex::RequestCode rcDisconnect(1);
 
 /// Owns the result of one statement.
 class SqlResult {
@@ -49,30 +39,6 @@ class SqlResult {
     bool _bOK;
 };
 
-void reConfirmAbsence(unsigned nToID) {
-    const bool bRepeated = nToID == lastClientBadRoutingUpdate;
-    // First, because a link that fails now has further orders handled before we come back.
-    lastClientBadRoutingUpdate = nToID;
-    if (!bRepeated) {
-        writeToLog(true,
-                   "Got a routing insert request for client ID %u, but it's not currently one "
-                   "connected to this relay. Re-confirming that to conn server\n",
-                   nToID);
-        Orvex::LostConnectionNetMessage lcnm(static_cast<int>(nToID));
-        ForwardToCS(lcnm);
-    }
-}
-
-void insertRoute(unsigned nFromID, unsigned nToID, int nMsgClass) {
-    const SqlResult inserted(string_format(
-        "INSERT INTO iopatch (clientto, clientfrom, msgclass) VALUES ('%u','%u','%d')", nToID,
-        nFromID, nMsgClass));
-    Orvex::RelayClient* pClient = nullptr;
-    if (!ctAuthClientTable.bLookUp(static_cast<int>(nToID), &pClient)) {
-        reConfirmAbsence(nToID);
-    }
-}
-
 /// The statement by which (from, to, class) goes; an id of 0 stands for every client.
 std::string sDeleteStatement(unsigned nFromID, unsigned nToID, int nMsgClass) {
     if (nToID == 0) {
@@ -86,15 +52,6 @@ std::string sDeleteStatement(unsigned nFromID, unsigned nToID, int nMsgClass) {
     return string_format(
         "DELETE FROM iopatch WHERE clientto='%u' AND clientfrom='%u' AND msgclass='%d'", nToID,
         nFromID, nMsgClass);
-}
-
-void deleteRoute(unsigned nFromID, unsigned nToID, int nMsgClass) {
-    { const SqlResult deleted(sDeleteStatement(nFromID, nToID, nMsgClass)); }
-    const SqlResult left(string_format(
-        "SELECT * FROM iopatch WHERE clientto='%u' OR clientfrom='%u'", nToID, nToID));
-    if (left.nRows() == 0) {
-        ConfirmFromRecentlyLost(nToID);
-    }
 }
 
 std::vector<unsigned> readDestinations(unsigned nSource, int nMsgClass) {
@@ -121,18 +78,23 @@ void DBCleanup() {
     RoutingCache::Instance()->Clear();
 }
 
-void UpdateDB(const RoutingUpdateNetMessage& runmRoutingUpdate) {
-    const unsigned nFromID = runmRoutingUpdate.GetFromID();
-    const unsigned nToID = runmRoutingUpdate.GetToID();
-    const int nMsgClass = runmRoutingUpdate.GetMsgClass();
-    if (runmRoutingUpdate.GetRequestCode() == rcConnect) {
-        insertRoute(nFromID, nToID, nMsgClass);
-    } else if (runmRoutingUpdate.GetRequestCode() == rcDisconnect) {
-        deleteRoute(nFromID, nToID, nMsgClass);
+void insertRoute(unsigned nFromID, unsigned nToID, int nMsgClass) {
+    const SqlResult inserted(string_format(
+        "INSERT INTO iopatch (clientto, clientfrom, msgclass) VALUES ('%u','%u','%d')", nToID,
+        nFromID, nMsgClass));
+}
+
+void deleteRoute(unsigned nFromID, unsigned nToID, int nMsgClass) {
+    { const SqlResult deleted(sDeleteStatement(nFromID, nToID, nMsgClass)); }
+    const SqlResult left(string_format(
+        "SELECT * FROM iopatch WHERE clientto='%u' OR clientfrom='%u'", nToID, nToID));
+    if (left.nRows() == 0) {
+        ConfirmFromRecentlyLost(nToID);
     }
-    // Only this one key, whatever the order was: routes of other sources stay cached until an order
-    // names them, as the connection server expects.
-    RoutingCache::Instance()->Remove(RouteEntry(nFromID, nMsgClass, {}));
+}
+
+void forgetRoute(unsigned nSource, int nMsgClass) {
+    RoutingCache::Instance()->Remove(RouteEntry(nSource, nMsgClass, {}));
 }
 
 std::shared_ptr<const RouteEntry> findRoute(unsigned nSource, int nMsgClass,
@@ -149,6 +111,5 @@ std::shared_ptr<const RouteEntry> findRoute(unsigned nSource, int nMsgClass,
 }
 
 void resetRouteStoreForTest() {
-    lastClientBadRoutingUpdate = 0;
     RoutingCache::Instance()->Clear();
 }

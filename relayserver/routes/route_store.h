@@ -6,15 +6,21 @@
 
 #include <memory>
 
-#include "genner/output/RoutingUpdateNetMessage.h"
 #include "relayserver/routes/RoutingCache.h"
 
 /// Deletes every route, from table and cache.
 void DBCleanup();
 
-/// Applies one order of the connection server to the table, and forgets the cached route of its
-/// source and message class. May tell the connection server of a destination that is not here.
-void UpdateDB(const Orvex::RoutingUpdateNetMessage& runmRoutingUpdate);
+/// Adds the route from `nFromID` to `nToID` to the table. The cache does not know of it before
+/// `forgetRoute`.
+void insertRoute(unsigned nFromID, unsigned nToID, int nMsgClass);
+
+/// Deletes a route from the table; an id of 0 stands for every client. When no route of `nToID` is
+/// left, its losses are confirmed. The cache keeps the route until `forgetRoute`.
+void deleteRoute(unsigned nFromID, unsigned nToID, int nMsgClass);
+
+/// Forgets the cached route of (source, message class): the next message reads the table.
+void forgetRoute(unsigned nSource, int nMsgClass);
 
 /// The route of (source, message class): from the cache, or read from the table and cached, empty
 /// if the query failed. On a miss `sTypeText` names the class in the log line. Never null.

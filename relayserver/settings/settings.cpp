@@ -2,16 +2,16 @@
 
 #include <cstdio>
 #include <optional>
+#include <utility>
 
 #include "base/number_range.h"
 #include "connserver/logging.h"
-#include "relayserver/cslink/link_state.h"
+#include "relayserver/settings/servers.h"
+#include "relayserver/settings/setting_keys.h"
 
-constexpr unsigned kDefaultArchiveInterval = 60;
-
-int msg_port = 9736;
-int ssl_msg_port = 0;
-int rtp_listen_port[kAudioPrograms] = {6900};
+int msg_port;
+int ssl_msg_port;
+int rtp_listen_port[kAudioPrograms];
 std::string sCrtFile;
 std::string sKeyFile;
 std::string sRequestedListenAddr;
@@ -21,18 +21,18 @@ std::string sBindAddr;
 std::string sMyCompany;
 std::string sMyName;
 std::string sMyPassword;
-bool bCS_ssl = false;
-std::uint16_t cs_ssl_port = 0;
-unsigned nMaxTimeAwayFromCS = 0;
-bool bFecEnable = false;
-bool bArchiveEnable = false;
+bool bCS_ssl;
+std::uint16_t cs_ssl_port;
+unsigned nMaxTimeAwayFromCS;
+bool bFecEnable;
+bool bArchiveEnable;
 std::string sArchiveEndpoint;
-unsigned nArchiveInterval = kDefaultArchiveInterval;
+unsigned nArchiveInterval;
 std::string sArchiveUsername;
 std::string sArchivePassword;
 std::string sArchiveContentType;
-bool bArchiveAppendSeq = false;
-bool bWavecastServer = false;
+bool bArchiveAppendSeq;
+bool bWavecastServer;
 
 namespace {
 
@@ -41,30 +41,71 @@ constexpr SettingsOutcome kEndWithError{false, 1};
 /// What `main` returning -1 looks like from outside.
 constexpr SettingsOutcome kEndWithMinusOne{false, 255};
 
-constexpr int kLowestPort = 1024;
-constexpr int kHighestPort = 65535;
+/// The texts, each with its key.
+const std::pair<const SettingKey&, std::string&> kTexts[] = {
+    {kSslPemFile, sCrtFile},
+    {kSslKeyFile, sKeyFile},
+    {kPublicListenAddr, sRequestedListenAddr},
+    {kPrivateListenAddr, sRequestedPrivateListenAddr},
+    {kBindDevice, sBindDev},
+    {kBindAddress, sBindAddr},
+    {kLoginCompany, sMyCompany},
+    {kLoginUsername, sMyName},
+    {kLoginPassword, sMyPassword},
+    {kArchiveEndpoint, sArchiveEndpoint},
+    {kArchiveUsername, sArchiveUsername},
+    {kArchivePassword, sArchivePassword},
+    {kArchiveContentType, sArchiveContentType},
+};
 
-void takeText(const ConfigFile& configFile, const char* sSection, const char* sKey,
-              std::string& rsSetting) {
-    if (const auto chValue = configFile.OptionalValue(sSection, sKey)) {
+template <class Value>
+void setDefault(const SettingKey& key, Value& rSetting) {
+    rSetting = static_cast<Value>(key.nDefault);
+}
+
+void setDefaults() {
+    for (const auto& [key, rsSetting] : kTexts) {
+        rsSetting.clear();
+    }
+    setDefault(kPortsTcp, msg_port);
+    setDefault(kPortsSsl, ssl_msg_port);
+    setDefault(kPortsRtp, rtp_listen_port[0]);
+    setDefault(kServersUseSsl, bCS_ssl);
+    setDefault(kServersSslPort, cs_ssl_port);
+    setDefault(kServersMaxTimeAway, nMaxTimeAwayFromCS);
+    setDefault(kFecEnable, bFecEnable);
+    setDefault(kArchiveEnable, bArchiveEnable);
+    setDefault(kArchiveInterval, nArchiveInterval);
+    setDefault(kArchiveAppendSeq, bArchiveAppendSeq);
+    setDefault(kFeaturesWcast, bWavecastServer);
+}
+
+std::optional<Chameleon> valueOf(const ConfigFile& configFile, const SettingKey& key) {
+    return configFile.OptionalValue(key.sSection, key.sKey);
+}
+
+void takeText(const ConfigFile& configFile, const SettingKey& key, std::string& rsSetting) {
+    if (const auto chValue = valueOf(configFile, key)) {
         rsSetting = std::string(*chValue);
     }
 }
 
-void takeNumber(const ConfigFile& configFile, const char* sSection, const char* sKey,
-                int& rnSetting) {
-    if (const auto chValue = configFile.OptionalValue(sSection, sKey)) {
+void takeNumber(const ConfigFile& configFile, const SettingKey& key, int& rnSetting) {
+    if (const auto chValue = valueOf(configFile, key)) {
         rnSetting = nSaturated<int>(*chValue);
     }
 }
 
+bool bInRange(int nNumber, const SettingKey& key) {
+    return nNumber >= key.nLowest && nNumber <= key.nHighest;
+}
+
 /// A yes-or-no setting. Any text but yes, true, no and false counts as no, with `sWarning` (a
 /// format for the text) logged unless it is null.
-bool bTakeYesOrNo(const ConfigFile& configFile, const char* sSection, const char* sKey,
-                  const char* sWarning) {
-    const auto chValue = configFile.OptionalValue(sSection, sKey);
+bool bTakeYesOrNo(const ConfigFile& configFile, const SettingKey& key, const char* sWarning) {
+    const auto chValue = valueOf(configFile, key);
     if (!chValue) {
-        return false;
+        return key.nDefault != 0;
     }
     const std::string sValue(*chValue);
     if (sValue == "yes" || sValue == "true") {
@@ -79,9 +120,9 @@ bool bTakeYesOrNo(const ConfigFile& configFile, const char* sSection, const char
 
 /// TLS needs a port, a certificate and a key: two of them are as good as none.
 void readTls(const ConfigFile& configFile) {
-    const auto chCrtFile = configFile.OptionalValue("SSL", "pem_file");
-    const auto chKeyFile = configFile.OptionalValue("SSL", "key_file");
-    const auto chPort = configFile.OptionalValue("Ports", "ssl");
+    const auto chCrtFile = valueOf(configFile, kSslPemFile);
+    const auto chKeyFile = valueOf(configFile, kSslKeyFile);
+    const auto chPort = valueOf(configFile, kPortsSsl);
     if (chCrtFile && chKeyFile && chPort) {
         sCrtFile = std::string(*chCrtFile);
         sKeyFile = std::string(*chKeyFile);
@@ -89,16 +130,15 @@ void readTls(const ConfigFile& configFile) {
     }
 }
 
-/// Ports and addresses. The key `Logging/folder` is known but has no effect: logging has started
-/// before the configuration is read.
+/// Ports and addresses.
 void readNetwork(const ConfigFile& configFile) {
-    takeNumber(configFile, "Ports", "tcp", msg_port);
+    takeNumber(configFile, kPortsTcp, msg_port);
     readTls(configFile);
-    takeNumber(configFile, "Ports", "rtp", rtp_listen_port[0]);
-    takeText(configFile, "Public", "listen_addr", sRequestedListenAddr);
-    takeText(configFile, "PrivateNetwork", "listen_addr", sRequestedPrivateListenAddr);
-    takeText(configFile, "Bind", "device", sBindDev);
-    takeText(configFile, "Bind", "address", sBindAddr);
+    takeNumber(configFile, kPortsRtp, rtp_listen_port[0]);
+    takeText(configFile, kPublicListenAddr, sRequestedListenAddr);
+    takeText(configFile, kPrivateListenAddr, sRequestedPrivateListenAddr);
+    takeText(configFile, kBindDevice, sBindDev);
+    takeText(configFile, kBindAddress, sBindAddr);
 }
 
 void overrideByCommandLine(const CommandLine& commandLine) {
@@ -111,16 +151,15 @@ void overrideByCommandLine(const CommandLine& commandLine) {
 }
 
 SettingsOutcome checkPorts() {
-    if (msg_port < kLowestPort || msg_port > kHighestPort) {
+    if (!bInRange(msg_port, kPortsTcp)) {
         std::printf("invalid tcp port option %d\n", msg_port);
         return kEndWithError;
     }
-    if (ssl_msg_port > kHighestPort) {
+    if (ssl_msg_port > kPortsSsl.nHighest) {
         std::printf("invalid ssl port option %d\n", ssl_msg_port);
         return kEndWithError;
     }
-    constexpr int kHighestFirstRtpPort = kHighestPort - 2 * (kAudioPrograms - 1);
-    if (rtp_listen_port[0] < kLowestPort || rtp_listen_port[0] > kHighestFirstRtpPort) {
+    if (!bInRange(rtp_listen_port[0], kPortsRtp)) {
         std::printf("invalid rtp port option %d\n", rtp_listen_port[0]);
         return kEndWithError;
     }
@@ -144,12 +183,12 @@ void logNetwork() {
 }
 
 /// A required text; when it is missing says which, and returns false.
-[[nodiscard]] bool bTakeRequired(const ConfigFile& configFile, const char* sSection,
-                                 const char* sKey, std::string& rsSetting) {
-    const auto chValue = configFile.OptionalValue(sSection, sKey);
+[[nodiscard]] bool bTakeRequired(const ConfigFile& configFile, const SettingKey& key,
+                                 std::string& rsSetting) {
+    const auto chValue = valueOf(configFile, key);
     if (!chValue) {
-        writeToLog(true, "ERROR: required key '%s' in section '%s' of the conf file %s\n", sKey,
-                   sSection, "does not exist");
+        writeToLog(true, "ERROR: required key '%s' in section '%s' of the conf file %s\n", key.sKey,
+                   key.sSection, "does not exist");
         return false;
     }
     rsSetting = std::string(*chValue);
@@ -157,9 +196,9 @@ void logNetwork() {
 }
 
 SettingsOutcome readLogin(const ConfigFile& configFile) {
-    if (!bTakeRequired(configFile, "Login", "company", sMyCompany) ||
-        !bTakeRequired(configFile, "Login", "username", sMyName) ||
-        !bTakeRequired(configFile, "Login", "password", sMyPassword)) {
+    if (!bTakeRequired(configFile, kLoginCompany, sMyCompany) ||
+        !bTakeRequired(configFile, kLoginUsername, sMyName) ||
+        !bTakeRequired(configFile, kLoginPassword, sMyPassword)) {
         writeToLog(true, "ERROR: bad login information in conf file\n");
         return kEndWithMinusOne;
     }
@@ -170,29 +209,30 @@ SettingsOutcome readLogin(const ConfigFile& configFile) {
 }
 
 SettingsOutcome readServerNames(const ConfigFile& configFile) {
-    std::optional<Chameleon> chServer = configFile.OptionalValue("Servers", "primary");
+    std::optional<Chameleon> chServer = valueOf(configFile, kServersPrimary);
     if (!chServer) {
         writeToLog(true, "no primary server specified in conf file\n");
         return kEndWithMinusOne;
     }
     for (int nBackup = 1; chServer; ++nBackup) {
-        serverQ.push(std::string(*chServer));
-        chServer = configFile.OptionalValue("Servers", "backup" + std::to_string(nBackup));
+        addServer(std::string(*chServer));
+        chServer = configFile.OptionalValue(kServersBackup.sSection,
+                                            kServersBackup.sKey + std::to_string(nBackup));
     }
     return kGoOn;
 }
 
 SettingsOutcome readTlsToServers(const ConfigFile& configFile) {
-    bCS_ssl = bTakeYesOrNo(configFile, "Servers", "use_ssl", "SSL to connserver");
+    bCS_ssl = bTakeYesOrNo(configFile, kServersUseSsl, "SSL to connserver");
     if (!bCS_ssl) {
         return kGoOn;
     }
     std::string sPort;
-    if (!bTakeRequired(configFile, "Servers", "cs_ssl_port", sPort)) {
+    if (!bTakeRequired(configFile, kServersSslPort, sPort)) {
         return kEndWithError;
     }
     const int nPort = nSaturated<int>(Chameleon(sPort));
-    if (nPort < 1 || nPort > kHighestPort) {
+    if (!bInRange(nPort, kServersSslPort)) {
         writeToLog(true, "ERROR: key 'cs_ssl_port' in section 'Servers' is no port: %s\n",
                    sPort.c_str());
         return kEndWithError;
@@ -211,14 +251,14 @@ SettingsOutcome readServers(const ConfigFile& configFile) {
     if (!tlsOutcome.bGoOn) {
         return tlsOutcome;
     }
-    if (const auto chSecs = configFile.OptionalValue("Servers", "max_time_away_from_cs")) {
+    if (const auto chSecs = valueOf(configFile, kServersMaxTimeAway)) {
         nMaxTimeAwayFromCS = nSaturated<unsigned>(*chSecs);
     }
     return kGoOn;
 }
 
 void readFec(const ConfigFile& configFile) {
-    bFecEnable = bTakeYesOrNo(configFile, "FEC", "enable", nullptr);
+    bFecEnable = bTakeYesOrNo(configFile, kFecEnable, nullptr);
     if (bFecEnable) {
         writeToLog(true, "INFO: FEC enabled in log file\n");
     }
@@ -226,8 +266,8 @@ void readFec(const ConfigFile& configFile) {
 
 /// Endpoint and interval are taken only together.
 void readArchiveEndpoint(const ConfigFile& configFile) {
-    const auto chEndpoint = configFile.OptionalValue("Archive", "endpoint");
-    const auto chInterval = configFile.OptionalValue("Archive", "interval");
+    const auto chEndpoint = valueOf(configFile, kArchiveEndpoint);
+    const auto chInterval = valueOf(configFile, kArchiveInterval);
     if (!chEndpoint || !chInterval) {
         writeToLog(true, "WARNING: archive without endpoint and interval, nothing can be posted\n");
         return;
@@ -239,24 +279,25 @@ void readArchiveEndpoint(const ConfigFile& configFile) {
 }
 
 void readArchive(const ConfigFile& configFile) {
-    bArchiveEnable = bTakeYesOrNo(configFile, "Archive", "enable", "archive");
+    bArchiveEnable = bTakeYesOrNo(configFile, kArchiveEnable, "archive");
     if (!bArchiveEnable) {
         return;
     }
     readArchiveEndpoint(configFile);
-    takeText(configFile, "Archive", "username", sArchiveUsername);
-    takeText(configFile, "Archive", "password", sArchivePassword);
-    takeText(configFile, "Archive", "content_type", sArchiveContentType);
-    bArchiveAppendSeq = bTakeYesOrNo(configFile, "Archive", "append_seq", "archive append_seq");
+    takeText(configFile, kArchiveUsername, sArchiveUsername);
+    takeText(configFile, kArchivePassword, sArchivePassword);
+    takeText(configFile, kArchiveContentType, sArchiveContentType);
+    bArchiveAppendSeq = bTakeYesOrNo(configFile, kArchiveAppendSeq, "archive append_seq");
 }
 
 void readWavecast(const ConfigFile& configFile) {
-    bWavecastServer = bTakeYesOrNo(configFile, "Features", "wcast", "wavecast");
+    bWavecastServer = bTakeYesOrNo(configFile, kFeaturesWcast, "wavecast");
 }
 
 }  // namespace
 
 SettingsOutcome readSettings(const ConfigFile& configFile, const CommandLine& commandLine) {
+    setDefaults();
     readNetwork(configFile);
     overrideByCommandLine(commandLine);
     if (const SettingsOutcome outcome = checkPorts(); !outcome.bGoOn) {
@@ -275,22 +316,10 @@ SettingsOutcome readSettings(const ConfigFile& configFile, const CommandLine& co
     return kGoOn;
 }
 
-void resetSettingsForTest() {
-    msg_port = 9736;
-    ssl_msg_port = 0;
-    rtp_listen_port[0] = 6900;
-    for (std::string* psSetting :
-         {&sCrtFile, &sKeyFile, &sRequestedListenAddr, &sRequestedPrivateListenAddr, &sBindDev,
-          &sBindAddr, &sMyCompany, &sMyName, &sMyPassword, &sArchiveEndpoint, &sArchiveUsername,
-          &sArchivePassword, &sArchiveContentType}) {
-        psSetting->clear();
-    }
-    bCS_ssl = false;
-    cs_ssl_port = 0;
-    nMaxTimeAwayFromCS = 0;
+void disableFec() {
     bFecEnable = false;
-    bArchiveEnable = false;
-    nArchiveInterval = kDefaultArchiveInterval;
-    bArchiveAppendSeq = false;
-    bWavecastServer = false;
+}
+
+void resetSettingsForTest() {
+    setDefaults();
 }

@@ -1,5 +1,5 @@
-/// All that command line and configuration decide. Written once during start-up, then only read,
-/// apart from `bFecEnable`, which `listeners` clears when a FEC socket cannot be had. Main thread.
+/// All that command line and configuration decide; `setting_keys` says what each key may hold.
+/// Zero before `readSettings`, afterwards only read, apart from `disableFec`. Main thread.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 #include "base/ConfigFile.h"
 #include "relayserver/settings/command_line.h"
-
-constexpr int kAudioPrograms = 6;
+#include "relayserver/settings/servers.h"
+#include "relayserver/settings/setting_keys.h"
 
 /// Port of the plain TCP listener.
 extern int msg_port;
@@ -43,6 +43,9 @@ extern unsigned nMaxTimeAwayFromCS;
 
 /// Whether audio is accepted on the forward-error-correction ports as well.
 extern bool bFecEnable;
+
+/// A FEC socket cannot be had: none is used for the rest of the run.
+void disableFec();
 
 /// Whether captions are archived, where they are posted (empty for nowhere) and how old they are
 /// allowed to become before (seconds).

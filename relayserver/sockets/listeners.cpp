@@ -82,7 +82,7 @@ void openFecSockets(int i, const sockaddr_in& siAddress) {
     if (udp_fec1_sockfd[i] == -1) {
         writeToLog(true, "WARNING: could not set up udp FEC socket: %s\n",
                    get_strerror(errno).c_str());
-        bFecEnable = false;
+        disableFec();
         return;
     }
     udp_fec2_sockfd[i] = nOpenFecSocket(siAddress, rtp_listen_port[i] + 2 * kFecSocketPortOffset);
@@ -91,7 +91,7 @@ void openFecSockets(int i, const sockaddr_in& siAddress) {
                    get_strerror(errno).c_str());
         close(udp_fec1_sockfd[i]);
         udp_fec1_sockfd[i] = -1;
-        bFecEnable = false;
+        disableFec();
         return;
     }
     (void)bSetSocketInterface(udp_fec1_sockfd[i]);  // logged there; FEC works on any interface

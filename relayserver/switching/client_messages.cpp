@@ -9,23 +9,22 @@
 #include "genner/output/CaptionNetMessage.h"
 #include "genner/output/LogOutNetMessage.h"
 #include "genner/output/ResponseNetMessage.h"
+#include "genner/output/message_types.h"
 #include "relayserver/archive/archive_pass.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
+#include "relayserver/cslink/client_loss.h"
 #include "relayserver/peers/register_udp.h"
 #include "relayserver/peers/relay_peer.h"
 #include "relayserver/settings/settings.h"
 #include "relayserver/sockets/epoll_set.h"
-#include "relayserver/switching/message_types.h"
 #include "relayserver/switching/switch_packet.h"
 
 using Orvex::NetMessage;
 using Orvex::RelayClient;
 
 namespace {
-
-const Orvex::ReturnCode rcOK(0);
-const Orvex::ReturnCode rcUdpUnauthorized(4);
 
 /// Only relay peers carry messages of others.
 bool bMayCarry(const RelayClient& client, const char* achMsg, int nMsgLen) {
@@ -44,7 +43,7 @@ void tellRefused(const RelayClient& client, const char* achMsg, int nMsgLen) {
 
 void endPeer(RelayClient& client) {
     const auto nClientID = static_cast<unsigned>(client.GetClientID());
-    DeleteClient(ctAuthClientTable, client);
+    DeleteClient(ctAuthClientTable, client, LeaveReason::kRefusedByRelay);
     reportLostClient(nClientID);
 }
 
@@ -78,7 +77,7 @@ void onResponse(RelayClient& client, const char* achMsg, int nMsgLen) {
 void onLogOut(RelayClient& client, const char* achMsg, int nMsgLen) {
     const int nClientID = client.GetClientID();
     Orvex::LogOutNetMessage lonm(achMsg, nMsgLen);  // a copy: the bytes go with the client
-    DeleteClient(ctAuthClientTable, client);
+    DeleteClient(ctAuthClientTable, client, LeaveReason::kLoggedOut);
     writeToLog(true, "received logout from client %d\n", nClientID);
     (void)SwitchPacket(&lonm, 0, false);  // goes to the connection server, which cannot fail
 }
@@ -99,7 +98,8 @@ void loseClient(RelayClient& client) {
     writeToLog(true, "Connection lost to user %u at %s(%d) : %s\n", nClientID,
                sDottedAddress(siAddress).c_str(), nPortOf(siAddress),
                client.GetMessageSocket()->getErrorString().c_str());
-    reportAndDelete(ctAuthClientTable, client);
+    reportLostClient(nClientID);
+    DeleteClient(ctAuthClientTable, client, LeaveReason::kConnectionLost);
 }
 
 /// Adds a message to the run that is on its way, if it may travel in it and is not to be refused.

@@ -1,15 +1,11 @@
 #include "relayserver/switching/message_run.h"
 
+#include "genner/output/message_types.h"
 #include "orvex/net_message.h"
-#include "relayserver/clients/video_gate.h"
-#include "relayserver/switching/pipe_type.h"
 
 using Orvex::NetMessage;
 
 namespace {
-
-constexpr unsigned char kTypeResponse = 0;
-constexpr unsigned char kTypeHeartbeat = 12;
 
 int nPipeOf(std::string_view svImage) {
     return nPipeType(static_cast<unsigned char>(svImage.front()));
@@ -27,11 +23,7 @@ std::string_view svFrameOf(std::string_view svImage) {
 }  // namespace
 
 bool bTravelsInRuns(std::string_view svImage) {
-    const auto nTypeByte = static_cast<unsigned char>(svImage.front());
-    const int nPipe = nPipeType(nTypeByte);
-    if (nPipe == kPipeNone || nPipe == kPipeDirect || nPipe == kPipeConnServer ||
-        nTypeByte == kTypeResponse || nTypeByte == kTypeHeartbeat ||
-        nTypeByte == kTypeVideoFeedback) {
+    if (bIsOwnDecision(static_cast<unsigned char>(svImage.front()))) {
         return false;
     }
     // An image of this size that is not padded is too large to be sent on.

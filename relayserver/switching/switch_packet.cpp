@@ -5,14 +5,14 @@
 
 #include "base/next_multiple.h"
 #include "connserver/logging.h"
-#include "genner/output/RoutingUpdateNetMessage.h"
-#include "relayserver/clients/client_removal.h"
+#include "genner/output/VideoFeedbackNetMessage.h"
+#include "genner/output/message_types.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/clients/video_gate.h"
+#include "relayserver/cslink/client_loss.h"
 #include "relayserver/cslink/forward_queue.h"
-#include "relayserver/peers/relay_peer.h"
 #include "relayserver/routes/route_store.h"
-#include "relayserver/switching/pipe_type.h"
 
 using Orvex::NetMessage;
 using Orvex::RelayClient;
@@ -53,7 +53,7 @@ bool bDeliverDirect(NetMessage& nmMessage) {
                "TCP message down send failed in SwitchPacket with returncode %d, errno=%u, send to "
                "socket %u\n",
                nSent, static_cast<unsigned>(nProblem), static_cast<unsigned>(fd));
-    CleanBadSocket(fd);
+    CleanBadSocket(fd, LeaveReason::kSendFailed);
     return false;
 }
 
@@ -63,8 +63,8 @@ void dissolveLoop(const MessageRun& run, unsigned nDestination) {
                "WARNING: suppressing possible relay loop to relay peer %u, originating client %u. "
                "Likely there are old links in our system, will try to clean up locally.\n",
                nDestination, run.nSource);
-    UpdateDB(Orvex::RoutingUpdateNetMessage(Orvex::RequestCode(1), run.nSource, nDestination,
-                                            run.nPipe));
+    deleteRoute(run.nSource, nDestination, run.nPipe);
+    forgetRoute(run.nSource, run.nPipe);
 }
 
 /// Whether the video rules let the message pass; other messages always do.
@@ -106,7 +106,7 @@ void dropDestination(const MessageRun& run, unsigned nDestination, RelayClient& 
                static_cast<unsigned>(nProblem));
     printchars(run.svFrames.data() + nBroken,
                static_cast<int>(nFrameSizeAt(run.svFrames, nBroken)));
-    CleanBadSocket(destination.GetMessageSocket()->getMsgSockFileDesc());
+    CleanBadSocket(destination.GetMessageSocket()->getMsgSockFileDesc(), LeaveReason::kSendFailed);
 }
 
 [[nodiscard]] bool bWriteFrames(std::string_view svFrames, Orvex::RelayMessageSocket& rSocket) {
@@ -168,7 +168,7 @@ bool SwitchPacket(NetMessage* nmpMsg, int nFlags, bool bFromRelayPeer) {
     }
     unsigned nSource = 0;
     nmpMsg->GetSenderID(nSource);
-    const bool bVideo = nTypeByte == kTypeVideoFeedback;
+    const bool bVideo = nTypeByte == Orvex::VideoFeedbackNetMessage::nTYPE;
     return bDeliverRouted({{nmpMsg->frame(), 1, nSource, nPipe, bFromRelayPeer},
                            bVideo,
                            bVideo ? nVideoPage(*nmpMsg) : 0});

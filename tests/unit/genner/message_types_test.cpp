@@ -1,4 +1,4 @@
-#include "relayserver/switching/pipe_type.h"
+#include "genner/output/message_types.h"
 
 #include <gtest/gtest.h>
 

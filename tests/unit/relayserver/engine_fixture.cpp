@@ -18,14 +18,18 @@
 #include "relayserver/audio/udp_receive.h"
 #include "relayserver/audio/udp_registration.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/departures.h"
 #include "relayserver/clients/recently_lost.h"
 #include "relayserver/clients/video_gate.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/housekeeping.h"
+#include "relayserver/orders/routing_update.h"
 #include "relayserver/peers/peer_sources.h"
 #include "relayserver/routes/route_store.h"
+#include "relayserver/settings/servers.h"
 #include "relayserver/settings/settings.h"
+#include "relayserver/settings/timers.h"
 #include "relayserver/sockets/accept_pause.h"
 #include "relayserver/sockets/epoll_set.h"
 #include "relayserver/sockets/listeners.h"
@@ -105,13 +109,17 @@ void resetEngine() {
     emptyTable(ctSslHandshakingTable);
     emptyTable(ctOutboundConnectsPending);
     resetLinkStateForTest();
+    resetDeparturesForTest();
     resetForwardQueueForTest();
     resetRecentlyLostForTest();
     resetRouteStoreForTest();
+    resetRoutingUpdateForTest();
     resetConnectLimitsForTest();
     resetHousekeepingForTest();
+    resetTimersForTest();
     resetArchiveForTest();
     resetSettingsForTest();
+    resetServersForTest();
     resetListenersForTest();
     resetAcceptPauseForTest();
     resetPacketsSwitchedForTest(0);

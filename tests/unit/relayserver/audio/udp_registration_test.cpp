@@ -94,7 +94,7 @@ TEST_F(UdpRegistration, ObeysEveryCombinationOfFlags) {
         EXPECT_EQ((nFlags & 1U) != 0, authClient(8).bIsRcvAudio(2)) << nFlags;
         EXPECT_EQ((nFlags & 4U) != 0, authClient(8).bIsSrcAudio(2)) << nFlags;
         EXPECT_EQ((nFlags & 2U) != 0 ? 3U : 0U, audio.nReceived()) << nFlags;
-        DeleteClient(ctAuthClientTable, authClient(8));
+        DeleteClient(ctAuthClientTable, authClient(8), LeaveReason::kLoggedOut);
     }
 }
 

@@ -8,6 +8,7 @@
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/clients/recently_lost.h"
 #include "relayserver/clients/video_gate.h"
+#include "relayserver/cslink/client_loss.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/sockets/epoll_set.h"
 #include "tests/stubs/logging_stub.h"
@@ -36,7 +37,7 @@ TEST_F(ClientRemoval, DeleteClientClosesAndForgets) {
     const Peer server = openLink();
     const Peer peer = addAuthClient(7);
     const int fd = fdOf(7);
-    DeleteClient(ctAuthClientTable, authClient(7));
+    DeleteClient(ctAuthClientTable, authClient(7), LeaveReason::kLoggedOut);
     EXPECT_FALSE(bIsAdmitted(7));
     EXPECT_TRUE(peer.bClosedByRelay());
     EXPECT_FALSE(bIsOpen(fd));
@@ -54,7 +55,7 @@ TEST_F(ClientRemoval, DeleteClientNamesTheAddressAndPort) {
     siPeer.sin_port = htons(4321);
     Orvex::RelayClient& rClient =
         ctLooseClientTable.Add(Orvex::RelayClient{Orvex::RelayMessageSocket(fds[0], siPeer)});
-    DeleteClient(ctLooseClientTable, rClient);
+    DeleteClient(ctLooseClientTable, rClient, LeaveReason::kLoggedOut);
     EXPECT_THAT(loggedLines(),
                 ElementsAre("Removing client table entry for address 10.1.2.3(4321).\n"));
 }
@@ -64,7 +65,7 @@ TEST_F(ClientRemoval, DeleteClientForgetsTheVideoPermissionsOfTheId) {
     videoPermissions.Grant(7, 9);
     videoPermissions.Grant(9, 7);
     videoPermissions.Grant(9, 11);
-    DeleteClient(ctAuthClientTable, authClient(7));
+    DeleteClient(ctAuthClientTable, authClient(7), LeaveReason::kLoggedOut);
     using Tessel_Routing::PermissionsCache;
     EXPECT_EQ(PermissionsCache::kAskAgain, videoPermissions.getCode(7, 9));
     EXPECT_EQ(PermissionsCache::kAskAgain, videoPermissions.getCode(9, 7));
@@ -75,7 +76,7 @@ TEST_F(ClientRemoval, DeleteClientWithoutAnIdLeavesThePermissions) {
     const Peer peer = addLooseClient();
     videoPermissions.Grant(0, 9);
     ASSERT_TRUE(ctLooseClientTable.bBeginTraverse());
-    DeleteClient(ctLooseClientTable, ctLooseClientTable.current());
+    DeleteClient(ctLooseClientTable, ctLooseClientTable.current(), LeaveReason::kLoggedOut);
     EXPECT_EQ(Tessel_Routing::PermissionsCache::kGranted, videoPermissions.getCode(0, 9));
 }
 
@@ -83,7 +84,7 @@ TEST_F(ClientRemoval, ABadSocketOfAnAdmittedClientIsALoss) {
     const Peer server = openLink();
     const Peer peer = addAuthClient(7);
     const int fd = fdOf(7);
-    CleanBadSocket(fd);
+    CleanBadSocket(fd, LeaveReason::kErrorEvent);
     EXPECT_THAT(
         loggedLines(),
         ElementsAre(sCleaning(fd), "removing socket for client 7, and notifying CS\n", kRemoved));
@@ -95,13 +96,13 @@ TEST_F(ClientRemoval, ABadSocketOfAnAdmittedClientIsALoss) {
 
 TEST_F(ClientRemoval, ALossIsRememberedWithoutALink) {
     const Peer peer = addAuthClient(7);
-    CleanBadSocket(fdOf(7));
+    CleanBadSocket(fdOf(7), LeaveReason::kErrorEvent);
     EXPECT_EQ(1U, vRecentlyLost.size());
 }
 
 TEST_F(ClientRemoval, IdsAboveTheSignedRangeAreLostUnsigned) {
     const Peer peer = addAuthClient(static_cast<int>(4000000000U));
-    CleanBadSocket(fdOf(static_cast<int>(4000000000U)));
+    CleanBadSocket(fdOf(static_cast<int>(4000000000U)), LeaveReason::kErrorEvent);
     EXPECT_EQ(1U, nLogged("removing socket for client 4000000000, and notifying CS\n"));
 }
 
@@ -110,7 +111,7 @@ TEST_F(ClientRemoval, ABadSocketOfALooseClientIsNoLoss) {
     const Peer peer = addLooseClient();
     ASSERT_TRUE(ctLooseClientTable.bBeginTraverse());
     const int fd = ctLooseClientTable.current().GetMessageSocket()->getMsgSockFileDesc();
-    CleanBadSocket(fd);
+    CleanBadSocket(fd, LeaveReason::kErrorEvent);
     EXPECT_EQ(0, ctLooseClientTable.GetSize());
     EXPECT_THAT(loggedLines(), ElementsAre(sCleaning(fd), kRemoved));
     EXPECT_EQ("", server.sReceived());
@@ -122,7 +123,7 @@ TEST_F(ClientRemoval, ABadSocketInAHandshakeIsRemoved) {
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
     const Peer peer(fds[1]);
     ctSslHandshakingTable.Add(Orvex::RelayClient{Orvex::RelayMessageSocket(fds[0], sockaddr_in{})});
-    CleanBadSocket(fds[0]);
+    CleanBadSocket(fds[0], LeaveReason::kErrorEvent);
     EXPECT_EQ(0, ctSslHandshakingTable.GetSize());
     EXPECT_TRUE(peer.bClosedByRelay());
     EXPECT_THAT(loggedLines(), ElementsAre(sCleaning(fds[0]), kRemoved));
@@ -132,7 +133,7 @@ TEST_F(ClientRemoval, ABadSocketOfNobodyIsClosedAnyway) {
     int fds[2] = {-1, -1};
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
     const Peer peer(fds[1]);
-    CleanBadSocket(fds[0]);
+    CleanBadSocket(fds[0], LeaveReason::kErrorEvent);
     EXPECT_TRUE(peer.bClosedByRelay());
     EXPECT_THAT(
         loggedLines(),
@@ -147,7 +148,7 @@ TEST_F(ClientRemoval, ABadSocketOfAPendingConnectTakesItsRecordWithIt) {
     Orvex::RelayClient client{Orvex::RelayMessageSocket(fds[0], sockaddr_in{})};
     client.SetClientID(8);
     ctOutboundConnectsPending.Add(client);
-    CleanBadSocket(fds[0]);
+    CleanBadSocket(fds[0], LeaveReason::kErrorEvent);
     EXPECT_EQ(0, ctOutboundConnectsPending.GetSize());
     EXPECT_TRUE(peer.bClosedByRelay());
     EXPECT_THAT(loggedLines(), ElementsAre(sCleaning(fds[0]),
@@ -160,7 +161,7 @@ TEST_F(ClientRemoval, ABadSocketOfAPendingConnectTakesItsRecordWithIt) {
 TEST_F(ClientRemoval, ABadSocketOfTheLinkIsOnlyMarked) {
     const Peer server = openLink();
     const Peer peer = addAuthClient(7);
-    CleanBadSocket(connserv_sockfd);
+    CleanBadSocket(connserv_sockfd, LeaveReason::kErrorEvent);
     EXPECT_TRUE(bLinkMarkedBroken());
     EXPECT_NE(0, connserv_sockfd);
     EXPECT_THAT(loggedLines(), IsEmpty());
@@ -172,7 +173,7 @@ TEST_F(ClientRemoval, ALossThatBreaksTheLinkStillRemovesTheClient) {
     server.stopReading();
     const Peer peer = addAuthClient(7);
     const int fd = fdOf(7);
-    CleanBadSocket(fd);
+    CleanBadSocket(fd, LeaveReason::kErrorEvent);
     EXPECT_THAT(loggedLines(),
                 ElementsAre(sCleaning(fd), "removing socket for client 7, and notifying CS\n",
                             "socket broken sending message to connection server!\n", kRemoved));

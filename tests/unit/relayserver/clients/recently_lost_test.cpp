@@ -1,6 +1,5 @@
 #include "relayserver/clients/recently_lost.h"
 
-#include "relayserver/cslink/link_state.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 
@@ -83,29 +82,26 @@ TEST_F(RecentlyLost, ConfirmationSaysWhoTookCare) {
 }
 
 TEST_F(RecentlyLost, IsEmptiedOnTheBoundaryWhileLoggedIn) {
-    nConnectionStage = CONNECTION_FINISHED;
     lose(7);
     lose(8);
-    clearRecentlyLostOnBoundary(kBoundary);
+    clearRecentlyLostOnBoundary(kBoundary, true);
     EXPECT_THAT(vRecentlyLost, IsEmpty());
     EXPECT_THAT(loggedLines(),
                 ElementsAre("periodic cleanup - removing 2 entries from recently lost array\n"));
-    clearRecentlyLostOnBoundary(kBoundary);
+    clearRecentlyLostOnBoundary(kBoundary, true);
     EXPECT_EQ(1U, loggedLines().size()) << "nothing to say about an empty list";
 }
 
 TEST_F(RecentlyLost, IsKeptBesideTheBoundary) {
-    nConnectionStage = CONNECTION_FINISHED;
     lose(7);
-    clearRecentlyLostOnBoundary(kBoundary - 1);
-    clearRecentlyLostOnBoundary(kBoundary + 1);
+    clearRecentlyLostOnBoundary(kBoundary - 1, true);
+    clearRecentlyLostOnBoundary(kBoundary + 1, true);
     EXPECT_EQ(1U, vRecentlyLost.size());
 }
 
 TEST_F(RecentlyLost, IsKeptWhileNotLoggedIn) {
-    nConnectionStage = WAITING_FOR_LOGIN_RESPONSE;
     lose(7);
-    clearRecentlyLostOnBoundary(kBoundary);
+    clearRecentlyLostOnBoundary(kBoundary, false);
     EXPECT_EQ(1U, vRecentlyLost.size());
 }
 

@@ -114,7 +114,7 @@ TEST_F(ClientReport, MopupDropsEveryClientAndEveryRoute) {
     const Peer peer8 = addAuthClient(8);
     const Peer loose = addLooseClient();
     Tessel_Routing::RoutingCache::Instance()->Add(Tessel_Routing::RouteEntry(7, 128, {8}));
-    MopupCS();
+    MopupCS(LeaveReason::kNewSession);
     EXPECT_TRUE(peer7.bClosedByRelay());
     EXPECT_TRUE(peer8.bClosedByRelay());
     EXPECT_TRUE(loose.bClosedByRelay());
@@ -129,7 +129,7 @@ TEST_F(ClientReport, MopupDropsEveryClientAndEveryRoute) {
 }
 
 TEST_F(ClientReport, MopupWithoutClientsEmptiesTheRoutesAllTheSame) {
-    MopupCS();
+    MopupCS(LeaveReason::kNewSession);
     EXPECT_THAT(executedStatements(), ElementsAre("DELETE FROM iopatch"));
     EXPECT_EQ("Cancelled 0 client connections\n", loggedLines().back());
 }

@@ -1,6 +1,7 @@
 #include "relayserver/cslink/link_state.h"
 
 #include "base/clock.h"
+#include "relayserver/settings/servers.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 

@@ -13,6 +13,8 @@
 #include "relayserver/clients/recently_lost.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
+#include "relayserver/orders/link_messages.h"
+#include "relayserver/settings/servers.h"
 #include "relayserver/settings/session_keys.h"
 #include "relayserver/settings/settings.h"
 #include "tests/stubs/logging_stub.h"

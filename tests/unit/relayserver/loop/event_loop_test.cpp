@@ -119,8 +119,8 @@ TEST_F(EventLoop, AStaleEventIsPassedOver) {
     first.sendBytes("x");
     second.sendBytes("x");
     ASSERT_EQ(2, nReady());
-    DeleteClient(ctAuthClientTable, authClient(1));
-    DeleteClient(ctAuthClientTable, authClient(2));
+    DeleteClient(ctAuthClientTable, authClient(1), LeaveReason::kLoggedOut);
+    DeleteClient(ctAuthClientTable, authClient(2), LeaveReason::kLoggedOut);
     loggedLines().clear();
     for (int i = 0; i < 2; ++i) {
         ep_events[i].events |= EPOLLHUP;
@@ -134,7 +134,7 @@ TEST_F(EventLoop, AStaleErrorDoesNotStrikeTheNewcomerWithTheSameNumber) {
     const int fdOld = fdOf(1);
     old.sendBytes("x");
     ASSERT_EQ(1, nReady());
-    DeleteClient(ctAuthClientTable, authClient(1));
+    DeleteClient(ctAuthClientTable, authClient(1), LeaveReason::kLoggedOut);
     const Peer newcomer = addAuthClient(2);
     ASSERT_EQ(fdOld, fdOf(2)) << "the number is used again";
     ep_events[0].events |= EPOLLHUP;

@@ -10,6 +10,7 @@
 #include "relayserver/clients/recently_lost.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/settings/settings.h"
+#include "relayserver/settings/timers.h"
 #include "relayserver/sockets/accept_pause.h"
 #include "relayserver/sockets/epoll_set.h"
 #include "relayserver/sockets/listeners.h"

@@ -8,6 +8,7 @@
 #include "relayserver/loop/housekeeping.h"
 #include "relayserver/peers/register_udp.h"
 #include "relayserver/peers/relay_peer.h"
+#include "relayserver/settings/timers.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"
 

@@ -1,5 +1,3 @@
-#include "relayserver/orders/cs_messages.h"
-
 #include <sys/socket.h>
 
 #include "base/clock.h"
@@ -11,7 +9,10 @@
 #include "relayserver/clients/video_gate.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"
+#include "relayserver/orders/link_events.h"
+#include "relayserver/orders/link_messages.h"
 #include "relayserver/routes/RoutingCache.h"
+#include "relayserver/settings/servers.h"
 #include "relayserver/settings/session_keys.h"
 #include "relayserver/settings/settings.h"
 #include "relayserver/sockets/epoll_set.h"

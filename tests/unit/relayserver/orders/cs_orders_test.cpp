@@ -5,7 +5,6 @@
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/event_loop.h"
 #include "relayserver/orders/cs_messages.h"
-#include "relayserver/peers/relay_peer.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"
 

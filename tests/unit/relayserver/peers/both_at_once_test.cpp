@@ -3,9 +3,9 @@
 #include "relayserver/admission/loose_client.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/loop/client_timers.h"
 #include "relayserver/peers/pending_connects.h"
-#include "relayserver/peers/relay_peer.h"
 #include "relayserver/settings/session_keys.h"
 #include "relayserver/switching/client_messages.h"
 #include "tests/stubs/logging_stub.h"
@@ -129,7 +129,7 @@ TEST_F(BothAtOnce, TheLowerIdKeepsItsOwnEvenOnceItIsAnswered) {
         EXPECT_TRUE(bOursStands(kHigher, ours, theirs)) << lCode;
         theirs.close();
         stepLoose();
-        DeleteClient(ctAuthClientTable, authClient(kHigher));
+        DeleteClient(ctAuthClientTable, authClient(kHigher), LeaveReason::kLoggedOut);
     }
 }
 

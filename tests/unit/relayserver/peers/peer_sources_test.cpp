@@ -21,7 +21,9 @@ class PeerSources : public PeerTest {
         MarkAsRelay(authClient(nClientID));
         return peer;
     }
-    static void remove(int nClientID) { DeleteClient(ctAuthClientTable, authClient(nClientID)); }
+    static void remove(int nClientID) {
+        DeleteClient(ctAuthClientTable, authClient(nClientID), LeaveReason::kLoggedOut);
+    }
 
     /// A peer without a connection, for tests that need many.
     static void addBarePeer(int nClientID, int fd, unsigned nAddress) {

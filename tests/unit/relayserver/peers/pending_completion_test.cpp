@@ -3,14 +3,14 @@
 
 #include "base/clock.h"
 #include "base/string_format.h"
-#include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/clients/recently_lost.h"
+#include "relayserver/cslink/client_loss.h"
 #include "relayserver/cslink/link_state.h"
 #include "relayserver/loop/client_timers.h"
 #include "relayserver/loop/event_loop.h"
 #include "relayserver/peers/pending_connects.h"
-#include "relayserver/peers/relay_peer.h"
 #include "relayserver/sockets/epoll_set.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"
@@ -160,7 +160,7 @@ TEST_F(PendingCompletion, ANewcomerOnTheDescriptorOfARefusedConnectGetsNothingOf
 TEST_F(PendingCompletion, ABadSocketIsNoLongerPending) {
     start({.nTcpPort = other.nPort()});
     const Peer there = other.acceptRelay();
-    CleanBadSocket(fdOf(pending(8)));
+    CleanBadSocket(fdOf(pending(8)), LeaveReason::kErrorEvent);
     EXPECT_EQ(0, ctOutboundConnectsPending.GetSize());
     EXPECT_TRUE(there.bClosedByRelay());
 }

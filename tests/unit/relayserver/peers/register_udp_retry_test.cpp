@@ -1,6 +1,6 @@
 #include "base/clock.h"
 #include "relayserver/cslink/link_state.h"
-#include "relayserver/orders/cs_messages.h"
+#include "relayserver/orders/link_events.h"
 #include "relayserver/peers/register_udp.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"

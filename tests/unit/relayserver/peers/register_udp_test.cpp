@@ -7,7 +7,6 @@
 #include "base/clock.h"
 #include "base/ip_utils.h"
 #include "base/string_format.h"
-#include "relayserver/peers/relay_peer.h"
 #include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"

@@ -3,6 +3,8 @@
 #include "base/ip_utils.h"
 #include "relayserver/clients/client_removal.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
+#include "relayserver/peers/register_udp.h"
 #include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/peers/peer_fixture.h"
@@ -204,7 +206,7 @@ TEST_F(RelayPeer, APeerThatComesBackUnderItsIdLeavesNothingOfTheOld) {
     const Peer old = addAuthClientAt(8, "127.0.0.7");
     namePeerPort(authClient(8), 6900);
     MarkAsRelay(authClient(8));
-    DeleteClient(ctAuthClientTable, authClient(8));
+    DeleteClient(ctAuthClientTable, authClient(8), LeaveReason::kLoggedOut);
     const Peer again = addAuthClientAt(8, "127.0.0.7");
     EXPECT_FALSE(bIsRelayPeer(authClient(8)));
     EXPECT_EQ(0, authClient(8).nRelayUdpBasePort);

@@ -1,6 +1,7 @@
 #include "base/clock.h"
 #include "relayserver/admission/connect_limits.h"
 #include "relayserver/peers/register_udp.h"
+#include "relayserver/settings/time_limits.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 
 namespace {

@@ -2,6 +2,7 @@
 
 #include "genner/output/LostConnectionNetMessage.h"
 #include "relayserver/clients/recently_lost.h"
+#include "relayserver/orders/routing_update.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"

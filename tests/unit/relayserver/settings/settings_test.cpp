@@ -1,6 +1,7 @@
 #include "relayserver/settings/settings.h"
 
 #include "relayserver/cslink/link_state.h"
+#include "relayserver/settings/servers.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/engine_fixture.h"
 #include "tests/unit/relayserver/temp_folder.h"

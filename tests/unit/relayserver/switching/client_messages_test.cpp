@@ -6,6 +6,7 @@
 #include "genner/output/ResponseNetMessage.h"
 #include "genner/output/TicketRequestNetMessage.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/clients/recently_lost.h"
 #include "relayserver/cslink/forward_queue.h"
 #include "relayserver/cslink/link_state.h"

@@ -1,8 +1,9 @@
 /// How responses of other relays are taken.
 #include "base/clock.h"
 #include "relayserver/clients/client_tables.h"
+#include "relayserver/clients/peer_mark.h"
 #include "relayserver/clients/recently_lost.h"
-#include "relayserver/orders/cs_messages.h"
+#include "relayserver/orders/link_events.h"
 #include "relayserver/peers/relay_peer.h"
 #include "relayserver/sockets/listeners.h"
 #include "relayserver/switching/client_messages.h"
