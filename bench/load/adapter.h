@@ -5,13 +5,11 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "bench/load/connection.h"
 #include "bench/load/frame.h"
-#include "bench/load/options.h"
 
 namespace Load {
 
@@ -57,8 +55,5 @@ class Adapter {
     /// Called about once a second.
     virtual void serviceTimer() {}
 };
-
-/// The adapter that the options name. Ends the program when there is none of that name.
-[[nodiscard]] std::unique_ptr<Adapter> makeAdapter(const Options& options);
 
 }  // namespace Load

@@ -2,6 +2,7 @@
 /// are nobody to them.
 #pragma once
 
+#include "bench/load/options.h"
 #include "bench/load/udp_adapter.h"
 
 namespace Load {

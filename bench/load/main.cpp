@@ -7,13 +7,13 @@
 #include <csignal>
 #include <cstdio>
 
-#include "bench/load/adapter.h"
 #include "bench/load/admission_cell.h"
 #include "bench/load/give_up.h"
+#include "bench/load/make_adapter.h"
+#include "bench/load/make_udp_adapter.h"
 #include "bench/load/options.h"
 #include "bench/load/reconnect_cell.h"
 #include "bench/load/tcp_cell.h"
-#include "bench/load/udp_adapter.h"
 #include "bench/load/udp_cell.h"
 
 namespace {

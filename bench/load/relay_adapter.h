@@ -2,6 +2,7 @@
 #pragma once
 
 #include "bench/load/adapter.h"
+#include "bench/load/options.h"
 #include "bench/load/server_stand_in.h"
 
 namespace Load {

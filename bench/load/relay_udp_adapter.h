@@ -5,6 +5,7 @@
 #include <array>
 
 #include "bench/load/crowd.h"
+#include "bench/load/options.h"
 #include "bench/load/relay_adapter.h"
 #include "bench/load/udp_adapter.h"
 #include "bench/load/udp_datagram.h"

@@ -5,6 +5,7 @@
 
 #include <array>
 
+#include "bench/load/options.h"
 #include "bench/load/udp_adapter.h"
 #include "bench/load/udp_datagram.h"
 

@@ -8,11 +8,9 @@
 #include <netinet/in.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "bench/load/options.h"
 #include "bench/load/udp_socket.h"
 
 namespace Load {
@@ -50,8 +48,5 @@ class UdpAdapter {
     [[nodiscard]] virtual int fdToService() const { return -1; }
     virtual void service() {}
 };
-
-/// The adapter that the options name. Ends the program when there is none of that name.
-[[nodiscard]] std::unique_ptr<UdpAdapter> makeUdpAdapter(const Options& options);
 
 }  // namespace Load

@@ -1,4 +1,4 @@
-#include "bench/load/udp_adapter.h"
+#include "bench/load/make_udp_adapter.h"
 
 #include "bench/load/floor_udp_adapter.h"
 #include "bench/load/give_up.h"
