@@ -1,5 +1,5 @@
 # add_room(NAME [FOLDER folder] [BARE_NAMES] [USES libraries...])
-# One static library from every source below a folder; main.cpp belongs to the program, not to the room.
+# One static library from all sources below a folder; main.cpp belongs to the program, not to the room.
 # Headers are included by their path from the root; with BARE_NAMES also by their name alone.
 function(add_room NAME)
   cmake_parse_arguments(ROOM "BARE_NAMES" "FOLDER" "USES" ${ARGN})
@@ -22,7 +22,7 @@ function(add_room NAME)
 endfunction()
 
 # add_room_tests(NAME FOLDERS folders... STUBS files... USES libraries...)
-# One GoogleTest program over all test sources below the folders. A stub stands in for a whole library module:
+# One GoogleTest program from all test sources below the folders. A stub stands in for a whole library module:
 # it is linked before the library, so that the module of the same name is not taken from there.
 function(add_room_tests NAME)
   cmake_parse_arguments(ROOM "" "" "FOLDERS;STUBS;USES" ${ARGN})

@@ -1,6 +1,6 @@
-# Headers from outside the project take most of the compiler's time, so they are read once for many
-# sources. Sources still include what they use: lint reads those of the relay one by one without this.
-# OpenSSL is not among them: a source that uses its deprecated calls says so before it includes it.
+# Headers from outside the project take most of the compiler's time, so they are precompiled once for
+# many sources. Sources still include what they use: lint compiles each of the relay's without this.
+# OpenSSL is not among them: a source that uses its deprecated calls says so before including it.
 
 # add_shared_headers(NAME OPTIONS options... USES libraries... HEADERS headers...)
 # Compiles the headers once, for targets with the same options that call use_shared_headers(TARGET NAME).

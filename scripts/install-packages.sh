@@ -1,14 +1,14 @@
 #!/bin/bash
-# Installs the packages of the named groups of packaging/debian-packages.txt that are missing.
-# Silent and quick when none is; prints what apt said only when it failed.
+# Installs the missing packages of the named groups in packaging/debian-packages.txt.
+# Silent and quick when none is missing; prints apt's output only when it failed.
 #   scripts/install-packages.sh GROUP...
 set -euo pipefail
 
 readonly LIST=${BASH_SOURCE[0]%/*}/../packaging/debian-packages.txt
 # Debian would start a server on port 5432 with the package. The lab starts its own, elsewhere.
 readonly NO_CLUSTER=/etc/postgresql-common/createcluster.d/no-main-cluster.conf
-# Debian asks this program before it starts the service of a package; 101 forbids it. The servers
-# that the benchmark measures are started by it, for as long as it needs them.
+# Debian asks this program before it starts the service of a package; 101 forbids it. The benchmark
+# itself starts the servers that it measures, for as long as it needs them.
 readonly NO_SERVICES=/usr/sbin/policy-rc.d
 
 missing_packages() {
@@ -21,27 +21,27 @@ missing_packages() {
     done
 }
 
-# Runs a command with root's rights.
+# Runs a command as root.
 as_root() {
     local -a privilege=()
     ((EUID == 0)) || privilege=(sudo)
     "${privilege[@]}" "$@"
 }
 
-# Runs apt-get without a question; what it says goes to the log.
+# Runs apt-get without questions; its output goes to the log.
 apt_get() {
     as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get -o DPkg::Lock::Timeout=300 -q -y "$@" </dev/null >>"$log" 2>&1
 }
 
-# Package lists may be absent or too old: only then are they fetched.
+# Fetches the package lists only if they are missing or too old.
 install_missing() {
     apt_get install --no-install-recommends "$@" && return
     apt_get update && apt_get install --no-install-recommends "$@"
 }
 
 if ! command -v dpkg-query >/dev/null; then
-    echo "This is no Debian system; the packages needed are listed in $LIST." >&2
+    echo "This is not a Debian system; the packages needed are listed in $LIST." >&2
     exit 1
 fi
 mapfile -t missing < <(missing_packages "$@")

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Checks the sources, cheapest check first; ends at the first that finds something.
+# Checks the sources, cheapest check first; stops at the first that finds something.
 #   scripts/lint.sh all | format | CHECK
-# `format` changes files; everything else only looks. Run by ./dev, which installs the tools and
+# `format` changes files; everything else only checks. Run by ./dev, which installs the tools and
 # configures build/lint, whose compile database clang-tidy reads.
 set -euo pipefail
 
@@ -11,12 +11,12 @@ readonly CORES
 readonly SCRIPTS=(dev .ci/run scripts/*.sh)
 readonly CHECKS=(layout generated scripts python cppcheck clang-tidy)
 
-# find_sources FOLDER... : C++ files, each ended by a NUL.
+# find_sources FOLDER... : C++ files, separated by NULs.
 find_sources() {
     find "$@" -type f \( -name '*.cpp' -o -name '*.h' \) -print0
 }
 
-# The generator lays out what it writes, so that genner/output is left alone.
+# The generator formats what it writes, so genner/output is left alone.
 format() {
     find_sources "${ROOMS[@]/genner\/output/tests}" bench | xargs -0 clang-format -i
 }
@@ -33,7 +33,7 @@ check_scripts() {
     shellcheck --external-sources "${SCRIPTS[@]}"
 }
 
-# Parses every Python file; what the compiler warns of is an error.
+# Parses every Python file; compiler warnings are errors.
 check_python() {
     find lab genner bench tests -name '*.py' -print0 |
         xargs -0 /usr/bin/python3 -W error -c '
@@ -49,7 +49,7 @@ check_cppcheck() {
         --inline-suppr --error-exitcode=1 -I. -Ibase -Iorvex "${ROOMS[@]}" bench
 }
 
-# A source at a time, so that all cores work; the count of suppressed warnings is no news.
+# One source at a time, so that all cores work; the count of suppressed warnings is dropped.
 check_clang-tidy() {
     find "${ROOMS[@]}" -name '*.cpp' -print0 |
         xargs -0 -P "$CORES" -n 1 clang-tidy -p build/lint --quiet 2> >(

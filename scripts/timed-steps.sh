@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs commands one after the other, says which one runs and how long each took, and ends at the
-# first that fails, with its status.
+# Runs commands in sequence, says which one runs and how long each took, and stops at the first that
+# fails, with its status.
 #   scripts/timed-steps.sh 'command with arguments'...
 set -uo pipefail
 
