@@ -1,4 +1,4 @@
-"""The cells of the table: what is sent to whom, how fast, and which daemons have to show it."""
+"""The cells of the table: what is sent to whom, how fast, and by which daemons."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ TCP_PEERS = PEERS[:3]
 TCP, UDP, ADMISSION, RECONNECT = "tcp", "udp", "admission", "reconnect"
 UDP_FANOUTS = (1, 8, 64)
 
-#: The relay with few idle clients, beside that with thousands.
+#: The relay with few idle clients, for comparison with the one that has thousands.
 RELAY_FEW = "relay, 10 idle"
 
 #: Another build of the relay.
@@ -50,12 +50,12 @@ class Cell:
     fec: bool = False
     #: Flat out: how many bytes a source is ahead of its slowest receiver.
     window: int = 65536
-    #: How long a repetition lasts; of admissions and reconnects, at most.
+    #: How long a repetition lasts; for admissions and reconnects, at most.
     seconds: float = 0.15
     repeats: int = 7
-    #: Admission: clients that come in one repetition.
+    #: Admission: clients that connect in one repetition.
     logins: int = 0
-    #: What processor time and rate are counted by.
+    #: What processor time and rate are counted per.
     unit: str = "delivery"
 
     @property
@@ -67,13 +67,13 @@ class Cell:
         return tuple(daemon for daemon in self.daemons if daemon in PEERS)
 
     def batch_key(self) -> Cell:
-        """Cells with equal keys differ in their receivers only and are measured one after the
-        other with the same clients, where thousands of these have to be connected."""
+        """Cells with equal keys differ only in their receivers. They are measured in sequence with
+        the same clients, because thousands of clients have to be connected."""
         alone = self.idle < 1000
         return self if alone else dataclasses.replace(self, label="", fanout=0)
 
     def beside_other_build(self) -> Cell:
-        """The same cell, in which another build of the relay takes its turn too."""
+        """The same cell, in which another build of the relay also takes its turn."""
         return dataclasses.replace(self, daemons=(*self.daemons, RELAY_OTHER))
 
     def idle_of(self, daemon: str) -> int:
@@ -81,7 +81,8 @@ class Cell:
         return IDLE[0] if daemon == RELAY_FEW else self.idle
 
     def load_options(self, daemon: str, fanouts: list[int]) -> list[str]:
-        """What the load program of a daemon is told of the cell, and of those of its batch."""
+        """The options that describe the cell, and the others of its batch, to a daemon's load
+        program."""
         values = {
             "cell": self.kind, "pace": self.pace, "sources": self.sources,
             "fanout": ",".join(map(str, fanouts)), "payload": self.payload,
@@ -97,10 +98,10 @@ class Cell:
 
 
 _MANY = {"sources": 100, "fanout": 10}
-#: What is under way has to fit into a socket buffer of the size that Linux gives: not every daemon
-#: asks for more at each of its sockets.
+#: Datagrams in flight have to fit in a socket buffer of Linux's default size: not every daemon
+#: enlarges the buffers of all its sockets.
 _UDP_WINDOW = 32768
-#: A thousand receivers behind: so much waits in the daemon when sources stop.
+#: A thousand receivers lag by this much: as much waits in the daemon when the sources stop.
 _MANY_WINDOW = 16384
 _MANY_LABEL = "100 to 10 each"
 
@@ -124,7 +125,7 @@ def _moderate() -> list[Cell]:
 
 
 def _beside_few(cell: Cell) -> Cell:
-    """The same; with most idle clients, the relay with few of them takes its turn too."""
+    """The same; with the most idle clients, the relay with few of them takes a turn too."""
     if cell.idle != IDLE[-1]:
         return cell
     return dataclasses.replace(cell, daemons=(*cell.daemons, RELAY_FEW))
@@ -151,7 +152,7 @@ def _flat_out() -> list[Cell]:
 
 
 def _tls() -> list[Cell]:
-    """The same cells again, of one payload, beside a floor that uses TLS too."""
+    """The same cells again, with one payload, compared with a floor that also uses TLS."""
     plain = [*_moderate(), *_flat_out()]
     return [
         dataclasses.replace(
@@ -183,7 +184,7 @@ def _udp() -> list[Cell]:
 
 
 def _admission() -> list[Cell]:
-    """Clients that come, and clients that are there when the relay loses its server."""
+    """Clients that log in, and clients that are connected when the relay loses its server."""
     logins = Cell(
         "admission", "log-ins, plain", kind=ADMISSION, daemons=("relay", "floor_admission"),
         floor="floor_admission", idle=0, seconds=1.0, repeats=5, logins=3000, unit="log-in",
@@ -202,7 +203,7 @@ def all_cells() -> list[Cell]:
 
 
 def batches(cells: list[Cell]) -> list[list[Cell]]:
-    """The cells in the same order, those that are measured together in one list."""
+    """The cells in the same order; those that are measured together share a list."""
     found: dict[Cell, list[Cell]] = {}
     for cell in cells:
         found.setdefault(cell.batch_key(), []).append(cell)
@@ -210,7 +211,7 @@ def batches(cells: list[Cell]) -> list[list[Cell]]:
 
 
 def quick_cells() -> list[Cell]:
-    """One payload and few runs: whether everything works, not how fast it is."""
+    """One payload and few runs: they show whether everything works, not how fast it is."""
     few = [
         cell
         for cell in all_cells()

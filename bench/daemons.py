@@ -1,5 +1,5 @@
-"""What is measured: our relay, the bare floors and the peers. Each has an address of its own and
-a temporary folder, runs in the foreground on the daemon's core and is ended by its process id."""
+"""What is measured: our relay, the bare floors and the peers. Each has its own address and
+temporary folder, runs in the foreground on the daemon's core and is ended by its process id."""
 
 from __future__ import annotations
 
@@ -22,8 +22,8 @@ BUILD = ROOT / "build" / "bench" / "bin"
 
 
 class Surroundings:
-    """What the daemons of a run share: the database of the relay, keys, a certificate; and where
-    another build of the relay lies, if it is to be measured too."""
+    """What the daemons of a run share: the relay's database, keys, a certificate; and the path of
+    another build of the relay, if that is measured too."""
 
     def __init__(self, other_build: Path | None = None) -> None:
         self.other_build = other_build
@@ -45,7 +45,8 @@ class Surroundings:
 
 
 class Daemon:
-    """One daemon for one cell: chosen addresses first, then the process, then its end."""
+    """One daemon for one cell: its addresses are chosen first, then the process is started and
+    ended."""
 
     #: What the load program calls the protocol.
     adapter = ""
@@ -62,7 +63,7 @@ class Daemon:
 
     @contextlib.contextmanager
     def running(self) -> Iterator[int]:
-        """The process id; when this ends the process has ended."""
+        """Yields the process id; the process has ended when this exits."""
         with tempfile.TemporaryDirectory(prefix="tessel-bench-") as name:
             folder = Path(name)
             with open(folder / "output", "wb") as output:
@@ -95,8 +96,8 @@ def _end(process: subprocess.Popen[bytes]) -> None:
         process.wait()
 
 
-#: What goes before a command whose output is to be a file of its working directory. The lab would
-#: read it from a pipe, which wakes a reader for each line.
+#: Put before a command to send its output to a file in its working directory. The lab would read
+#: it from a pipe, which wakes a reader for each line.
 _LOG_TO_FILE = ["sh", "-c", 'exec "$0" "$@" >output 2>&1']
 
 
@@ -155,7 +156,7 @@ class FloorGather(FloorSend):
 
 
 class FloorTls(FloorSend):
-    """Gathers where the cell is one in which floors gather."""
+    """Gathers in cells in which floors gather."""
 
     program = "floor_tls"
 
@@ -215,7 +216,7 @@ class Mosquitto(Daemon):
     adapter = "mqtt"
 
     def command(self, folder: Path) -> list[str]:
-        # It would leave root's rights for those of a user who cannot read our folder.
+        # It would drop root privileges and become a user that cannot read our folder.
         (folder / "mosquitto.conf").write_text(
             f"listener {self.port} {self.address}\nallow_anonymous true\nuser root\n"
             "persistence false\nlog_dest none\nconnection_messages false\nsys_interval 0\n"
@@ -225,7 +226,7 @@ class Mosquitto(Daemon):
 
 
 class Coturn(Daemon):
-    """A TURN server with one thread that relays, and nobody to authenticate."""
+    """A TURN server with one relay thread and no authentication."""
 
     adapter = "turn"
 

@@ -15,18 +15,18 @@ _KIB = 1024.0
 
 @dataclasses.dataclass(frozen=True)
 class Check:
-    """One goal in one cell: the measured figure must not pass the limit."""
+    """One goal in one cell: the measured figure must not exceed the limit."""
 
     goal: str
     cell: str
     measured: Figure
     limit: float
-    #: Whether the limit itself is too much.
+    #: Whether the figure must be below the limit, not equal to it.
     below: bool = False
 
     @property
     def verdict(self) -> str:
-        """A figure counts as met within the spread of its own runs."""
+        """A goal also counts as met when the figure is within the spread of its own runs."""
         if self._within(self.measured.median):
             return "met"
         if self._within(self.measured.median - self.measured.spread):
@@ -50,7 +50,7 @@ def _against(results: Results, cell: Cell, other: str) -> Figure | None:
 
 
 def _against_best_peer(results: Results, cell: Cell, key: str) -> Figure | None:
-    """One value of the relay's repetitions as a multiple of that of the peer with the smallest."""
+    """One value of the relay's repetitions as a multiple of the smallest among the peers."""
     peers = [results[cell, peer].values(key) for peer in cell.peers if (cell, peer) in results]
     known = [values for values in peers if values]
     if not known:
@@ -102,7 +102,7 @@ def _udp_flat_out(results: Results, cell: Cell) -> Iterator[Check]:
         return
     if times := _against(results, cell, cell.floor):
         yield Check("UDP flat out: x floor", cell.name, times, 1.5)
-    # With one receiver most of the work is to take datagrams in, which is the same for both.
+    # With one receiver most of the work is receiving datagrams, which is the same for both.
     if cell.fanout > 1 and (times := _against(results, cell, "coturn")):
         yield Check("UDP flat out: x coturn", cell.name, times, 0.35)
 
@@ -130,7 +130,7 @@ def _admission(results: Results, cell: Cell) -> Iterator[Check]:
         yield Check("admission: x floor", cell.name, times, 1.5)
 
 
-#: The goals of each kind of cell. Each takes the results and a cell that the relay has figures of.
+#: The goals of each kind of cell. Each takes the results and a cell in which the relay has figures.
 _GOALS = {
     TCP: [_moderate, _flat_out, _tls, _idle],
     UDP: [_udp_moderate, _udp_flat_out, _udp_lost, _idle],

@@ -11,13 +11,13 @@ from pathlib import Path
 
 from bench.daemons import BUILD, ROOT
 
-#: Where callgrind's files of the last run lie.
+#: Where callgrind's files of the last run are.
 FOLDER = ROOT / "build" / "bench-instructions"
 
 _TIME_LOOK_UPS = ("time", "clock_gettime")
 _ALLOCATIONS = ("malloc", "calloc", "realloc")
 _SECONDS = 60
-#: The system may pass a datagram on late, when it is busy: then that run does not count.
+#: A busy system may deliver a datagram late: such a run does not count.
 _ATTEMPTS = 3
 
 
@@ -94,10 +94,10 @@ def count(way: Way) -> Count:
 
 
 def _run(way: Way, profile: Path) -> int:
-    """Returns how many messages the profile is of."""
-    # The same from the first instruction on: no path and no environment whose lengths shift the
-    # stack, no functions that are found when they are called first, and no descriptors of ours,
-    # by whose numbers clients are found.
+    """Returns the number of messages in the profile."""
+    # Identical from the first instruction on: no path or environment whose length shifts the stack,
+    # no functions that are resolved at their first call, and no inherited descriptors, because
+    # clients are looked up by descriptor number.
     command = [
         "valgrind", "--tool=callgrind", "--quiet", f"--callgrind-out-file={profile}",
         "--instr-atstart=no", "--collect-systime=yes", "--compress-strings=no",
@@ -115,18 +115,18 @@ def _run(way: Way, profile: Path) -> int:
 
 
 class Profile:
-    """What callgrind has written, uncompressed: blocks that begin with `fn=`, in which a line of
-    costs follows a position, and a line `calls=` comes before the costs of the function called."""
+    """Callgrind's uncompressed output: blocks that begin with `fn=`, whose lines hold a position and
+    costs; a line `calls=` precedes the costs of the function called."""
 
     def __init__(self, text: str) -> None:
         self.instructions = 0
-        #: By function, those without any left out.
+        #: By function; only those that make any.
         self.system_calls: dict[str, int] = {}
         self._called: dict[str, int] = {}
         self._read(text)
 
     def calls_of(self, functions: tuple[str, ...]) -> int:
-        """How often one of them was called."""
+        """How often these were called, in all."""
         return sum(self._called.get(name, 0) for name in functions)
 
     def _read(self, text: str) -> None:

@@ -1,4 +1,4 @@
-"""Runs the daemons of one cell, each with a load program of its own; their repetitions take turns."""
+"""Runs the daemons of one cell, each with its own load program; their repetitions take turns."""
 
 from __future__ import annotations
 
@@ -14,14 +14,14 @@ from bench.cells import Cell
 from bench.daemons import BUILD, Daemon
 from bench.pinning import LOAD_CORE, on_core
 
-#: A run that takes longer hangs.
+#: A run that takes longer has hung.
 _MOST_SECS = 90.0
-#: The share of messages that a moderate run may leave out because the load program was late.
+#: The share of messages that a moderate run may skip because the load program was late.
 _MOST_MISSED = 0.05
 
 
 class CellFailed(Exception):
-    """No figures came; the text says why."""
+    """There are no figures; the text says why."""
 
 
 @dataclasses.dataclass
@@ -32,16 +32,16 @@ class Outcome:
     memory: dict[str, float]
 
     def values(self, key: str) -> list[float]:
-        """One value of every repetition, where it has one."""
+        """One value of every repetition that has it."""
         return [one[key] for one in self.repetitions if key in one]
 
     def cpu_us(self) -> list[float]:
-        """Microseconds of processor time per delivery, or what else a cell counts, of every
+        """Microseconds of processor time per delivery (or whatever unit the cell counts), for every
         repetition."""
         return [one["cpu_ns"] / one["deliveries"] / 1000 for one in self.repetitions]
 
     def per_sec(self) -> list[float]:
-        """Deliveries per second, of every repetition."""
+        """Deliveries per second, for every repetition."""
         return [one["deliveries"] / one["wall_ns"] * 1e9 for one in self.repetitions]
 
     def seconds(self) -> list[float]:
@@ -49,12 +49,12 @@ class Outcome:
         return [one["wall_ns"] / 1e9 for one in self.repetitions]
 
     def bytes_per_idle(self) -> float:
-        """Resident bytes of the daemon for each idle client; 0 when there were too few to tell."""
+        """The daemon's resident bytes per idle client; 0 when there were too few to tell."""
         idle = self.memory.get("idle", 0)
         return (self.memory["after"] - self.memory["before"]) / idle if idle >= 1000 else 0.0
 
     def lost_per_million(self) -> float:
-        """Of a million deliveries, how many were lost, repeated or changed."""
+        """Deliveries lost, repeated or changed, per million."""
         bad = sum(self.values("lost")) + sum(self.values("wrong"))
         due = bad + sum(self.values("deliveries"))
         return 1e6 * bad / due if due else 0.0
@@ -74,7 +74,7 @@ class Outcome:
 
 @contextlib.contextmanager
 def _load(arguments: list[str]) -> Iterator[subprocess.Popen[str]]:
-    """The load program, killed when it is not done in time."""
+    """The load program, killed if it does not finish in time."""
     process = subprocess.Popen(
         ["setpriv", "--pdeathsig", "KILL", *on_core(LOAD_CORE), *arguments],
         stdin=subprocess.PIPE,
@@ -93,7 +93,7 @@ def _load(arguments: list[str]) -> Iterator[subprocess.Popen[str]]:
 
 
 class _Session:
-    """A daemon and the load program beside it, ready for the next repetition."""
+    """A daemon and its load program, ready for the next repetition."""
 
     def __init__(
         self, batch: list[Cell], name: str, daemon: Daemon, stack: contextlib.ExitStack
@@ -118,7 +118,7 @@ class _Session:
             self._load.stdin.write(answer)
             self._load.stdin.flush()
         except BrokenPipeError:
-            pass  # it has ended; why, it has told
+            pass  # it has ended, and has said why
         for line in map(json.loads, self._load.stdout):
             if line["what"] == "turn":
                 return
@@ -132,7 +132,7 @@ def measure(
     batch: list[Cell], daemons: dict[str, Daemon]
 ) -> tuple[dict[tuple[Cell, str], Outcome], list[str]]:
     """The figures of every cell with every daemon, whose repetitions take turns; and what failed.
-    Daemons are started one after the other, and none while another is measured."""
+    Daemons are started in sequence, and none while another is measured."""
     outcomes = {}
     failures = []
     with contextlib.ExitStack() as stack:
@@ -160,7 +160,7 @@ def measure(
 
 
 def _rotated(sessions: list[tuple[str, _Session]], first: int) -> list[tuple[str, _Session]]:
-    """Each begins a round in its turn: what comes before leaves its traces in the caches."""
+    """Each session starts a round in its turn, because its predecessor affects the caches."""
     first %= len(sessions)
     return sessions[first:] + sessions[:first]
 

@@ -1,4 +1,4 @@
-"""Below the table: single functions of the relay, and what one message takes on its way through
+"""Below the table: single functions of the relay, and what one message costs on its way through
 it. Also written to build/bench-micro.csv."""
 
 from __future__ import annotations
@@ -15,7 +15,7 @@ from bench.statistic import figure
 
 _CSV = ROOT / "build" / "bench-micro.csv"
 _RUNS = 5
-#: What each run of a function lasts at least.
+#: The least duration of each run of a function.
 _SECONDS = 0.05
 
 #: A name, a number and its unit.
@@ -51,7 +51,7 @@ def _functions() -> Iterator[Line]:
 
 
 def _measure() -> list[dict]:
-    """Every run of every function, which take turns: what disturbs does not hit one alone."""
+    """All runs of all functions, interleaved, so that a disturbance does not affect just one."""
     command = [
         *on_core(DAEMON_CORE), str(BUILD / "relay_micro"), "--benchmark_format=json",
         f"--benchmark_repetitions={_RUNS}", f"--benchmark_min_time={_SECONDS}",
@@ -63,7 +63,7 @@ def _measure() -> list[dict]:
 
 
 def _commit() -> str:
-    """What the working tree is, for comparing figures."""
+    """The commit of the working tree, for comparing figures."""
     command = ["git", "-C", str(ROOT), "describe", "--always", "--dirty"]
     done = subprocess.run(command, capture_output=True, text=True)
     return done.stdout.strip() or "unknown"

@@ -1,4 +1,4 @@
-"""Which processor core belongs to whom: the daemon that is measured has one for itself."""
+"""Assigns processor cores: the daemon under test has one to itself."""
 
 from __future__ import annotations
 
@@ -16,5 +16,5 @@ def on_core(core: int) -> list[str]:
 
 
 def stay_on_load_core() -> None:
-    """Moves this process, and all that it starts from now on, away from the daemon's core."""
+    """Moves this process, and everything it starts from now on, off the daemon's core."""
     os.sched_setaffinity(0, {LOAD_CORE})

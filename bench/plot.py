@@ -12,7 +12,7 @@ _INCHES = (8.0, 4.5)
 
 
 def write_png(results: Results, path: Path) -> None:
-    """Draws what was measured; nothing when nothing was."""
+    """Draws the results; writes nothing when there are none."""
     import matplotlib
 
     matplotlib.use("Agg")
@@ -34,7 +34,7 @@ def write_png(results: Results, path: Path) -> None:
 
 
 def _draw(panel, results: Results, part: str) -> None:
-    """Bars side by side, a group for each cell; a logarithmic scale, since ratios count."""
+    """A group of bars for each cell; the scale is logarithmic, since ratios matter."""
     cells: list[Cell] = list(dict.fromkeys(cell for cell, _ in results if cell.part == part))
     daemons = list(dict.fromkeys(name for cell, name in results if cell.part == part))
     width = 0.8 / len(daemons)

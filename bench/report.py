@@ -35,7 +35,7 @@ def x_times(results: Results, cell: Cell, daemon: str, other: str) -> Figure | N
 
 
 def rows(results: Results, cell: Cell) -> list[str]:
-    """The lines of a cell, of the daemons that have figures."""
+    """The lines of a cell, for the daemons that have figures."""
     return [_row(results, cell, name) for name in cell.daemons if (cell, name) in results]
 
 
@@ -52,13 +52,13 @@ def _row(results: Results, cell: Cell, daemon: str) -> str:
 
 
 def _beside_other(results: Results, cell: Cell, daemon: str) -> str:
-    """What the relay costs beside another build of it, when that was measured."""
+    """The relay's cost compared with another build of it, when that was measured."""
     times = x_times(results, cell, daemon, RELAY_OTHER) if daemon == "relay" else None
     return f"  {times.median:.3f} ±{times.spread:.3f} x other build" if times else ""
 
 
 def _notes(cell: Cell, values: dict[str, float | str]) -> str:
-    """What a line counts when that is no deliveries, and what went wrong."""
+    """What a line counts if not deliveries, and what went wrong."""
     notes = []
     if cell.unit != "delivery":
         notes.append(f"per {cell.unit}")

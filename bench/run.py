@@ -31,9 +31,9 @@ def _parse() -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="few cells, short runs")
     parser.add_argument("--only", default="", metavar="PATTERN",
-                        help="only cells whose name holds this text")  # fmt: skip
+                        help="only cells whose name contains this text")  # fmt: skip
     parser.add_argument("--micro", action="store_true",
-                        help="only single functions and counted instructions")  # fmt: skip
+                        help="only single functions and instruction counts")  # fmt: skip
     parser.add_argument("--beside", type=Path, metavar="PROGRAM",
                         help="another build of the relay, which takes its turn in every cell")  # fmt: skip
     return parser.parse_args()
@@ -56,7 +56,7 @@ def run(cells: list[Cell], other_build: Path | None) -> tuple[report.Results, li
 
 
 def _raise_descriptor_limit() -> None:
-    """For the daemons that do not do so themselves: thousands of clients are connected."""
+    """For daemons that do not raise it themselves: thousands of clients are connected."""
     most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
 

@@ -9,14 +9,14 @@ from collections.abc import Sequence
 
 @dataclasses.dataclass(frozen=True)
 class Figure:
-    """The median of some runs, and half the distance of their quartiles."""
+    """The median of some runs, and half their interquartile range."""
 
     median: float
     spread: float
 
 
 def figure(values: Sequence[float]) -> Figure | None:
-    """None of no values."""
+    """The figure of these values; None if there are none."""
     if not values:
         return None
     if len(values) == 1:
@@ -26,5 +26,5 @@ def figure(values: Sequence[float]) -> Figure | None:
 
 
 def paired_ratio(values: Sequence[float], of: Sequence[float]) -> Figure | None:
-    """The quotient of runs that took turns, each with the one beside it."""
+    """The ratio of adjacent runs, pair by pair."""
     return figure([value / other for value, other in zip(values, of) if other])
