@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
+#include "bench/instructions/engine_harness.h"
 #include "bench/instructions/give_up.h"
-#include "bench/instructions/stage.h"
 #include "genner/output/CaptionNetMessage.h"
 #include "genner/output/message_types.h"
 

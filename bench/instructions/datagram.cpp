@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "bench/instructions/engine_harness.h"
 #include "bench/instructions/give_up.h"
-#include "bench/instructions/stage.h"
 #include "relayserver/audio/audio_datagram.h"
 #include "relayserver/audio/switch_audio.h"
 #include "relayserver/audio/udp_receive.h"

@@ -13,8 +13,8 @@
 
 #include "bench/instructions/caption.h"
 #include "bench/instructions/datagram.h"
+#include "bench/instructions/engine_harness.h"
 #include "bench/instructions/give_up.h"
-#include "bench/instructions/stage.h"
 #include "relayserver/loop/event_loop.h"
 
 namespace {

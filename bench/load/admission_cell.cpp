@@ -2,9 +2,9 @@
 
 #include <utility>
 
+#include "bench/load/await_idle.h"
 #include "bench/load/give_up.h"
 #include "bench/load/quiet_time.h"
-#include "bench/load/rest.h"
 #include "bench/load/turn.h"
 
 namespace Load {
@@ -66,7 +66,7 @@ void AdmissionCell::prepareRepetition(int nLogins) {
     for (int i = 0; i < nLogins; ++i) {
         logIns.push_back(rAdapter.sLogInFrame(nNextClientId++));
     }
-    awaitRestOfDaemon();
+    awaitIdleDaemon();
 }
 
 Repetition AdmissionCell::runOnce() {
@@ -84,7 +84,7 @@ Repetition AdmissionCell::runOnce() {
         }
     }
     repetition.nWallNs = nMonotonicNs() - nStart;
-    awaitRestOfDaemon();
+    awaitIdleDaemon();
     repetition.nCpuNs = cpuClock.nNanoseconds() - nCpuBefore;
     repetition.nSent = static_cast<std::int64_t>(entrants.size());
     repetition.bComplete = true;
@@ -102,11 +102,11 @@ void AdmissionCell::beginOne() {
 
 void AdmissionCell::letAllGo() {
     entrants.clear();
-    awaitRestOfDaemon();
+    awaitIdleDaemon();
 }
 
-void AdmissionCell::awaitRestOfDaemon() {
-    awaitRest(cpuClock, [this] { handleEvents(1); });
+void AdmissionCell::awaitIdleDaemon() {
+    awaitIdle(cpuClock, [this] { handleEvents(1); });
 }
 
 void AdmissionCell::handleEvents(int nTimeoutMs) {

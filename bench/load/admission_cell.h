@@ -34,7 +34,7 @@ class AdmissionCell {
     void letAllGo();
     /// Waits for events, at most so long, and handles them.
     void handleEvents(int nTimeoutMs);
-    void awaitRestOfDaemon();
+    void awaitIdleDaemon();
 
     const Options& options;
     Adapter& rAdapter;

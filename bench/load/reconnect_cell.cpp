@@ -2,10 +2,10 @@
 
 #include <poll.h>
 
+#include "bench/load/await_idle.h"
 #include "bench/load/give_up.h"
 #include "bench/load/identification.h"
 #include "bench/load/quiet_time.h"
-#include "bench/load/rest.h"
 #include "bench/load/turn.h"
 
 namespace Load {
@@ -51,8 +51,8 @@ void ReconnectCell::run() {
     }
 }
 
-void ReconnectCell::awaitRestOfDaemon() {
-    awaitRest(cpuClock, [this] {
+void ReconnectCell::awaitIdleDaemon() {
+    awaitIdle(cpuClock, [this] {
         (void)poll(nullptr, 0, 1);
         rServer.readAll();
     });
@@ -68,7 +68,7 @@ void ReconnectCell::awaitNextTry() {
     wait(nLinkUpNs + kTryAgainNs);
     const double dQuietIn = dSecondsUntilQuiet(options.dSeconds);
     wait(nMonotonicNs() + static_cast<std::int64_t>(dQuietIn * static_cast<double>(kNsPerSec)));
-    awaitRestOfDaemon();
+    awaitIdleDaemon();
 }
 
 Repetition ReconnectCell::runOnce(Findings& rFindings) {
@@ -80,7 +80,7 @@ Repetition ReconnectCell::runOnce(Findings& rFindings) {
     const std::int64_t nStart = nMonotonicNs();
     const std::vector<unsigned> named = rServer.acceptLogIn();
     repetition.nWallNs = nMonotonicNs() - nStart;
-    awaitRestOfDaemon();
+    awaitIdleDaemon();
     repetition.nCpuNs = cpuClock.nNanoseconds() - nCpuBefore;
     Identification identification(ids);
     identification.note(named);

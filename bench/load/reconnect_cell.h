@@ -30,7 +30,7 @@ class ReconnectCell {
     /// From the server's "OK" to the log-in until the relay has named its clients and told its
     /// ports, which it does last.
     [[nodiscard]] Repetition runOnce(Findings& rFindings);
-    void awaitRestOfDaemon();
+    void awaitIdleDaemon();
 
     const Options& options;
     Adapter& rAdapter;

@@ -6,4 +6,4 @@
 #pragma once
 
 /// What the clocks show, in seconds since the epoch: a second without timers.
-constexpr long kStillSecs = 1700000001;
+constexpr long kFrozenSecs = 1700000001;

@@ -1,4 +1,4 @@
-#include "bench/instructions/stage.h"
+#include "bench/instructions/engine_harness.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

@@ -1,15 +1,15 @@
-#include "bench/instructions/still_clock.h"
+#include "bench/instructions/frozen_clock.h"
 
 #include <ctime>
 
 extern "C" std::time_t time(std::time_t* pTime) noexcept {
     if (pTime != nullptr) {
-        *pTime = kStillSecs;
+        *pTime = kFrozenSecs;
     }
-    return kStillSecs;
+    return kFrozenSecs;
 }
 
 extern "C" int clock_gettime(clockid_t /*clock*/, timespec* pTime) noexcept {
-    *pTime = {kStillSecs, 0};
+    *pTime = {kFrozenSecs, 0};
     return 0;
 }

@@ -1,4 +1,4 @@
-#include "bench/load/rest.h"
+#include "bench/load/await_idle.h"
 
 #include "bench/load/give_up.h"
 
@@ -7,17 +7,17 @@ namespace Load {
 namespace {
 
 constexpr std::int64_t kNsPerMs = 1'000'000;
-constexpr std::int64_t kRestNs = 5 * kNsPerMs;
+constexpr std::int64_t kIdleNs = 5 * kNsPerMs;
 constexpr std::int64_t kPatienceNs = 10'000 * kNsPerMs;
 
 }  // namespace
 
-void awaitRest(const CpuClock& cpuClock, const std::function<void()>& meanwhile) {
+void awaitIdle(const CpuClock& cpuClock, const std::function<void()>& meanwhile) {
     const std::int64_t nDeadline = nMonotonicNs() + kPatienceNs;
     std::int64_t nUsedBefore = 0;
     do {
         nUsedBefore = cpuClock.nNanoseconds();
-        for (const std::int64_t nUntil = nMonotonicNs() + kRestNs; nMonotonicNs() < nUntil;) {
+        for (const std::int64_t nUntil = nMonotonicNs() + kIdleNs; nMonotonicNs() < nUntil;) {
             meanwhile();
         }
         if (nMonotonicNs() > nDeadline) {

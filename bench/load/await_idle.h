@@ -10,6 +10,6 @@ namespace Load {
 /// Waits until a process has used no processor time for some milliseconds. `meanwhile` is called
 /// over and over and may take a millisecond each time. Ends the program when the process goes on
 /// for seconds.
-void awaitRest(const CpuClock& cpuClock, const std::function<void()>& meanwhile);
+void awaitIdle(const CpuClock& cpuClock, const std::function<void()>& meanwhile);
 
 }  // namespace Load
