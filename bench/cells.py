@@ -46,7 +46,7 @@ class Cell:
     tls: bool = False
     #: The sources are relay peers, which the relay does not limit.
     relay_sources: bool = False
-    #: UDP: two channels of error correction beside the sound.
+    #: UDP: two channels of error correction in addition to the sound.
     fec: bool = False
     #: Flat out: how many bytes a source is ahead of its slowest receiver.
     window: int = 65536
@@ -72,7 +72,7 @@ class Cell:
         alone = self.idle < 1000
         return self if alone else dataclasses.replace(self, label="", fanout=0)
 
-    def beside_other_build(self) -> Cell:
+    def with_other_build(self) -> Cell:
         """The same cell, in which another build of the relay also takes its turn."""
         return dataclasses.replace(self, daemons=(*self.daemons, RELAY_OTHER))
 
@@ -121,10 +121,10 @@ def _moderate() -> list[Cell]:
         Cell(part, f"1 to {fanout}, {idle} idle", fanout=fanout, idle=idle, **common)
         for idle, fanout in itertools.product(IDLE[1:], FANOUTS)
     ]
-    return [*one_source, *many, *map(_beside_few, idle)]
+    return [*one_source, *many, *map(_with_few_idle, idle)]
 
 
-def _beside_few(cell: Cell) -> Cell:
+def _with_few_idle(cell: Cell) -> Cell:
     """The same; with the most idle clients, the relay with few of them takes a turn too."""
     if cell.idle != IDLE[-1]:
         return cell
@@ -178,7 +178,7 @@ def _udp() -> list[Cell]:
     flat_out["daemons"] = ("relay", "floor_udp_gso", "floor_udp", "coturn")
     return [
         *(Cell(**shape, **moderate) for shape in shapes),
-        _beside_few(Cell(label=f"1 to 8, {IDLE[-1]} idle", fanout=8, idle=IDLE[-1], **moderate)),
+        _with_few_idle(Cell(label=f"1 to 8, {IDLE[-1]} idle", fanout=8, idle=IDLE[-1], **moderate)),
         *(Cell(**shape, **flat_out) for shape in shapes),
     ]
 

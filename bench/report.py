@@ -47,11 +47,11 @@ def _row(results: Results, cell: Cell, daemon: str) -> str:
     return (
         f"{cell.name:38} {daemon:15} {cpu_text} {floor_text} {values['deliveries_per_s']:13.0f}"
         f" {' '.join(latencies)} {values['rss_mib']:9.1f}"
-        f"{_beside_other(results, cell, daemon)}{_notes(cell, values)}"
+        f"{_versus_other_build(results, cell, daemon)}{_notes(cell, values)}"
     )
 
 
-def _beside_other(results: Results, cell: Cell, daemon: str) -> str:
+def _versus_other_build(results: Results, cell: Cell, daemon: str) -> str:
     """The relay's cost compared with another build of it, when that was measured."""
     times = x_times(results, cell, daemon, RELAY_OTHER) if daemon == "relay" else None
     return f"  {times.median:.3f} ±{times.spread:.3f} x other build" if times else ""

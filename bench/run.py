@@ -84,7 +84,7 @@ def main() -> int:
     chosen = [cell for cell in cells if options.only in cell.name]
     other_build = options.beside and options.beside.resolve()
     if other_build:
-        chosen = [cell.beside_other_build() for cell in chosen]
+        chosen = [cell.with_other_build() for cell in chosen]
     results, failures = run(chosen, other_build)
     _conclude(results)
     if failures:

@@ -1,5 +1,5 @@
 // A floor: the least that a relay can do to admit clients. Accepts, reads a log-in, decrypts and
-// checks its ticket, answers. Over TLS with a certificate and its key.
+// checks its ticket, answers. With a certificate and its key, over TLS.
 //   floor_admission ADDRESS PORT [CERTIFICATE KEY]
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <sys/epoll.h>
@@ -42,7 +42,7 @@ void admitOne(Io& rIo, int fd, DES_key_schedule& rSchedule) {
     }
     const std::string_view svInput(achInput.data(), static_cast<std::size_t>(nRead));
     if (Floor::nWholeFrame(svInput) != svInput.size() || !Floor::bAdmits(svInput, rSchedule)) {
-        std::fprintf(stderr, "no ticket came, or a wrong one\n");
+        std::fprintf(stderr, "missing or invalid ticket\n");
         std::exit(EXIT_FAILURE);
     }
     rIo.sendAll(fd, kAnswer);

@@ -1,5 +1,5 @@
-// A floor: the least that a relay can do which gathers what one wake-up brings for a receiver. A
-// receiver hears one source, so that what is gathered for it is the run of frames that was read.
+// A floor: the least that a relay can do that gathers what one wake-up brings for a receiver. A
+// receiver has one source, so that what is gathered for it is the run of frames that was read.
 //   floor_gather ADDRESS PORT
 #include "bench/floors/loop.h"
 #include "bench/floors/plain_io.h"

@@ -1,4 +1,4 @@
-// A floor: the least that a relay can do which writes every message to every receiver by itself.
+// A floor: the least that a relay can do that writes every message to every receiver separately.
 //   floor_send ADDRESS PORT
 #include "bench/floors/loop.h"
 #include "bench/floors/plain_io.h"

@@ -1,5 +1,5 @@
-// A floor: the least that a relay can do which sends every datagram to every receiver by itself,
-// with as few system calls as that takes.
+// A floor: the least that a relay can do that sends every datagram to every receiver separately,
+// with as few system calls as possible.
 //   floor_udp ADDRESS PORT
 #include "bench/floors/udp_floor.h"
 

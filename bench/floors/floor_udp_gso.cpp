@@ -1,5 +1,5 @@
-// A floor: the least that a relay can do which hands a run of datagrams of one length to the kernel
-// at once, to be cut there, for every receiver.
+// A floor: the least that a relay can do that passes a run of datagrams of one length to the kernel
+// at once, which splits it, for every receiver.
 //   floor_udp_gso ADDRESS PORT
 #include <netinet/udp.h>
 
@@ -11,11 +11,11 @@
 
 namespace {
 
-// What the kernel cuts at most.
+// The most that the kernel splits.
 constexpr std::size_t kMostSegments = 64;
 constexpr std::size_t kMostRunBytes = 65000;
 
-// Datagrams of one length behind each other, and the note that tells that length.
+// Datagrams of one length in sequence, and the control message with that length.
 struct Run {
     std::array<char, kMostRunBytes> achBytes;
     iovec part{achBytes.data(), 0};
@@ -24,7 +24,7 @@ struct Run {
 
 Run run;
 
-// Moves datagrams of the length of the first one into the run; returns how many.
+// Moves datagrams as long as the first one into the run; returns how many.
 std::size_t nGather(gsl::span<iovec> datagrams) {
     const std::size_t nLength = datagrams[0].iov_len;
     const std::size_t nMost = std::min(
@@ -38,7 +38,7 @@ std::size_t nGather(gsl::span<iovec> datagrams) {
     return n;
 }
 
-// A single datagram goes without the note.
+// A single datagram is sent without the control message.
 void setNote(msghdr& rHeader, std::size_t nDatagrams) {
     rHeader.msg_control = nDatagrams > 1 ? run.achNote.data() : nullptr;
     rHeader.msg_controllen = nDatagrams > 1 ? run.achNote.size() : 0;

@@ -22,7 +22,7 @@ std::vector<std::vector<int>>& groups = *new std::vector<std::vector<int>>;
 
 namespace {
 
-// A deque, so that clients stay where they are.
+// A deque, so that clients do not move.
 std::deque<Client>& clients = *new std::deque<Client>;
 
 constexpr int kBacklog = 4096;

@@ -1,4 +1,4 @@
-/// What the TCP floors share: the listener, the framing, who hears whom.
+/// What the TCP floors share: the listener, the framing, the receivers of each source.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace Floor {
 
 constexpr std::size_t kMaxFrame = 510;
 
-/// The length of the frame at the head of `svInput`, 0 when it has not come whole.
+/// The length of the frame at the start of `svInput`, 0 while it is incomplete.
 inline std::size_t nWholeFrame(std::string_view svInput) {
     if (svInput.empty()) {
         return 0;
@@ -19,29 +19,29 @@ inline std::size_t nWholeFrame(std::string_view svInput) {
     return nLen != 0 && nLen <= svInput.size() ? nLen : 0;
 }
 
-/// One connection, at the place of its descriptor.
+/// One connection, indexed by its descriptor.
 struct Client {
     bool bIntroduced = false;
     std::uint32_t nGroup = 0;
-    std::size_t nTail = 0;  ///< bytes of a frame that has not come whole
+    std::size_t nTail = 0;  ///< bytes of an incomplete frame
     char achTail[kMaxFrame] = {};
 };
 
 /// Descriptors of the receivers of each group.
 extern std::vector<std::vector<int>>& groups;
 
-/// A client by its descriptor; makes one when there is none.
+/// The client with this descriptor; created if there is none.
 Client& rClientOf(int fd);
 
-/// Takes the first frame of a connection; returns its length, 0 when it has not come whole.
+/// Reads the first frame of a connection; returns its length, 0 while it is incomplete.
 std::size_t nIntroduced(int fd, Client& rClient, std::string_view svInput);
 
 /// The descriptor of a listening socket at the dotted address and port of the command line; ends
-/// the program when there is none.
+/// the program when that fails.
 int fdListenAt(const char* sAddress, const char* sPort);
 
-/// Accepts whatever waits at a listener; non-blocking, without Nagle's algorithm.
-/// Returns the descriptor, or -1 when nobody waits.
+/// Accepts one pending connection; non-blocking, without Nagle's algorithm. Returns the descriptor,
+/// or -1 when none is pending.
 int fdAcceptOne(int fdListener);
 
 /// Waits until there is room in a socket's send buffer.

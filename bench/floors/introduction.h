@@ -1,4 +1,4 @@
-/// The first frame that a client sends to a floor. It has the framing of all others:
+/// The first frame that a client sends to a floor. It is framed like all others:
 ///   0  u8   3: an image of 5 bytes follows
 ///   1  u8   role: 'S' source, 'R' receiver, 'I' neither
 ///   2  u32  group, in host order

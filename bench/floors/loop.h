@@ -1,4 +1,5 @@
-/// The loop of the TCP floors: reads, cuts frames, writes them to the receivers of their group.
+/// The loop of the TCP floors: reads, splits the input into frames, writes them to the receivers of
+/// their group.
 #pragma once
 
 #include <sys/epoll.h>
@@ -12,14 +13,14 @@ namespace Floor {
 
 /// What a floor does with what it has read.
 enum class Delivery {
-    kFrames,  ///< writes every frame by itself
-    kRuns,    ///< writes all frames of a read at once: a receiver hears one source only
+    kFrames,  ///< writes every frame separately
+    kRuns,    ///< writes all frames of a read at once: a receiver has only one source
 };
 
-/// Reads once from a client and delivers what has come whole. `Io` reads and writes:
-///   `nRead(fd, buffer, room)` returns the bytes read, 0 when nothing came, -1 at the end of a
-///   connection, which it has closed then; `sendAll(fd, bytes)` waits for room when there is none;
-///   `take(fd)` gets every accepted connection; `kReadSize` is the room for one read.
+/// Reads once from a client and delivers the complete frames. `Io` reads and writes:
+///   `nRead(fd, buffer, room)` returns the bytes read, 0 when there are none, -1 at the end of a
+///   connection, which it has then closed; `sendAll(fd, bytes)` waits for room when there is none;
+///   `take(fd)` gets every accepted connection; `kReadSize` is the buffer size for one read.
 template <class Io, Delivery kDelivery>
 void readOnce(Io& rIo, int fd) {
     static std::array<char, kMaxFrame + Io::kReadSize> achInput;
@@ -57,7 +58,7 @@ void readOnce(Io& rIo, int fd) {
     std::memcpy(rClient.achTail, svInput.data(), svInput.size());
 }
 
-/// Serves for ever at the address and port of the command line.
+/// Serves forever at the address and port of the command line.
 template <class Io, Delivery kDelivery>
 [[noreturn]] void serve(Io& rIo, const char* sAddress, const char* sPort) {
     const int fdListener = fdListenAt(sAddress, sPort);

@@ -1,4 +1,4 @@
-/// Reading and writing of the plain TCP floors.
+/// Reading and writing for the plain TCP floors.
 #pragma once
 
 #include <sys/socket.h>
@@ -11,7 +11,7 @@
 
 namespace Floor {
 
-/// `kSize` bytes for one read.
+/// Reads up to `kSize` bytes at once.
 template <std::size_t kSize>
 struct PlainIo {
     static constexpr std::size_t kReadSize = kSize;

@@ -1,9 +1,9 @@
-/// The check of a ticket as the floor of the admission makes it. Whoever includes this says that
-/// DES is no news to him, by OPENSSL_SUPPRESS_DEPRECATED.
+/// The ticket check of the admission floor. Sources that include this define
+/// OPENSSL_SUPPRESS_DEPRECATED first, because of DES.
 ///
-/// A log-in, behind its length byte and a header of 9 bytes:
+/// A log-in, after its length byte and a header of 9 bytes:
 ///   the client id in decimal and a '~'
-///   the ticket, with a backslash before each backslash, '~' and NUL of it, and a '~'
+///   the ticket, with a backslash before each of its backslashes, '~' and NULs, and a '~'
 /// A ticket is two blocks: u32 client id, u32 address, u32 time of issue, u32 zero.
 #pragma once
 
@@ -22,7 +22,7 @@ namespace Floor {
 constexpr std::size_t kTicketLen = 16;
 using ticket_t = std::array<unsigned char, kTicketLen>;
 
-/// Reads a field without its escapes; false when it has not the length of a ticket.
+/// Reads a field and removes its escapes; false when it does not have the length of a ticket.
 inline bool bReadTicket(std::string_view svField, ticket_t& rachTicket) {
     std::size_t nLen = 0;
     for (std::size_t i = 0; i < svField.size() && svField[i] != '~'; ++i) {
@@ -35,7 +35,7 @@ inline bool bReadTicket(std::string_view svField, ticket_t& rachTicket) {
     return nLen == kTicketLen;
 }
 
-/// Whether the log-in in this frame has a ticket of its client, and not an old one.
+/// Whether the log-in in this frame has a ticket for its client that has not expired.
 inline bool bAdmits(std::string_view svFrame, DES_key_schedule& rSchedule) {
     constexpr std::size_t kHeadLen = 10;
     constexpr std::int64_t kMostSecs = 300;
@@ -50,7 +50,7 @@ inline bool bAdmits(std::string_view svFrame, DES_key_schedule& rSchedule) {
     }
     std::array<std::uint32_t, kTicketLen / sizeof(std::uint32_t)> fields;
     std::memcpy(fields.data(), achTicket.data(), kTicketLen);
-    // A '~' stands behind the number, so that it ends within the frame.
+    // A '~' follows the number, so that it ends within the frame.
     const auto nId = std::strtoul(svFrame.data() + kHeadLen, nullptr, 10);
     return fields[0] == nId &&
            std::abs(std::time(nullptr) - static_cast<std::int64_t>(fields[2])) < kMostSecs;

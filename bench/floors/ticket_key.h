@@ -1,4 +1,4 @@
-/// The DES key under which the floor of the admission takes tickets.
+/// The DES key with which tickets for the admission floor are encrypted.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-/// Reading and writing of the TCP floors over TLS; the members are those of PlainIo.
+/// Reading and writing for the TCP floors over TLS; the members are those of PlainIo.
 #pragma once
 
 #include <openssl/err.h>
@@ -40,8 +40,8 @@ class TlsIo {
         SSL_set_accept_state(sessions[nIndex]);
     }
 
-    // The handshake is a part of the first reads. What is left in the session is read at once,
-    // because the kernel does not tell of it.
+    // The handshake is part of the first reads. What is left in the session is read at once,
+    // because the kernel does not report it.
     ssize_t nRead(int fd, char* pBuffer, std::size_t nRoom) {
         SSL* const pSession = pSessionOf(fd);
         int nTotal = 0;
@@ -79,7 +79,8 @@ class TlsIo {
     }
 
     ssize_t nClose(int fd) {
-        // A client that just goes leaves an error behind, which would pass for the next one's.
+        // A client that just disconnects leaves an error in the queue, which would be attributed
+        // to the next one.
         ERR_clear_error();
         SSL_free(pSessionOf(fd));
         sessions[static_cast<std::size_t>(fd)] = nullptr;

@@ -18,7 +18,7 @@ constexpr int kPrograms = 6;
 constexpr int kProgramStep = 2;
 constexpr int kChannels = 3;
 constexpr int kChannelStep = 100;
-/// The relay's.
+/// As the relay's.
 constexpr int kSocketBuffer = 2 << 20;
 
 bool bSameAddress(const sockaddr_in& one, const sockaddr_in& other) {
@@ -40,7 +40,7 @@ UdpPort openUdpPort(const char* sAddress, int nPort) {
     return {fd, {}};
 }
 
-// The answer tells a receiver that it need not ask again.
+// The answer tells a receiver that it need not repeat its introduction.
 void introduce(UdpPort& rPort, const sockaddr_in& siSender, const iovec& datagram) {
     const auto* const pBytes = static_cast<const char*>(datagram.iov_base);
     const bool bKnown =

@@ -1,5 +1,5 @@
-/// What the UDP floors share: a socket for every program and channel, where the relay has them
-/// too; who receives what comes to each; the loop that reads.
+/// What the UDP floors share: a socket for every program and channel, at the same ports as the
+/// relay's; the receivers of each; the loop that reads.
 #pragma once
 
 #include <netinet/in.h>
@@ -13,24 +13,24 @@
 
 namespace Floor {
 
-/// As many datagrams as one wake-up takes, and bytes of each.
+/// Datagrams that one wake-up reads at most, and the buffer size of each.
 constexpr std::size_t kMostReceived = 1000;
 constexpr std::size_t kMostBytes = 2048;
-/// As many as one sendmmsg takes.
+/// Datagrams that one sendmmsg takes at most.
 constexpr std::size_t kMostSent = 1024;
 
-/// One socket, and the addresses that have announced themselves to it.
+/// One socket, and the receivers that have announced themselves to it.
 struct UdpPort {
     int fd = -1;
     std::vector<sockaddr_in> receivers;
 };
 
-/// The datagrams that a socket has brought.
+/// The datagrams received on a socket.
 class UdpInput {
   public:
     UdpInput();
     /// Reads once. A datagram of the length of an introduction is one: its sender is added to the
-    /// receivers, and hears it back. The others are returned; they stay until the next call.
+    /// receivers, and gets it back. The others are returned; they are valid until the next call.
     gsl::span<iovec> receive(UdpPort& rPort);
 
   private:
@@ -42,19 +42,19 @@ class UdpInput {
 };
 
 /// Binds all sockets: those of channel c and program p at the port of the command line, and
-/// 2 * p + 100 * c above it. Ends the program when one cannot be had.
+/// 2 * p + 100 * c above it. Ends the program when one cannot be bound.
 std::vector<UdpPort> openUdpPorts(const char* sAddress, const char* sPort);
 
-/// A set in which all of them are watched; events carry their places.
+/// An epoll set that watches all of them; events carry their indexes.
 int fdWatchAll(const std::vector<UdpPort>& ports);
 
-/// The places of the sockets that can be read; waits for a first one. Good until the next call.
+/// The indexes of the readable sockets; waits until there is one. Valid until the next call.
 gsl::span<const std::uint32_t> waitForInput(int fdEpoll);
 
-/// Sends all, in order; what the kernel refuses is left out.
+/// Sends all, in order; skips what the kernel refuses.
 void sendAll(int fd, gsl::span<mmsghdr> headers);
 
-/// Serves for ever. `forward(port, datagrams)` sends datagrams to all receivers of the port.
+/// Serves forever. `forward(port, datagrams)` sends datagrams to all receivers of the port.
 template <class Forward>
 [[noreturn]] void serveUdp(const char* sAddress, const char* sPort, Forward forward) {
     static UdpInput input;

@@ -38,8 +38,8 @@ Caption::Caption(int nReceivers) : sFrame(sMakeFrame()), fdSource(fdAdmitClient(
     for (int i = 0; i < nReceivers; ++i) {
         receivers.push_back(fdAdmitClient(kFirstReceiverID + i));
     }
-    giveRoute(kSourceID, nPipeType(CaptionNetMessage::nTYPE), kFirstReceiverID,
-              static_cast<unsigned>(nReceivers));
+    addRoute(kSourceID, nPipeType(CaptionNetMessage::nTYPE), kFirstReceiverID,
+             static_cast<unsigned>(nReceivers));
 }
 
 void Caption::send(int nMessages) {

@@ -49,9 +49,9 @@ void openAudioSockets() {
     watchAudioSockets();
 }
 
-/// An admitted client with a socket for audio, which this returns.
+/// Admits a client, and returns its audio socket.
 int fdJoin(int nClientID, bool bSends) {
-    (void)fdAdmitClient(nClientID);  // stays open; nothing is said over it that matters here
+    (void)fdAdmitClient(nClientID);  // stays open; nothing relevant is sent over it
     RelayClient* pClient = nullptr;
     require(ctAuthClientTable.bLookUp(nClientID, &pClient), "the client that was just admitted");
     const int fd = fdOpenUdp();
@@ -80,7 +80,7 @@ Datagram::Datagram(int nReceivers) : sBytes(sMakeDatagram()), fdSource(fdJoin(kS
     for (int i = 0; i < nReceivers; ++i) {
         receivers.push_back(fdJoin(kFirstReceiverID + i, false));
     }
-    giveRoute(kSourceID, kAudioMsgClass, kFirstReceiverID, static_cast<unsigned>(nReceivers));
+    addRoute(kSourceID, kAudioMsgClass, kFirstReceiverID, static_cast<unsigned>(nReceivers));
 }
 
 void Datagram::send(int nMessages) {

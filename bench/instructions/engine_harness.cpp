@@ -40,7 +40,7 @@ int fdAdmitClient(int nClientID) {
     return fds[1];
 }
 
-void giveRoute(unsigned nSource, int nMsgClass, unsigned nFirst, unsigned nCount) {
+void addRoute(unsigned nSource, int nMsgClass, unsigned nFirst, unsigned nCount) {
     std::vector<unsigned> destinations(nCount);
     std::iota(destinations.begin(), destinations.end(), nFirst);
     Tessel_Routing::RoutingCache::Instance()->Add(

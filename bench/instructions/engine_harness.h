@@ -1,4 +1,4 @@
-/// The engine on a stage: its event loop, and clients that this process plays itself.
+/// A harness for the engine: its event loop, and clients that this process plays itself.
 #pragma once
 
 #include <string>
@@ -6,15 +6,16 @@
 /// Opens what the event loop needs.
 void openEngine();
 
-/// Logs a client in and returns its own end of the connection. Its reads wait a second at most.
+/// Logs a client in and returns the client's end of the connection. Its reads wait at most a
+/// second.
 [[nodiscard]] int fdAdmitClient(int nClientID);
 
 /// Routes the messages of `nSource` in a message class to `nCount` clients from `nFirst` on, as
-/// after the first look into the database.
-void giveRoute(unsigned nSource, int nMsgClass, unsigned nFirst, unsigned nCount);
+/// after the first database look-up.
+void addRoute(unsigned nSource, int nMsgClass, unsigned nFirst, unsigned nCount);
 
-/// Whether exactly these bytes come next. Those of a datagram socket come in one piece.
+/// Whether exactly these bytes arrive next; on a datagram socket, in one datagram.
 [[nodiscard]] bool bReceives(int fd, const std::string& sExpected);
 
-/// Waits a second at most when it is read.
+/// Limits reads from this descriptor to a wait of a second.
 void boundReads(int fd);

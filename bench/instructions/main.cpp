@@ -19,9 +19,9 @@
 
 namespace {
 
-/// A source of audio is told of every 300th of its datagrams: so many hold that once.
+/// Every 300th datagram is confirmed to its source: this many messages include exactly one.
 constexpr int kMessages = 300;
-/// Bursts before those that count: then all memory is taken and every function found.
+/// Uncounted bursts first: after them all memory is allocated and every function resolved.
 constexpr int kWarmUps = 10;
 
 std::unique_ptr<MessageKind> makeKind(std::string_view svName, int nReceivers) {
@@ -34,8 +34,8 @@ std::unique_ptr<MessageKind> makeKind(std::string_view svName, int nReceivers) {
     giveUp("no such kind of message");
 }
 
-/// Switched on for the pass alone, not only told to collect: otherwise callgrind would count the
-/// calls outside of it, too.
+/// Instrumentation is switched on for the pass alone, not just collection: otherwise callgrind
+/// would also count the calls outside of it.
 void runCountedPass() {
     CALLGRIND_START_INSTRUMENTATION;
     runOnePass();
@@ -46,7 +46,7 @@ void switchBurst(MessageKind& rKind, int nBurst, void (*runPass)()) {
     rKind.send(nBurst);
     runPass();
     if (!rKind.bAllReceived(nBurst)) {
-        giveUp("a burst did not go out whole in one pass");
+        giveUp("a burst was not sent completely in one pass");
     }
 }
 
@@ -58,7 +58,7 @@ int main(int argc, char** argv) {
     }
     const int nBurst = std::atoi(argv[3]);
     if (nBurst < 1 || kMessages % nBurst != 0) {
-        giveUp("a burst is a part of 300");
+        giveUp("BURST must divide 300");
     }
     openEngine();
     const auto pKind = makeKind(argv[1], std::atoi(argv[2]));

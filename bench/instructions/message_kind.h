@@ -1,4 +1,4 @@
-/// A kind of message whose way through the engine is counted.
+/// A kind of message whose path through the engine is counted.
 #pragma once
 
 class MessageKind {
@@ -8,9 +8,9 @@ class MessageKind {
     MessageKind& operator=(const MessageKind&) = delete;
     virtual ~MessageKind() = default;
 
-    /// The source sends this many messages. They wait for the relay when this returns.
+    /// Sends this many messages from the source. They are in the relay's socket when this returns.
     virtual void send(int nMessages) = 0;
 
-    /// Whether every receiver has got all of them, unchanged.
+    /// Whether every receiver has received all of them, unchanged.
     [[nodiscard]] virtual bool bAllReceived(int nMessages) = 0;
 };

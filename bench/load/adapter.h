@@ -1,7 +1,7 @@
-/// What the load program has to know of a daemon's protocol: how clients introduce themselves, and
-/// how a message looks when it is sent and when it is delivered.
+/// What the load program needs to know about a daemon's protocol: how clients introduce themselves,
+/// and what a message looks like when it is sent and when it is delivered.
 ///
-/// Messages belong to groups: group g has one source and the receivers that hear it.
+/// Messages belong to groups: group g has one source and its receivers.
 #pragma once
 
 #include <cstddef>
@@ -19,37 +19,37 @@ class Adapter {
   public:
     virtual ~Adapter() = default;
 
-    /// Before the daemon starts, and after it has been started.
+    /// Called before the daemon starts, and after it has been started.
     virtual void prepare() {}
     virtual void awaitDaemon() {}
 
-    // Introduce a new connection; all return when the daemon has answered, if it answers at all.
+    // Introduce a new connection; these return when the daemon has answered, if it answers at all.
 
     virtual void becomeSource(Connection& rConnection, int nGroup) = 0;
     virtual void becomeReceiver(Connection& rConnection, int nGroup) = 0;
     virtual void becomeIdle(Connection& rConnection) = 0;
 
     /// A message as the source of a group sends it, and as its receivers get it. Both have the
-    /// same payload, and the length of neither depends on the group.
+    /// same payload, and their lengths do not depend on the group.
     [[nodiscard]] virtual Frame sentFrame(int nGroup, const std::string& sPayload) const = 0;
     [[nodiscard]] virtual Frame deliveredFrame(int nGroup, const std::string& sPayload) const = 0;
 
-    /// The length of what stands at the head of a receiver's input and is no delivery, such as a
-    /// heartbeat: 0 when it has not come whole yet. Ends the program when it should not be there.
+    /// The length of the frame at the start of a receiver's input that is not a delivery, such as a
+    /// heartbeat; 0 while it is incomplete. Ends the program when the frame is unexpected.
     [[nodiscard]] virtual std::size_t nOtherFrameLen(std::string_view svInput) const = 0;
 
-    /// What a client has to say every few seconds to be kept; empty for nothing.
+    /// What a client has to send every few seconds to stay connected; empty for nothing.
     [[nodiscard]] virtual std::string sKeepAlive(const Connection& /*connection*/) const {
         return {};
     }
 
-    /// What a client of this id logs in with, a fresh ticket in it. Ends the program for daemons
-    /// that admit without.
+    /// The log-in frame of a client with this id, with a fresh ticket. Ends the program for daemons
+    /// that admit clients without tickets.
     [[nodiscard]] virtual std::string sLogInFrame(unsigned nClientId) const;
     /// The connection server of a relay; null for all other daemons.
     [[nodiscard]] virtual ServerStandIn* pConnectionServer() { return nullptr; }
 
-    /// A descriptor that `service` has to be called for when it is readable; -1 for none.
+    /// A descriptor for which `service` has to be called when it is readable; -1 for none.
     [[nodiscard]] virtual int fdToService() const { return -1; }
     virtual void service() {}
     /// Called about once a second.

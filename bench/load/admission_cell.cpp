@@ -13,9 +13,9 @@ namespace {
 
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
 constexpr std::int64_t kServiceNs = kNsPerSec;
-constexpr std::int64_t kPatienceNs = 20 * kNsPerSec;
+constexpr std::int64_t kTimeoutNs = 20 * kNsPerSec;
 constexpr unsigned kFirstClientId = 4'000'000;
-/// Of a repetition's log-ins, so many come once beforehand.
+/// A repetition's log-ins divided by this are done once as a warm-up.
 constexpr int kWarmUpShare = 10;
 
 }  // namespace
@@ -35,7 +35,7 @@ AdmissionCell::AdmissionCell(const Options& cellOptions, Adapter& rAdapterOfDaem
 void AdmissionCell::run() {
     prepareRepetition(1 + options.nLogins / kWarmUpShare);
     (void)runOnce();
-    letAllGo();
+    disconnectAll();
     const std::int64_t nBefore = nResidentBytes(nPid);
     std::int64_t nWithAll = 0;
     for (int i = 0; i < options.nRepeats; ++i) {
@@ -46,7 +46,7 @@ void AdmissionCell::run() {
         findings.nDeliveries = static_cast<std::int64_t>(nAdmitted);
         printRepetition(options.fanouts.front(), repetition, findings);
         nWithAll = nResidentBytes(nPid);
-        letAllGo();
+        disconnectAll();
     }
     constexpr int kNoneIdle = 0;
     printMemory(nBefore, nWithAll, kNoneIdle);
@@ -56,7 +56,7 @@ void AdmissionCell::prepareRepetition(int nLogins) {
     logIns.clear();
     entrants.clear();
     nAdmitted = 0;
-    // Events name entrants by their places.
+    // Events carry the entrants' indexes.
     entrants.reserve(static_cast<std::size_t>(nLogins));
     const double dQuietIn = dSecondsUntilQuiet(options.dSeconds);
     const auto nQuietIn = static_cast<std::int64_t>(dQuietIn * static_cast<double>(kNsPerSec));
@@ -79,8 +79,8 @@ Repetition AdmissionCell::runOnce() {
             beginOne();
         }
         handleEvents(100);
-        if (nMonotonicNs() - nStart > kPatienceNs) {
-            giveUp("clients are not answered: %zu of %zu are admitted", nAdmitted, logIns.size());
+        if (nMonotonicNs() - nStart > kTimeoutNs) {
+            giveUp("clients got no answer: %zu of %zu are admitted", nAdmitted, logIns.size());
         }
     }
     repetition.nWallNs = nMonotonicNs() - nStart;
@@ -100,7 +100,7 @@ void AdmissionCell::beginOne() {
     nAdmitted += entrants.back().bStep() ? 1 : 0;
 }
 
-void AdmissionCell::letAllGo() {
+void AdmissionCell::disconnectAll() {
     entrants.clear();
     awaitIdleDaemon();
 }

@@ -1,4 +1,4 @@
-/// Many clients that come one after the other, each with a ticket: what admitting them costs.
+/// Many clients that connect in sequence, each with a ticket: the cost of admitting them.
 #pragma once
 
 #include <sys/types.h>
@@ -17,22 +17,22 @@ namespace Load {
 
 class AdmissionCell {
   public:
-    /// The daemon runs already, and is known to the adapter. Options and adapter must outlive the
-    /// cell.
+    /// The daemon is already running, and known to the adapter. Options and adapter must outlive
+    /// the cell.
     AdmissionCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nPidOfDaemon);
 
-    /// Admits clients, a few of them at a time, and lets all go at the end of each repetition.
+    /// Admits clients, a few at a time, and disconnects them all at the end of each repetition.
     /// Prints the results to standard output.
     void run();
 
   private:
     void prepareRepetition(int nLogins);
-    /// From the first connect to the last answer; the processor time also counts what the daemon
-    /// does after that answer, but not that clients leave.
+    /// From the first connect to the last answer; the processor time includes what the daemon does
+    /// after that answer, but not the disconnects.
     [[nodiscard]] Repetition runOnce();
     void beginOne();
-    void letAllGo();
-    /// Waits for events, at most so long, and handles them.
+    void disconnectAll();
+    /// Waits for events, at most this long, and handles them.
     void handleEvents(int nTimeoutMs);
     void awaitIdleDaemon();
 
@@ -41,11 +41,11 @@ class AdmissionCell {
     pid_t nPid;
     CpuClock cpuClock;
     EventSet events;
-    /// Of this repetition, made beforehand: encrypting tickets would slow us down.
+    /// For this repetition, prepared in advance: encrypting tickets would slow us down.
     std::vector<std::string> logIns;
     std::vector<Entrant> entrants;
     std::size_t nAdmitted = 0;
-    int nConnections = 0;  ///< of all repetitions
+    int nConnections = 0;  ///< in all repetitions
     unsigned nNextClientId;
     std::int64_t nLastServiceNs = 0;
 };

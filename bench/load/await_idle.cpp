@@ -8,12 +8,12 @@ namespace {
 
 constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kIdleNs = 5 * kNsPerMs;
-constexpr std::int64_t kPatienceNs = 10'000 * kNsPerMs;
+constexpr std::int64_t kTimeoutNs = 10'000 * kNsPerMs;
 
 }  // namespace
 
 void awaitIdle(const CpuClock& cpuClock, const std::function<void()>& meanwhile) {
-    const std::int64_t nDeadline = nMonotonicNs() + kPatienceNs;
+    const std::int64_t nDeadline = nMonotonicNs() + kTimeoutNs;
     std::int64_t nUsedBefore = 0;
     do {
         nUsedBefore = cpuClock.nNanoseconds();
@@ -21,7 +21,7 @@ void awaitIdle(const CpuClock& cpuClock, const std::function<void()>& meanwhile)
             meanwhile();
         }
         if (nMonotonicNs() > nDeadline) {
-            giveUp("the daemon does not come to rest");
+            giveUp("the daemon does not become idle");
         }
     } while (cpuClock.nNanoseconds() != nUsedBefore);
 }

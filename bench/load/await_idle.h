@@ -1,4 +1,4 @@
-/// Waiting until a daemon has done all that it owes, such as the log lines of what it has answered.
+/// Waits until a daemon has finished its deferred work, such as its log lines.
 #pragma once
 
 #include <functional>
@@ -8,8 +8,8 @@
 namespace Load {
 
 /// Waits until a process has used no processor time for some milliseconds. `meanwhile` is called
-/// over and over and may take a millisecond each time. Ends the program when the process goes on
-/// for seconds.
+/// repeatedly and may take a millisecond each time. Ends the program if the process stays busy for
+/// seconds.
 void awaitIdle(const CpuClock& cpuClock, const std::function<void()>& meanwhile);
 
 }  // namespace Load

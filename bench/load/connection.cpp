@@ -31,7 +31,7 @@ sockaddr_in siAddress(const std::string& sAddress, std::uint16_t nPort) {
     siResult.sin_family = AF_INET;
     siResult.sin_port = htons(nPort);
     if (inet_pton(AF_INET, sAddress.c_str(), &siResult.sin_addr) != 1) {
-        giveUp("no IPv4 address: %s", sAddress.c_str());
+        giveUp("not an IPv4 address: %s", sAddress.c_str());
     }
     return siResult;
 }
@@ -48,12 +48,12 @@ int fdMakeSocket(const std::string& sSource) {
     setOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
     setOption(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
     // Room for what a daemon writes while we are busy with other connections. The second form
-    // needs rights, but knows no limit.
+    // needs privileges, but has no limit.
     setOption(fd, SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
     setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBuffer);
-    const timeval tvPatience{kSetUpSecs, 0};
-    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tvPatience, sizeof tvPatience);
-    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tvPatience, sizeof tvPatience);
+    const timeval tvTimeout{kSetUpSecs, 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tvTimeout, sizeof tvTimeout);
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tvTimeout, sizeof tvTimeout);
     const sockaddr_in siSource = siAddress(sSource, 0);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&siSource), sizeof siSource) != 0) {
         giveUp("cannot bind to %s: %s", sSource.c_str(), std::strerror(errno));
@@ -78,7 +78,7 @@ int fdConnect(const Options& options, const std::string& sSource) {
     }
 }
 
-/// One context for all connections. Nobody checks certificates here: the daemon is our own.
+/// One context for all connections. It checks no certificates: the daemon is our own.
 SSL_CTX* pClientContext() {
     static SSL_CTX* const pContext = SSL_CTX_new(TLS_client_method());
     return pContext;
@@ -150,7 +150,7 @@ void Connection::writeAll(std::string_view svData) {
     while (!svData.empty()) {
         const std::size_t nWritten = nWriteSome(svData);
         if (nWritten == 0) {
-            giveUp("the daemon takes nothing");
+            giveUp("the daemon does not read");
         }
         svData.remove_prefix(nWritten);
     }

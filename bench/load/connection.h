@@ -1,5 +1,5 @@
-/// One connection of the load program to the daemon, plain or TLS, and what of its input is not
-/// yet used up. Owns descriptor and session.
+/// One connection of the load program to the daemon, plain or TLS, and its unprocessed input. Owns
+/// descriptor and session.
 #pragma once
 
 #include <openssl/types.h>
@@ -15,7 +15,7 @@ namespace Load {
 
 class Connection {
   public:
-    /// What is left over of one read is less than one frame.
+    /// Less than one frame is left over from a read.
     static constexpr std::size_t kTailSize = 1024;
 
     Connection() = default;
@@ -25,35 +25,35 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Connects, with TLS when the options say so, from an address that depends on `nNumber` (the
-    /// connections count from 0). A refused connect is tried again for some seconds: the daemon may
-    /// just be starting. Ends the program when it does not succeed.
+    /// Connects, with TLS when the options say so, from an address that depends on `nNumber`
+    /// (connections are numbered from 0). A refused connect is retried for some seconds: the daemon
+    /// may still be starting. Ends the program if it fails.
     static Connection open(const Options& options, int nNumber);
-    /// The same, but non-blocking from then on, and with the TLS handshake still to come: the first
-    /// writes and reads carry it on.
+    /// The same, but non-blocking from then on, and with the TLS handshake not yet done: the first
+    /// writes and reads perform it.
     static Connection begin(const Options& options, int nNumber);
 
     [[nodiscard]] int getFileDesc() const { return fd; }
 
-    // While connections are made: blocking, a failure or 10 s without progress end the program.
+    // During set-up: blocking; a failure, or 10 s without progress, ends the program.
 
     void writeAll(std::string_view svData);
     /// Reads at least one byte.
     [[nodiscard]] std::string sReadSome();
 
-    // While it is measured: non-blocking.
+    // During the measurement: non-blocking.
 
     void makeNonBlocking();
     /// Bytes written, 0 when there is no room. A broken connection ends the program.
     [[nodiscard]] std::size_t nWriteSome(std::string_view svData);
     /// Bytes read into a buffer, 0 when there are none; otherwise like `nWriteSome`.
     [[nodiscard]] std::size_t nReadSome(char* pBuffer, std::size_t nRoom);
-    /// Reads what has come and forgets it.
+    /// Reads and discards what has arrived.
     void drain();
 
-    /// The client's id at the relay; the other daemons know no ids.
+    /// The client's id at the relay; other daemons have no ids.
     unsigned nId = 0;
-    /// The beginning of a frame whose rest has not come yet.
+    /// The beginning of an incomplete frame.
     std::array<char, kTailSize> achTail;
     std::size_t nTail = 0;
 

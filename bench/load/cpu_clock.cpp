@@ -16,7 +16,7 @@ constexpr std::int64_t kNsPerSec = 1'000'000'000;
 std::int64_t nRead(clockid_t clock) {
     timespec tsNow{};
     if (clock_gettime(clock, &tsNow) != 0) {
-        giveUp("the clock of a process cannot be read; has it ended?");
+        giveUp("the processor clock of the daemon cannot be read; has it ended?");
     }
     return tsNow.tv_sec * kNsPerSec + tsNow.tv_nsec;
 }

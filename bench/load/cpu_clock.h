@@ -1,4 +1,4 @@
-/// What the kernel counts for another process: its processor time and its memory.
+/// The processor time and the memory of another process, as the kernel counts them.
 #pragma once
 
 #include <ctime>
@@ -11,7 +11,7 @@ namespace Load {
 /// The processor time of a process, all its threads together, user and system.
 class CpuClock {
   public:
-    /// Ends this program when there is no such process.
+    /// Ends this program if there is no such process.
     explicit CpuClock(pid_t nPid);
     /// Nanoseconds used so far; the running slice of a thread is counted.
     [[nodiscard]] std::int64_t nNanoseconds() const;
@@ -20,7 +20,7 @@ class CpuClock {
     clockid_t clockOfProcess{};
 };
 
-/// Bytes of memory that are resident for the process; 0 when that cannot be read.
+/// Resident bytes of the process; 0 when that cannot be read.
 [[nodiscard]] std::int64_t nResidentBytes(pid_t nPid);
 
 /// Monotonic time in nanoseconds.

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
 constexpr std::int64_t kServiceNs = kNsPerSec;
-/// The relay gives a client up that says nothing for 15 s.
+/// The relay drops a client that is silent for 15 s.
 constexpr std::int64_t kKeepAliveNs = 5 * kNsPerSec;
 
 }  // namespace
@@ -81,7 +81,7 @@ const Connection& Crowd::rConnectOneIdle() {
     rAdapter.becomeIdle(connection);
     connection.makeNonBlocking();
     idle.push_back(std::move(connection));
-    // With thousands this takes long enough for the first ones to be given up.
+    // With thousands this takes so long that the first ones could be dropped.
     keepAliveIfDue();
     return idle.back();
 }
@@ -96,7 +96,7 @@ bool Crowd::bAllDelivered() const {
 void Crowd::keepAlive(Connection& rConnection) {
     const std::string sFrame = rAdapter.sKeepAlive(rConnection);
     if (!sFrame.empty() && rConnection.nWriteSome(sFrame) != sFrame.size()) {
-        giveUp("the daemon does not read what idle clients say");
+        giveUp("the daemon does not read what idle clients send");
     }
 }
 

@@ -28,21 +28,20 @@ class Crowd {
     /// Both must outlive the crowd.
     Crowd(const Options& cellOptions, Adapter& rAdapterOfDaemon);
 
-    /// Connects sources and receivers of all stages; events carry their places in the vectors.
+    /// Connects sources and receivers of all stages; events carry their indexes in the vectors.
     void connectGroups(EventSet& rEvents);
-    /// Connects the others. Nobody watches them.
+    /// Connects the idle clients. No event set watches them.
     void connectIdle();
-    /// Connects one more of these; good until the next one is connected.
+    /// Connects one more idle client; the reference is valid until the next one is connected.
     const Connection& rConnectOneIdle();
     [[nodiscard]] std::vector<unsigned> idsOfIdle() const;
-    /// Once in some seconds lets everybody say what the daemon wants to hear now and then. Not
-    /// while it is measured.
+    /// Every few seconds sends the keep-alives of all clients. Not during a measurement.
     void keepAliveIfDue();
 
     [[nodiscard]] gsl::span<Source> sourcesOf(const Stage& stage) {
         return gsl::span<Source>(sources).subspan(stage.nFirst, stage.nEnd - stage.nFirst);
     }
-    [[nodiscard]] gsl::span<Source> everybody() { return sources; }
+    [[nodiscard]] gsl::span<Source> allSources() { return sources; }
     /// Whether every receiver has the latest message of its source.
     [[nodiscard]] bool bAllDelivered() const;
 

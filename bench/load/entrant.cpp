@@ -13,7 +13,7 @@ bool Entrant::bStep() {
         return false;
     }
     if (!sLogIn.empty()) {
-        // With TLS nothing is written before the handshake is over, which this call drives on.
+        // With TLS nothing is written before the handshake, which this call advances, is over.
         sLogIn.erase(0, connection.nWriteSome(sLogIn));
         if (!sLogIn.empty()) {
             return false;

@@ -1,4 +1,4 @@
-/// A client on its way in: connected, about to present its ticket and waiting for the answer.
+/// A client being admitted: it connects, presents its ticket and waits for the answer.
 #pragma once
 
 #include <string>
@@ -9,13 +9,13 @@ namespace Load {
 
 class Entrant {
   public:
-    /// A connection that has just begun, with its TLS handshake still to come if it has one, and
-    /// the frame that logs it in.
+    /// Takes a connection that has just begun, before its TLS handshake if there is one, and the
+    /// frame that logs it in.
     Entrant(Connection&& begunConnection, std::string sLogInFrame)
         : connection(std::move(begunConnection)), sLogIn(std::move(sLogInFrame)) {}
 
-    /// Goes on as far as it can without waiting. Returns true at the step that finds the client
-    /// admitted. Ends the program when it is refused.
+    /// Proceeds as far as it can without waiting. Returns true at the step that finds the client
+    /// admitted. Ends the program if it is refused.
     bool bStep();
     [[nodiscard]] int getFileDesc() const { return connection.getFileDesc(); }
 
@@ -23,7 +23,7 @@ class Entrant {
     void readAnswer();
 
     Connection connection;
-    std::string sLogIn;  ///< empty once it is sent
+    std::string sLogIn;  ///< empty once it has been sent
     std::string sAnswer;
     bool bAdmitted = false;
 };

@@ -10,7 +10,7 @@ namespace Load {
 
 EventSet::EventSet() : fdEpoll(epoll_create1(EPOLL_CLOEXEC)) {
     if (fdEpoll < 0) {
-        giveUp("no epoll set can be had");
+        giveUp("cannot create an epoll set");
     }
 }
 
@@ -23,7 +23,7 @@ void EventSet::add(int fd, std::uint32_t nEvents, Party party, std::size_t nInde
     event.events = nEvents;
     event.data.u64 = static_cast<std::uint64_t>(party) << 32 | nIndex;
     if (epoll_ctl(fdEpoll, EPOLL_CTL_ADD, fd, &event) != 0) {
-        giveUp("a descriptor cannot be watched");
+        giveUp("cannot watch a descriptor");
     }
 }
 

@@ -10,7 +10,7 @@
 
 namespace Load {
 
-/// Whose descriptor is ready.
+/// The owner of a ready descriptor.
 enum class Party : std::uint32_t { kReceiver, kSource, kTimer, kAdapter, kEntrant };
 
 class EventSet {
@@ -20,11 +20,11 @@ class EventSet {
     EventSet(const EventSet&) = delete;
     EventSet& operator=(const EventSet&) = delete;
 
-    /// Watches for input as long as there is any.
+    /// Watches for input, level-triggered.
     void watch(int fd, Party party, std::size_t nIndex);
-    /// Tells once when input comes or room for output.
+    /// Watches for input and for room for output, edge-triggered.
     void watchChanges(int fd, Party party, std::size_t nIndex);
-    /// What is ready; waits at most `nTimeoutMs`. Good until the next call.
+    /// The ready descriptors; waits at most `nTimeoutMs`. Valid until the next call.
     [[nodiscard]] gsl::span<const epoll_event> wait(int nTimeoutMs);
 
     [[nodiscard]] static Party partyOf(const epoll_event& event) {

@@ -1,4 +1,5 @@
-/// Speaks to the bare floors: the relay's caption frames, behind one frame that says who we are.
+/// Speaks to the bare floors: the relay's caption frames, after one frame that introduces the
+/// client.
 #pragma once
 
 #include "bench/load/adapter.h"

@@ -1,5 +1,5 @@
-/// Speaks to the bare UDP floors: receivers announce themselves, sources need not, and idle clients
-/// are nobody to them.
+/// Speaks to the bare UDP floors: receivers announce themselves, sources need not, and there are no
+/// idle clients.
 #pragma once
 
 #include "bench/load/options.h"

@@ -1,4 +1,4 @@
-/// The end of the load program when a measurement has become impossible.
+/// Ends the load program when a measurement has become impossible.
 #pragma once
 
 namespace Load {

@@ -1,4 +1,4 @@
-/// Whether a relay has named each of its clients to the connection server, and each once.
+/// Checks that a relay has reported each of its clients to the connection server exactly once.
 #pragma once
 
 #include <cstdint>
@@ -14,14 +14,14 @@ class Identification {
     explicit Identification(const std::vector<unsigned>& expected)
         : missing(expected.begin(), expected.end()) {}
 
-    /// Takes the ids that the relay has named.
+    /// Takes the ids that the relay has reported.
     void note(gsl::span<const unsigned> named);
-    /// Clients that were named so far.
+    /// Clients reported so far.
     [[nodiscard]] std::int64_t nNamed() const { return nRight; }
     [[nodiscard]] std::int64_t nMissing() const {
         return static_cast<std::int64_t>(missing.size());
     }
-    /// Ids that are nobody's, or were named before.
+    /// Ids that are unknown or were reported before.
     [[nodiscard]] std::int64_t nWrong() const { return nUnexpected; }
 
   private:

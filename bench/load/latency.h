@@ -1,4 +1,4 @@
-/// Counts latencies and tells their percentiles, without a memory of each.
+/// Counts latencies and computes their percentiles without storing each one.
 #pragma once
 
 #include <array>
@@ -9,10 +9,9 @@ namespace Load {
 /// A histogram whose steps are 1/64 of the value: percentiles are at most 1.6 % too high.
 class LatencyHistogram {
   public:
-    /// Counts one latency in nanoseconds; a negative one counts as 0, one of more than 68 s as
-    /// that.
+    /// Counts one latency in nanoseconds; a negative one counts as 0, one above 68 s as 68 s.
     void record(std::int64_t nNs);
-    /// The latency that `dShare` (0..1) of all that were counted do not exceed: the upper end of
+    /// The latency that `dShare` (0..1) of all counted latencies do not exceed: the upper end of
     /// its step, in nanoseconds. 0 when nothing was counted.
     [[nodiscard]] std::int64_t nPercentileNs(double dShare) const;
     [[nodiscard]] std::int64_t nCount() const { return nTotal; }

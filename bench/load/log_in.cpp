@@ -1,4 +1,4 @@
-// Tickets are DES: that is what the network speaks.
+// Tickets are DES: the network requires it.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "bench/load/log_in.h"
 

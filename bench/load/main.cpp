@@ -29,12 +29,12 @@ void raiseDescriptorLimit() {
 pid_t nReadPid() {
     int nPid = 0;
     if (std::scanf("%d", &nPid) != 1 || std::getchar() != '\n' || nPid <= 0) {
-        Load::giveUp("no process id came");
+        Load::giveUp("expected a process id on standard input");
     }
     return nPid;
 }
 
-/// From before the daemon starts to the last result.
+/// Runs from before the daemon starts to the last result.
 template <class Cell, class AdapterOfCell>
 void measure(const Load::Options& options, AdapterOfCell& rAdapter) {
     rAdapter.prepare();

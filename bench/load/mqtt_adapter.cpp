@@ -13,14 +13,14 @@ constexpr char kSubscribe = static_cast<char>(0x82);
 constexpr std::size_t kConnectAckLen = 4;
 constexpr std::size_t kSubscribeAckLen = 5;
 
-/// A text behind its length in two bytes.
+/// A text preceded by its length in two bytes.
 std::string sText(std::string_view svText) {
     std::string sResult{static_cast<char>(svText.size() >> 8),
                         static_cast<char>(svText.size() & 0xFF)};
     return sResult.append(svText);
 }
 
-/// The first byte of a packet and the length of what follows: seven bits a byte, low ones first.
+/// The first byte of a packet and the length of what follows: seven bits per byte, low ones first.
 std::string sFixedHeader(char chFirst, std::size_t nRest) {
     std::string sResult{chFirst};
     do {
@@ -74,7 +74,7 @@ Frame MqttAdapter::deliveredFrame(int nGroup, const std::string& sPayload) const
 }
 
 std::size_t MqttAdapter::nOtherFrameLen(std::string_view /*svInput*/) const {
-    giveUp("mosquitto says something unknown");
+    giveUp("unknown packet from mosquitto");
 }
 
 }  // namespace Load

@@ -10,14 +10,14 @@ namespace {
 constexpr std::string_view kPing = "PING\r\n";
 constexpr std::string_view kPong = "PONG\r\n";
 
-/// Says something and waits until the server has taken it.
-void say(Connection& rConnection, const std::string& sText) {
+/// Sends a command and waits until the server has processed it.
+void sendCommand(Connection& rConnection, const std::string& sText) {
     rConnection.writeAll(sText + std::string(kPing));
     awaitText(rConnection, kPong);
 }
 
 void greet(Connection& rConnection) {
-    say(rConnection, "CONNECT {\"verbose\":false,\"pedantic\":false,\"lang\":\"c\"}\r\n");
+    sendCommand(rConnection, "CONNECT {\"verbose\":false,\"pedantic\":false,\"lang\":\"c\"}\r\n");
 }
 
 }  // namespace
@@ -28,7 +28,7 @@ void NatsAdapter::becomeSource(Connection& rConnection, int /*nGroup*/) {
 
 void NatsAdapter::becomeReceiver(Connection& rConnection, int nGroup) {
     greet(rConnection);
-    say(rConnection, "SUB " + sTopicOf(nGroup) + " 1\r\n");
+    sendCommand(rConnection, "SUB " + sTopicOf(nGroup) + " 1\r\n");
 }
 
 void NatsAdapter::becomeIdle(Connection& rConnection) {
@@ -51,7 +51,7 @@ std::size_t NatsAdapter::nOtherFrameLen(std::string_view svInput) const {
         return svHead.size();
     }
     if (svHead.size() == kPing.size()) {
-        giveUp("nats-server says something unknown");
+        giveUp("unknown line from nats-server");
     }
     return 0;
 }

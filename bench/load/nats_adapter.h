@@ -12,9 +12,9 @@ class NatsAdapter : public Adapter {
     void becomeIdle(Connection& rConnection) override;
     [[nodiscard]] Frame sentFrame(int nGroup, const std::string& sPayload) const override;
     [[nodiscard]] Frame deliveredFrame(int nGroup, const std::string& sPayload) const override;
-    /// The server asks now and then whether we are alive.
+    /// The server sends keep-alive requests.
     [[nodiscard]] std::size_t nOtherFrameLen(std::string_view svInput) const override;
-    /// The answer to that question, given in advance.
+    /// The answer to these, sent in advance.
     [[nodiscard]] std::string sKeepAlive(const Connection& connection) const override;
 };
 

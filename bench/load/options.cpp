@@ -14,7 +14,7 @@ namespace {
 
 using setter_t = std::function<void(Options&, const char*)>;
 
-/// Numbers with commas between them.
+/// Comma-separated numbers.
 std::vector<int> readNumbers(const char* sList) {
     std::vector<int> numbers;
     std::istringstream list(sList);
@@ -62,13 +62,13 @@ const std::map<std::string_view, setter_t>& setters() {
     return table;
 }
 
-/// The first thing that is wrong, or null.
+/// The first error, or null.
 const char* findFault(const Options& options) {
     if (options.sAddress.empty() || options.nPort == 0) {
         return "--address and --port are required";
     }
     if (options.nPayload < 24 || options.nPayload > 490) {
-        return "--payload is from 24 to 490";
+        return "--payload must be from 24 to 490";
     }
     const bool bFanouts = std::all_of(options.fanouts.begin(), options.fanouts.end(),
                                       [](int n) { return n >= 1 && n <= 10000; });
@@ -89,10 +89,10 @@ const char* findFault(const Options& options) {
     return nullptr;
 }
 
-/// What holds for UDP beside the rest: a relay has six programs, and a datagram a head.
+/// Additional rules for UDP: a relay has six programs, and a datagram has a header.
 const char* findUdpFault(const Options& options) {
     if (options.nPayload < 40) {
-        return "--payload is from 40 on for UDP";
+        return "--payload must be at least 40 for UDP";
     }
     if (options.nSources > 6 || options.fanouts.size() != 1) {
         return "at most six --sources, and one --fanout for UDP";

@@ -1,4 +1,4 @@
-/// What one start of the load program does, as read from its command line.
+/// What one run of the load program does, as read from its command line.
 #pragma once
 
 #include <chrono>
@@ -11,8 +11,8 @@ namespace Load {
 
 /// How sources send.
 enum class Pace {
-    kModerate,  ///< one message after the other, at a fixed rate of deliveries
-    kFlatOut,   ///< as fast as the daemon takes it
+    kModerate,  ///< one message at a time, at a fixed rate of deliveries
+    kFlatOut,   ///< as fast as the daemon accepts them
 };
 
 struct Options {
@@ -24,34 +24,34 @@ struct Options {
     bool bTls = false;             ///< connect to it with TLS
     std::string sServerAddress;    ///< relay only: where the stand-in connection server listens
     std::string sServerKeyFile;    ///< relay only: that server's private key, PEM
-    /// The first two numbers of our own addresses, which are 127.NET.x.y. The relay counts
-    /// connections by address.
+    /// The second number of our own addresses, which are 127.NET.x.y. The relay counts connections
+    /// by address.
     int nClientNet = 200;
 
     Pace pace = Pace::kModerate;
     int nSources = 1;
-    /// Receivers of each source; every receiver hears one source. With several numbers each has
-    /// sources of its own and is measured in its turn; the clients of the others are idle then.
+    /// Receivers per source; every receiver has one source. With several numbers each has its own
+    /// sources and is measured in turn, while the clients of the others are idle.
     std::vector<int> fanouts = {1};
-    int nIdle = 0;  ///< further clients that neither send nor receive
-    /// Bytes of payload, from 24 to 490. UDP: of the whole datagram, at least 40.
+    int nIdle = 0;  ///< additional clients that neither send nor receive
+    /// Payload bytes, from 24 to 490. UDP: bytes of the whole datagram, at least 40.
     std::size_t nPayload = 200;
-    bool bFec = false;      ///< UDP: two channels of error correction beside the sound
+    bool bFec = false;      ///< UDP: two channels of error correction in addition to the sound
     bool bPeer = false;     ///< relay only: the sources are relay peers
     double dRate = 20000;   ///< moderate: deliveries per second, of all receivers together
     double dSeconds = 0.3;  ///< how long sources send in one repetition
     int nRepeats = 5;
-    /// Flat out: how many bytes of payload and framing a source is ahead of its slowest receiver.
-    /// UDP: for all that it sends, where it sends to every receiver itself.
+    /// Flat out: how many bytes of payload and framing a source may be ahead of its slowest
+    /// receiver. UDP: for everything it sends, where it sends to every receiver itself.
     std::size_t nWindow = 65536;
     /// Flat out: bytes per second that a source stays below; 0 for no limit.
     double dSourceLimit = 0;
     int nLogins = 1000;  ///< admission: log-ins in one repetition
-    int nInFlight = 64;  ///< admission: connections at a time that have no answer yet
+    int nInFlight = 64;  ///< admission: connections that may await their answer at a time
 };
 
-/// Reads "--name value" pairs. Prints what is wrong to standard error and returns false when an
-/// option is unknown, lacks its value or is out of its range.
+/// Reads "--name value" pairs. Prints the error to standard error and returns false when an option
+/// is unknown, lacks its value or is out of range.
 [[nodiscard]] bool bParseOptions(int nArgs, const char* const* arguments, Options& rOptions);
 
 }  // namespace Load

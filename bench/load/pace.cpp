@@ -17,7 +17,7 @@ constexpr std::int64_t kNsPerSec = 1'000'000'000;
 
 PaceTimer::PaceTimer() : fdTimer(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
     if (fdTimer < 0) {
-        giveUp("no timer can be had");
+        giveUp("cannot create a timer");
     }
 }
 

@@ -1,4 +1,4 @@
-/// The beat of a source at the moderate rate.
+/// The timing of sources at the moderate rate.
 #pragma once
 
 #include <cstdint>
@@ -14,18 +14,18 @@ class PaceTimer {
     PaceTimer& operator=(const PaceTimer&) = delete;
 
     [[nodiscard]] int getFileDesc() const { return fdTimer; }
-    /// Starts with the first beat one interval (nanoseconds) from now.
+    /// Starts; the first beat is one interval (nanoseconds) from now.
     void start(std::int64_t nIntervalNs);
     void stop();
-    /// Beats since the last call, 0 when there was none.
+    /// Beats since the last call; 0 if there were none.
     [[nodiscard]] std::int64_t nBeats();
 
   private:
     int fdTimer;
 };
 
-/// The time between two messages, of whichever source, when `nFanout` receivers hear each of them
-/// and all receivers together get `dDeliveriesPerSec`. Nanoseconds.
+/// Nanoseconds between two messages, of any source, when each goes to `nFanout` receivers and all
+/// receivers together get `dDeliveriesPerSec`.
 [[nodiscard]] std::int64_t nMessageIntervalNs(int nFanout, double dDeliveriesPerSec);
 
 }  // namespace Load

@@ -1,11 +1,10 @@
-/// When relays have nothing to do but what is measured: every four seconds they send heartbeats.
+/// Keeps repetitions clear of the heartbeats that relays send every four seconds.
 #pragma once
 
 namespace Load {
 
-/// Seconds to wait until no relay will send heartbeats for `dSeconds`; 0 when none will anyway.
-/// Also for the repetitions of other daemons, because those of a relay take turns with them on one
-/// core.
+/// Seconds to wait until no relay will send heartbeats for `dSeconds`; 0 if none will anyway. Also
+/// applies to the repetitions of other daemons, because a relay shares the core with them.
 [[nodiscard]] double dSecondsUntilQuiet(double dSeconds);
 
 }  // namespace Load

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kReadSize = 262144;
 
-/// Shared by all receivers: the tail of one is put in front of what is read for it.
+/// Shared by all receivers: a receiver's incomplete frame is put before what is read for it.
 std::array<char, Connection::kTailSize + kReadSize> achInput;
 
 }  // namespace
@@ -28,14 +28,14 @@ bool Receiver::bReadOnce(const Adapter& adapter, Findings& rFindings) {
     const std::string_view svInput(pStart, connection.nTail + nRead);
     const std::string_view svRest = svInput.substr(nConsume(svInput, adapter, rFindings));
     if (svRest.size() > Connection::kTailSize) {
-        giveUp("a receiver cannot make out its input");
+        giveUp("a receiver's input cannot be parsed");
     }
     connection.nTail = svRest.size();
     std::memcpy(connection.achTail.data(), svRest.data(), svRest.size());
     return true;
 }
 
-/// Checks all frames that have come whole; returns the bytes that they take.
+/// Checks all complete frames; returns their length in bytes.
 std::size_t Receiver::nConsume(std::string_view svInput, const Adapter& adapter,
                                Findings& rFindings) {
     const std::int64_t nNow = rFindings.bLatencies ? nMonotonicNs() : 0;

@@ -1,4 +1,4 @@
-/// A client that hears one source, and checks all that it is sent.
+/// A client that receives from one source, and checks everything it is sent.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +19,9 @@ class Receiver {
           sequence(checkOfGroup),
           nGroup(nGroupOfSource) {}
 
-    /// Reads once and checks what came. Returns whether there may be more to read.
+    /// Reads once and checks what arrived. Returns whether there may be more to read.
     bool bReadOnce(const Adapter& adapter, Findings& rFindings);
-    /// The sequence number that has to come next; 0 before the first message.
+    /// The sequence number expected next; 0 before the first message.
     [[nodiscard]] std::uint32_t nNextSequence() const { return sequence.nNextSequence(); }
     [[nodiscard]] int getGroup() const { return nGroup; }
     [[nodiscard]] Connection& rConnectionOf() { return connection; }

@@ -13,8 +13,8 @@ namespace Load {
 namespace {
 
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
-/// A relay connects again at once when its last attempt lies a second back, by a clock that shows
-/// whole seconds; otherwise it waits for its timers.
+/// A relay reconnects at once when its last attempt was a second ago, by a clock of whole seconds;
+/// otherwise it waits for its timers.
 constexpr std::int64_t kTryAgainNs = kNsPerSec + kNsPerSec / 20;
 
 ServerStandIn& rServerOf(Adapter& rAdapter) {
@@ -73,7 +73,7 @@ void ReconnectCell::awaitNextTry() {
 
 Repetition ReconnectCell::runOnce(Findings& rFindings) {
     Repetition repetition;
-    rServer.cutLink();
+    rServer.resetLink();
     rServer.awaitLogIn();
     nLinkUpNs = nMonotonicNs();
     const std::int64_t nCpuBefore = cpuClock.nNanoseconds();

@@ -1,5 +1,5 @@
-/// A relay with many clients whose connection server goes away and comes back: how long it takes
-/// until the server knows all of them again.
+/// A relay with many clients whose connection server goes away and comes back: the time until the
+/// server knows all of them again.
 #pragma once
 
 #include <sys/types.h>
@@ -17,18 +17,18 @@ namespace Load {
 
 class ReconnectCell {
   public:
-    /// The daemon is a relay, runs already, and is known to the adapter. Options and adapter must
+    /// The daemon is a relay, already running, and known to the adapter. Options and adapter must
     /// outlive the cell.
     ReconnectCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nPidOfDaemon);
 
-    /// Connects the idle clients of the options, and cuts the relay off from its server as often
-    /// as there are repetitions. Prints the results to standard output.
+    /// Connects the idle clients of the options, and disconnects the relay from its server once per
+    /// repetition. Prints the results to standard output.
     void run();
 
   private:
     void awaitNextTry();
-    /// From the server's "OK" to the log-in until the relay has named its clients and told its
-    /// ports, which it does last.
+    /// From the server's "OK" to the log-in until the relay has reported its clients and then its
+    /// ports.
     [[nodiscard]] Repetition runOnce(Findings& rFindings);
     void awaitIdleDaemon();
 

@@ -7,12 +7,12 @@ namespace Load {
 
 namespace {
 
-/// A string as the protocol writes it.
+/// A string in the protocol's encoding.
 std::string sBulk(std::string_view svText) {
     return "$" + std::to_string(svText.size()) + "\r\n" + std::string(svText) + "\r\n";
 }
 
-/// What stands before the payload of a message of three parts.
+/// What precedes the payload in a message of three parts.
 std::string sHead(std::string_view svFirst, int nGroup, std::size_t nPayload) {
     return "*3\r\n" + sBulk(svFirst) + sBulk(sTopicOf(nGroup)) + "$" + std::to_string(nPayload) +
            "\r\n";
@@ -43,7 +43,7 @@ Frame RedisAdapter::deliveredFrame(int nGroup, const std::string& sPayload) cons
 }
 
 std::size_t RedisAdapter::nOtherFrameLen(std::string_view /*svInput*/) const {
-    giveUp("redis-server says something unknown");
+    giveUp("unknown message from redis-server");
 }
 
 }  // namespace Load

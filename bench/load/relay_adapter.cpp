@@ -13,7 +13,7 @@ namespace {
 
 constexpr unsigned kFirstSourceId = 2'000'000;
 constexpr unsigned kFirstOtherId = 3'000'000;
-/// The class of routes that captions take.
+/// The message class of captions in routes.
 constexpr int kCaptionClass = 192;
 constexpr Orvex::ReturnCode kOk{0};
 
@@ -39,7 +39,7 @@ Frame makeCaptionFrame(unsigned nClientId, const std::string& sPayload) {
     caption.SetCaption(sPayload.data(), static_cast<int>(sPayload.size()));
     Frame frame{sFrameFrom(nClientId, caption), 1 + Orvex::NetMessage::nMSG_HDR_LEN};
     if (frame.sBytes.compare(frame.nPayloadAt, sPayload.size(), sPayload) != 0) {
-        giveUp("a payload does not fit a caption as it is");
+        giveUp("a payload does not fit in a caption unescaped");
     }
     return frame;
 }
@@ -65,14 +65,14 @@ void RelayAdapter::logIn(Connection& rConnection, unsigned nId) {
     if (judgeAnswer(sAnswer) == Answer::kRefused) {
         giveUp("the relay did not admit client %u", nId);
     }
-    // Its confirmations of clients must not fill the relay's link to us.
+    // The relay's confirmations of clients must not fill its link to us.
     server.readAll();
 }
 
 void RelayAdapter::becomeSource(Connection& rConnection, int nGroup) {
     logIn(rConnection, nSourceId(nGroup));
     if (bSourcesArePeers) {
-        // This answer is what relays give each other; it makes the client a relay peer.
+        // Relays give each other this answer; it makes the client a relay peer.
         Orvex::ResponseNetMessage response(rConnection.nId, kOk);
         rConnection.writeAll(sFrameFrom(rConnection.nId, response));
     }
@@ -110,6 +110,6 @@ std::string RelayAdapter::sKeepAlive(const Connection& connection) const {
     return sFrameFrom(connection.nId, heartbeat);
 }
 
-// Every four seconds by the wall clock the relay sends heartbeats to all its clients.
+// The relay sends heartbeats to all its clients every four seconds of the wall clock.
 
 }  // namespace Load

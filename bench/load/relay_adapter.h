@@ -29,7 +29,7 @@ class RelayAdapter : public Adapter {
     void service() override { server.readAll(); }
     void serviceTimer() override { server.sendHeartbeat(); }
 
-    /// For what else its clients need of their connection server.
+    /// For other services that clients need from their connection server.
     [[nodiscard]] ServerStandIn& rServerOf() { return server; }
 
   private:

@@ -4,7 +4,7 @@ namespace Load {
 
 namespace {
 
-/// The class of routes that audio takes.
+/// The message class of audio in routes.
 constexpr int kAudioClass = 64;
 
 }  // namespace
@@ -12,8 +12,8 @@ constexpr int kAudioClass = 64;
 RelayUdpAdapter::RelayUdpAdapter(const Options& cellOptions)
     : options(cellOptions), relay(cellOptions), clients(cellOptions, relay) {}
 
-// The relay answers no registration that it accepts. What was sent before it has arrived shows in
-// datagrams that do not reach their receivers: these are repeated before anything is measured.
+// The relay does not answer a registration that it accepts. Datagrams sent before it has arrived do
+// not reach their receivers: they are repeated before anything is measured.
 unsigned RelayUdpAdapter::registerClient(int nProgram, const UdpSocket& socket, AudioRole role) {
     const unsigned nId = clients.rConnectOneIdle().nId;
     socket.sendTo(siMakeAddress(options.sAddress, nAudioPort(options.nAudioPort, nProgram, 0)),
@@ -26,7 +26,7 @@ void RelayUdpAdapter::becomeSource(int nProgram, const UdpSocket& socket) {
         registerClient(nProgram, socket, AudioRole::kSend);
 }
 
-// A receiver hears error correction at the ports next to the one that it has registered.
+// A receiver gets error correction at the ports next to the one that it has registered.
 void RelayUdpAdapter::becomeReceiver(int nProgram, const std::vector<UdpSocket>& row) {
     const unsigned nId = registerClient(nProgram, row.front(), AudioRole::kReceive);
     relay.rServerOf().addRoute(nSourceId(nProgram), nId, kAudioClass);

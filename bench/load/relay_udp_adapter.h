@@ -1,4 +1,4 @@
-/// Speaks to our relay's audio ports: every client is logged in over TCP as well, and registers its
+/// Speaks to our relay's audio ports: every client is also logged in over TCP, and registers its
 /// address with a ticket.
 #pragma once
 
@@ -36,7 +36,7 @@ class RelayUdpAdapter : public UdpAdapter {
 
     const Options& options;
     RelayAdapter relay;
-    Crowd clients;  ///< the TCP connections of all, idle or not
+    Crowd clients;  ///< the TCP connections of all clients, idle or not
     std::array<unsigned, kPrograms> anSourceIds{};
 };
 

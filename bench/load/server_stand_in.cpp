@@ -1,4 +1,4 @@
-// The key file is a bare RSA key: that is what the network speaks.
+// The key file is a bare RSA key: the network requires it.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "bench/load/server_stand_in.h"
 
@@ -30,13 +30,13 @@ namespace {
 constexpr std::uint16_t kServerPort = 9736;
 constexpr int kChallenge = 4711;
 constexpr unsigned kRelayId = 1000;
-constexpr int kPatienceMs = 15000;
-/// Orders of routes to many receivers are written at one go.
+constexpr int kTimeoutMs = 15000;
+/// Route orders for many receivers are written at once.
 constexpr int kSendBuffer = 4 << 20;
 
 void awaitReadable(int fd, const char* sWhat) {
     pollfd pfd{fd, POLLIN, 0};
-    if (poll(&pfd, 1, kPatienceMs) != 1) {
+    if (poll(&pfd, 1, kTimeoutMs) != 1) {
         giveUp("the relay does not %s", sWhat);
     }
 }
@@ -77,7 +77,7 @@ void ServerStandIn::listenAt(const std::string& sAddress) {
     if (inet_pton(AF_INET, sAddress.c_str(), &siServer.sin_addr) != 1 ||
         bind(fdListener, reinterpret_cast<sockaddr*>(&siServer), sizeof siServer) != 0 ||
         listen(fdListener, 8) != 0) {
-        giveUp("the connection server cannot listen at '%s'", sAddress.c_str());
+        giveUp("the connection server cannot listen on '%s'", sAddress.c_str());
     }
 }
 
@@ -95,7 +95,7 @@ void ServerStandIn::acceptConnection() {
 
 void ServerStandIn::awaitRelay() {
     awaitLogIn();
-    (void)acceptLogIn();  // a relay that has just started has no clients to name
+    (void)acceptLogIn();  // a relay that has just started has no clients to report
 }
 
 void ServerStandIn::awaitLogIn() {
@@ -124,7 +124,7 @@ void ServerStandIn::readUntil(long lType, const std::function<void(const char*, 
     while (!bDone) {
         awaitReadable(msRelay.getMsgSockFileDesc(), "log in");
         if (msRelay.nReadNonBlockingSocket() < 0) {
-            giveUp("the relay left while it logged in");
+            giveUp("the relay disconnected during its log-in");
         }
         while (const auto image = msRelay.input().dequeueView()) {
             const auto nLen = static_cast<int>(image->size());
@@ -141,12 +141,12 @@ void ServerStandIn::takeLogIn(const char* pImage, int nLen) {
     }
     Orvex::RSADecrypterImpl decrypter(pPrivateKey);
     if (!logIn.RSADecrypt(&decrypter) || logIn.GetLoginNumber() != kChallenge) {
-        giveUp("the relay's log-in cannot be read; has it the right public key?");
+        giveUp("the relay's log-in cannot be read; does it have the right public key?");
     }
     logIn.GetClientDESKey(achDesKey.data());
 }
 
-void ServerStandIn::cutLink() {
+void ServerStandIn::resetLink() {
     const linger resetIt{1, 0};
     const int fd = msRelay.getMsgSockFileDesc();
     (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &resetIt, sizeof resetIt);
@@ -156,7 +156,7 @@ void ServerStandIn::cutLink() {
 
 void ServerStandIn::send(Orvex::NetMessage& rMessage) {
     if (rMessage.Send(true, msRelay) < 1) {
-        giveUp("the relay takes nothing from its connection server");
+        giveUp("the relay does not read from its connection server");
     }
 }
 
@@ -178,7 +178,7 @@ void ServerStandIn::readAll() {
     while (true) {
         const int nRead = msRelay.nReadNonBlockingSocket();
         if (nRead < 0) {
-            giveUp("the relay left its connection server");
+            giveUp("the relay disconnected from its connection server");
         }
         while (msRelay.input().dequeueView()) {
         }

@@ -17,37 +17,38 @@ namespace Load {
 
 class ServerStandIn {
   public:
-    /// The private key, PEM, whose public half the relay has. Ends the program without it.
+    /// Takes the file of the private key, PEM, whose public half the relay has. Ends the program
+    /// without it.
     explicit ServerStandIn(const std::string& sKeyFile);
     ~ServerStandIn();
     ServerStandIn(const ServerStandIn&) = delete;
     ServerStandIn& operator=(const ServerStandIn&) = delete;
 
-    /// Listens at the port where relays look for a plain connection server.
+    /// Listens on the port where relays expect a plain connection server.
     void listenAt(const std::string& sAddress);
-    /// Waits for a relay and logs it in; ends the program when that takes more than 15 s.
+    /// Waits for a relay and logs it in; ends the program if that takes more than 15 s.
     void awaitRelay();
-    /// The two halves of it: up to the relay's log-in, which is not answered yet; and from the
-    /// answer to the end of the log-in, where the relay tells its ports. Returns the ids of the
-    /// clients that the relay has named in between.
+    /// The two halves of that: up to the relay's log-in, which is not answered yet; and from the
+    /// answer to the end of the log-in, when the relay reports its ports. Returns the ids of the
+    /// clients that the relay has reported in between.
     void awaitLogIn();
     std::vector<unsigned> acceptLogIn();
-    /// Ends the connection so that the relay cannot but see it at once.
-    void cutLink();
+    /// Resets the connection, which the relay notices at once.
+    void resetLink();
 
-    /// A message with a fresh ticket for a client of this id.
+    /// A message with a fresh ticket for a client with this id.
     [[nodiscard]] Orvex::RelayConnectNetMessage ticketFor(unsigned nClientId) const;
     void addRoute(unsigned nFromId, unsigned nToId, int nMsgClass);
-    /// The relay gives a server up that says nothing for 15 s.
+    /// The relay abandons a server that is silent for 15 s.
     void sendHeartbeat();
-    /// Reads what the relay has sent and forgets it.
+    /// Reads and discards what the relay has sent.
     void readAll();
     [[nodiscard]] int getFileDesc() const { return msRelay.getMsgSockFileDesc(); }
 
   private:
     void acceptConnection();
     void takeLogIn(const char* pImage, int nLen);
-    /// Gives all messages to `take`, up to one of a type and those that have come with it.
+    /// Passes all messages to `take`, up to one of a type and those that have arrived with it.
     void readUntil(long lType, const std::function<void(const char*, int)>& take);
     void send(Orvex::NetMessage& rMessage);
 

@@ -50,7 +50,7 @@ void Source::sendOne() {
     ++nNext;
     nBytesSent += static_cast<std::int64_t>(nLength);
     if (connection.nWriteSome({sBurst.data(), nLength}) != nLength) {
-        giveUp("a source at the moderate rate finds no room in its socket");
+        giveUp("a source at the moderate rate has no room in its socket");
     }
 }
 
@@ -63,7 +63,7 @@ void Source::fill(std::uint32_t nMessages) {
     nPending = nMessages * nLength;
 }
 
-/// True when all of it was taken.
+/// True when all of it was written.
 bool Source::bWritePending() {
     const std::size_t nWritten = connection.nWriteSome({sBurst.data() + nAt, nPending});
     nAt += nWritten;

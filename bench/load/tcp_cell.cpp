@@ -13,8 +13,8 @@ namespace {
 
 constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
-constexpr std::int64_t kWarmUpPatienceNs = 20 * kNsPerSec;
-constexpr std::int64_t kDeliveryPatienceNs = 5 * kNsPerSec;
+constexpr std::int64_t kWarmUpTimeoutNs = 20 * kNsPerSec;
+constexpr std::int64_t kDeliveryTimeoutNs = 5 * kNsPerSec;
 
 std::int64_t nToNs(double dSeconds) {
     return static_cast<std::int64_t>(dSeconds * static_cast<double>(kNsPerSec));
@@ -36,10 +36,10 @@ TcpCell::TcpCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nP
 
 void TcpCell::run() {
     crowd.connectGroups(events);
-    warmUp(crowd.everybody());
+    warmUp(crowd.allSources());
     const std::int64_t nBefore = nResidentBytes(nPid);
     crowd.connectIdle();
-    warmUp(crowd.everybody());
+    warmUp(crowd.allSources());
     printMemory(nBefore, nResidentBytes(nPid), options.nIdle);
     for (const Stage& stage : crowd.stages) {
         for (int i = 0; i < options.nRepeats; ++i) {
@@ -53,8 +53,8 @@ void TcpCell::run() {
 
 // -- repetitions -----------------------------------------------------------------------------
 
-bool TcpCell::bAwaitDeliveries(std::int64_t nPatienceNs) {
-    const std::int64_t nDeadline = nMonotonicNs() + nPatienceNs;
+bool TcpCell::bAwaitDeliveries(std::int64_t nTimeoutNs) {
+    const std::int64_t nDeadline = nMonotonicNs() + nTimeoutNs;
     while (!crowd.bAllDelivered()) {
         if (nMonotonicNs() > nDeadline) {
             return false;
@@ -66,7 +66,7 @@ bool TcpCell::bAwaitDeliveries(std::int64_t nPatienceNs) {
 
 void TcpCell::warmUp(gsl::span<Source> sources) {
     constexpr std::int64_t nOneTryNs = 100 * kNsPerMs;
-    const std::int64_t nDeadline = nMonotonicNs() + kWarmUpPatienceNs;
+    const std::int64_t nDeadline = nMonotonicNs() + kWarmUpTimeoutNs;
     do {
         if (nMonotonicNs() > nDeadline) {
             giveUp("messages do not reach all receivers");
@@ -112,7 +112,7 @@ Repetition TcpCell::runOnce(const Stage& stage) {
     } else {
         sendFlatOut(stage);
     }
-    repetition.bComplete = bAwaitDeliveries(kDeliveryPatienceNs);
+    repetition.bComplete = bAwaitDeliveries(kDeliveryTimeoutNs);
     repetition.nCpuNs = cpuClock.nNanoseconds() - nCpuBefore;
     repetition.nWallNs = nMonotonicNs() - nStart;
     repetition.nSent = -nSequencesBefore;
@@ -123,8 +123,8 @@ Repetition TcpCell::runOnce(const Stage& stage) {
     return repetition;
 }
 
-// One message for every beat; when we were late the message is left out, because the daemon would
-// find two at once.
+// One message per beat; when we are late the message is skipped, because the daemon would find two
+// at once.
 void TcpCell::sendModerately(const Stage& stage, Repetition& rRepetition) {
     const gsl::span<Source> sources = crowd.sourcesOf(stage);
     timer.start(nMessageIntervalNs(stage.nFanout, options.dRate));
@@ -172,7 +172,8 @@ void TcpCell::sendFrom(std::size_t nGroup, std::int64_t nStartNs) {
         static_cast<double>(nMonotonicNs() - nStartNs) / static_cast<double>(kNsPerSec);
     const double dAllowed =
         options.dSourceLimit * dSeconds - static_cast<double>(rSource.nBytesSent);
-    // A whole window may go at the start, or the first round trips would be of single messages.
+    // A whole window may be sent at the start, or the first round trips would be of single
+    // messages.
     const double dNow = dAllowed + static_cast<double>(options.nWindow);
     if (dNow < static_cast<double>(rSource.nFrameLen())) {
         limited.push_back(nGroup);
@@ -184,9 +185,9 @@ void TcpCell::sendFrom(std::size_t nGroup, std::int64_t nStartNs) {
     }
 }
 
-/// Frames that a socket took only a part of have to be completed.
+/// Partially written frames have to be completed.
 void TcpCell::finishSending(gsl::span<Source> sources) {
-    const std::int64_t nDeadline = nMonotonicNs() + kDeliveryPatienceNs;
+    const std::int64_t nDeadline = nMonotonicNs() + kDeliveryTimeoutNs;
     while (!std::all_of(sources.begin(), sources.end(),
                         [](Source& rSource) { return rSource.bFlush(); })) {
         if (nMonotonicNs() > nDeadline) {
@@ -224,7 +225,7 @@ void TcpCell::handleEvents(int nTimeoutMs) {
 void TcpCell::handleReceiver(std::size_t nIndex) {
     Receiver& rReceiver = crowd.receivers[nIndex];
     const std::uint32_t nBefore = rReceiver.nNextSequence();
-    // The kernel tells again of what is left; a TLS session does not.
+    // The kernel reports the rest again; a TLS session does not.
     while (rReceiver.bReadOnce(rAdapter, findings) && options.bTls) {
     }
     if (options.pace == Pace::kFlatOut) {

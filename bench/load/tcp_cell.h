@@ -20,16 +20,16 @@ namespace Load {
 
 class TcpCell {
   public:
-    /// The daemon runs already, and is known to the adapter. Options and adapter must outlive the
-    /// cell.
+    /// The daemon is already running, and known to the adapter. Options and adapter must outlive
+    /// the cell.
     TcpCell(const Options& cellOptions, Adapter& rAdapterOfDaemon, pid_t nPidOfDaemon);
 
-    /// Connects everybody, waits until messages reach all receivers, and measures. Prints the
+    /// Connects all clients, waits until messages reach all receivers, and measures. Prints the
     /// results to standard output.
     void run();
 
   private:
-    /// Sends from every source until all its receivers have heard the same message.
+    /// Sends from every source until all its receivers have received the same message.
     void warmUp(gsl::span<Source> sources);
     void prepareRepetition(const Stage& stage);
     [[nodiscard]] Repetition runOnce(const Stage& stage);
@@ -37,9 +37,9 @@ class TcpCell {
     void sendFlatOut(const Stage& stage);
     void sendFrom(std::size_t nGroup, std::int64_t nStartNs);
     void finishSending(gsl::span<Source> sources);
-    [[nodiscard]] bool bAwaitDeliveries(std::int64_t nPatienceNs);
+    [[nodiscard]] bool bAwaitDeliveries(std::int64_t nTimeoutNs);
 
-    /// Waits for events, at most so long, and handles them.
+    /// Waits for events, at most this long, and handles them.
     void handleEvents(int nTimeoutMs);
     void handleReceiver(std::size_t nIndex);
 
@@ -51,7 +51,7 @@ class TcpCell {
     PaceTimer timer;
     Crowd crowd;
     std::vector<std::size_t> ready;    ///< groups whose source may be able to send again
-    std::vector<std::size_t> limited;  ///< groups whose source is ahead of its limit
+    std::vector<std::size_t> limited;  ///< groups whose source has reached its byte limit
     Findings findings;
 };
 

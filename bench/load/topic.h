@@ -1,4 +1,4 @@
-/// What the adapters of the peers share: names of groups, envelopes, answers while connecting.
+/// What the adapters of the peers share: group names, envelopes, answers during set-up.
 #pragma once
 
 #include <cstddef>
@@ -15,10 +15,10 @@ namespace Load {
 [[nodiscard]] Frame makeFrame(const std::string& sBefore, const std::string& sPayload,
                               std::string_view svAfter);
 
-/// Reads until this text has come.
+/// Reads until this text has arrived.
 void awaitText(Connection& rConnection, std::string_view svText);
 
-/// Reads until so many bytes have come, and returns them.
+/// Reads until this many bytes have arrived, and returns them.
 [[nodiscard]] std::string awaitBytes(Connection& rConnection, std::size_t nBytes);
 
 }  // namespace Load

@@ -28,7 +28,7 @@ void awaitTurn(const std::function<void()>& keepAlive) {
     }
     char achLine[2];
     if (read(STDIN_FILENO, achLine, sizeof achLine) != 1 || achLine[0] != '\n') {
-        giveUp("nobody gives us a turn");
+        giveUp("standard input ended before our turn");
     }
 }
 

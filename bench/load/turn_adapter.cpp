@@ -9,7 +9,7 @@ namespace Load {
 
 namespace {
 
-/// Idle clients have addresses behind those of the others.
+/// Idle clients have addresses after those of the others.
 constexpr int kFirstIdle = 1000;
 
 }  // namespace

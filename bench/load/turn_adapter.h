@@ -1,6 +1,6 @@
-/// Speaks to a TURN server over UDP, without credentials. Such a server forwards from one to one: a
-/// source is a client of it, the receivers are its peers, and it sends every message once for each
-/// of them, through a channel of its own.
+/// Speaks to a TURN server over UDP, without credentials. Such a server forwards one to one: a
+/// source is its client, the receivers are the client's peers, and the source sends every message
+/// once per peer, each through a separate channel.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ class TurnAdapter : public UdpAdapter {
 
     void becomeSource(int nProgram, const UdpSocket& socket) override;
     void becomeReceiver(int nProgram, const std::vector<UdpSocket>& row) override;
-    /// Clients that hold an address at the server and send nothing.
+    /// Clients that hold an allocation at the server and send nothing.
     void connectIdle(int nCount) override;
     [[nodiscard]] std::uint32_t nSourceId(int nProgram) const override;
     [[nodiscard]] std::vector<UdpTarget> targetsOf(int nProgram, int nChannel) const override;
@@ -31,7 +31,7 @@ class TurnAdapter : public UdpAdapter {
         std::array<std::vector<UdpTarget>, kAudioChannels> targets;
     };
 
-    /// Sends a request of a client until it is granted; ends the program when it is refused.
+    /// Repeats a client's request until it is granted; ends the program if it is refused.
     void request(const UdpSocket& socket, const std::string& sRequest) const;
 
     int nClientNet;

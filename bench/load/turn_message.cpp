@@ -9,7 +9,7 @@ namespace {
 constexpr std::uint32_t kCookie = 0x2112A442;
 constexpr std::uint16_t kAllocate = 0x0003;
 constexpr std::uint16_t kChannelBind = 0x0009;
-/// Bits that make an answer of the type of a request.
+/// Bits that turn the type of a request into that of its answer.
 constexpr std::uint16_t kSuccessBits = 0x0100;
 constexpr std::uint16_t kErrorBits = 0x0110;
 
@@ -37,7 +37,7 @@ void append32(std::string& rsOut, std::uint32_t nValue) {
     append16(rsOut, nValue & 0xFFFF);
 }
 
-/// Two bytes, which must be there.
+/// Two bytes, which must be present.
 unsigned nRead16(std::string_view svIn, std::size_t nAt) {
     return static_cast<unsigned>(static_cast<unsigned char>(svIn[nAt])) << 8 |
            static_cast<unsigned char>(svIn[nAt + 1]);

@@ -1,8 +1,9 @@
-/// What the load program has to know of a daemon that forwards datagrams: how clients introduce
-/// themselves, and what a source sends. Receivers get the same datagrams from all daemons.
+/// What the load program needs to know about a daemon that forwards datagrams: how clients
+/// introduce themselves, and what a source sends. Receivers get the same datagrams from all
+/// daemons.
 ///
 /// A program has one source, and receivers with a socket for each channel: one, or three when error
-/// correction is sent beside the sound.
+/// correction is sent in addition to the sound.
 #pragma once
 
 #include <netinet/in.h>
@@ -15,7 +16,7 @@
 
 namespace Load {
 
-/// Where a source sends a message to, and what stands in front of the datagram there.
+/// Where a source sends a message, and the header of the datagram there.
 struct UdpTarget {
     sockaddr_in siTo;
     std::string sHead;
@@ -25,7 +26,7 @@ class UdpAdapter {
   public:
     virtual ~UdpAdapter() = default;
 
-    /// Before the daemon starts, and after it has been started.
+    /// Called before the daemon starts, and after it has been started.
     virtual void prepare() {}
     virtual void awaitDaemon() {}
 
@@ -37,14 +38,14 @@ class UdpAdapter {
     /// Connects clients that neither send nor receive.
     virtual void connectIdle(int nCount) = 0;
 
-    /// What stands in the datagrams of a program as the id of their source.
+    /// The source id in the datagrams of a program.
     [[nodiscard]] virtual std::uint32_t nSourceId(int nProgram) const = 0;
-    /// All that a source sends for one message, so that every receiver gets it once.
+    /// Everything a source sends for one message, so that every receiver gets it once.
     [[nodiscard]] virtual std::vector<UdpTarget> targetsOf(int nProgram, int nChannel) const = 0;
 
-    /// Lets everybody say what the daemon wants to hear now and then. Not while it is measured.
+    /// Sends the keep-alives of all clients if they are due. Not during a measurement.
     virtual void keepAliveIfDue() {}
-    /// A descriptor that `service` has to be called for when it is readable; -1 for none.
+    /// A descriptor for which `service` has to be called when it is readable; -1 for none.
     [[nodiscard]] virtual int fdToService() const { return -1; }
     virtual void service() {}
 };

@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
-constexpr std::int64_t kWarmUpPatienceNs = 20 * kNsPerSec;
-/// Longer than a daemon that has a core for itself is ever away.
+constexpr std::int64_t kWarmUpTimeoutNs = 20 * kNsPerSec;
+/// Longer than a daemon with a core to itself is ever descheduled.
 constexpr int kLostAfterMs = 300;
 
 std::int64_t nToNs(double dSeconds) {
@@ -97,12 +97,12 @@ bool UdpCell::bAllDelivered() const {
 void UdpCell::awaitDeliveries() {
     while (!bAllDelivered()) {
         if (!bHandleEvents(kLostAfterMs)) {
-            giveUpUnderWay();
+            countInFlightAsLost();
         }
     }
 }
 
-void UdpCell::giveUpUnderWay() {
+void UdpCell::countInFlightAsLost() {
     for (UdpReceiver& rReceiver : receivers) {
         const std::uint32_t nSent = streams[rReceiver.getStream()].nNextSequence();
         rReceiver.rSequenceOf().giveUpBefore(nSent, findings);
@@ -115,7 +115,7 @@ void UdpCell::giveUpUnderWay() {
 
 void UdpCell::warmUp() {
     constexpr std::int64_t nOneTryNs = 100 * kNsPerMs;
-    const std::int64_t nDeadline = nMonotonicNs() + kWarmUpPatienceNs;
+    const std::int64_t nDeadline = nMonotonicNs() + kWarmUpTimeoutNs;
     do {
         if (nMonotonicNs() > nDeadline) {
             giveUp("datagrams do not reach all receivers");
@@ -187,8 +187,8 @@ Repetition UdpCell::runOnce() {
     return repetition;
 }
 
-// One message for every beat, from one stream after the other; when we were late the message is
-// left out, because the daemon would find two at once.
+// One message per beat, from the streams in turn; when we are late the message is skipped, because
+// the daemon would find two at once.
 void UdpCell::sendModerately(Repetition& rRepetition) {
     timer.start(nMessageIntervalNs(options.fanouts.front(), options.dRate));
     const std::int64_t nEnd = nMonotonicNs() + nToNs(options.dSeconds);
@@ -216,7 +216,7 @@ void UdpCell::sendFlatOut() {
         }
         ready.clear();
         if (!bHandleEvents(kLostAfterMs)) {
-            giveUpUnderWay();
+            countInFlightAsLost();
         }
     }
 }

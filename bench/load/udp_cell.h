@@ -20,11 +20,11 @@ namespace Load {
 
 class UdpCell {
   public:
-    /// The daemon runs already, and is known to the adapter. Options and adapter must outlive the
-    /// cell.
+    /// The daemon is already running, and known to the adapter. Options and adapter must outlive
+    /// the cell.
     UdpCell(const Options& cellOptions, UdpAdapter& rAdapterOfDaemon, pid_t nPidOfDaemon);
 
-    /// Introduces everybody, waits until datagrams reach all receivers, and measures. Prints the
+    /// Introduces all clients, waits until datagrams reach all receivers, and measures. Prints the
     /// results to standard output.
     void run();
 
@@ -33,7 +33,7 @@ class UdpCell {
     void connectReceiver(int nProgram, const FrameCheck& check);
     void addStreams(int nProgram, const Frame& datagram, int fdSource);
 
-    /// Sends from every source until all receivers have heard the same message.
+    /// Sends from every source until all receivers have received the same message.
     void warmUp();
     void prepareRepetition();
     [[nodiscard]] Repetition runOnce();
@@ -43,12 +43,12 @@ class UdpCell {
     [[nodiscard]] std::int64_t nBytesSent() const;
 
     [[nodiscard]] bool bAllDelivered() const;
-    /// Waits as long as datagrams keep coming; what has not come then is lost.
+    /// Waits as long as datagrams keep arriving; what is missing then is lost.
     void awaitDeliveries();
-    /// Everything that is under way counts as lost, and the sources may go on.
-    void giveUpUnderWay();
+    /// Counts everything in flight as lost, so that the sources may continue.
+    void countInFlightAsLost();
 
-    /// Waits for events, at most so long, and handles them; false when there were none.
+    /// Waits for events, at most this long, and handles them; false when there were none.
     bool bHandleEvents(int nTimeoutMs);
     void handleReceiver(std::size_t nIndex);
 
@@ -59,7 +59,7 @@ class UdpCell {
     int nChannels;
     EventSet events;
     PaceTimer timer;
-    // Deques, so that what others point at stays where it is.
+    // Deques, so that pointers to their elements stay valid.
     std::deque<UdpSocket> sourceSockets;  ///< one for each program
     std::deque<FrameCheck> checks;        ///< one for each program
     std::deque<UdpSource> streams;        ///< one for each program and channel

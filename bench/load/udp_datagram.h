@@ -25,10 +25,10 @@ constexpr int kAudioChannels = 3;
 /// The port of a relay, or a floor, whose first one is `nBasePort`.
 [[nodiscard]] std::uint16_t nAudioPort(std::uint16_t nBasePort, int nProgram, int nChannel);
 
-/// What a client wants at the address that its registration comes from.
+/// What a client does at the address that its registration comes from.
 enum class AudioRole : unsigned { kReceive = 1, kSend = 4 };
 
-/// The datagram by which the client that a message with a ticket names registers.
+/// The registration datagram of the client that a message with a ticket names.
 [[nodiscard]] std::string sMakeRegistration(Orvex::RelayConnectNetMessage connect, AudioRole role);
 
 }  // namespace Load

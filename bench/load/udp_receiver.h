@@ -1,4 +1,4 @@
-/// A socket that hears one stream of datagrams, and checks all that come.
+/// A socket that receives one stream of datagrams, and checks all of them.
 #pragma once
 
 #include <cstddef>
@@ -12,14 +12,14 @@ namespace Load {
 
 class UdpReceiver {
   public:
-    /// The frame must outlive the receiver; `nOfStream` is for the caller.
+    /// The frame must outlive the receiver; `nOfStream` is for the caller's use.
     UdpReceiver(UdpSocket&& rSocket, const FrameCheck& checkOfStream, std::size_t nOfStream)
         : socket(std::move(rSocket)),
           nFrameLen(checkOfStream.nLength()),
           sequence(checkOfStream),
           nStream(nOfStream) {}
 
-    /// Reads what is there, up to some hundred datagrams, and checks it.
+    /// Reads what is available, up to some hundred datagrams, and checks it.
     void readOnce(Findings& rFindings);
 
     [[nodiscard]] std::size_t getStream() const { return nStream; }

@@ -22,8 +22,8 @@ constexpr int kReceiveBuffer = 4 << 20;
 constexpr int kPortStep = 2;
 constexpr int kBindAttempts = 50;
 constexpr int kAnswerMs = 50;
-constexpr std::int64_t kPatienceNs = 10'000'000'000;
-/// The third number of addresses begins here; those of TCP clients stay below it.
+constexpr std::int64_t kTimeoutNs = 10'000'000'000;
+/// The third number of addresses begins here; those of TCP clients are below.
 constexpr int kFirstNumber = 100;
 constexpr int kPerNumber = 250;
 
@@ -34,7 +34,7 @@ sockaddr_in siMakeAddress(const std::string& sAddress, std::uint16_t nPort) {
     siResult.sin_family = AF_INET;
     siResult.sin_port = htons(nPort);
     if (inet_pton(AF_INET, sAddress.c_str(), &siResult.sin_addr) != 1) {
-        giveUp("no IPv4 address: %s", sAddress.c_str());
+        giveUp("not an IPv4 address: %s", sAddress.c_str());
     }
     return siResult;
 }
@@ -66,7 +66,7 @@ bool UdpSocket::bBind(const std::string& sAddress, std::uint16_t nPort) {
     if (fd < 0) {
         giveUp("no more sockets: %s", std::strerror(errno));
     }
-    // The second form needs rights, but knows no limit.
+    // The second form needs privileges, but has no limit.
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
     socklen_t nLen = sizeof siOwn;
@@ -99,7 +99,7 @@ void UdpSocket::sendTo(const sockaddr_in& siTo, std::string_view svDatagram) con
 
 std::string UdpSocket::sExchange(const sockaddr_in& siTo, std::string_view svRequest,
                                  const std::function<bool(std::string_view)>& bIsAnswer) const {
-    const std::int64_t nDeadline = nMonotonicNs() + kPatienceNs;
+    const std::int64_t nDeadline = nMonotonicNs() + kTimeoutNs;
     std::array<char, 2048> achAnswer;
     while (nMonotonicNs() < nDeadline) {
         sendTo(siTo, svRequest);

@@ -14,7 +14,7 @@ namespace Load {
 namespace {
 
 constexpr std::size_t kPartsOfDatagram = 2;
-/// As many as one sendmmsg takes.
+/// The most datagrams that one sendmmsg takes.
 constexpr std::size_t kMostAtOnce = 1024;
 
 }  // namespace

@@ -1,4 +1,4 @@
-/// The source of one stream of datagrams: one at a time, or as many as may be under way.
+/// The source of one stream of datagrams: one at a time, or as many as may be in flight.
 #pragma once
 
 #include <sys/socket.h>
@@ -16,16 +16,15 @@ namespace Load {
 class UdpSource {
   public:
     /// Sends from a blocking socket, which must outlive the source. A message goes to each target
-    /// in its turn.
+    /// in turn.
     UdpSource(int fdOfSource, const Frame& datagram, std::vector<UdpTarget> targetsOfMessage,
               const SendWindow& windowOfStream);
     UdpSource(const UdpSource&) = delete;
     UdpSource& operator=(const UdpSource&) = delete;
 
-    /// Sends one message with the present time in it.
+    /// Sends one message with the current time in it.
     void sendOne();
-    /// Sends messages up to the end of the window, one datagram after the other, many in one system
-    /// call.
+    /// Sends messages up to the end of the window, in sequence, many in one system call.
     void sendMany();
 
     [[nodiscard]] std::uint32_t nNextSequence() const { return nNext; }
@@ -45,7 +44,7 @@ class UdpSource {
     std::size_t nLength;
     std::size_t nPayloadAt;
     std::vector<UdpTarget> targets;
-    std::string sBurst;  ///< the same datagram many times, apart from its numbers
+    std::string sBurst;  ///< the same datagram many times, except for its numbers
     std::vector<iovec> parts;
     std::vector<mmsghdr> headers;
     std::uint32_t nNext = 0;

@@ -1,4 +1,4 @@
-/// What it takes to collect captions for the archive, and to render them as the text that is
+/// The cost of collecting captions for the archive, and of rendering them as the text that is
 /// posted.
 #include <benchmark/benchmark.h>
 
@@ -13,7 +13,7 @@ constexpr std::time_t kFirstCaption = 1700000001;
 /// About one line of text.
 constexpr std::size_t kCaptionBytes = 32;
 
-/// Captions a third of a second apart: what comes within the same microsecond is not kept.
+/// Captions a third of a second apart: of those in the same microsecond only one is kept.
 void collect(SccPChunker& rChunker, int nCaptions) {
     const std::string sCaption = Micro::sSampleCaption(kCaptionBytes);
     setClockForTest(kFirstCaption);

@@ -1,4 +1,4 @@
-/// What it takes to find a client among others, by its id and by its descriptor.
+/// The cost of finding a client among others, by its id and by its descriptor.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -14,7 +14,7 @@ using Orvex::RelayMessageSocket;
 namespace {
 
 constexpr int kFirstID = 100001;
-/// Ids are given to users, of whom few are connected.
+/// Ids are assigned to users, few of whom are connected.
 constexpr int kIDStep = 7;
 constexpr int kFirstFileDesc = 10;
 
@@ -26,7 +26,7 @@ void fill(RelayClientTable& rTable, int nClients) {
     }
 }
 
-/// `nCount` keys in an order without order, the same in every run.
+/// `nCount` keys in a shuffled order, the same in every run.
 std::vector<int> shuffledKeys(int nFirst, int nStep, int nCount) {
     std::vector<int> keys;
     for (int i = 0; i < nCount; ++i) {
@@ -36,7 +36,7 @@ std::vector<int> shuffledKeys(int nFirst, int nStep, int nCount) {
     return keys;
 }
 
-/// Looks every key up in turn; `bFind` is one of the table's look-ups.
+/// Looks up every key in turn; `bFind` is one of the table's look-ups.
 void findAll(benchmark::State& rState, const RelayClientTable& table, const std::vector<int>& keys,
              bool (RelayClientTable::*bFind)(int, RelayClient**) const) {
     for (auto _ : rState) {

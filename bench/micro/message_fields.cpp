@@ -1,4 +1,4 @@
-/// What it takes to write a message's fields into its frame, and to read them from its image.
+/// The cost of writing a message's fields into its frame, and of reading them from its image.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -12,7 +12,7 @@ using Orvex::RelayConnectNetMessage;
 
 namespace {
 
-/// As encryption leaves them: some of the bytes need escapes.
+/// As after encryption: some of the bytes need escapes.
 constexpr std::array<unsigned char, 16> kTicket = {0x00, 0x17, 0x5C, 0x7E, 0x99, 0xA0, 0x31, 0xFF,
                                                    0x42, 0x00, 0x08, 0xC3, 0x7E, 0x6B, 0xD4, 0x25};
 

@@ -1,4 +1,4 @@
-/// What it takes to see that messages which follow each other may travel together.
+/// The cost of determining that consecutive messages may be sent as one run.
 #include <benchmark/benchmark.h>
 
 #include <vector>
@@ -29,7 +29,7 @@ void gatherRun(benchmark::State& rState) {
             bTogether = bTravelsInRuns(svImage) && bAddToRun(run, svImage) && bTogether;
         }
         if (!bTogether || run.svFrames.size() != sBurst.size()) {
-            rState.SkipWithError("the messages do not travel together");
+            rState.SkipWithError("the messages do not form one run");
         }
     }
     rState.SetItemsProcessed(rState.iterations() * static_cast<std::int64_t>(images.size()));

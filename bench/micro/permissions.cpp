@@ -1,4 +1,4 @@
-/// What it takes to ask whether video from one client may go to another.
+/// The cost of checking whether video from one client may go to another.
 #include <benchmark/benchmark.h>
 
 #include "relayserver/clients/PermissionsCache.h"
@@ -11,7 +11,7 @@ constexpr int kFirstSource = 100001;
 constexpr int kFirstReceiver = 200001;
 constexpr int kReceivers = 10;
 
-void askPermission(benchmark::State& rState) {
+void checkPermission(benchmark::State& rState) {
     const auto nSources = static_cast<int>(rState.range(0));
     PermissionsCache permissions;
     for (int i = 0; i < nSources * kReceivers; ++i) {
@@ -31,6 +31,6 @@ void askPermission(benchmark::State& rState) {
     rState.SetItemsProcessed(rState.iterations() * nSources * kReceivers);
 }
 
-BENCHMARK(askPermission)->ArgName("sources")->Arg(10)->Arg(1000);
+BENCHMARK(checkPermission)->ArgName("sources")->Arg(10)->Arg(1000);
 
 }  // namespace

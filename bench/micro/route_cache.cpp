@@ -1,4 +1,4 @@
-/// What it takes to find a cached route among others.
+/// The cost of finding a cached route among others.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-/// Times a part of an iteration, where the rest only prepares it. For benchmarks that use manual
-/// time, and parts long enough that reading the clock twice does not count.
+/// Times part of an iteration, when the rest only prepares it. For benchmarks that use manual time,
+/// and parts long enough that reading the clock twice is negligible.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -12,7 +12,7 @@ class Stopwatch {
   public:
     Stopwatch() : started(std::chrono::steady_clock::now()) {}
 
-    /// The part that began with this object is what the iteration took.
+    /// Counts the time since this object was made as the iteration's.
     void stop(benchmark::State& rState) const {
         const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - started;
         rState.SetIterationTime(taken.count());

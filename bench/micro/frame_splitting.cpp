@@ -1,4 +1,4 @@
-/// What it takes to find the messages in what one large read brought.
+/// The cost of finding the messages in the bytes of one large read.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -17,28 +17,28 @@ void fill(InputBuffer& rInput, const std::string& sBurst) {
     rInput.added(static_cast<int>(sBurst.size()));
 }
 
-void cutFrames(benchmark::State& rState) {
+void splitFrames(benchmark::State& rState) {
     const auto nCaptionBytes = static_cast<std::size_t>(rState.range(0));
     const std::string sBurst = Micro::sSampleBurst(nCaptionBytes, InputBuffer::kBlockSize);
     const std::size_t nFrames = sBurst.size() / Micro::sSampleFrame(nCaptionBytes).size();
     InputBuffer input;
     for (auto _ : rState) {
         fill(input, sBurst);
-        std::size_t nCut = 0;
+        std::size_t nSplit = 0;
         const Micro::Stopwatch stopwatch;
         while (const auto svImage = input.peekView()) {
             benchmark::DoNotOptimize(svImage->data());
             input.pop();
-            ++nCut;
+            ++nSplit;
         }
         stopwatch.stop(rState);
-        if (nCut != nFrames || input.size() != 0) {
-            rState.SkipWithError("not every frame was cut");
+        if (nSplit != nFrames || input.size() != 0) {
+            rState.SkipWithError("not every frame was found");
         }
     }
     rState.SetItemsProcessed(rState.iterations() * static_cast<std::int64_t>(nFrames));
 }
 
-BENCHMARK(cutFrames)->ArgName("bytes")->Arg(64)->Arg(200)->Arg(490)->UseManualTime();
+BENCHMARK(splitFrames)->ArgName("bytes")->Arg(64)->Arg(200)->Arg(490)->UseManualTime();
 
 }  // namespace
