@@ -9,7 +9,7 @@ readonly ROOMS=(base orvex genner/output connserver poster relayserver)
 CORES=$(nproc)
 readonly CORES
 readonly SCRIPTS=(dev .ci/run scripts/*.sh)
-readonly CHECKS=(layout generated scripts python cppcheck clang-tidy)
+readonly CHECKS=(layout generated rooms scripts python cppcheck clang-tidy)
 
 # find_sources FOLDER... : C++ files, separated by NULs.
 find_sources() {
@@ -29,13 +29,18 @@ check_generated() {
     /usr/bin/python3 genner/generate.py --check
 }
 
+# The order of the rooms, which docs/architecture.md shows too.
+check_rooms() {
+    /usr/bin/python3 -B scripts/room_order.py --doc docs/architecture.md
+}
+
 check_scripts() {
     shellcheck --external-sources "${SCRIPTS[@]}"
 }
 
 # Parses every Python file; compiler warnings are errors.
 check_python() {
-    find lab genner bench tests -name '*.py' -print0 |
+    find lab genner bench tests scripts -name '*.py' -print0 |
         xargs -0 /usr/bin/python3 -W error -c '
 import sys
 for name in sys.argv[1:]:
@@ -60,7 +65,7 @@ check_clang-tidy() {
 case ${1:-} in
     format) format ;;
     all) scripts/timed-steps.sh "${CHECKS[@]/#/scripts/lint.sh }" ;;
-    layout | generated | scripts | python | cppcheck | clang-tidy) "check_$1" ;;
+    layout | generated | rooms | scripts | python | cppcheck | clang-tidy) "check_$1" ;;
     *)
         echo "usage: scripts/lint.sh all | format | ${CHECKS[*]}" >&2
         exit 2
