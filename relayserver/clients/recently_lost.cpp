@@ -64,7 +64,7 @@ void forgetOldestLosses(std::size_t nLosses) {
 }
 
 void clearRecentlyLostOnBoundary(std::time_t ttNow, bool bLoggedIn) {
-    if (ttNow % _kLossClearInterval == 0 && bLoggedIn && !vRecentlyLost.empty()) {
+    if (!vRecentlyLost.empty() && bLoggedIn && ttNow % _kLossClearInterval == 0) {
         writeToLog(true, "periodic cleanup - removing %zu entries from recently lost array\n",
                    vRecentlyLost.size());
         forgetAll();

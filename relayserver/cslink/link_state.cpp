@@ -8,8 +8,6 @@ namespace {
 
 constexpr unsigned kLeastSecsBetweenAttempts = 1;
 
-bool bMarkedBroken = false;
-
 }  // namespace
 
 connection_stage_t nConnectionStage = CONNECTION_IDLE;
@@ -17,6 +15,7 @@ std::string sLastServer;
 int connserv_sockfd = 0;
 SSL* connserv_ssl = nullptr;
 Orvex::RelayMessageSocket msConnServMsgSock;
+bool bMarkedBroken = false;
 int nLastChallenge = 0;
 bool bLoginContinue = false;
 bool bAccepting = true;
@@ -72,14 +71,6 @@ void letClientsIn(bool bIn) {
 
 void markLinkBroken() {
     bMarkedBroken = true;
-}
-
-bool bLinkMarkedBroken() {
-    return bMarkedBroken;
-}
-
-bool bLinkFinished() {
-    return nConnectionStage == CONNECTION_FINISHED && !bMarkedBroken;
 }
 
 void LostConnectionToCS() {

@@ -29,6 +29,9 @@ extern int connserv_sockfd;
 extern SSL* connserv_ssl;
 extern Orvex::RelayMessageSocket msConnServMsgSock;
 
+/// A send on the link has failed; see `markLinkBroken`.
+extern bool bMarkedBroken;
+
 /// The last challenge received.
 extern int nLastChallenge;
 /// Whether the next login asks to continue the session of an earlier one.
@@ -76,10 +79,14 @@ void letClientsIn(bool bIn);
 void markLinkBroken();
 
 /// Whether the link is marked as broken and still up.
-[[nodiscard]] bool bLinkMarkedBroken();
+[[nodiscard]] inline bool bLinkMarkedBroken() {
+    return bMarkedBroken;
+}
 
 /// Whether messages may be sent to the server: logged in, and not marked as broken.
-[[nodiscard]] bool bLinkFinished();
+[[nodiscard]] inline bool bLinkFinished() {
+    return nConnectionStage == CONNECTION_FINISHED && !bMarkedBroken;
+}
 
 /// Takes the link down, whatever its stage; clients stay connected. Harmless without a link.
 void LostConnectionToCS();

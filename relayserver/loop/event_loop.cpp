@@ -159,7 +159,9 @@ void offerToHandlers(epoll_event& epe, int nIndex) {
             break;
         }
     }
-    settleBrokenLink();
+    if (bLinkMarkedBroken()) {
+        settleBrokenLink();
+    }
 }
 
 void runOnePass() {
@@ -175,6 +177,7 @@ void runOnePass() {
 }
 
 void runEventLoop() {
+    settleBrokenLink();  // an order that came with the log-in may have found it broken
     while (exitRequested == 0) {
         runOnePass();
     }
