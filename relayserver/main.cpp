@@ -1,4 +1,4 @@
-/// The life of the process, top to bottom.
+/// Start-up, event loop and exit of the process, in order.
 #include <gsl/util>
 
 #include "base/ConfigFile.h"
@@ -24,20 +24,20 @@
 namespace {
 
 constexpr const char* kVersion = "relayserver Version 3.4.8";
-/// The log directory in effect: logging starts before the configuration could name another.
+/// The log directory in effect: logging starts before the configuration is read.
 constexpr const char* achLogDir = "/var/log/tessel/relayserver/";
-/// What returning -1 from `main` looks like from outside.
+/// The exit status that a parent process sees when `main` returns -1.
 constexpr int kMinusOne = 255;
 
-/// The loop reconnects to the database itself and must not hang on one that accepts and is silent;
-/// an operator's own limit stands.
-void boundDatabaseConnects() {
+/// The main thread reconnects to the database and must not block on a server that accepts the
+/// connection and then stays silent. A limit set by the operator is kept.
+void limitDatabaseConnectTime() {
     constexpr int kKeepExisting = 0;
     setenv("PGCONNECT_TIMEOUT", "2", kKeepExisting);
 }
 
 void openRouteStore() {
-    boundDatabaseConnects();
+    limitDatabaseConnectTime();
     if (!ConnectSQL("127.0.0.1", "tessel", "postgres", "", nullptr)) {
         writeToLog(true, "could not connect to database. relayserver quitting.\n");
         quitProcess(1);
@@ -45,7 +45,7 @@ void openRouteStore() {
     DBCleanup();
 }
 
-void endUnlessListening(ListenOutcome outcome) {
+void quitUnlessListening(ListenOutcome outcome) {
     if (outcome == ListenOutcome::kExitRequested) {
         shutDown();
     }
@@ -55,8 +55,8 @@ void endUnlessListening(ListenOutcome outcome) {
 }
 
 void openListeners() {
-    endUnlessListening(openPlainListener());
-    endUnlessListening(openTlsListener());
+    quitUnlessListening(openPlainListener());
+    quitUnlessListening(openTlsListener());
     if (!bOpenAudioSockets()) {
         quitProcess(1);
     }
@@ -80,7 +80,7 @@ int runRelay(const CommandLine& commandLine) {
         quitProcess(1);
     }
     if (keyOutcome == PublicKeyOutcome::kNoFile) {
-        return 0;  // unlike the other ends: a service manager need not start us again
+        return 0;  // unlike the other failures: a service manager need not restart us
     }
     openListeners();
     if (!bOpenEpollSet()) {

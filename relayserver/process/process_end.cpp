@@ -18,10 +18,10 @@ constexpr int kLogDrainMillis = 2000;
 
 void quitProcess(int nStatus) {
     ArchivePostThreader.askToEnd();
-    (void)bDrainLog(kLogDrainMillis);  // a disk that takes no more lines must not keep us
+    (void)bDrainLog(kLogDrainMillis);  // a blocked disk must not prevent the exit
     joinEndedSignalThread();
-    // `exit` ends OpenSSL before it destroys the poster, which therefore lets go of it now. In the
-    // middle of a post it cannot; but that must not keep us either.
+    // `exit` shuts OpenSSL down before it destroys the poster, so the poster must release it now.
+    // It cannot do so in the middle of a post, which must not delay the exit.
     if (!ArchivePostThreader.bClose()) {
         _exit(nStatus);
     }

@@ -1,10 +1,10 @@
-/// How the process ends. Main thread only.
+/// Exit of the process. Main thread only.
 #pragma once
 
-/// Ends the process at once, but lets the lines logged so far reach the log. For ends that do not
-/// return from `main`.
+/// Exits at once with status `nStatus`, after giving the lines logged so far up to 2 s to reach the
+/// log. For exits that do not return from `main`.
 [[noreturn]] void quitProcess(int nStatus);
 
-/// The orderly end: logs it, closes the listeners and ends with status 0. Connections of clients
-/// and to the database are left to the operating system.
+/// Orderly shutdown: logs it, closes the listeners and exits with status 0. The operating system
+/// closes the connections to clients and to the database.
 [[noreturn]] void shutDown();

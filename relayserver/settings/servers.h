@@ -4,13 +4,13 @@
 #include <queue>
 #include <string>
 
-/// Host names in order of preference; the front is in use or is tried next.
+/// Host names in order of preference; the one at the front is in use or is tried next.
 extern std::queue<std::string> serverQ;
 
-/// Puts a server behind those that are known.
+/// Adds a server at the back.
 void addServer(const std::string& sName);
 
-/// Moves the server in front to the back.
+/// Moves the server at the front to the back; does nothing if there is none.
 void SwitchServers();
 
 /// Back to the state at process start.

@@ -1,4 +1,4 @@
-// Tickets are DES and the key file is a bare RSA key: that is what the network speaks.
+// The protocol of the network uses DES tickets and a bare RSA key.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "relayserver/settings/session_keys.h"
 

@@ -38,10 +38,10 @@ namespace {
 
 constexpr SettingsOutcome kGoOn{};
 constexpr SettingsOutcome kEndWithError{false, 1};
-/// What `main` returning -1 looks like from outside.
+/// The exit status that a parent process sees when `main` returns -1.
 constexpr SettingsOutcome kEndWithMinusOne{false, 255};
 
-/// The texts, each with its key.
+/// The text settings with their keys.
 const std::pair<const SettingKey&, std::string&> kTexts[] = {
     {kSslPemFile, sCrtFile},
     {kSslKeyFile, sKeyFile},
@@ -96,13 +96,14 @@ void takeNumber(const ConfigFile& configFile, const SettingKey& key, int& rnSett
     }
 }
 
-bool bInRange(int nNumber, const SettingKey& key) {
+[[nodiscard]] bool bInRange(int nNumber, const SettingKey& key) {
     return nNumber >= key.nLowest && nNumber <= key.nHighest;
 }
 
 /// A yes-or-no setting. Any text but yes, true, no and false counts as no, with `sWarning` (a
 /// format for the text) logged unless it is null.
-bool bTakeYesOrNo(const ConfigFile& configFile, const SettingKey& key, const char* sWarning) {
+[[nodiscard]] bool bTakeYesOrNo(const ConfigFile& configFile, const SettingKey& key,
+                                const char* sWarning) {
     const auto chValue = valueOf(configFile, key);
     if (!chValue) {
         return key.nDefault != 0;
@@ -118,7 +119,7 @@ bool bTakeYesOrNo(const ConfigFile& configFile, const SettingKey& key, const cha
     return false;
 }
 
-/// TLS needs a port, a certificate and a key: two of them are as good as none.
+/// TLS needs a port, a certificate and a key: unless all three are set, none is used.
 void readTls(const ConfigFile& configFile) {
     const auto chCrtFile = valueOf(configFile, kSslPemFile);
     const auto chKeyFile = valueOf(configFile, kSslKeyFile);
@@ -182,7 +183,7 @@ void logNetwork() {
                rtp_listen_port[kAudioPrograms - 1] + 1);
 }
 
-/// A required text; when it is missing says which, and returns false.
+/// Reads a required text; if it is missing, logs which one and returns false.
 [[nodiscard]] bool bTakeRequired(const ConfigFile& configFile, const SettingKey& key,
                                  std::string& rsSetting) {
     const auto chValue = valueOf(configFile, key);

@@ -1,5 +1,6 @@
-/// All that command line and configuration decide; `setting_keys` says what each key may hold.
-/// Zero before `readSettings`, afterwards only read, apart from `disableFec`. Main thread.
+/// The settings from command line and configuration file; `setting_keys` says what each key may
+/// hold. Zero before `readSettings` and only read afterwards, apart from `disableFec`.
+/// Main thread only.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +30,7 @@ extern std::string sRequestedPrivateListenAddr;
 extern std::string sBindDev;
 extern std::string sBindAddr;
 
-/// What the relay logs in with.
+/// The credentials with which the relay logs in.
 extern std::string sMyCompany;
 extern std::string sMyName;
 extern std::string sMyPassword;
@@ -44,32 +45,32 @@ extern unsigned nMaxTimeAwayFromCS;
 /// Whether audio is accepted on the forward-error-correction ports as well.
 extern bool bFecEnable;
 
-/// A FEC socket cannot be had: none is used for the rest of the run.
+/// Disables FEC for the rest of the run, because a FEC socket could not be opened.
 void disableFec();
 
-/// Whether captions are archived, where they are posted (empty for nowhere) and how old they are
-/// allowed to become before (seconds).
+/// Whether captions are archived, where they are posted (empty for nowhere), and the age at which
+/// they are posted (seconds).
 extern bool bArchiveEnable;
 extern std::string sArchiveEndpoint;
 extern unsigned nArchiveInterval;
-/// What the archive is told: credentials (no user name, no authentication), the media type (empty
-/// for the poster's own) and whether each address carries a sequence number.
+/// How they are posted: credentials (no user name, no authentication), the media type (empty for
+/// the poster's default) and whether each address carries a sequence number.
 extern std::string sArchiveUsername;
 extern std::string sArchivePassword;
 extern std::string sArchiveContentType;
 extern bool bArchiveAppendSeq;
 
-/// Tells each admitted client that this relay serves Wavecast.
+/// Whether each admitted client is told that this relay serves Wavecast.
 extern bool bWavecastServer;
 
-/// What reading the settings came to: go on, or end with this exit status.
+/// The result of reading the settings: continue, or exit with this status.
 struct SettingsOutcome {
     bool bGoOn = true;
     int nExitStatus = 0;
 };
 
-/// Reads every setting, in the order in which they are reported, and logs what they came to.
-/// The server names go to `serverQ`.
+/// Reads every setting, in the order in which they are reported, and logs the results. The server
+/// names go to `serverQ`. Fails for a missing required key or an invalid port.
 [[nodiscard]] SettingsOutcome readSettings(const ConfigFile& configFile,
                                            const CommandLine& commandLine);
 

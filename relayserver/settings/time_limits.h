@@ -1,15 +1,15 @@
-/// How long things may take and how often they are done. All in whole seconds of the clock.
+/// Time limits and periods, all in whole seconds of the clock.
 #pragma once
 
 #include <ctime>
 
 /// The timers run on seconds that are divisible by this.
 constexpr int kTickSecs = 4;
-/// Silence after which an admitted client, or the connection server, is given up.
+/// Silence after which an admitted client, or the link to the connection server, is dropped.
 constexpr double dIdleTimeOut = 15.0;
-/// What a TLS handshake may take, or a client until it has shown a valid ticket.
+/// Limit for a TLS handshake, and for a client to present a valid ticket.
 constexpr double dLogInTimeOut = 15.0;
-/// What a connect to another relay may take.
+/// Limit for a connect to another relay.
 constexpr double dPeerConnectTimeOut = 5.0;
 /// Heartbeat period, and the period over which input is measured.
 constexpr double dHeartbeatPeriod = 3.0;

@@ -9,11 +9,12 @@ extern std::time_t tLastHeartbeat;
 extern std::time_t tLastHeartbeatBurst;
 extern std::time_t ttLastUdpReregister;
 
+/// The work in question was done at `ttNow`.
 void noteHeartbeat(std::time_t ttNow);
 void noteHeartbeatBurst(std::time_t ttNow);
 void noteUdpReregister(std::time_t ttNow);
 
-/// A clock that was set back must not stop the timers: those in the future start now.
+/// Moves times in the future back to `ttNow`: a clock that was set back must not stop the timers.
 void clampTimersToNow(std::time_t ttNow);
 
 /// Back to the state at process start.

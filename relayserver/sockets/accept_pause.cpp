@@ -11,7 +11,7 @@ namespace {
 
 std::vector<int> pausedListeners;
 std::time_t ttPaused = 0;
-/// Listeners whose want has had its line.
+/// Listeners already reported as starved.
 std::vector<int> reportedListeners;
 
 }  // namespace

@@ -1,16 +1,18 @@
-/// Keeps the loop quiet while the process has no descriptor left for a new connection: the listener
-/// stays readable then, and would be offered in every pass. Main thread only.
+/// Keeps the event loop from spinning while the process has no descriptor left for a new
+/// connection: the listener stays readable then and would be reported in every pass.
+/// Main thread only.
 #pragma once
 
-/// Stops watching `fdListener` after `accept` failed for want of descriptors. True for its
-/// first time since a connection was last accepted: that one is worth a line in the log.
-bool bPauseAccepting(int fdListener);
+/// Stops watching `fdListener` after `accept` failed because no descriptors were left. True for the
+/// first failure of this listener since a connection was last accepted: only that one is worth a
+/// line in the log.
+[[nodiscard]] bool bPauseAccepting(int fdListener);
 
-/// A connection was accepted: the want is over.
+/// A connection was accepted: descriptors are available again.
 void noteAccepted();
 
 /// Watches the paused listeners again, at most once a second. Call in each pass.
 void resumeAccepting();
 
-/// Forgets what is paused.
+/// Back to the state at process start.
 void resetAcceptPauseForTest();

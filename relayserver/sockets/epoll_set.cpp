@@ -17,7 +17,7 @@ struct Registration {
     bool bTurnWaiting = false;
 };
 
-/// By descriptor.
+/// Indexed by descriptor.
 std::vector<Registration> registrations;
 
 /// Registrations that wait for another turn: those of the next round, and those of this round.
@@ -36,7 +36,7 @@ Registration& registrationOf(int fd) {
     return registrations[nIndex];
 }
 
-bool addToEpoll(int fd, std::uint32_t nInterest) {
+[[nodiscard]] bool bAddToEpoll(int fd, std::uint32_t nInterest) {
     const std::uint32_t nNumber = fd < 0 ? 0 : registrationOf(fd).nNumber + 1;
     epoll_event epe{};
     epe.events = nInterest;
@@ -62,11 +62,11 @@ bool bOpenEpollSet() {
 }
 
 bool addToEpollForRead(int fd) {
-    return addToEpoll(fd, EPOLLIN);
+    return bAddToEpoll(fd, EPOLLIN);
 }
 
 bool addToEpollForWrite(int fd) {
-    return addToEpoll(fd, EPOLLOUT);
+    return bAddToEpoll(fd, EPOLLOUT);
 }
 
 bool removeFromEpoll(int fd) {

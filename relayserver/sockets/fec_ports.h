@@ -1,9 +1,9 @@
-/// How the ports of forward error correction lie beside those of audio.
+/// Offsets of the forward-error-correction (FEC) ports from the audio ports.
 #pragma once
 
-/// A relay's own FEC sockets of channel 1 and 2 are this far, and twice this far, above the audio
+/// A relay's FEC sockets for channels 1 and 2 are this far, and twice this far, above the audio
 /// socket of their program.
 constexpr int kFecSocketPortOffset = 100;
 
-/// A station hears FEC of channel 1 and 2 this far, and twice this far, above its receive port.
+/// A station receives FEC of channels 1 and 2 this far, and twice this far, above its receive port.
 constexpr int kFecCopyPortOffset = 2;

@@ -27,7 +27,7 @@ constexpr int kListenBacklog = 500;
 constexpr int kBindRetryMillis = 10000;
 constexpr int kAudioBufBytes = 2097152;
 
-bool bSetOption(int fd, int nLevel, int nOption) {
+[[nodiscard]] bool bSetOption(int fd, int nLevel, int nOption) {
     const int nOn = 1;
     return setsockopt(fd, nLevel, nOption, &nOn, sizeof nOn) != -1;
 }
@@ -36,8 +36,8 @@ int nBind(int fd, const sockaddr_in& siAddress) {
     return bind(fd, reinterpret_cast<const sockaddr*>(&siAddress), sizeof siAddress);
 }
 
-/// Binds and listens. The old process of a restart may hold the port for a while, so a failed bind
-/// is tried again until the port is free or the process is to end. `sProblem` precedes the reason
+/// Binds and listens. During a restart the old process may still hold the port, so a failed bind is
+/// retried until the port is free or the process is asked to exit. `sProblem` precedes the reason
 /// in the log.
 ListenOutcome bindAndListen(int fd, const sockaddr_in& siAddress, const char* sProblem) {
     while (nBind(fd, siAddress) == -1) {
@@ -50,7 +50,7 @@ ListenOutcome bindAndListen(int fd, const sockaddr_in& siAddress, const char* sP
     return ListenOutcome::kListening;
 }
 
-/// Logs and shows that a socket could not be created; `sSocket` is its name in the texts.
+/// Logs and prints that a socket could not be created; `sSocket` names it in both texts.
 void reportNoSocket(const char* sSocket) {
     const int nProblem = errno;
     writeToLog(true, "Error: %s socket creation failed. %s. relayserver quitting.\n", sSocket,
@@ -59,7 +59,7 @@ void reportNoSocket(const char* sSocket) {
     std::perror((std::string(sSocket) + " socket").c_str());
 }
 
-/// One FEC companion: bound to the audio address at `nPort`, which wraps in its 16 bits; -1 on
+/// Opens one FEC socket, bound to the audio address at `nPort` (modulo 65536); -1 with errno on
 /// failure.
 int nOpenFecSocket(sockaddr_in siAddress, int nPort) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -76,7 +76,7 @@ int nOpenFecSocket(sockaddr_in siAddress, int nPort) {
     return fd;
 }
 
-/// The two FEC companions of program `i`; ends FEC when one cannot be had.
+/// Opens the two FEC sockets of program `i`; disables FEC if one of them cannot be opened.
 void openFecSockets(int i, const sockaddr_in& siAddress) {
     udp_fec1_sockfd[i] = nOpenFecSocket(siAddress, rtp_listen_port[i] + kFecSocketPortOffset);
     if (udp_fec1_sockfd[i] == -1) {
@@ -99,7 +99,7 @@ void openFecSockets(int i, const sockaddr_in& siAddress) {
     writeToLog(true, "INFO: FEC sockets set correctly\n");
 }
 
-/// The audio socket of program `i`; false, logged, on failure.
+/// Opens the audio socket of program `i`; false, with the reason logged, on failure.
 [[nodiscard]] bool bOpenAudioSocket(int i) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd == -1) {
@@ -162,9 +162,9 @@ ListenOutcome openTlsListener() {
         return ListenOutcome::kFailed;
     }
     ssl_listen_sockfd = fd;
-    (void)bSetSocketInterface(fd);  // logged there; TLS clients may come by any interface
+    (void)bSetSocketInterface(fd);  // logged there; TLS clients may use any interface
     const sockaddr_in siAddress = siListenAddress("SSL", ssl_msg_port);
-    bSetOption(fd, SOL_SOCKET, SO_REUSEADDR);
+    (void)bSetOption(fd, SOL_SOCKET, SO_REUSEADDR);  // only restarts are slower without it
     return bindAndListen(fd, siAddress, "Error: Couldn't bind SSL server: ");
 }
 
@@ -181,7 +181,7 @@ void watchListeners() {
     makeNonBlocking(connect_listen_sockfd);
     makeNonBlocking(ssl_listen_sockfd);
     addToEpollForRead(connect_listen_sockfd);
-    // Without TLS this names descriptor 0, which start-up has made one that is never ready.
+    // Without TLS this is descriptor 0, which start-up replaced with one that is never ready.
     addToEpollForRead(ssl_listen_sockfd);
 }
 

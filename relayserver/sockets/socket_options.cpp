@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Half of what the kernel books: the part that holds data. -1 when it cannot be read.
+/// Half of the size that the kernel reports: the part that holds data. -1 if it cannot be read.
 int nUsableBufBytes(int fd, int nOption) {
     int nBytes = 0;
     socklen_t nLen = sizeof nBytes;
@@ -20,7 +20,7 @@ int nUsableBufBytes(int fd, int nOption) {
     return nBytes / 2;
 }
 
-bool bIncreaseSockBuf(int fd, int nBytes, int nOption, const char* sWhich) {
+[[nodiscard]] bool bIncreaseSockBuf(int fd, int nBytes, int nOption, const char* sWhich) {
     if (fd < 1) {
         return false;
     }

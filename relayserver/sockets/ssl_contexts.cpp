@@ -24,7 +24,7 @@ bool SslCtxWrap::set_new(const SSL_METHOD* pMethod) {
     if (_pContext == nullptr) {
         return false;
     }
-    // An idle session holds no buffers, and busy ones take turns with those that are in the
+    // Idle sessions then hold no buffers, and busy ones reuse buffers that are still in the
     // processor's cache.
     SSL_CTX_set_mode(_pContext.get(), SSL_MODE_RELEASE_BUFFERS);
     return true;

@@ -1,4 +1,4 @@
-/// The two TLS contexts: of the connections that clients make to us, and of those that we make.
+/// The two TLS contexts: for the connections that clients make to us, and for those that we make.
 /// Main thread only.
 #pragma once
 
@@ -9,10 +9,11 @@
 /// Owns one TLS context; empty until `set_new`.
 class SslCtxWrap {
   public:
-    /// Holds a fresh context of `pMethod` in place of the one held so far; false when OpenSSL has
-    /// none to give.
+    /// Replaces the context held so far with a new one of `pMethod`; false if OpenSSL cannot create
+    /// it.
     bool set_new(const SSL_METHOD* pMethod);
 
+    /// The context; null before `set_new`.
     [[nodiscard]] SSL_CTX* get() const { return _pContext.get(); }
 
   private:
@@ -22,17 +23,20 @@ class SslCtxWrap {
     std::unique_ptr<SSL_CTX, Free> _pContext;
 };
 
+/// For connections from clients, and for the link to the connection server.
 extern SslCtxWrap& sslctx_server;
 extern SslCtxWrap& sslctx_client;
 
-/// Initialises the TLS library and makes both contexts anew.
+/// Initialises the TLS library and creates both contexts, replacing existing ones.
 void InitializeSSL();
 
-/// Makes the client context unless there is one.
+/// Creates the client context if there is none.
 void ensureClientContext();
 
-/// Loads certificate chain and key into the server context; logs why and returns false on failure.
+/// Loads certificate chain and key into the server context; false, with the reason logged, on
+/// failure.
 [[nodiscard]] bool bLoadServerCertificate();
 
-/// For the error-printing call of the TLS library: logs one line of its error queue; always 1.
+/// Callback of `ERR_print_errors_cb`: logs `sText`, one NUL-terminated line of the error queue.
+/// Always returns 1.
 int sslErrorCallback(const char* sText, size_t nLen, void* pUser);
