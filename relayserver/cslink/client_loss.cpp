@@ -43,7 +43,8 @@ void CleanBadSocket(int fd, LeaveReason reason) {
     RelayClientTable* const pTableFound = findTableOf(fd, pClientFound);
     if (pTableFound == nullptr) {
         writeToLog(true, "WARNING: could not identify client - closing fd anyway\n");
-        // Were it a pending connect, a newcomer on the same descriptor would take its place.
+        // A pending connect must leave its table, or a new connection that gets the same descriptor
+        // number would be taken for it.
         if (ctOutboundConnectsPending.bDelete(fd)) {
             noteDeparture(reason);
         }

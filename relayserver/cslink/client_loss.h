@@ -1,15 +1,16 @@
-/// How clients are lost, and what the connection server hears of it. Main thread only.
+/// The loss of clients, and reporting it to the connection server. Main thread only.
 #pragma once
 
 #include "relayserver/clients/departures.h"
 
-/// Tells the connection server that it lost the admitted client `nClientID`, and remembers so for a
-/// connection server that is out of reach.
+/// Reports to the connection server that the admitted client `nClientID` was lost, and remembers
+/// the loss in case the server is out of reach.
 void reportLostClient(unsigned nClientID);
 
-/// Ends whatever a failed descriptor belongs to: a client of any table, whose loss is reported if
-/// it had an id, or the connection-server link, which is marked as broken and taken down by the
-/// loop. An unknown descriptor is closed; so is a pending connect to another relay, of which the
-/// connection server has not heard yet. Frees the record of that client and of no other. Because a
-/// failed send ends here, so may any function that sends to a client. `reason` is counted.
+/// Cleans up after a failure on `fd`. A client of any table is removed, and its loss reported if it
+/// had an id. The link to the connection server is marked as broken, for the event loop to take
+/// down. A pending connect to another relay is closed without a report, since the connection server
+/// does not know of it yet; an unknown descriptor is just closed. `reason` is counted. Frees the
+/// record of that client and of no other; since failed sends end here, any function that sends to a
+/// client may free it.
 void CleanBadSocket(int fd, LeaveReason reason);

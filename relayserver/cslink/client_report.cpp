@@ -33,7 +33,7 @@ int nDropAll(RelayClientTable& table, LeaveReason reason, const char* sOutOfRang
     return nDropped;
 }
 
-bool bCameBack(const Orvex::LostConnectionNetMessage& lcnm) {
+[[nodiscard]] bool bReconnected(const Orvex::LostConnectionNetMessage& lcnm) {
     RelayClient* pClient = nullptr;
     return ctAuthClientTable.bLookUp(lcnm.GetClientID(), &pClient);
 }
@@ -70,7 +70,7 @@ int IdentifyLosses() {
                vRecentlyLost.size());
     const auto itStopped =
         std::find_if(vRecentlyLost.begin(), vRecentlyLost.end(), [](const auto& pLost) {
-            return !bCameBack(*pLost) && pLost->Send(true, msConnServMsgSock) <= 0;
+            return !bReconnected(*pLost) && pLost->Send(true, msConnServMsgSock) <= 0;
         });
     if (itStopped != vRecentlyLost.end()) {
         writeToLog(true,

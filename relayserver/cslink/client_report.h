@@ -1,14 +1,15 @@
-/// What the relay tells a connection server about its clients when it logs in, and what it does
-/// with them when the server knows nothing of them. Main thread only.
+/// What the relay reports about its clients when it logs in to a connection server, and the removal
+/// of all clients when the server does not know the session. Main thread only.
 #pragma once
 
 #include "relayserver/clients/departures.h"
 
-/// Confirms every admitted client on the link; 0, or -1 when the link did not take all.
+/// Confirms every admitted client to the connection server. Returns 0, or -1 if a send failed
+/// before all were confirmed.
 int IdentifyClients();
 
-/// Reports the clients lost lately that have not come back, and forgets those reported; 0, or -1
-/// when some are left because the link did not take them.
+/// Reports the recently lost clients that have not reconnected and forgets those reported. Returns
+/// 0, or -1 if a send failed and some are left.
 int IdentifyLosses();
 
 /// Drops every admitted and every loose client, for `reason`, and every route.

@@ -19,7 +19,7 @@ namespace {
 
 /// Confirmations and losses, for example: they are rebuilt from the client table and the list of
 /// losses after a reconnect.
-bool bNeverQueued(NetMessage& nmp) {
+[[nodiscard]] bool bNeverQueued(NetMessage& nmp) {
     NetMessageType nmtType;
     nmp.GetNetMsgType(nmtType);
     return bIsNeverQueued(static_cast<unsigned char>(nmtType.ToLong()));
@@ -55,7 +55,7 @@ int nQueue(NetMessage& nmp) {
 
 int ForwardToCS(NetMessage& nmp) {
     if (nmp.frame().empty()) {
-        return 0;  // no link could ever carry it, so none is to be blamed for it
+        return 0;  // too large for any link, so this one is not broken
     }
     if (bLinkFinished()) {
         const int nSent = nmp.Send(true, msConnServMsgSock);

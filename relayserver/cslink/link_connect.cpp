@@ -25,7 +25,8 @@ namespace {
 constexpr int kFailed = -1;
 constexpr int kConnServPort = 9736;
 
-/// The first IPv4 address of the server in front; false, logged, when its name does not resolve.
+/// The first IPv4 address of the server at the front of `serverQ`, with the port; false, with the
+/// reason logged, if its name does not resolve.
 [[nodiscard]] bool bResolveServer(sockaddr_in& rsiAddress) {
     const hostent* const pHost = serverQ.empty() ? nullptr : gethostbyname(serverQ.front().c_str());
     if (pHost == nullptr || pHost->h_addrtype != AF_INET || pHost->h_addr_list[0] == nullptr) {
@@ -40,7 +41,7 @@ constexpr int kConnServPort = 9736;
     return true;
 }
 
-/// A socket with the configured options; -1, logged, when there is none to be had.
+/// A socket with the configured options; -1, with the reason logged, on failure.
 int nOpenLinkSocket() {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd == -1) {
@@ -68,8 +69,9 @@ void logTlsLibraryErrors() {
     ERR_print_errors_cb(sslErrorCallback, nullptr);
 }
 
-/// One step of the handshake. `bFirst`: the step right after the connect, whose texts differ.
-int nStep(bool bFirst) {
+/// One step of the handshake. `bFirst`: the step right after the connect, which logs different
+/// texts.
+int nDoHandshakeStep(bool bFirst) {
     ERR_clear_error();
     const int nResult = SSL_do_handshake(connserv_ssl);
     if (nResult == 1) {
@@ -100,7 +102,7 @@ int nStartHandshake() {
     }
     SSL_set_connect_state(connserv_ssl);
     enterStage(SSL_HANDSHAKE);
-    return nStep(true);
+    return nDoHandshakeStep(true);
 }
 
 }  // namespace
@@ -135,7 +137,7 @@ int nStartAttempt() {
 
 int nFinishConnect() {
     writeToLog(true, "Finished non-blocking connect to connserver\n");
-    (void)bDisableNagle(connserv_sockfd);  // the link works without, only later
+    (void)bDisableNagle(connserv_sockfd);  // the link works without it, with more delay
     if (bCS_ssl) {
         return nStartHandshake();
     }
@@ -145,7 +147,7 @@ int nFinishConnect() {
 }
 
 int nStepHandshake() {
-    return nStep(false);
+    return nDoHandshakeStep(false);
 }
 
 void rewatchLink(bool bForWrite) {

@@ -1,18 +1,18 @@
-/// The first steps of an attempt to reach a connection server: connect and TLS handshake. Each
-/// returns the new stage, or -1 when the attempt failed. Main thread only.
+/// The first steps of an attempt to reach a connection server: connect and TLS handshake. Functions
+/// that return an int return the new stage, or -1 if the attempt failed. Main thread only.
 #pragma once
 
-/// Starts a connect to the server in front of `serverQ`; only without a link.
+/// Starts a connect to the server at the front of `serverQ`. There must be no link.
 int nStartAttempt();
 
-/// The connect is complete: starts the handshake, or waits for the challenge.
+/// Continues after the connect: starts the TLS handshake or, without TLS, waits for the challenge.
 int nFinishConnect();
 
-/// The socket is ready for another step of the handshake.
+/// Continues the handshake when the socket is ready.
 int nStepHandshake();
 
-/// Watches the link's socket for room to write, or for input, and for nothing else.
+/// Watches the link's socket for writability (`bForWrite`) or for input, and for nothing else.
 void rewatchLink(bool bForWrite);
 
-/// Gives the attempt up; the next server is tried next. Always -1.
+/// Gives up the attempt and moves on to the next server. Always returns -1.
 int nFailAndSwitch();

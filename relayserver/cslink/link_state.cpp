@@ -65,8 +65,8 @@ void noteSessionWith(const std::string& sServer) {
     sLastServer = sServer;
 }
 
-void letClientsIn(bool bIn) {
-    bAccepting = bIn;
+void setAccepting(bool bNewClients) {
+    bAccepting = bNewClients;
 }
 
 void markLinkBroken() {

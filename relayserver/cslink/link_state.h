@@ -1,4 +1,4 @@
-/// The state of the link to the connection server. Everybody may read the variables; only the
+/// The state of the link to the connection server. Any code may read the variables, but only the
 /// functions below change them. Main thread only.
 #pragma once
 
@@ -9,6 +9,7 @@
 
 #include "orvex/relay_message_socket.h"
 
+/// The stages of the link, in the order of an attempt.
 enum connection_stage_t {
     CONNECTION_IDLE = 0,             ///< no socket; the next call starts a connect
     WAITING_FOR_CONNECT = 1,         ///< connect issued, waiting for writability
@@ -18,13 +19,14 @@ enum connection_stage_t {
     CONNECTION_FINISHED = 353,       ///< logged in, relay port sent: normal traffic
 };
 
+/// The current stage.
 extern connection_stage_t nConnectionStage;
 
 /// The server of the last login that was not a continuation.
 extern std::string sLastServer;
 
-/// The link's descriptor (0 for none), its TLS session (null for none) and the message socket over
-/// both. The socket owns neither.
+/// The link's descriptor (0 for none), its TLS session (null for none), and the message socket that
+/// uses both without owning them.
 extern int connserv_sockfd;
 extern SSL* connserv_ssl;
 extern Orvex::RelayMessageSocket msConnServMsgSock;
@@ -36,31 +38,34 @@ extern bool bMarkedBroken;
 extern int nLastChallenge;
 /// Whether the next login asks to continue the session of an earlier one.
 extern bool bLoginContinue;
-/// Whether new clients are accepted; false only while there is no server to tell of them.
+/// Whether new clients are accepted; false only while there is no server to report them to.
 extern bool bAccepting;
 
-/// Last message from the server, start of the last attempt, last loss of the link (seconds).
+/// Time of the last message from the server, of the start of the last attempt, and of the last loss
+/// of the link (seconds since the epoch).
 extern std::time_t ttLastConnServMsg;
 extern std::time_t ttLastCSConnectAttempt;
 extern std::time_t ttConnectLost;
 
-/// Least number of seconds between two attempts.
+/// Minimum number of seconds between two attempts.
 extern unsigned connectRetry_secs;
 
-/// The attempt or the log-in has come as far as `stage`.
+/// The attempt or log-in has reached `stage`.
 void enterStage(connection_stage_t stage);
 
-/// A connect to `siServer` is under way on `fd`: the link takes it over and waits for it.
+/// A connect to `siServer` is in progress on `fd`: the link takes over the descriptor and waits for
+/// the connect to complete.
 void adoptSocket(int fd, const sockaddr_in& siServer);
 
-/// The link goes on over the TLS session `pSSL` on its socket, which it takes over.
+/// The link continues over the TLS session `pSSL` (may be null) on its socket, and owns the
+/// session.
 void adoptSession(SSL* pSSL);
 
-/// An attempt begins, a message of the server has come, at `ttNow`.
+/// Note that an attempt began, or that a message from the server arrived, at `ttNow`.
 void noteAttempt(std::time_t ttNow);
 void noteServerHeard(std::time_t ttNow);
 
-/// The server asks for a login that answers `nChallenge`.
+/// The next login must answer the challenge `nChallenge`.
 void noteChallenge(int nChallenge);
 
 /// The relay has logged in: later logins ask to continue this session.
@@ -70,12 +75,12 @@ void forgetSession();
 /// A new session has begun with server `sServer`.
 void noteSessionWith(const std::string& sServer);
 
-/// Lets new clients in, or keeps them out because there is no server to tell of them.
-void letClientsIn(bool bIn);
+/// Sets whether new clients are accepted.
+void setAccepting(bool bNewClients);
 
-/// Marks the link as broken: nothing is sent on it any more, and the loop takes it down once the
-/// handler that is running has returned (`settleBrokenLink`). The stage stays until then. Callers
-/// deep inside a send therefore lose nothing that they hold.
+/// Marks the link as broken: nothing more is sent on it, and the event loop takes it down
+/// (`settleBrokenLink`) after the current handler has returned. The stage does not change until
+/// then. Pointers held by callers deep inside a send therefore stay valid.
 void markLinkBroken();
 
 /// Whether the link is marked as broken and still up.
@@ -91,7 +96,8 @@ void markLinkBroken();
 /// Takes the link down, whatever its stage; clients stay connected. Harmless without a link.
 void LostConnectionToCS();
 
-/// As `LostConnectionToCS` for an attempt that has already been given up in the log.
+/// Like `LostConnectionToCS`, for an attempt whose failure is already logged: logs nothing and does
+/// not count as a loss of the link.
 void closeLink();
 
 /// Puts everything back to its state at process start.

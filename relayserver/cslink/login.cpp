@@ -22,16 +22,16 @@ using Orvex::NetMessageType;
 namespace {
 
 constexpr int kFailed = -1;
-/// The role of a login that continues no earlier one.
+/// The role requested by a login that does not continue a session.
 constexpr Orvex::Function fMyFunction = fRelay;
 
-int nLoseLink() {
+int nDropLink() {
     LostConnectionToCS();
     return kFailed;
 }
 
-/// The configured address as the number that travels, in network byte order; 0 for none. `sWhich`
-/// and `sWhichIP` name it in the text about one that does not parse.
+/// The configured address as it is sent, in network byte order; 0 if there is none. `sWhich` and
+/// `sWhichIP` name it in the log line about an address that does not parse.
 unsigned nAddressToReport(const std::string& sAddress, const char* sWhich, const char* sWhichIP) {
     in_addr iaAddress{};
     if (sAddress.empty() || bParseIPv4(sAddress, iaAddress)) {
@@ -44,7 +44,7 @@ unsigned nAddressToReport(const std::string& sAddress, const char* sWhich, const
     return 0;
 }
 
-/// Tells the server where this relay listens; true when that went out.
+/// Reports to the server where this relay listens; false if the send failed.
 [[nodiscard]] bool bSendRelayPort() {
     const unsigned nPublic = nAddressToReport(sRequestedListenAddr, "public", "Public");
     const unsigned nPrivate = nAddressToReport(sRequestedPrivateListenAddr, "private", "Private");
@@ -56,7 +56,8 @@ unsigned nAddressToReport(const std::string& sAddress, const char* sWhich, const
     return rpnm.Send(true, msConnServMsgSock) > 0;
 }
 
-/// The server knows this relay's session: tells it who left meanwhile, and who is here.
+/// The server knows this relay's session: reports the clients that have left in the meantime and
+/// those that are connected.
 [[nodiscard]] bool bContinueSession() {
     writeToLog(true, "Successful continuation with server %s\n", sLastServer.c_str());
     if (IdentifyLosses() != 0) {
@@ -70,7 +71,7 @@ unsigned nAddressToReport(const std::string& sAddress, const char* sWhich, const
     return true;
 }
 
-/// A session that the server does not know from before: nothing of the old one holds any longer.
+/// A new session: nothing from the old one is valid any longer.
 void beginSession() {
     writeToLog(true, "Switched from server %s to server %s\n", sLastServer.c_str(),
                serverQ.front().c_str());
@@ -81,11 +82,11 @@ void beginSession() {
 }
 
 int onLoginAccepted() {
-    letClientsIn(true);
+    setAccepting(true);
     if (!bLoginContinue) {
         beginSession();
     } else if (!bContinueSession()) {
-        return nLoseLink();
+        return nDropLink();
     }
     noteLoggedIn();
     writeToLog(true, "assigned id number %u\n", nSenderID);
@@ -115,7 +116,7 @@ int onLoginResponse(const char* achMsg, int nMsgLen) {
         enterStage(WAITING_FOR_CHALLENGE);
         return nConnectionStage;
     }
-    return nLoseLink();
+    return nDropLink();
 }
 
 int onUnexpected(const char* achMsg, int nMsgLen) {
@@ -123,7 +124,7 @@ int onUnexpected(const char* achMsg, int nMsgLen) {
     writeToLog(true, "Message contents: ");
     printchars(achMsg, nMsgLen);
     writeToLog(false, "\n");
-    return nLoseLink();
+    return nDropLink();
 }
 
 }  // namespace
@@ -148,7 +149,7 @@ int onChallenge(const char* achMsg, int nMsgLen) {
         writeToLog(true, "INFO: challenge number recieved out of place, re-sending login\n");
     }
     noteChallenge(Orvex::ChallengeNetMessage(achMsg, nMsgLen).GetLoginNumber());
-    return SendLogin() < 0 ? nLoseLink() : nConnectionStage;
+    return SendLogin() < 0 ? nDropLink() : nConnectionStage;
 }
 
 int onLoginMessage(const char* achMsg, int nMsgLen) {

@@ -25,14 +25,14 @@ constexpr const char* kLooseOutOfRange = "WARNING - loose client table, stepped 
 constexpr const char* kHandshakeOutOfRange =
     "WARNING - ssl handshake table, stepped out of range\n";
 
-/// Calls `doWith` for each client of `table`; it may remove clients, that one included.
+/// Calls `visit` for each client of `table`; it may remove clients, that one included.
 template <class Function>
-void walkTable(RelayClientTable& table, const char* sOutOfRange, Function doWith) {
+void walkTable(RelayClientTable& table, const char* sOutOfRange, Function visit) {
     try {
         RelayClientTable::Walk walk(table);
         if (walk.bBeginTraverse()) {
             do {
-                doWith(walk.current());
+                visit(walk.current());
             } while (walk.bContinueTraverse());
         }
     } catch (const std::out_of_range&) {
@@ -60,16 +60,16 @@ void dropIdleClient(RelayClient& client, double dSilent) {
     const auto nClientID = static_cast<unsigned>(client.GetClientID());
     writeToLog(true, "Dropping connect to client ID %u, socket %u, %s - idle for %.f seconds\n",
                nClientID, nSocketOf(client), sAddressOf(client).c_str(), dSilent);
-    constexpr std::string_view kFarewell = "Your client has been timed out by its relay\r\n";
+    constexpr std::string_view kTimeoutNotice = "Your client has been timed out by its relay\r\n";
     Orvex::ChatNetMessage cnm;
     cnm.SetName("SERVER");
-    cnm.SetChat(kFarewell.data(), static_cast<int>(kFarewell.size()));
-    (void)cnm.Send(true, *client.GetMessageSocket());  // it goes in any case
+    cnm.SetChat(kTimeoutNotice.data(), static_cast<int>(kTimeoutNotice.size()));
+    (void)cnm.Send(true, *client.GetMessageSocket());  // it is dropped in any case
     reportLostClient(nClientID);
     DeleteClient(ctAuthClientTable, client, LeaveReason::kIdle);
 }
 
-/// False when the client had sent too much and is gone.
+/// False if the client sent too much and has been removed.
 [[nodiscard]] bool bCheckInput(RelayClient& client, std::time_t ttNow) {
     constexpr double kReportAboveRate = 12500;
     constexpr int kHalfHour = 1800;

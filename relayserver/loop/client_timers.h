@@ -3,11 +3,11 @@
 
 #include <ctime>
 
-/// Input limit of an admitted client that is no relay peer.
+/// Input limit of an admitted client that is not a relay peer.
 constexpr unsigned kMaxAllowedTcpBytesPerSecond = 2000000;
 
-/// Drops admitted clients that were silent for more than 15 s; tells them and the connection
-/// server.
+/// Drops admitted clients that were silent for more than 15 s, after a notice to them, and reports
+/// them to the connection server.
 void dropIdleClients(std::time_t ttNow);
 
 /// Gives up connects to other relays that have taken more than 5 s.

@@ -30,30 +30,30 @@ namespace {
 
 constexpr int kWaitMillis = 500;
 
-/// A handler answers whether the descriptor of the event is its own; if so it has handled the
-/// event.
+/// Returns whether the descriptor of the event belongs to the handler; if so, the event has been
+/// handled. `nIndex` is the number of the event in this pass.
 using handler_t = bool (*)(epoll_event& epe, int nIndex);
 
-/// Whether the peer of a broken connection had sent something that has not been handled yet.
-bool bInputWaits(Orvex::RelayMessageSocket& rSocket) {
+/// Whether a connection has input that has not been handled yet.
+[[nodiscard]] bool bInputPending(Orvex::RelayMessageSocket& rSocket) {
     int nBytes = 0;
     return rSocket.bHasMoreInput() ||
            (ioctl(rSocket.getMsgSockFileDesc(), FIONREAD, &nBytes) == 0 && nBytes > 0);
 }
 
-/// A client whose last messages are to be read before its connection is cleaned up. A peer that
-/// closes with our heartbeats unread resets the connection, although it may have logged out
-/// properly.
-bool bClientHasLastWords(int fd) {
+/// Whether a client has unread input, which must be handled before its connection is cleaned up: a
+/// peer that closes with our heartbeats unread resets the connection, although it may have logged
+/// out properly.
+[[nodiscard]] bool bHasUnreadInput(int fd) {
     RelayClient* pClient = nullptr;
     return (ctAuthClientTable.bFileDescLookUp(fd, &pClient) ||
             ctLooseClientTable.bFileDescLookUp(fd, &pClient)) &&
-           bInputWaits(*pClient->GetMessageSocket());
+           bInputPending(*pClient->GetMessageSocket());
 }
 
-bool bHandleBadSocket(epoll_event& epe, int nIndex) {
+[[nodiscard]] bool bHandleBadSocket(epoll_event& epe, int nIndex) {
     const int fd = nDescriptorOf(epe);
-    if ((epe.events & (EPOLLERR | EPOLLHUP)) == 0 || bClientHasLastWords(fd) ||
+    if ((epe.events & (EPOLLERR | EPOLLHUP)) == 0 || bHasUnreadInput(fd) ||
         bClearAudioSocketError(fd)) {
         return false;
     }
@@ -71,7 +71,7 @@ bool bHandleBadSocket(epoll_event& epe, int nIndex) {
     return true;
 }
 
-bool bHandleConnServer(epoll_event& epe, int /*nIndex*/) {
+[[nodiscard]] bool bHandleConnServer(epoll_event& epe, int /*nIndex*/) {
     if (connserv_sockfd == 0 || nDescriptorOf(epe) != connserv_sockfd) {
         return false;
     }
@@ -79,7 +79,7 @@ bool bHandleConnServer(epoll_event& epe, int /*nIndex*/) {
     return true;
 }
 
-bool bHandleAuthClient(epoll_event& epe, int /*nIndex*/) {
+[[nodiscard]] bool bHandleAuthClient(epoll_event& epe, int /*nIndex*/) {
     RelayClient* pClient = nullptr;
     if (!ctAuthClientTable.bFileDescLookUp(nDescriptorOf(epe), &pClient)) {
         return false;
@@ -88,7 +88,7 @@ bool bHandleAuthClient(epoll_event& epe, int /*nIndex*/) {
     return true;
 }
 
-bool bHandleLooseClient(epoll_event& epe, int /*nIndex*/) {
+[[nodiscard]] bool bHandleLooseClient(epoll_event& epe, int /*nIndex*/) {
     RelayClient* pClient = nullptr;
     if (!ctLooseClientTable.bFileDescLookUp(nDescriptorOf(epe), &pClient)) {
         return false;
@@ -97,7 +97,7 @@ bool bHandleLooseClient(epoll_event& epe, int /*nIndex*/) {
     return true;
 }
 
-bool bHandleHandshake(epoll_event& epe, int /*nIndex*/) {
+[[nodiscard]] bool bHandleHandshake(epoll_event& epe, int /*nIndex*/) {
     RelayClient* pClient = nullptr;
     if (!ctSslHandshakingTable.bFileDescLookUp(nDescriptorOf(epe), &pClient)) {
         return false;
@@ -106,7 +106,7 @@ bool bHandleHandshake(epoll_event& epe, int /*nIndex*/) {
     return true;
 }
 
-bool bHandleTlsAccept(epoll_event& epe, int /*nIndex*/) {
+[[nodiscard]] bool bHandleTlsAccept(epoll_event& epe, int /*nIndex*/) {
     if (ssl_listen_sockfd == 0 || nDescriptorOf(epe) != ssl_listen_sockfd) {
         return false;
     }
@@ -114,7 +114,7 @@ bool bHandleTlsAccept(epoll_event& epe, int /*nIndex*/) {
     return true;
 }
 
-bool bHandlePlainAccept(epoll_event& epe, int /*nIndex*/) {
+[[nodiscard]] bool bHandlePlainAccept(epoll_event& epe, int /*nIndex*/) {
     if (nDescriptorOf(epe) != connect_listen_sockfd) {
         return false;
     }
@@ -122,14 +122,14 @@ bool bHandlePlainAccept(epoll_event& epe, int /*nIndex*/) {
     return true;
 }
 
-// The order is behaviour: an error is seen before any read, a client before a listener.
+// The order matters: errors are seen before any read, clients before listeners.
 constexpr handler_t kHandlersInOrder[] = {
     bHandleBadSocket,      bHandleUdpAudio,   bHandleConnServer,
     bHandlePendingConnect, bHandleAuthClient, bHandleLooseClient,
     bHandleHandshake,      bHandleTlsAccept,  bHandlePlainAccept,
 };
 
-/// The number of ready descriptors; 0 when the wait failed, which is logged.
+/// The number of ready descriptors; 0 if the wait failed, which is logged.
 int waitForEvents() {
     const bool bWorkLeft = bTurnsWaiting() || bArchiveWaits();
     const int nReady = epoll_wait(ep_fd, ep_events, kMaxEpollEvents, bWorkLeft ? 0 : kWaitMillis);
@@ -140,7 +140,7 @@ int waitForEvents() {
     return nReady;
 }
 
-/// Descriptors whose input left the kernel in an earlier pass.
+/// Descriptors whose input was read from the kernel in an earlier pass.
 void offerWaitingTurns(int nFirstIndex) {
     epoll_event epe{};
     for (int nIndex = nFirstIndex; bNextTurn(epe); ++nIndex) {

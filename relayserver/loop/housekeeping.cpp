@@ -25,14 +25,15 @@ namespace {
 constexpr int kLoadReportSecs = 60;
 
 bool bTimerTick = false;
-/// When the database was last found dead: it is tried again in the next second, not in each pass.
-std::time_t ttDatabaseTried = 0;
+/// When the database was last found unreachable: it is retried in the next second, not in each
+/// pass.
+std::time_t ttLastDatabaseRetry = 0;
 
-void lookAfterDatabase() {
-    if (ttThisLoop == ttDatabaseTried || CheckSQLConnection(nullptr)) {
+void checkDatabase() {
+    if (ttThisLoop == ttLastDatabaseRetry || CheckSQLConnection(nullptr)) {
         return;
     }
-    ttDatabaseTried = ttThisLoop;
+    ttLastDatabaseRetry = ttThisLoop;
     writeToLog(true, "PostgreSQL database not connected!\n");
     (void)ResetSQL(nullptr);  // the next pass sees whether it worked
 }
@@ -74,7 +75,7 @@ void runTimers() {
 
 void headOfPass() {
     ttThisLoop = nowSecs();
-    lookAfterDatabase();
+    checkDatabase();
     loggingTimeCheck();
     lookAfterArchive(ttThisLoop);
     clearRecentlyLostOnBoundary(ttThisLoop, bLinkFinished());
@@ -102,5 +103,5 @@ void resetHousekeepingForTest() {
     ttLastLoop = 0;
     epoll_load_avg_1 = epoll_load_avg_1K = epoll_load_avg_1M = 0;
     bTimerTick = false;
-    ttDatabaseTried = 0;
+    ttLastDatabaseRetry = 0;
 }

@@ -1,4 +1,4 @@
-/// The time-driven work at the head and at the tail of each pass. Main thread only.
+/// The time-driven work at the start and at the end of each pass. Main thread only.
 #pragma once
 
 #include <ctime>
@@ -13,11 +13,11 @@ extern double epoll_load_avg_1;
 extern double epoll_load_avg_1K;
 extern double epoll_load_avg_1M;
 
-/// Looks after the database, the log file, the archive, the list of losses and paused listeners;
-/// decides whether the timers run at the end of this pass.
+/// Checks the database, the log file, the archive, the list of losses and paused listeners; decides
+/// whether the timers run at the end of this pass.
 void headOfPass();
 
-/// Takes the number of ready descriptors into the load averages.
+/// Adds the number of ready descriptors to the load averages.
 void noteLoad(int nReady);
 
 /// Runs the timers if this pass is the first of a second divisible by four. May remove clients.

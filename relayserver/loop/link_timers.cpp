@@ -18,7 +18,7 @@ namespace {
 void abandonLink(double dIdle) {
     writeToLog(true, "abandoning connection with connserver - idle for %.0f seconds\n", dIdle);
     if (nConnectionStage != CONNECTION_FINISHED) {
-        SwitchServers();  // this one did not even let us in
+        SwitchServers();  // this server did not complete the login
     }
     LostConnectionToCS();
     ConnectToServer(false, nullptr);
@@ -35,7 +35,7 @@ void hibernate() {
                "Haven't been able to reach connection server for %u seconds, dropping clients and "
                "hibernating accepting new ones until connection made\n",
                nMaxTimeAwayFromCS);
-    letClientsIn(false);
+    setAccepting(false);
     MopupCS(LeaveReason::kHibernation);
     ClearCSQueue();
 }

@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-/// Does what the link needs at `ttNow`: gives up a silent one, keeps a living one alive, or tries
-/// to bring it back; after `nMaxTimeAwayFromCS` without a server drops all clients and accepts none
-/// until a server is back. May remove clients.
+/// Maintains the link at `ttNow`: drops a silent one, sends heartbeats on a working one, or tries
+/// to reconnect. After `nMaxTimeAwayFromCS` seconds without a server, drops all clients and accepts
+/// none until a server is back. May remove clients.
 void lookAfterLink(std::time_t ttNow);

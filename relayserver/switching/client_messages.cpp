@@ -26,13 +26,13 @@ using Orvex::RelayClient;
 
 namespace {
 
-/// Only relay peers carry messages of others.
-bool bMayCarry(const RelayClient& client, const char* achMsg, int nMsgLen) {
+/// Only relay peers may carry messages of other senders.
+[[nodiscard]] bool bMayCarry(const RelayClient& client, const char* achMsg, int nMsgLen) {
     const int nSender = static_cast<int>(GetNetMessageSenderID(achMsg, nMsgLen));
     return nSender >= 0 && (nSender == client.GetClientID() || bIsRelayPeer(client));
 }
 
-void tellRefused(const RelayClient& client, const char* achMsg, int nMsgLen) {
+void logInvalidSender(const RelayClient& client, const char* achMsg, int nMsgLen) {
     const int nSender = static_cast<int>(GetNetMessageSenderID(achMsg, nMsgLen));
     writeToLog(
         true,
@@ -41,13 +41,13 @@ void tellRefused(const RelayClient& client, const char* achMsg, int nMsgLen) {
         nSender, nMsgLen, client.GetClientID());
 }
 
-void endPeer(RelayClient& client) {
+void dropPeer(RelayClient& client) {
     const auto nClientID = static_cast<unsigned>(client.GetClientID());
     DeleteClient(ctAuthClientTable, client, LeaveReason::kRefusedByRelay);
     reportLostClient(nClientID);
 }
 
-/// The answer of another relay to our log-in or to our audio registration.
+/// Another relay's response to our log-in or to our audio registration.
 void onResponse(RelayClient& client, const char* achMsg, int nMsgLen) {
     const Orvex::ResponseNetMessage rnm(achMsg, nMsgLen);
     const int nClientID = client.GetClientID();
@@ -69,20 +69,20 @@ void onResponse(RelayClient& client, const char* achMsg, int nMsgLen) {
     writeToLog(true, "recieved response message with code %s from client %d\n", sCode.c_str(),
                nClientID);
     if (bIsRelayPeer(client)) {
-        endPeer(client);
+        dropPeer(client);
     }
 }
 
-/// The client goes first; its log-out then tells the connection server.
+/// The client is removed first; forwarding its log-out then informs the connection server.
 void onLogOut(RelayClient& client, const char* achMsg, int nMsgLen) {
     const int nClientID = client.GetClientID();
-    Orvex::LogOutNetMessage lonm(achMsg, nMsgLen);  // a copy: the bytes go with the client
+    Orvex::LogOutNetMessage lonm(achMsg, nMsgLen);  // a copy: the original is freed with the client
     DeleteClient(ctAuthClientTable, client, LeaveReason::kLoggedOut);
     writeToLog(true, "received logout from client %d\n", nClientID);
-    (void)SwitchPacket(&lonm, 0, false);  // goes to the connection server, which cannot fail
+    (void)SwitchPacket(&lonm, 0, false);  // to the connection server, which cannot fail
 }
 
-/// What a relay peer sends was archived where it was captioned.
+/// Captions from a relay peer were archived by the relay that received them first.
 void archiveIfCaption(const RelayClient& client, const char* achMsg, int nMsgLen) {
     if (bArchiveEnable && achMsg[0] == Orvex::CaptionNetMessage::nTYPE && !bIsRelayPeer(client)) {
         const Orvex::CaptionNetMessage cnm(achMsg, nMsgLen);
@@ -90,8 +90,8 @@ void archiveIfCaption(const RelayClient& client, const char* achMsg, int nMsgLen
     }
 }
 
-/// The client's connection is over.
-void loseClient(RelayClient& client) {
+/// The client's connection has ended.
+void dropBrokenClient(RelayClient& client) {
     sockaddr_in siAddress{};
     client.GetAddress(siAddress);
     const auto nClientID = static_cast<unsigned>(client.GetClientID());
@@ -102,8 +102,8 @@ void loseClient(RelayClient& client) {
     DeleteClient(ctAuthClientTable, client, LeaveReason::kConnectionLost);
 }
 
-/// Adds a message to the run that is on its way, if it may travel in it and is not to be refused.
-bool bJoinRun(RelayClient& client, std::string_view svImage, MessageRun& rRun) {
+/// Adds a message to the current run if its type may travel in one and its sender is valid.
+[[nodiscard]] bool bJoinRun(RelayClient& client, std::string_view svImage, MessageRun& rRun) {
     const int nMsgLen = static_cast<int>(svImage.size());
     if (!bMayCarry(client, svImage.data(), nMsgLen) || !bTravelsInRuns(svImage) ||
         !bAddToRun(rRun, svImage)) {
@@ -118,12 +118,13 @@ bool bJoinRun(RelayClient& client, std::string_view svImage, MessageRun& rRun) {
     return true;
 }
 
-bool bHandleNext(RelayClient& client, Orvex::InputBuffer& rInput) {
+[[nodiscard]] bool bHandleNext(RelayClient& client, Orvex::InputBuffer& rInput) {
     const std::optional<std::string_view> svImage = rInput.dequeueView();
     return bHandleClientMessage(client, svImage->data(), static_cast<int>(svImage->size()));
 }
 
-/// A client by descriptor and serial number, since it may go whenever something is sent.
+/// A client by descriptor and serial number: any send may remove the client, so it is looked up
+/// again.
 struct ClientKey {
     int fd;
     std::uint64_t nSerial;
@@ -131,9 +132,9 @@ struct ClientKey {
     [[nodiscard]] RelayClient* find() const { return ctAuthClientTable.findBySerial(fd, nSerial); }
 };
 
-/// Handles the whole messages in `rInput` in their order, until a send fails or the client is gone.
+/// Handles the complete messages in `rInput` in order, until a send fails or the client is gone.
 /// Returns false if a send failed.
-bool bHandleAll(const ClientKey& key, Orvex::InputBuffer& rInput) {
+[[nodiscard]] bool bHandleAll(const ClientKey& key, Orvex::InputBuffer& rInput) {
     MessageRun run;
     RelayClient* pClient = key.find();
     while (pClient != nullptr) {
@@ -145,14 +146,14 @@ bool bHandleAll(const ClientKey& key, Orvex::InputBuffer& rInput) {
             rInput.pop();
             continue;
         }
-        const bool bOK = run.bEmpty() ? bHandleNext(*pClient, rInput) : SwitchRun(run);
+        const bool bOK = run.bEmpty() ? bHandleNext(*pClient, rInput) : bSwitchRun(run);
         run = MessageRun();
         if (!bOK) {
             return false;
         }
         pClient = key.find();
     }
-    return SwitchRun(run);
+    return bSwitchRun(run);
 }
 
 }  // namespace
@@ -161,12 +162,12 @@ bool bHandleClientMessage(RelayClient& client, const char* achMsg, int nMsgLen) 
     client.SetLastMessageTime(nowSecs());
     client.IncrementTcpInputByteCounter(static_cast<unsigned>(nMsgLen));
     if (!bMayCarry(client, achMsg, nMsgLen)) {
-        tellRefused(client, achMsg, nMsgLen);
+        logInvalidSender(client, achMsg, nMsgLen);
         return true;
     }
     const Orvex::NetMessageType nmtType(achMsg, nMsgLen);
     if (nmtType == nmtNetMsgTypeHeartbeat) {
-        return true;  // the time of the client's last message is its whole effect
+        return true;  // its only effect is the time of the last message
     }
     if (nmtType == nmtNetMsgTypeResp) {
         onResponse(client, achMsg, nMsgLen);
@@ -184,7 +185,7 @@ bool bHandleClientMessage(RelayClient& client, const char* achMsg, int nMsgLen) 
 void readAndSwitch(RelayClient& client) {
     const ClientKey key{client.GetMessageSocket()->getMsgSockFileDesc(), client.nSerial()};
     const bool bBroken = client.GetMessageSocket()->nReadBurst() < 0;
-    // Out of the client's hands: it may go while others still get what it sent.
+    // Moved out of the client, which may be removed while others still get what it sent.
     Orvex::InputBuffer input(std::move(client.GetMessageSocket()->input()));
     const bool bOK = bHandleAll(key, input);
     RelayClient* const pClient = key.find();
@@ -194,7 +195,7 @@ void readAndSwitch(RelayClient& client) {
     input.putAside();
     pClient->GetMessageSocket()->input().swap(input);
     if (bBroken && bOK) {
-        loseClient(*pClient);
+        dropBrokenClient(*pClient);
     } else if (bBroken || pClient->GetMessageSocket()->bHasMoreInput()) {
         offerAgain(key.fd);
     }

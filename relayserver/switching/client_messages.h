@@ -1,15 +1,15 @@
-/// What admitted clients and relay peers send: the few messages that concern the relay itself are
-/// handled here, the rest is switched. Main thread only.
+/// Messages from admitted clients and relay peers: the few that concern the relay itself are
+/// handled here, all others are switched. Main thread only.
 #pragma once
 
 #include "orvex/relay_client.h"
 
-/// Reads what a readable client sent and handles its whole messages. The client may be gone
-/// afterwards, and so may others.
+/// Reads from a readable client and handles its complete messages. May remove clients, `client`
+/// included.
 void readAndSwitch(Orvex::RelayClient& client);
 
-/// Handles one message of `client`. False when a send to some destination failed: the rest of the
-/// client's messages then waits for the next pass. The image may lie in the client's own buffer.
-/// May remove clients, `client` included.
+/// Handles one message of `client`: an image of `nMsgLen` bytes, type byte first, which may lie in
+/// the client's own buffer. Returns false if a send to some destination failed: the client's
+/// remaining messages then wait for the next pass. May remove clients, `client` included.
 [[nodiscard]] bool bHandleClientMessage(Orvex::RelayClient& client, const char* achMsg,
                                         int nMsgLen);

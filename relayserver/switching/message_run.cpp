@@ -15,7 +15,7 @@ unsigned nSourceOf(std::string_view svImage) {
     return GetNetMessageSenderID(svImage.data(), static_cast<int>(svImage.size()));
 }
 
-/// The frame around an image that stands in one.
+/// The stream frame of an image: its length byte lies just before the image.
 std::string_view svFrameOf(std::string_view svImage) {
     return {svImage.data() - 1, svImage.size() + 1};
 }
@@ -26,7 +26,7 @@ bool bTravelsInRuns(std::string_view svImage) {
     if (bIsOwnDecision(static_cast<unsigned char>(svImage.front()))) {
         return false;
     }
-    // An image of this size that is not padded is too large to be sent on.
+    // A longer image must be padded; without padding it is too large to forward.
     return svImage.size() <= NetMessage::nMAX_MSG_LEN || svImage.back() == NetMessage::chDELIM;
 }
 

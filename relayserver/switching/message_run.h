@@ -1,24 +1,30 @@
-/// Messages that came from one sender in one piece and travel to the same destinations: one look-up
-/// of the route and one write for each destination serve them all.
+/// Runs of consecutive messages from one sender to the same destinations, which need only one route
+/// look-up and one write per destination. Main thread only.
 #pragma once
 
 #include <string_view>
 
+/// One run.
 struct MessageRun {
-    /// Their stream frames, one behind the other, as they came. Not owned.
+    /// The stream frames, back to back, as received. Not owned.
     std::string_view svFrames;
+    /// The number of messages.
     unsigned nCount = 0;
+    /// The sender's client id.
     unsigned nSource = 0;
+    /// The pipe of their type, which selects the route.
     int nPipe = 0;
+    /// Whether the sender is a relay peer.
     bool bFromRelayPeer = false;
 
     [[nodiscard]] bool bEmpty() const { return nCount == 0; }
 };
 
-/// Whether messages like the one with this image go to the destinations of their route and nowhere
-/// else, whatever they say: then they may travel in a run. Their sender is not judged.
+/// Whether a message with this image may travel in a run: its type is only ever routed, whatever
+/// its contents, and it is small enough to forward. The sender is not checked.
 [[nodiscard]] bool bTravelsInRuns(std::string_view svImage);
 
-/// Adds the message that stands with this image in a stream frame. False, and nothing happens, when
-/// it is not of the run's sender and pipe or its frame does not lie behind the others.
+/// Adds the message with this image, which must lie in a stream frame. Returns false and changes
+/// nothing if its sender or pipe differs from the run's, or its frame does not directly follow the
+/// others.
 [[nodiscard]] bool bAddToRun(MessageRun& rRun, std::string_view svImage);

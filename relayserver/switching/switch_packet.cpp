@@ -24,7 +24,7 @@ namespace {
 constexpr int kDirectDeliveryFlag = 1;
 constexpr unsigned kPacketsPerReport = 200000;
 
-/// Messages on their way to their routed destinations, and what the video rules ask of them.
+/// Messages for their routed destinations, with what the video rules need to know.
 struct RoutedMessages {
     MessageRun run;
     bool bVideo = false;
@@ -35,8 +35,8 @@ unsigned char nTypeByteOf(NetMessage& nmMessage) {
     return static_cast<unsigned char>(nmMessage.frame()[1]);
 }
 
-/// Sends to the destination in the header; one that is not here is no failure.
-bool bDeliverDirect(NetMessage& nmMessage) {
+/// Sends to the destination in the header; one that is not connected here is not a failure.
+[[nodiscard]] bool bDeliverDirect(NetMessage& nmMessage) {
     unsigned nDestination = 0;
     nmMessage.GetDestID(nDestination);
     RelayClient* pDestination = nullptr;
@@ -57,8 +57,9 @@ bool bDeliverDirect(NetMessage& nmMessage) {
     return false;
 }
 
-/// Two relays that route to each other would pass a message round for ever: the route goes instead.
-void dissolveLoop(const MessageRun& run, unsigned nDestination) {
+/// Two relays that route to each other would pass a message back and forth for ever, so the route
+/// is deleted.
+void breakLoop(const MessageRun& run, unsigned nDestination) {
     writeToLog(true,
                "WARNING: suppressing possible relay loop to relay peer %u, originating client %u. "
                "Likely there are old links in our system, will try to clean up locally.\n",
@@ -67,8 +68,8 @@ void dissolveLoop(const MessageRun& run, unsigned nDestination) {
     forgetRoute(run.nSource, run.nPipe);
 }
 
-/// Whether the video rules let the message pass; other messages always do.
-bool bVideoRulesPass(const RoutedMessages& routed, RelayClient& destination) {
+/// Whether the video rules let the message pass; messages other than video always pass.
+[[nodiscard]] bool bVideoRulesPass(const RoutedMessages& routed, RelayClient& destination) {
     if (!routed.bVideo) {
         return true;
     }
@@ -92,8 +93,8 @@ std::size_t nFrameSizeAt(std::string_view svFrames, std::size_t nAt) {
     return std::size_t{2} * static_cast<unsigned char>(svFrames[nAt]);
 }
 
-/// Only a part of the frames was written: those that were written whole count, the one that broke
-/// is logged, and the destination goes.
+/// Only part of the frames was written: counts those written completely, logs the one cut off and
+/// drops the destination.
 void dropDestination(const MessageRun& run, unsigned nDestination, RelayClient& destination) {
     const int nProblem = errno;
     const auto nWritten = static_cast<std::size_t>(destination.GetMessageSocket()->nLastWritten());
@@ -115,11 +116,13 @@ void dropDestination(const MessageRun& run, unsigned nDestination, RelayClient& 
                                         NetMessage::nSEND_TIMEOUT_MICROSECS) == nSize;
 }
 
-/// One destination of the route; false when the send failed and the destination is gone.
-bool bDeliverTo(const RoutedMessages& routed, unsigned nDestination, RelayClient& destination) {
+/// Delivers to one destination of the route; false if the send failed and the destination was
+/// removed.
+[[nodiscard]] bool bDeliverTo(const RoutedMessages& routed, unsigned nDestination,
+                              RelayClient& destination) {
     const MessageRun& run = routed.run;
     if (run.bFromRelayPeer && bIsRelayPeer(destination)) {
-        dissolveLoop(run, nDestination);
+        breakLoop(run, nDestination);
         return true;
     }
     if (!bVideoRulesPass(routed, destination)) {
@@ -133,8 +136,8 @@ bool bDeliverTo(const RoutedMessages& routed, unsigned nDestination, RelayClient
     return false;
 }
 
-bool bDeliverRouted(const RoutedMessages& routed) {
-    // Held while it is walked: a loop that is dissolved on the way removes it from the cache.
+[[nodiscard]] bool bDeliverRouted(const RoutedMessages& routed) {
+    // Held during the walk: breaking a loop removes the entry from the cache.
     const std::shared_ptr<const Tessel_Routing::RouteEntry> pRoute =
         findRoute(routed.run.nSource, routed.run.nPipe);
     bool bSuccess = true;
@@ -174,7 +177,7 @@ bool SwitchPacket(NetMessage* nmpMsg, int nFlags, bool bFromRelayPeer) {
                            bVideo ? nVideoPage(*nmpMsg) : 0});
 }
 
-bool SwitchRun(const MessageRun& run) {
+bool bSwitchRun(const MessageRun& run) {
     return run.bEmpty() || bDeliverRouted({run});
 }
 

@@ -1,5 +1,5 @@
-/// Where a message goes: to the connection server, to the one client that its header names, or to
-/// every client that the routes name for its source and pipe. Main thread only.
+/// Delivers messages: to the connection server, to the one client named in the header, or to every
+/// client that the routes give for the source and pipe. Main thread only.
 #pragma once
 
 #include "orvex/net_message.h"
@@ -9,14 +9,15 @@
 extern int nPacketsSwitched;
 
 /// Switches one message, unchanged. Bit 0 of `nFlags` delivers it to the destination in its header
-/// whatever its type; `bFromRelayPeer` keeps it from going on to another relay. Returns false when
-/// a send failed: that destination has been dropped, so look clients up again afterwards, the
-/// sender included. A message too large for a frame goes nowhere and costs no destination.
+/// whatever its type; with `bFromRelayPeer` it is not forwarded to another relay. Returns false if
+/// a send failed: that destination has been removed, so look up clients again afterwards, the
+/// sender included. A message too large for a frame is discarded without affecting any destination.
 bool SwitchPacket(Orvex::NetMessage* nmpMsg, int nFlags, bool bFromRelayPeer);
 
-/// Switches messages that travel in a run, as if one after the other; an empty run is none. Returns
-/// false when a send failed: that destination got what could be written before, and has been
-/// dropped. Whoever owns the run's bytes must outlive the sender.
-bool SwitchRun(const MessageRun& run);
+/// Switches the messages of a run as if one by one; does nothing for an empty run. Returns false if
+/// a send failed: that destination got what could be written and has been removed. The bytes of the
+/// run must not be owned by the sending client, which may be removed too.
+[[nodiscard]] bool bSwitchRun(const MessageRun& run);
 
+/// Sets `nPacketsSwitched`.
 void resetPacketsSwitchedForTest(int nPackets);
