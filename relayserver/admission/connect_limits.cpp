@@ -3,7 +3,7 @@
 #include "base/clock.h"
 #include "relayserver/settings/time_limits.h"
 
-// Never destroyed, like all that the process ends with.
+// Never destroyed, like all state that the process exits with.
 std::map<std::string, int>& ipAcceptHistory = *new std::map<std::string, int>;
 std::time_t ttIPCheckCurrPeriodStart = 0;
 std::map<unsigned, int>& idTixAcceptHistory = *new std::map<unsigned, int>;
@@ -11,10 +11,11 @@ std::time_t ttIDCheckCurrPeriodStart = 0;
 
 namespace {
 
-/// Counts `key`; true while its count in the running period is below `nLimit`, and for its first.
+/// Counts `key`; true while its count in the current period is below `nLimit`, and always for the
+/// first.
 template <class Key>
-bool bCountWithin(std::map<Key, int>& rHistory, std::time_t& rttPeriodStart, const Key& key,
-                  int nLimit) {
+[[nodiscard]] bool bCountWithin(std::map<Key, int>& rHistory, std::time_t& rttPeriodStart,
+                                const Key& key, int nLimit) {
     const std::time_t ttNow = nowSecs();
     // A clock that was set back must not stretch the period, perhaps by hours.
     if (std::difftime(ttNow, rttPeriodStart) > kPeriodNewConnects || ttNow < rttPeriodStart) {

@@ -23,9 +23,9 @@ using Orvex::ResponseNetMessage;
 
 namespace {
 
-/// What handling one message came to for the client it came from.
+/// The result of handling a message, for the client that sent it.
 enum class LooseOutcome {
-    kGoOn,      ///< still loose, next message
+    kContinue,  ///< still loose, next message
     kEndPass,   ///< still loose, the rest waits for the next pass
     kNotLoose,  ///< admitted or gone
 };
@@ -45,7 +45,7 @@ void closeOlderConnection(unsigned nClientID) {
     }
 }
 
-/// Answers an accepted log-in; false when that did not go out.
+/// Answers an accepted log-in; false if the send failed.
 [[nodiscard]] bool bSendWelcome(RelayClient& client) {
     Orvex::RelayMessageSocket& rSocket = *client.GetMessageSocket();
     ResponseNetMessage rnm(nSenderID, rcOK);
@@ -73,7 +73,7 @@ void admit(RelayClient& client, unsigned nClientID) {
     RelayClient* pAdmitted = nullptr;
     if (ctAuthClientTable.bFileDescLookUp(fd, &pAdmitted) &&
         pAdmitted->GetMessageSocket()->bHasMoreInput()) {
-        offerAgain(fd);  // messages behind the log-in were read with it
+        offerAgain(fd);  // messages after the log-in were read with it
     }
 }
 
@@ -106,10 +106,10 @@ LooseOutcome onTicketLogin(RelayClient& client, const char* achMsg, int nMsgLen)
         refuseLogin(client, nClientID);
         return LooseOutcome::kNotLoose;
     }
-    if (bOwnLoginGoesFirst(nClientID)) {
+    if (bOwnLoginTakesPrecedence(nClientID)) {
         writeToLog(true, "INFO: relay %u connects to us while we connect to it, ours is to stand\n",
                    nClientID);
-        return LooseOutcome::kGoOn;  // the other relay closes this connection for ours
+        return LooseOutcome::kContinue;  // the other relay closes this connection for ours
     }
     acceptLogin(client, nClientID);
     return LooseOutcome::kNotLoose;
@@ -129,21 +129,21 @@ LooseOutcome onLooseMessage(RelayClient& client, const char* achMsg, int nMsgLen
     writeToLog(true, "Message type 0x%02x received from unauthorized client at %s(%d)- discarded\n",
                static_cast<unsigned>(static_cast<unsigned char>(achMsg[0])),
                sDottedAddress(siAddress).c_str(), nPortOf(siAddress));
-    return LooseOutcome::kGoOn;
+    return LooseOutcome::kContinue;
 }
 
 LooseOutcome handleLooseMessages(RelayClient& client) {
     char achMsg[Orvex::NetMessage::nMAX_PADDED_MSG_LEN];
     int nMsgLen = 0;
-    LooseOutcome outcome = LooseOutcome::kGoOn;
-    while (outcome == LooseOutcome::kGoOn &&
+    LooseOutcome outcome = LooseOutcome::kContinue;
+    while (outcome == LooseOutcome::kContinue &&
            client.GetMessageSocket()->bDequeueNetMessage(achMsg, &nMsgLen)) {
         outcome = onLooseMessage(client, achMsg, nMsgLen);
     }
     return outcome;
 }
 
-void loseLooseClient(RelayClient& client, const std::string& sProblem) {
+void dropBrokenClient(RelayClient& client, const std::string& sProblem) {
     const sockaddr_in siAddress = siAddressOf(client);
     writeToLog(true, "Socket connection broken fd %u, with client %s(%d) : %s\n",
                static_cast<unsigned>(client.GetMessageSocket()->getMsgSockFileDesc()),
@@ -151,8 +151,8 @@ void loseLooseClient(RelayClient& client, const std::string& sProblem) {
     DeleteClient(ctLooseClientTable, client, LeaveReason::kConnectionLost);
 }
 
-/// True when the client had talked too much before its log-in and is gone.
-bool bDropTalker(RelayClient& client) {
+/// Drops a client that sent too much before its log-in; true if it was dropped.
+[[nodiscard]] bool bDropIfOverLoginBudget(RelayClient& client) {
     const unsigned nBytes = client.GetTcpInputByteCounter();
     if (nBytes <= kPreloginMaxAllowedTcpBytes) {
         return false;
@@ -175,11 +175,11 @@ void stepLooseClient(RelayClient& client) {
     if (outcome == LooseOutcome::kNotLoose) {
         return;
     }
-    if (outcome == LooseOutcome::kGoOn && bDropTalker(client)) {
+    if (outcome == LooseOutcome::kContinue && bDropIfOverLoginBudget(client)) {
         return;
     }
-    if (outcome == LooseOutcome::kGoOn && bBroken) {
-        loseLooseClient(client, sProblem);
+    if (outcome == LooseOutcome::kContinue && bBroken) {
+        dropBrokenClient(client, sProblem);
         return;
     }
     // A broken connection whose pass ended early is read to its end, and dropped, in a later pass.

@@ -1,11 +1,11 @@
-/// What a connection must send to be admitted: a log-in with a ticket. Main thread only.
+/// Admits connections that log in with a valid ticket. Main thread only.
 #pragma once
 
 #include "orvex/relay_client.h"
 
-/// Bytes that a client may send before it is admitted.
+/// The most bytes that a client may send before it is admitted.
 constexpr unsigned kPreloginMaxAllowedTcpBytes = 20000;
 
-/// Reads what a readable loose client sent and handles its whole messages: afterwards the client is
-/// admitted, still loose, or gone.
+/// Reads from a readable loose client and handles its complete messages: afterwards the client is
+/// admitted, still loose, or gone. May remove an older admitted client with the same id.
 void stepLooseClient(Orvex::RelayClient& client);

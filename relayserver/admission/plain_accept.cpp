@@ -23,8 +23,8 @@
 
 namespace {
 
-/// So many connections are taken before others have their turn.
-constexpr int kMostInOnePass = 64;
+/// The most connections accepted in one pass, so that other descriptors are not delayed.
+constexpr int kMaxAcceptsPerPass = 64;
 
 constexpr AcceptTexts kPlainTexts{
     "Warning: socket accept call returned -1 with error ",
@@ -41,7 +41,7 @@ void onAcceptFailed(int fdListener, const AcceptTexts& texts) {
     }
 }
 
-bool bConnectionWaits() {
+[[nodiscard]] bool bConnectionPending() {
     pollfd pfd{connect_listen_sockfd, POLLIN, 0};
     return poll(&pfd, 1, 0) == 1;
 }
@@ -70,7 +70,7 @@ int nAcceptClient(int fdListener, sockaddr_in& rsiPeer, const AcceptTexts& texts
     return fd;
 }
 
-bool acceptPlainClient() {
+bool bAcceptPlainClient() {
     sockaddr_in siPeer{};
     const int fd = nAcceptClient(connect_listen_sockfd, siPeer, kPlainTexts);
     if (fd == -1) {
@@ -79,7 +79,7 @@ bool acceptPlainClient() {
     writeToLog(true, "New client request received from %s(%d)\n", sDottedAddress(siPeer).c_str(),
                nPortOf(siPeer));
     if (!bDisableNagle(fd)) {
-        // Kept: the words say quitting, but the connection is served all the same.
+        // Despite the text, the connection is served.
         const int nProblem = errno;
         writeToLog(true,
                    "Error: Couldn't disable Nagle algorithm for send socket. %s. relayserver "
@@ -98,6 +98,6 @@ bool acceptPlainClient() {
 
 void acceptWaitingPlainClients() {
     int nTaken = 0;
-    while (acceptPlainClient() && ++nTaken < kMostInOnePass && bConnectionWaits()) {
+    while (bAcceptPlainClient() && ++nTaken < kMaxAcceptsPerPass && bConnectionPending()) {
     }
 }

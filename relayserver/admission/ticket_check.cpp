@@ -16,7 +16,7 @@ namespace {
 constexpr int kLogAgeSecs = 600;
 constexpr size_t kMaxTicketLen = 64;
 
-/// What the sender claims beside what its ticket says.
+/// What the sender claims, and what its ticket says.
 struct TicketClaim {
     unsigned nClientID;
     in_addr iaPeer;
@@ -43,7 +43,7 @@ void logRejection(const char* sWhy, const TicketClaim& claim) {
                static_cast<unsigned>(nTicketAddr), static_cast<unsigned long>(ttTicket));
 }
 
-bool bJudge(const TicketClaim& claim) {
+[[nodiscard]] bool bTicketValid(const TicketClaim& claim) {
     unsigned nTicketID = 0;
     std::time_t ttTicket = 0;
     claim.ktTicket.GetClientID(nTicketID);
@@ -65,7 +65,7 @@ bool bJudge(const TicketClaim& claim) {
         }
         return false;
     }
-    // Small clock differences are everyday business and would only fill the log.
+    // Small clock differences are common and would only fill the log.
     if (dAge > kLogAgeSecs) {
         logRejection("Login ticket rejected with large time mismatch", claim);
     }
@@ -86,6 +86,6 @@ bool CheckTicket(const Orvex::RelayConnectNetMessage& rcnm, in_addr iaPeer, Tick
         return false;
     }
     decryptTicketBlocks(achTicket, nWholeBlocks);
-    return bJudge({rcnm.GetClientID(), iaPeer, nowSecs(),
-                   KTicket(gsl::span<const unsigned char>(achTicket, nWholeBlocks)), log});
+    return bTicketValid({rcnm.GetClientID(), iaPeer, nowSecs(),
+                         KTicket(gsl::span<const unsigned char>(achTicket, nWholeBlocks)), log});
 }

@@ -21,7 +21,7 @@ constexpr AcceptTexts kTlsTexts{
     "Blocking SSL connection from ",
 };
 
-/// A session for `fd` in server state; null, with the library's errors logged, when there is none.
+/// A server-side session for `fd`; null, with the errors of the library logged, on failure.
 SSL* newSession(int fd) {
     SSL* const pSSL = SSL_new(sslctx_server.get());
     if (pSSL == nullptr || SSL_set_fd(pSSL, fd) != 1) {
@@ -43,7 +43,7 @@ void acceptTlsClient() {
     }
     writeToLog(true, "New SSL client request received from %s(%d)\n",
                sDottedAddress(siPeer).c_str(), nPortOf(siPeer));
-    (void)bDisableNagle(fd);  // the connection works without, only later
+    (void)bDisableNagle(fd);  // the connection works without it, with more delay
     SSL* const pSSL = newSession(fd);
     if (pSSL == nullptr) {
         close(fd);
@@ -53,7 +53,7 @@ void acceptTlsClient() {
     client.SetLastMessageTime(nowSecs());
     makeNonBlocking(fd);
     addToEpollForWrite(fd);
-    // Refused, because it is watched already; the handshake sets the interest that it needs.
+    // Fails, because it is already watched; the handshake sets the interest that it needs.
     addToEpollForRead(fd);
     ctSslHandshakingTable.Add(client);
     writeToLog(true, "Starting SSL handshake on socket %u\n", static_cast<unsigned>(fd));

@@ -24,7 +24,7 @@ void finishHandshake(RelayClient& client, int fd) {
     (void)ctSslHandshakingTable.bDelete(client);  // moved, not closed
     removeFromEpoll(fd);
     addToEpollForRead(fd);
-    offerAgain(fd);  // what came with the end of the handshake may already be in the session
+    offerAgain(fd);  // input that came with the end of the handshake may already be in the session
 }
 
 std::string sFailureReason(int nError, int nSystemError) {

@@ -1,4 +1,4 @@
-/// How much audio came from local senders. Main thread only.
+/// Counts the audio received from local senders. Main thread only.
 #pragma once
 
 #include "orvex/relay_client.h"
@@ -6,6 +6,6 @@
 /// Audio packets received from local senders (wraps).
 extern unsigned nAudioPacketsRcvd;
 
-/// Counts a packet of `client`, an admitted one, and confirms every 300th of a program to it. A
-/// client that cannot be told is removed.
+/// Counts a packet of program `nProgram` (0..5) from the admitted `client`, and confirms every
+/// 300th packet of a program to it. Removes the client if that send fails.
 void countSourcedPacket(Orvex::RelayClient& client, unsigned nProgram);

@@ -12,17 +12,18 @@
 
 namespace {
 
-/// The most that one sendmmsg takes.
+/// The most messages that one sendmmsg takes.
 constexpr size_t kMaxBatch = 1024;
-/// How long a full socket buffer may hold up the loop in one flush. Audio that waits is late for
-/// everyone, so what has no room after that is lost.
+/// How long a full socket buffer may delay the event loop in one flush. Waiting makes audio late
+/// for every receiver, so datagrams that have no room after that are lost.
 constexpr int kFullBufferMillis = 10;
 
-/// Datagrams that one header may stand for: the system cuts them apart by their length.
+/// Limits on the datagrams that one message header may represent; the kernel splits them by length
+/// (UDP segmentation offload).
 constexpr size_t kMaxSegments = 64;
 constexpr size_t kMaxSegmentedBytes = 65000;
 
-/// Tells the system where to cut.
+/// The control message that gives the kernel the length of a segment.
 struct alignas(cmsghdr) SegmentLength {
     char achControl[CMSG_SPACE(sizeof(std::uint16_t))];
 };
@@ -47,12 +48,12 @@ void setSegmentLength(msghdr& rHeader, SegmentLength& rLength, std::uint16_t nLe
     std::memcpy(CMSG_DATA(pControl), &nLength, sizeof nLength);
 }
 
-bool bGetsRoom() {
+[[nodiscard]] bool bWaitForRoom() {
     pollfd pfd{batch.fdSend, POLLOUT, 0};
     return poll(&pfd, 1, kFullBufferMillis) > 0;
 }
 
-/// Sends from `nFirst` on; returns how many left, -1 with errno when not even the first did.
+/// Sends from `nFirst` on; returns how many were sent, -1 with errno if not even the first was.
 int nSendFrom(size_t nFirst) {
     int nSent = 0;
     do {
@@ -62,12 +63,12 @@ int nSendFrom(size_t nFirst) {
     return nSent;
 }
 
-bool bBufferFull(int nSent) {
+[[nodiscard]] bool bBufferFull(int nSent) {
     return nSent == -1 && (errno == EAGAIN || errno == ENOBUFS);
 }
 
-/// Not every network interface can cut datagrams apart, and none those that are longer than its
-/// packets. Nothing is gained by trying when there is no room.
+/// Not every network interface can segment datagrams, and none can if they exceed its MTU. Without
+/// room in the buffer a retry is pointless.
 void sendOneByOne(const msghdr& refused, bool bNoRoom) {
     if (refused.msg_iovlen == 1 || bNoRoom) {
         return;
@@ -79,7 +80,7 @@ void sendOneByOne(const msghdr& refused, bool bNoRoom) {
     }
 }
 
-/// Puts datagrams that one header can stand for into the batch.
+/// Adds datagrams that fit one message header to the batch.
 void queueSegments(int fdSend, const iovec* pParts, size_t nCount, const sockaddr_in& siTo) {
     if (batch.nQueued == kMaxBatch || fdSend != batch.fdSend) {
         flushDatagrams();
@@ -106,7 +107,7 @@ void queueDatagrams(int fdSend, const iovec* pParts, size_t nCount, const sockad
         queueSegments(fdSend, pParts, 1, siTo);
         return;
     }
-    // Empty ones cannot be told apart by their length.
+    // Empty datagrams cannot be split by length.
     const size_t nLength = pParts->iov_len == 0 ? kMaxSegmentedBytes : pParts->iov_len;
     const size_t nMost = std::clamp<size_t>(kMaxSegmentedBytes / nLength, 1, kMaxSegments);
     for (size_t nDone = 0; nDone < nCount; nDone += nMost) {
@@ -119,11 +120,11 @@ void flushDatagrams() {
     for (size_t nDone = 0; nDone < batch.nQueued;) {
         int nSent = nSendFrom(nDone);
         if (bBufferFull(nSent) && bMayWait) {
-            bMayWait = false;  // half of the buffer is free afterwards: room for the whole batch
-            nSent = bGetsRoom() ? nSendFrom(nDone) : nSent;
+            bMayWait = false;  // half of the buffer is free then: room for the whole batch
+            nSent = bWaitForRoom() ? nSendFrom(nDone) : nSent;
         }
         if (nSent <= 0) {
-            // What is refused is passed over, for the sake of those behind it.
+            // A refused datagram is skipped, so that those after it are sent.
             sendOneByOne(batch.headers[nDone].msg_hdr, bBufferFull(nSent));
             nSent = 1;
         }

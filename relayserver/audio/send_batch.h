@@ -1,4 +1,4 @@
-/// Datagrams on their way out of one audio socket, gathered so that many leave in one system call.
+/// Collects the datagrams to send from one audio socket, so that many leave in one system call.
 /// Main thread only.
 #pragma once
 
@@ -7,11 +7,11 @@
 
 #include <cstddef>
 
-/// Puts datagrams of one length, in this order, for one receiver into the batch. Neither the parts
-/// nor their bytes are copied or owned: they must stay until the next flush. Those for another
-/// socket, or one too many for a system call, flush first.
+/// Adds the `nCount` datagrams in `pParts`, all of one length, to the batch in this order, for the
+/// receiver `siTo`. Neither the parts nor their bytes are copied or owned: they must stay valid
+/// until the next flush. A change of socket or a full batch causes a flush first.
 void queueDatagrams(int fdSend, const iovec* pParts, size_t nCount, const sockaddr_in& siTo);
 
-/// Sends what is queued, in the order in which it came. A datagram that the system refuses is lost;
-/// the others go out.
+/// Sends the queued datagrams in order. A datagram that the system refuses is lost; the others are
+/// sent. Waits at most 10 ms for room in the socket buffer.
 void flushDatagrams();

@@ -22,7 +22,7 @@ namespace {
 
 constexpr unsigned kPacketsPerReport = 200000;
 
-/// Datagrams of one kind that were switched one after the other and are not routed yet.
+/// Consecutive datagrams of one kind that are not routed yet.
 struct AudioRun {
     unsigned nSource = 0;
     int fdSend = -1;
@@ -35,13 +35,13 @@ struct AudioRun {
 
 AudioRun run;
 
-/// All datagrams that were switched since the last flush; those of the run come last.
+/// All datagrams switched since the last flush; those of the run come last.
 std::array<iovec, 1024> parts;
 size_t nPartsUsed = 0;
 
-/// Two relays that route to each other would pass a datagram round for ever: the route goes
-/// instead.
-void dissolveLoop(unsigned nSource, unsigned nDestination) {
+/// Two relays that route to each other would pass a datagram back and forth for ever, so the route
+/// is deleted.
+void breakLoop(unsigned nSource, unsigned nDestination) {
     writeToLog(true,
                "WARNING: suppressing possible relay loop to relay peer %u, originating client %u. "
                "Likely there are old audio links in our system, will try to clean up locally.\n",
@@ -50,10 +50,10 @@ void dissolveLoop(unsigned nSource, unsigned nDestination) {
     forgetRoute(nSource, kAudioMsgClass);
 }
 
-/// Where a client hears a channel of a program. The port is 0 when it does not, or when nobody
-/// knows where yet: a peer may be marked before it has registered. A relay that an order has named
-/// listens for FEC on its FEC sockets; a station that has registered one address hears it there and
-/// on the two ports next to it.
+/// Where a client receives a channel of a program. The port is 0 if it does not receive it, or if
+/// its address is not known yet: a peer may be marked before it has registered. A relay whose base
+/// port an order has given receives FEC on its FEC sockets; a station, which registers one address,
+/// receives FEC at fixed offsets above that port.
 sockaddr_in siReceiverOf(const RelayClient& client, unsigned nProgram, int nFecChannel) {
     sockaddr_in siTo{};
     if (client.bIsRcvAudio(nProgram)) {
@@ -79,7 +79,7 @@ void countSent(const AudioRun& sent, unsigned nDestination) {
 
 void routeRunTo(unsigned nDestination, const RelayClient& client) {
     if (run.bFromRelayPeer && bIsRelayPeer(client)) {
-        dissolveLoop(run.nSource, nDestination);
+        breakLoop(run.nSource, nDestination);
         return;
     }
     const sockaddr_in siTo = siReceiverOf(client, run.nProgram, run.nFecChannel);
@@ -90,7 +90,7 @@ void routeRunTo(unsigned nDestination, const RelayClient& client) {
 }
 
 /// Whether a datagram of this kind may follow those of the run.
-bool bContinues(const AudioRun& kind) {
+[[nodiscard]] bool bContinues(const AudioRun& kind) {
     return run.nCount > 0 && run.nSource == kind.nSource && run.fdSend == kind.fdSend &&
            run.bFromRelayPeer == kind.bFromRelayPeer && run.nLength == kind.nLength;
 }
@@ -117,7 +117,7 @@ void routeAudio() {
     if (run.nCount == 0) {
         return;
     }
-    // Held while it is walked: a loop that is dissolved on the way removes it from the cache.
+    // Held during the walk: breaking a loop removes the entry from the cache.
     const auto pRoute = findRoute(run.nSource, kAudioMsgClass, "AUDIO");
     const std::vector<unsigned>& destinations = pRoute->clientsTo();
     for (size_t i = 0; i < destinations.size(); ++i) {

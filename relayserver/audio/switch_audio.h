@@ -1,5 +1,5 @@
-/// Where an audio datagram goes: to every client that the routes name for its source and that
-/// receives its program. Main thread only.
+/// Delivers audio datagrams to every client that the routes give for their source and that receives
+/// their program. Main thread only.
 #pragma once
 
 /// Message class of audio routes.
@@ -8,17 +8,19 @@ constexpr int kAudioMsgClass = 64;
 /// Datagrams sent by `SwitchAudioPacket` (wraps).
 extern unsigned audio_packets_sent;
 
-/// Forwards one datagram, unchanged, from socket `fdSend`: nothing leaves before `flushAudio`, and
-/// the bytes must stay until then. `nFecChannel` is 0 for audio, 1 and 2 for forward error
-/// correction; `nProgram` is 0..5. What came from a relay peer does not go on to another one.
+/// Forwards one datagram of `nLength` bytes, unchanged, from socket `fdSend`. It is sent by
+/// `flushAudio` at the latest; the bytes must stay valid until then. `nFecChannel` is 0 for audio,
+/// 1 and 2 for forward error correction; `nProgram` is 0..5. With `bFromRelayPeer` it is not
+/// forwarded to another relay peer.
 void SwitchAudioPacket(unsigned nSource, int fdSend, const char* achDatagram, int nLength,
                        bool bFromRelayPeer, int nFecChannel, int nProgram);
 
-/// Finds the receivers of what was switched last. Before anything that may change who they are:
-/// datagrams of one source and one length that follow each other are routed together.
+/// Routes the datagrams switched last: consecutive ones of one source and one length are routed
+/// together. Call before anything that may change their receivers.
 void routeAudio();
 
-/// Sends all that was switched.
+/// Sends all datagrams switched so far.
 void flushAudio();
 
+/// Back to the state at process start, but with `nSent` as `audio_packets_sent`.
 void resetSwitchAudioForTest(unsigned nSent);

@@ -30,7 +30,7 @@ namespace {
 constexpr size_t kMarkedIDOffset = 12;
 constexpr unsigned kDiscardsPerReport = 1000;
 
-/// By descriptor; `fd` is -1 where there is none.
+/// Indexed by descriptor; `fd` is -1 where there is none.
 std::vector<AudioSocket>& audioSockets = *new std::vector<AudioSocket>;
 
 /// Where the datagrams of one batch are received.
@@ -56,7 +56,7 @@ void watchAudioSocket(const AudioSocket& socket) {
     addToEpollForRead(socket.fd);
 }
 
-/// Null when `fd` is no audio socket.
+/// Null if `fd` is not an audio socket.
 const AudioSocket* findAudioSocket(int fd) {
     const auto nIndex = static_cast<size_t>(fd);
     const bool bIsOne = nIndex < audioSockets.size() && audioSockets[nIndex].fd == fd;
@@ -75,7 +75,7 @@ void prepareBuffers() {
     }
 }
 
-/// Receives what waits, up to a full batch; how many datagrams that were.
+/// Receives the waiting datagrams, up to a full batch; returns how many.
 size_t nReceiveBatch(int fd) {
     const int nReceived =
         recvmmsg(fd, buffers.udpMsgs.data(), kMaxUdpPktsPerPoll, MSG_DONTWAIT, nullptr);
@@ -85,7 +85,8 @@ size_t nReceiveBatch(int fd) {
     return nReceived == -1 ? 0 : static_cast<size_t>(nReceived);
 }
 
-/// The client that sends the program from where the datagram came, under the id that it bears.
+/// The client with the marked id, if it is registered to send the program from the address of the
+/// datagram; otherwise null.
 RelayClient* findLocalSource(const AudioDatagram& datagram) {
     const auto nProgram = static_cast<unsigned>(datagram.socket.nProgram);
     RelayClient* pClient = nullptr;
@@ -104,7 +105,7 @@ void forward(const AudioDatagram& datagram, bool bFromRelayPeer) {
                       datagram.socket.nFecChannel, datagram.socket.nProgram);
 }
 
-/// A datagram of nobody: one in about a thousand is reported.
+/// A datagram from an unknown sender, or a truncated one: about one in a thousand is reported.
 void discard(const AudioDatagram& datagram) {
     if (nBadPacketDebug <= kDiscardsPerReport) {
         ++nBadPacketDebug;
@@ -122,9 +123,9 @@ void discard(const AudioDatagram& datagram) {
     writeToLog(false, "\n");
 }
 
-/// True when the datagram is one of a local source; it is forwarded then, unless it is a
+/// Returns true if the datagram came from a local source; it is then forwarded, unless it is a
 /// registration. May remove clients.
-bool bTakeFromLocalSource(const AudioDatagram& datagram, bool bRegistration) {
+[[nodiscard]] bool bHandleLocalSource(const AudioDatagram& datagram, bool bRegistration) {
     RelayClient* const pSource = findLocalSource(datagram);
     if (pSource == nullptr) {
         return false;
@@ -139,7 +140,7 @@ bool bTakeFromLocalSource(const AudioDatagram& datagram, bool bRegistration) {
     return true;
 }
 
-bool bIsRegistration(const AudioDatagram& datagram) {
+[[nodiscard]] bool bIsRegistration(const AudioDatagram& datagram) {
     return datagram.nLength > kDatagramPrefixBytes &&
            Orvex::NetMessageType(datagram.achBytes + kDatagramPrefixBytes, 1) ==
                nmtNetMsgTypeRelayConnect &&
@@ -148,13 +149,13 @@ bool bIsRegistration(const AudioDatagram& datagram) {
 
 void handleDatagram(const AudioDatagram& datagram) {
     if (bIsRegistration(datagram)) {
-        (void)bTakeFromLocalSource(datagram, true);  // it counts as a sign of life
-        routeAudio();                                // what came before goes where it went before
+        (void)bHandleLocalSource(datagram, true);  // resets the idle timer
+        routeAudio();                              // earlier datagrams keep their receivers
         handleRegistration(datagram);
     } else if (bPeerSendsFrom(datagram.siFrom.sin_addr,
                               static_cast<unsigned>(datagram.socket.nProgram))) {
         forward(datagram, true);
-    } else if (!bTakeFromLocalSource(datagram, false)) {
+    } else if (!bHandleLocalSource(datagram, false)) {
         discard(datagram);
     }
 }
@@ -168,9 +169,9 @@ void handleReceived(const AudioSocket& socket, size_t i) {
     }
     std::memcpy(&datagram.nMarkedID, datagram.achBytes + kMarkedIDOffset,
                 sizeof datagram.nMarkedID);
-    const bool bCut = (buffers.udpMsgs[i].msg_hdr.msg_flags & MSG_TRUNC) != 0;
-    if (bCut) {
-        discard(datagram);  // it could not go out unchanged
+    const bool bTruncated = (buffers.udpMsgs[i].msg_hdr.msg_flags & MSG_TRUNC) != 0;
+    if (bTruncated) {
+        discard(datagram);  // it cannot be forwarded unchanged
     } else {
         handleDatagram(datagram);
     }

@@ -1,22 +1,24 @@
-/// The audio sockets: takes datagrams in batches, finds out whose they are and has them forwarded
-/// or registered. Main thread only.
+/// Receives datagrams on the audio sockets in batches, identifies their senders, and has them
+/// forwarded or registered. Main thread only.
 #pragma once
 
 #include <sys/epoll.h>
 
-/// Datagrams that are taken at once, and the most bytes of one that are forwarded.
+/// The most datagrams received in one batch, and the most bytes of a datagram that is forwarded.
 constexpr int kMaxUdpPktsPerPoll = 1000;
 constexpr int kMaxUdpPktBytes = 2048;
 
-/// Lets the event loop wait for the audio sockets and, while `bFecEnable` holds, for their
-/// companions.
+/// Makes the audio sockets and, if `bFecEnable` is set, the FEC sockets non-blocking and adds them
+/// to the epoll set.
 void watchAudioSockets();
 
-/// Clears the error of an audio socket, which ends nothing. False when `fd` is no audio socket.
+/// Clears and logs the error of an audio socket, which stays open. False if `fd` is not an audio
+/// socket.
 [[nodiscard]] bool bClearAudioSocketError(int fd);
 
-/// True when the event is one of an audio socket; up to `kMaxUdpPktsPerPoll` datagrams have been
-/// handled then. May remove clients.
+/// Handles up to `kMaxUdpPktsPerPoll` datagrams if the event belongs to an audio socket; false if
+/// it does not. `nIndex` is not used. May remove clients.
 [[nodiscard]] bool bHandleUdpAudio(epoll_event& epe, int nIndex);
 
+/// Back to the state at process start.
 void resetUdpReceiveForTest();

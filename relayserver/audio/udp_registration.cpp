@@ -23,9 +23,9 @@ namespace {
 
 constexpr unsigned kFirstIllFormedFlags = 8;
 
-/// Refused registrations that are logged and answered within one second. A flood of them is to fill
-/// neither the disk nor the connection of the client in whose name it comes.
-constexpr unsigned kRefusalsToldPerSec = 200;
+/// The most refused registrations that are logged and answered within one second. A flood of them
+/// must fill neither the disk nor the connection of the client whose id it carries.
+constexpr unsigned kRefusalsReportedPerSec = 200;
 
 std::time_t ttRefusalSecond = 0;
 unsigned nRefusedThisSecond = 0;
@@ -35,23 +35,23 @@ unsigned nProgramOf(const AudioDatagram& datagram) {
 }
 
 void startRefusalSecond(std::time_t ttNow) {
-    if (nRefusedThisSecond > kRefusalsToldPerSec) {
+    if (nRefusedThisSecond > kRefusalsReportedPerSec) {
         writeToLog(true,
                    "WARNING: %u more UDP registrations were refused within one second, neither "
                    "logged nor answered\n",
-                   nRefusedThisSecond - kRefusalsToldPerSec);
+                   nRefusedThisSecond - kRefusalsReportedPerSec);
     }
     ttRefusalSecond = ttNow;
     nRefusedThisSecond = 0;
 }
 
-/// Whether a refusal would still be told of.
-bool bTellRefusal() {
+/// Whether a refusal in this second would still be logged and answered.
+[[nodiscard]] bool bReportRefusal() {
     const std::time_t ttNow = nowSecs();
     if (ttNow != ttRefusalSecond) {
         startRefusalSecond(ttNow);
     }
-    return nRefusedThisSecond < kRefusalsToldPerSec;
+    return nRefusedThisSecond < kRefusalsReportedPerSec;
 }
 
 void logZeroID(const AudioDatagram& datagram) {
@@ -64,7 +64,7 @@ void logZeroID(const AudioDatagram& datagram) {
     }
 }
 
-/// `bZeroID`: the message does not say for whom it is.
+/// `bZeroID`: the message does not name its client.
 void logArrival(const AudioDatagram& datagram, bool bZeroID) {
     writeToLog(true, "UDP registration messages from source %u, program_idx %u, addr %s\n",
                datagram.nMarkedID, nProgramOf(datagram), sDottedAddress(datagram.siFrom).c_str());
@@ -73,14 +73,14 @@ void logArrival(const AudioDatagram& datagram, bool bZeroID) {
     }
 }
 
-/// `rcnm` bears the id of the client that is to be registered.
-[[nodiscard]] bool bTicketHolds(const RelayConnectNetMessage& rcnm, const AudioDatagram& datagram,
-                                bool bTell) {
-    const TicketLog log = bTell ? TicketLog::kTell : TicketLog::kQuiet;
+/// `rcnm` carries the id of the client to register.
+[[nodiscard]] bool bTicketAccepted(const RelayConnectNetMessage& rcnm,
+                                   const AudioDatagram& datagram, bool bReport) {
+    const TicketLog log = bReport ? TicketLog::kTell : TicketLog::kQuiet;
     if (rcnm.GetDestID() < kFirstIllFormedFlags) {
         return CheckTicket(rcnm, datagram.siFrom.sin_addr, log);
     }
-    if (bTell) {
+    if (bReport) {
         writeToLog(true, "ticket rejected for ill-formed flags - %u. Listed client ID was %u\n",
                    rcnm.GetDestID(), rcnm.GetClientID());
     }
@@ -101,14 +101,14 @@ void refuse(const AudioDatagram& datagram) {
     }
 }
 
-/// Where the client wants to receive. A relay that an order has named also registers from its FEC
-/// sockets, which says nothing new about where its audio goes.
+/// The address at which the client wants to receive. A relay whose base port an order has given
+/// also registers from its FEC sockets, which does not change where its audio goes.
 sockaddr_in siReceiveAddress(const RelayClient& client, const AudioDatagram& datagram) {
     const bool bFecOfRelay = datagram.socket.nFecChannel != 0 && client.nRelayUdpBasePort != 0;
     return bFecOfRelay ? siPeerAudioAddress(client, nProgramOf(datagram)) : datagram.siFrom;
 }
 
-/// A client that registers again may have a new address, and so may peers.
+/// A client that registers again may have a new address, and peers may have one too.
 void reregisterPeersAfter(const RelayClient& client, const AudioDatagram& datagram) {
     if (std::difftime(nowSecs(), ttLastUdpReregister) <= kUdpReregisterPeriod ||
         bIsRelayPeer(client)) {
@@ -153,7 +153,7 @@ void callBack(RelayClient& client, const AudioDatagram& datagram) {
     RegisterUdp(client, true, true, false, datagram.socket.nProgram);
 }
 
-/// Does what the flags ask for.
+/// Registers the client as the flags request.
 void registerClient(RelayClient& client, unsigned nFlags, const AudioDatagram& datagram) {
     if ((nFlags & kFlagReceives) != 0) {
         startReceiving(client, datagram);
@@ -182,24 +182,24 @@ void accept(const RelayConnectNetMessage& rcnm, const AudioDatagram& datagram) {
 }  // namespace
 
 void handleRegistration(const AudioDatagram& datagram) {
-    const bool bTell = bTellRefusal();
+    const bool bReport = bReportRefusal();
     RelayConnectNetMessage rcnm(datagram.achBytes + kDatagramPrefixBytes,
                                 static_cast<int>(datagram.nLength - kDatagramPrefixBytes));
     const bool bZeroID = rcnm.GetClientID() == 0;
-    if (bTell) {
+    if (bReport) {
         logArrival(datagram, bZeroID);
     }
     if (bZeroID) {
         rcnm.SetClientID(datagram.nMarkedID);
     }
-    if (!bTicketHolds(rcnm, datagram, bTell)) {
+    if (!bTicketAccepted(rcnm, datagram, bReport)) {
         ++nRefusedThisSecond;
-        if (bTell) {
+        if (bReport) {
             refuse(datagram);
         }
         return;
     }
-    if (!bTell) {
+    if (!bReport) {
         logArrival(datagram, bZeroID);
     }
     accept(rcnm, datagram);

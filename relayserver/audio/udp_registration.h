@@ -1,14 +1,15 @@
-/// Registrations: by a datagram with its ticket a client says from which address it sends an audio
-/// program, or where it wants to receive it. Main thread only.
+/// Audio registrations: with a datagram that carries its ticket, a client announces the address
+/// from which it sends an audio program, or at which it wants to receive it. Main thread only.
 ///
-/// The datagram is a `RelayConnectNetMessage` behind the prefix of every audio datagram, with flags
+/// The datagram is a `RelayConnectNetMessage` after the prefix of every audio datagram, with flags
 /// in the destination id of its header.
 #pragma once
 
 #include "relayserver/audio/audio_datagram.h"
 
-/// Checks the ticket and registers its client, or answers that it is not accepted. May remove
-/// clients.
+/// Checks the ticket of `datagram` and registers its client, or answers that the ticket is not
+/// accepted; refusals above a limit per second are neither logged nor answered. May remove clients.
 void handleRegistration(const AudioDatagram& datagram);
 
+/// Clears the count of refusals.
 void resetUdpRegistrationForTest();

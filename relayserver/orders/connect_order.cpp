@@ -26,7 +26,7 @@ void onConnect(const ConnectOrderNetMessage& order) {
     }
     RelayClient* pExisting = nullptr;
     if (ctAuthClientTable.bLookUp(nToID, &pExisting)) {
-        namePeerPort(*pExisting, order.GetUdpPort());
+        setPeerUdpBasePort(*pExisting, order.GetUdpPort());
         confirmExistingPeer(*pExisting);
         return;
     }
@@ -39,7 +39,7 @@ void onUdpRegistration(const ConnectOrderNetMessage& order) {
         return;
     }
     pClient->SetTicket(order.GetTicket().data(), static_cast<int>(order.GetTicket().size()));
-    namePeerPort(*pClient, order.GetUdpPort());
+    setPeerUdpBasePort(*pClient, order.GetUdpPort());
     MarkAsRelay(*pClient);
     RegisterUdp(*pClient, true, true, true, kAllPrograms);
 }

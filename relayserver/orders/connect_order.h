@@ -1,8 +1,8 @@
-/// Orders of the connection server about other relays. Main thread only.
+/// Orders from the connection server that concern other relays. Main thread only.
 #pragma once
 
 #include "genner/output/ConnectOrderNetMessage.h"
 
-/// Carries out one order: to connect to another relay, or to register audio with one that is
-/// connected, both under the ticket that the order brings. What fails is logged and ends the order.
+/// Carries out one order: to connect to another relay, or to register audio with a connected one,
+/// each with the ticket in the order. A failure is logged and ends the order.
 void onConnectOrder(const Orvex::ConnectOrderNetMessage& order);

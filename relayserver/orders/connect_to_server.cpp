@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kFailed = -1;
 constexpr int kWaitMillis = 5000;
-/// How long a request to end the process may go unnoticed.
+/// How long an exit request may go unnoticed.
 constexpr int kWaitSliceMillis = 200;
 constexpr int kRetryMillis = 1000;
 
@@ -37,7 +37,8 @@ int nHandleWritable() {
     }
 }
 
-/// Reads what the server sent and handles it; what arrived whole before the link broke counts.
+/// Reads from the server and handles its messages, including those that arrived complete before the
+/// link broke.
 int nHandleReadable() {
     const bool bBroken = msConnServMsgSock.nReadNonBlockingSocket() < 0;
     const std::string sProblem = msConnServMsgSock.getErrorString();
@@ -70,7 +71,7 @@ int nHandleEvent(const epoll_event& epe) {
 
 // ---- waiting
 
-/// Waits for events, but not past a request to end the process: then as if nothing had come.
+/// Waits for events. Returns early, as if timed out, when the process is asked to exit.
 int nWaitForEvents() {
     for (int nWaited = 0; nWaited < kWaitMillis && exitRequested == 0;
          nWaited += kWaitSliceMillis) {
@@ -91,7 +92,7 @@ epoll_event* findLinkEvent(int nReady) {
     return pFound == pEnd ? nullptr : pFound;
 }
 
-/// One wait and what came of it: the stage, or -1.
+/// Waits once and handles the event of the link. Returns the stage, or -1.
 int nWaitOnce() {
     const int nReady = nWaitForEvents();
     if (nReady == -1) {
@@ -121,7 +122,7 @@ int nWaitOnce() {
 
 int nWaitUntilFinished() {
     while (nConnectionStage != CONNECTION_FINISHED) {
-        // Messages that wait inside the TLS session announce themselves by no event.
+        // Messages buffered in the TLS session raise no event.
         const int nResult = msConnServMsgSock.bHasMoreInput() && nConnectionStage > SSL_HANDSHAKE
                                 ? nHandleReadable()
                                 : nWaitOnce();

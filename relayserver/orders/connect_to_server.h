@@ -12,10 +12,10 @@
 ///   attempt if there is none.
 int ConnectToServer(bool bWait, epoll_event* epe);
 
-/// Starts an attempt if the last one began at least `connectRetry_secs` ago; otherwise says that
-/// the timers will.
+/// Starts an attempt if the last one began at least `connectRetry_secs` ago; otherwise logs that it
+/// must wait, and leaves it to the timers.
 void reconnectUnlessThrottled();
 
-/// Tries server after server until the relay is logged in. False when the process was asked to end
-/// first.
+/// Tries one server after another until the relay is logged in. Blocks; returns false if the
+/// process is asked to exit first.
 [[nodiscard]] bool bConnectToFirstServer();

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// Deliver to the destination that the header names, whatever the routes say.
+/// Deliver to the destination named in the header, whatever the routes say.
 constexpr int kToHeaderDestination = 1;
 
 void onVideoPermission(const char* achMsg, int nMsgLen) {
@@ -34,10 +34,10 @@ void onLogOut() {
     LostConnectionToCS();
 }
 
-/// For this relay's clients: the connection server reaches them only through us.
+/// For one of our clients, which the connection server can reach only through this relay.
 void passToClient(const char* achMsg, int nMsgLen) {
     Orvex::NetMessage nmMessage(achMsg, nMsgLen);
-    (void)SwitchPacket(&nmMessage, kToHeaderDestination, false);  // a failed client is gone already
+    (void)SwitchPacket(&nmMessage, kToHeaderDestination, false);  // a client that failed is removed
 }
 
 }  // namespace

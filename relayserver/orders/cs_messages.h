@@ -1,5 +1,6 @@
-/// What the connection server says to the logged-in relay. Main thread only.
+/// Messages from the connection server after the login. Main thread only.
 #pragma once
 
-/// Carries out one message. May remove clients and may take the link down.
+/// Handles one message: an image of `nMsgLen` bytes, type byte first. May remove clients and may
+/// take the link down.
 void onServerMessage(const char* achMsg, int nMsgLen);

@@ -24,13 +24,13 @@ void reportBreak() {
     writeToLog(false, "%s\n", osDump.str().c_str());
 }
 
-/// The link is finished and its socket is readable.
+/// Reads from a finished link whose socket is readable.
 void readFinishedLink() {
     const bool bBroken = msConnServMsgSock.nReadNonBlockingSocket() < 0;
     if (bBroken) {
         reportBreak();
     }
-    // What arrived whole before the link broke still counts.
+    // Messages that arrived complete before the link broke are still handled.
     if (handleLinkMessages() >= 0 && bBroken) {
         LostConnectionToCS();
     }
@@ -68,7 +68,7 @@ void settleBrokenLink() {
     writeToLog(true, "cleanbadsocket was on connection server\n");
     readLastServerMessages();
     if (!bLinkMarkedBroken()) {
-        return;  // one of them has ended the link
+        return;  // one of those messages ended the link
     }
     LostConnectionToCS();
     SwitchServers();

@@ -1,12 +1,14 @@
-/// What happens to the link to the connection server: its events, and its end. Main thread only.
+/// Events of the link to the connection server, and its teardown after a failed send.
+/// Main thread only.
 #pragma once
 
 #include <sys/epoll.h>
 
-/// Handles one event of the link's socket, whatever the stage. May remove clients.
+/// Handles one event of the link's socket, at any stage. May remove clients.
 void onLinkEvent(epoll_event& epe);
 
-/// Takes a link that is marked as broken down: its server's last messages are handled, the next
-/// server has its turn, at once unless the last attempt is too young. Does nothing for a link that
-/// is not marked. To be called between handlers, where nobody holds a client: may remove clients.
+/// Takes down a link that is marked as broken, after handling the last messages from its server,
+/// then tries the next server: at once unless the last attempt is too recent. Does nothing if the
+/// link is not marked. May remove clients, so call it between handlers, where no pointer to a
+/// client is held.
 void settleBrokenLink();

@@ -40,7 +40,7 @@ void readLastServerMessages() {
     if (nConnectionStage < WAITING_FOR_CHALLENGE) {
         return;
     }
-    // A server that goes on sending does not keep us here: only what has come by now counts, and
+    // A server that keeps sending must not keep us here: only what has arrived by now is read, and
     // what the TLS session may hold of it.
     constexpr int kTlsRecordBytes = 16384;
     int nWaiting = 0;

@@ -1,11 +1,11 @@
-/// Cuts what the connection server sends into messages, during the log-in and after it.
+/// Splits the input from the connection server into messages, during the login and after it.
 /// Main thread only.
 #pragma once
 
-/// Handles the messages that the link holds, whatever its stage, until none is left or the link is
-/// lost. Returns the stage, or -1 when the link was lost. May remove clients.
+/// Handles the messages buffered on the link, at any stage, until none is left or the link is lost.
+/// Returns the stage, or -1 if the link was lost. May remove clients.
 int handleLinkMessages();
 
-/// The link has failed and is marked as broken: handles what the server sent before that. The link
-/// may be down afterwards. May remove clients.
+/// Handles what the server sent before the link was marked as broken. The link may be down
+/// afterwards. May remove clients.
 void readLastServerMessages();

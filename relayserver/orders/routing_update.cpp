@@ -11,8 +11,8 @@ using Orvex::RoutingUpdateNetMessage;
 
 namespace {
 
-/// The absent destination that the connection server was told of last; only repeats in a row are
-/// kept from it.
+/// The absent destination last reported to the connection server: only consecutive repeats are not
+/// reported again.
 unsigned lastClientBadRoutingUpdate = 0;
 
 void reConfirmAbsence(unsigned nToID) {

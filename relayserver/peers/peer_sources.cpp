@@ -10,10 +10,10 @@ using Orvex::RelayClient;
 
 namespace {
 
-/// The records that were noted under one address and program: descriptor by serial number.
+/// The clients noted under one address and program: descriptor by serial number.
 using NotedPeers = std::unordered_map<std::uint64_t, int>;
 
-/// By address and program. Notes outlive what they say and are checked when they are used.
+/// By address and program. Notes may be stale, and are checked when they are used.
 std::unordered_map<std::uint64_t, NotedPeers>& notes =
     *new std::unordered_map<std::uint64_t, NotedPeers>;
 size_t nNotes = 0;
@@ -28,7 +28,7 @@ in_addr sourceAddressOf(const RelayClient& client, unsigned nProgram) {
     return siSource.sin_addr;
 }
 
-bool bHolds(std::uint64_t nKey, int fd, std::uint64_t nSerial) {
+[[nodiscard]] bool bStillValid(std::uint64_t nKey, int fd, std::uint64_t nSerial) {
     const RelayClient* const pPeer = ctAuthClientTable.findBySerial(fd, nSerial);
     if (pPeer == nullptr || !bIsRelayPeer(*pPeer)) {
         return false;
@@ -37,7 +37,7 @@ bool bHolds(std::uint64_t nKey, int fd, std::uint64_t nSerial) {
     return keyOf(sourceAddressOf(*pPeer, nProgram), nProgram) == nKey;
 }
 
-/// Peers that came and went must not pile up.
+/// Notes of departed peers must not accumulate.
 void sweepWhenMostlyStale() {
     constexpr size_t kAlwaysAllowed = 1024;
     constexpr size_t kAllowedPerClient = 2UL * RelayClient::kAudioPrograms;
@@ -49,7 +49,7 @@ void sweepWhenMostlyStale() {
     for (auto itNote = notes.begin(); itNote != notes.end();) {
         const std::uint64_t nKey = itNote->first;
         std::erase_if(itNote->second, [nKey](const auto& noted) {
-            return !bHolds(nKey, noted.second, noted.first);
+            return !bStillValid(nKey, noted.second, noted.first);
         });
         nNotes += itNote->second.size();
         itNote = itNote->second.empty() ? notes.erase(itNote) : std::next(itNote);
@@ -80,7 +80,7 @@ bool bPeerSendsFrom(in_addr iaSource, unsigned nProgram) {
     }
     NotedPeers& peers = itNote->second;
     for (auto itPeer = peers.begin(); itPeer != peers.end(); itPeer = peers.erase(itPeer)) {
-        if (bHolds(nKey, itPeer->second, itPeer->first)) {
+        if (bStillValid(nKey, itPeer->second, itPeer->first)) {
             return true;
         }
         --nNotes;

@@ -1,5 +1,5 @@
-/// From which addresses relay peers send audio: a datagram finds out whether it came from a peer in
-/// the time of one look-up, however many peers and clients there are. Main thread only.
+/// The addresses from which relay peers send audio: one look-up tells whether a datagram came from
+/// a peer, however many peers and clients there are. Main thread only.
 #pragma once
 
 #include <netinet/in.h>
@@ -8,14 +8,15 @@
 
 #include "orvex/relay_client.h"
 
-/// Takes note of where `client`, an admitted one, sends from, if it is a relay peer. Call after
-/// anything that marks a peer or starts audio for one; what no longer holds is found out later.
+/// Notes the source addresses of the admitted `client` if it is a relay peer. Call after anything
+/// that marks a peer or starts audio for one; stale notes are detected later.
 void notePeerSources(const Orvex::RelayClient& client);
 
-/// Whether some relay peer has `iaSource` as its source address for audio program `nProgram`.
+/// Whether a relay peer has `iaSource` as its source address for audio program `nProgram` (0..5).
 [[nodiscard]] bool bPeerSendsFrom(in_addr iaSource, unsigned nProgram);
 
-/// How many notes are kept, those that hold no longer included.
-size_t nPeerSourceNotesForTest();
+/// The number of notes, stale ones included.
+[[nodiscard]] size_t nPeerSourceNotesForTest();
 
+/// Back to the state at process start.
 void resetPeerSourcesForTest();

@@ -33,7 +33,7 @@ sockaddr_in siAddressIn(const ConnectOrderNetMessage& order) {
     return siPeer;
 }
 
-/// A socket that connects to the peer; -1, logged, when it cannot.
+/// Opens a socket and starts to connect it to the peer; -1, with the reason logged, on failure.
 int nStartConnect(const ConnectOrderNetMessage& order, const sockaddr_in& siPeer) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd == -1) {
@@ -55,30 +55,30 @@ int nStartConnect(const ConnectOrderNetMessage& order, const sockaddr_in& siPeer
     return fd;
 }
 
-void takeTicket(RelayClient& client, const ConnectOrderNetMessage& order) {
+void storeTicket(RelayClient& client, const ConnectOrderNetMessage& order) {
     client.SetTicket(order.GetTicket().data(), static_cast<int>(order.GetTicket().size()));
-    namePeerPort(client, order.GetUdpPort());
+    setPeerUdpBasePort(client, order.GetUdpPort());
 }
 
 void addPending(int fd, const sockaddr_in& siPeer, const ConnectOrderNetMessage& order) {
     addToEpollForWrite(fd);
-    (void)bDisableNagle(fd);  // the link works without, only later
+    (void)bDisableNagle(fd);  // the link works without it, with more delay
     RelayClient client{Orvex::RelayMessageSocket(fd, siPeer)};
     client.SetLastMessageTime(nowSecs());
     client.SetClientID(order.GetConnectToID());
-    takeTicket(client, order);
+    storeTicket(client, order);
     ctOutboundConnectsPending.Add(client);
     RemoveFromRecentlyLost(static_cast<unsigned>(order.GetConnectToID()));
 }
 
-bool bSameAddress(const RelayClient& client, const sockaddr_in& siOther) {
+[[nodiscard]] bool bSameAddress(const RelayClient& client, const sockaddr_in& siOther) {
     sockaddr_in siClient{};
     client.GetAddress(siClient);
     return siClient.sin_addr.s_addr == siOther.sin_addr.s_addr &&
            siClient.sin_port == siOther.sin_port;
 }
 
-/// Presents the order's ticket.
+/// Sends the log-in with the order's ticket; false if the send failed.
 [[nodiscard]] bool bSendLogin(RelayClient& client) {
     unsigned char achTicket[RelayClient::nMAX_TICKET_LEN];
     int nTicketLen = 0;
@@ -88,13 +88,13 @@ bool bSameAddress(const RelayClient& client, const sockaddr_in& siOther) {
     return rcnm.Send(true, *client.GetMessageSocket()) > 0;
 }
 
-/// The peer may have connected to us in the meantime; then there is a link already.
-bool bGiveUpForExisting(RelayClient& client) {
+/// The peer may have connected to us in the meantime; that link is used then.
+[[nodiscard]] bool bYieldToExistingLink(RelayClient& client) {
     RelayClient* pExisting = nullptr;
     if (!ctAuthClientTable.bLookUp(client.GetClientID(), &pExisting)) {
         return false;
     }
-    namePeerPort(*pExisting, ntohs(client.nRelayUdpBasePort));
+    setPeerUdpBasePort(*pExisting, ntohs(client.nRelayUdpBasePort));
     DeleteClient(ctOutboundConnectsPending, client, LeaveReason::kAlreadyConnected);
     confirmExistingPeer(*pExisting);
     return true;
@@ -118,7 +118,7 @@ void finishConnect(RelayClient& client, int fd) {
     removeFromEpoll(fd);
     addToEpollForRead(fd);
     client.SetLastMessageTime(nowSecs());
-    if (!bGiveUpForExisting(client)) {
+    if (!bYieldToExistingLink(client)) {
         logIn(client, fd);
     }
 }
@@ -130,7 +130,7 @@ void startPeerConnect(const ConnectOrderNetMessage& order) {
     RelayClient* pPending = nullptr;
     if (ctOutboundConnectsPending.bLookUp(order.GetConnectToID(), &pPending)) {
         if (bSameAddress(*pPending, siPeer)) {
-            takeTicket(*pPending, order);
+            storeTicket(*pPending, order);
             RemoveFromRecentlyLost(static_cast<unsigned>(order.GetConnectToID()));
             return;
         }
@@ -161,14 +161,14 @@ void confirmExistingPeer(RelayClient& client) {
     ForwardToCS(ccnm);
 }
 
-bool bOwnLoginGoesFirst(unsigned nPeerID) {
+bool bOwnLoginTakesPrecedence(unsigned nPeerID) {
     RelayClient* pClient = nullptr;
     if (!ctAuthClientTable.bLookUp(static_cast<int>(nPeerID), &pClient)) {
         return false;
     }
-    // What the other relay sent before it took our log-in may still be on its way here, even after
-    // its answer. One that connects much later has a reason of its own.
+    // Input from before the other relay received our log-in may still be on its way, even after its
+    // response. A log-in long after ours is a new event.
     const double dSince = std::difftime(nowSecs(), pClient->ttOwnLoginSent);
-    const bool bFresh = dSince >= 0 && dSince <= dPeerConnectTimeOut;  // 0 was long ago
+    const bool bFresh = dSince >= 0 && dSince <= dPeerConnectTimeOut;  // 0 (never) counts as stale
     return bFresh && nSenderID < nPeerID;
 }

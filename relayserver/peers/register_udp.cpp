@@ -23,9 +23,9 @@ namespace {
 
 constexpr int kDone = 1;
 
-/// Requests for a ticket that may follow each other. Two relays that call each other back, each
-/// refusing what comes too often, would give each other reasons for ever. A request so long after
-/// the last one has another reason, and may have as many behind it again.
+/// The most requests for a ticket in a row. Two relays that call each other back, each refusing
+/// what comes too often, would otherwise trigger each other for ever. A request so long after the
+/// last one has a different cause and starts a new count.
 constexpr int kMaxRequests = 4;
 constexpr int kNewRoundSecs = 60;
 
@@ -42,20 +42,20 @@ StoredTicket ticketOf(const RelayClient& otherRelay) {
     return ticket;
 }
 
-bool bUsable(const StoredTicket& ticket) {
+[[nodiscard]] bool bUsable(const StoredTicket& ticket) {
     return ticket.nLen != 0 && nowSecs() <= ticket.lAge + kTicketUsableSecs;
 }
 
-/// One registration: from `sockets[i]` to where the peer's socket of the same kind is.
+/// Sends one registration from `sockets[i]` to the socket of the same kind at the peer.
 void sendFrom(const int (&sockets)[kAudioPrograms], int i, sockaddr_in siPeer, int nPortOffset,
               const Orvex::RelayConnectNetMessage& rcnm) {
     siPeer.sin_port = htons(static_cast<std::uint16_t>(ntohs(siPeer.sin_port) + nPortOffset));
-    (void)rcnm.SendTo(sockets[i], siPeer);  // a datagram may get lost in any case
+    (void)rcnm.SendTo(sockets[i], siPeer);  // datagrams may be lost anyway
 }
 
 void sendRegistrations(const RelayClient& otherRelay, int specificProgram,
                        const Orvex::RelayConnectNetMessage& rcnm) {
-    // What a peer lets through is what comes first: each retry begins at the other end.
+    // A peer admits only the first few, so every other retry starts at the other end.
     const bool bBackwards = otherRelay.nTicketRequests != 0 && otherRelay.nTicketRequests % 2 == 0;
     const auto eachProgram = [&](const int(&sockets)[kAudioPrograms], int nPortOffset) {
         for (int nTurn = 0; nTurn < kAudioPrograms; ++nTurn) {
@@ -66,7 +66,7 @@ void sendRegistrations(const RelayClient& otherRelay, int specificProgram,
             }
         }
     };
-    // The peer takes no more than a few log-ins of one id at a time: the programs themselves first.
+    // The peer admits only a few log-ins of one id at a time: audio before FEC.
     eachProgram(udp_listen_sockfd, 0);
     if (bFecEnable) {
         eachProgram(udp_fec1_sockfd, kFecSocketPortOffset);
@@ -74,20 +74,20 @@ void sendRegistrations(const RelayClient& otherRelay, int specificProgram,
     }
 }
 
-bool bRequestedLately(const RelayClient& otherRelay, std::time_t ttNow) {
+[[nodiscard]] bool bRequestedRecently(const RelayClient& otherRelay, std::time_t ttNow) {
     const double dSince = std::difftime(ttNow, otherRelay.ttLastTicketRequested);
-    return dSince >= 0 && dSince < kTicketRequestSecs;  // not after the clock was set back
+    return dSince >= 0 && dSince < kTicketRequestSecs;  // negative: the clock was set back
 }
 
-/// Whether there have been as many requests in a row as there may be.
-bool bRequestedOften(const RelayClient& otherRelay, std::time_t ttNow) {
+/// Whether the limit on requests in a row is reached.
+[[nodiscard]] bool bRequestLimitReached(const RelayClient& otherRelay, std::time_t ttNow) {
     const double dSince = std::difftime(ttNow, otherRelay.ttLastTicketRequested);
     return otherRelay.nTicketRequests >= kMaxRequests && dSince >= 0 && dSince < kNewRoundSecs;
 }
 
-/// Whether what we sent last still counts against us at the peer: it lets only so many log-ins and
-/// registrations through in a period, and all of it would be refused.
-bool bLimitMayHold(const RelayClient& otherRelay, std::time_t ttNow) {
+/// Whether our last registrations may still count towards the peer's limit on log-ins and
+/// registrations per period, so that new ones would be refused.
+[[nodiscard]] bool bPeerMayThrottle(const RelayClient& otherRelay, std::time_t ttNow) {
     const double dSince = std::difftime(ttNow, otherRelay.ttLastUdpRegistration);
     return dSince >= 0 && dSince <= kPeriodNewConnects;
 }
@@ -103,11 +103,11 @@ void requestTicket(RelayClient& otherRelay) {
     const int nPeerID = otherRelay.GetClientID();
     const std::time_t ttNow = nowSecs();
     otherRelay.bUdpRegistrationOwed = true;
-    if (bRequestedLately(otherRelay, ttNow)) {
+    if (bRequestedRecently(otherRelay, ttNow)) {
         writeToLog(true, "last ticket request for udp reg to relay %d still pending\n", nPeerID);
         return;
     }
-    if (bRequestedOften(otherRelay, ttNow)) {
+    if (bRequestLimitReached(otherRelay, ttNow)) {
         writeToLog(true,
                    "WARNING: %d tickets in a row were of no use to register udp with relay %d, "
                    "requesting no more for a while\n",
@@ -123,8 +123,8 @@ void requestTicket(RelayClient& otherRelay) {
     ForwardToCS(trnm);
 }
 
-/// False when a peer could not be registered.
-bool bReregisterAll() {
+/// False if a peer could not be registered.
+[[nodiscard]] bool bReregisterAll() {
     RelayClientTable::Walk walk(ctAuthClientTable);
     if (!walk.bBeginTraverse()) {
         return true;
@@ -167,7 +167,7 @@ void retryOwedRegistrations(std::time_t ttNow) {
     do {
         RelayClient& rClient = walk.current();
         if (rClient.bUdpRegistrationOwed && rClient.nTicketRequests < kMaxRequests &&
-            !bRequestedLately(rClient, ttNow) && !bLimitMayHold(rClient, ttNow)) {
+            !bRequestedRecently(rClient, ttNow) && !bPeerMayThrottle(rClient, ttNow)) {
             RegisterUdp(rClient, true, true, true, kAllPrograms);
         }
     } while (walk.bContinueTraverse());

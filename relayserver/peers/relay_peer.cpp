@@ -30,8 +30,8 @@ sockaddr_in siPeerAudioAddress(const RelayClient& client, unsigned nProgram) {
     return siPeer;
 }
 
-void namePeerPort(RelayClient& client, int nUdpBasePort) {
-    const auto nPort = static_cast<std::uint16_t>(nUdpBasePort);  // as ports are added up, too
+void setPeerUdpBasePort(RelayClient& client, int nUdpBasePort) {
+    const auto nPort = static_cast<std::uint16_t>(nUdpBasePort);  // wraps, as sums of ports do
     if (nPort == 0) {
         return;
     }
