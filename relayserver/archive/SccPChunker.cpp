@@ -6,7 +6,7 @@
 namespace {
 
 /// The command that erases what is displayed, on either of the field's two caption channels.
-bool bIsErase(char chFirst, char chSecond) {
+[[nodiscard]] bool bIsErase(char chFirst, char chSecond) {
     const int nFirst = chFirst & 0x7F;
     return (nFirst == 0x14 || nFirst == 0x15) && (chSecond & 0x7F) == 0x2C;
 }
@@ -53,7 +53,7 @@ SccPChunk SccPChunker::takeChunk() {
 std::string SccPChunker::getChunkPayloadJson() {
     SccPRendering rendering(takeChunk());
     std::size_t nBudget = std::numeric_limits<std::size_t>::max();
-    (void)rendering.bWriteOn(nBudget);  // that is enough for all
+    (void)rendering.bWriteOn(nBudget);  // enough to complete the text
     return rendering.sTakeText();
 }
 

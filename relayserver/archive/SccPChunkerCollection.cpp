@@ -23,7 +23,7 @@ std::list<SccPChunker*> SccPChunkerCollection::getBuffersOlderThan(unsigned secs
     std::list<SccPChunker*> due;
     for (auto itSource = _collection.begin(); itSource != _collection.end();) {
         SccPChunker& rChunker = itSource->second;
-        // An empty buffer's oldest time is now, and now goes on.
+        // An empty buffer reports the current time, which may be later than `pt`.
         const utc_time_t ptOldest =
             rChunker.getBufferedSize() == 0 ? pt : rChunker.getBufferOldest();
         if (pt - ptOldest >= seconds(secs) || ptOldest > pt) {

@@ -1,4 +1,4 @@
-/// The caption buffers of all sources: which are due for shipping, and which can be forgotten.
+/// The caption buffers of all sources: finds those due for posting and forgets idle ones.
 /// Main thread only.
 #pragma once
 
@@ -7,19 +7,20 @@
 
 #include "relayserver/archive/SccPChunker.h"
 
+/// The buffers by source id.
 class SccPChunkerCollection {
   public:
-    /// Makes a buffer for source `id`; null, and nothing is changed, when it has one. The buffer
-    /// stays where it is until it is forgotten.
+    /// Creates a buffer for source `id`; returns null and changes nothing if there is one. The
+    /// buffer does not move until it is forgotten.
     SccPChunker* createNewSource(unsigned id);
 
-    /// The buffer of source `id`; null when it has none.
+    /// The buffer of source `id`; null if it has none.
     [[nodiscard]] SccPChunker* getSourceBuffer(unsigned id);
 
-    /// The buffers whose oldest caption is at least `secs` old, by source id, and those with
-    /// captions from the future, whose age nobody knows: the clock was set back. With `secs` 0 also
-    /// the empty ones. Forgets buffers that are not among them, are empty and were not rendered for
-    /// more than 300 s. The pointers are valid until the next call of this or of createNewSource.
+    /// The buffers whose oldest caption is at least `secs` seconds old, and those with captions
+    /// from the future, whose age is unknown because the clock was set back; in order of source id.
+    /// With `secs` 0 also the empty ones. Forgets all others that are empty and were not rendered
+    /// for more than 300 s. The pointers are valid until the next call.
     [[nodiscard]] std::list<SccPChunker*> getBuffersOlderThan(unsigned secs);
 
   private:

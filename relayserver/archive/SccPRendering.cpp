@@ -27,7 +27,7 @@ constexpr hex_table_t makeHexTable() {
     return table;
 }
 
-/// What each byte is written as: two hexadecimal digits, with its parity.
+/// Each byte as it is written: two hexadecimal digits, with parity.
 constexpr hex_table_t kHexWithParity = makeHexTable();
 
 /// Appends seconds since the epoch with three decimals, then a tab.
@@ -42,13 +42,13 @@ void appendTime(std::string& rsOut, utc_time_t pt) {
     rsOut += '\t';
 }
 
-/// The bytes that `nBytes` of one field take: time, tab, digits in pairs with blanks between them,
+/// The text size of `nBytes` bytes of one field: time, tab, digits in pairs separated by spaces,
 /// line ends.
 constexpr std::size_t nBlockBytes(std::size_t nBytes) {
     return nBytes == 0 ? 0 : 14 + 1 + 2 * (nBytes + nBytes % 2) + (nBytes - 1) / 2 + 4;
 }
 
-/// Whole seconds from `ptFrom` to `ptTo`; none when the clock was set back between them.
+/// Whole seconds from `ptFrom` to `ptTo`; 0 if the clock was set back between them.
 unsigned long nSecsBetween(utc_time_t ptFrom, utc_time_t ptTo) {
     const std::int64_t nSecs = std::chrono::floor<seconds>(ptTo - ptFrom).count();
     return static_cast<unsigned long>(std::max<std::int64_t>(0, nSecs));
@@ -68,7 +68,7 @@ SccPRendering::SccPRendering(SccPChunk chunk)
         R"({"time" : %lu,"dur" : %lu,"feedID" : "%u","CaptionData" : {"format" : "SCCP","S1data" : ")",
         nSecsBetween(ptEpoch, _chunk.ptThisTime),
         nSecsBetween(_chunk.ptLastSent, _chunk.ptThisTime), _chunk.nSourceID);
-    // At once: a text that grows is copied each time.
+    // All at once: a text that grows is copied each time.
     _sText.reserve(sHead.size() + _chunk.nTextBytes + kBetweenFields.size() + kEnd.size());
     _sText = sHead;
 }
@@ -89,8 +89,8 @@ bool SccPRendering::bWriteOn(std::size_t& rnBudget) {
     return true;
 }
 
-/// Writes the text of one field as far as the budget goes; true when it is complete. A caption is
-/// freed when it is written in field 2.
+/// Writes the text of one field as far as the budget allows; true if it is complete. A caption is
+/// freed once its field 2 is written.
 bool SccPRendering::_bufSccPSnapshot(bool field1, std::size_t& rnBudget) {
     while (_itNext != _chunk.byteMap.end() && rnBudget > 0) {
         const auto& [pt, sBytes] = *_itNext;
@@ -101,7 +101,7 @@ bool SccPRendering::_bufSccPSnapshot(bool field1, std::size_t& rnBudget) {
     return _itNext == _chunk.byteMap.end();
 }
 
-/// Appends the time, the bytes of one field in pairs, the last one completed, and an empty line;
+/// Appends the time, the bytes of one field in pairs, the last one padded, and an empty line;
 /// nothing if the caption has no byte of that field.
 void SccPRendering::_writeCaption(utc_time_t pt, std::string_view svBytes, bool field1) {
     std::size_t nTaken = 0;

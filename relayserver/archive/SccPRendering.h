@@ -1,5 +1,5 @@
-/// The JSON text of what one source has captioned, written a part at a time: a long text in one go
-/// would hold up the loop. Main thread only.
+/// Renders the captions of one source as JSON, a part at a time: a long text at once would delay
+/// the event loop. Main thread only.
 #pragma once
 
 #include <bit>
@@ -15,26 +15,25 @@
 constexpr utc_time_t ptEpoch{};
 
 /// `b` with odd parity: unchanged if its lower seven bits hold an odd number of ones, else with bit
-/// 7 set. Bit 7 is never cleared, so bytes of field 2 may come out with even parity: receivers
-/// expect it so.
+/// 7 set. Bit 7 is never cleared, so bytes of field 2 may get even parity: receivers expect this.
 [[nodiscard]] constexpr unsigned char odd_parity_8(unsigned char b) {
     const bool bOdd = std::popcount(b & 0x7FU) % 2 == 1;
     return bOdd ? b : static_cast<unsigned char>(b | 0x80U);
 }
 
-/// Whether a caption byte belongs to field 2: bit 7 of the bytes that are kept tells the field.
+/// Whether a caption byte, as stored, belongs to field 2: bit 7 tells the field.
 [[nodiscard]] constexpr bool bIsOfField2(char chByte) {
     return (static_cast<unsigned char>(chByte) & 0x80U) != 0;
 }
 
-/// The bytes that a caption takes in the text, in both fields together, while the time has ten
-/// digits before the point (from 2001 to 2286).
+/// The text size of a caption, both fields together, while the time has ten digits before the point
+/// (from 2001 to 2286).
 [[nodiscard]] std::size_t nSccPTextBytes(std::string_view svCaption);
 
 /// What a source has collected between two renderings.
 struct SccPChunk {
     unsigned nSourceID = 0;
-    /// When the source was rendered before, and now.
+    /// The time of the previous rendering, and of this one.
     utc_time_t ptLastSent;
     utc_time_t ptThisTime;
     /// The bytes of each caption, by the time of its arrival.
@@ -43,22 +42,24 @@ struct SccPChunk {
     std::size_t nTextBytes = 0;
 };
 
+/// The JSON text of one chunk.
 class SccPRendering {
   public:
+    /// A rendering of `chunk` of which only the head is written.
     explicit SccPRendering(SccPChunk chunk);
     SccPRendering(const SccPRendering&) = delete;
     SccPRendering& operator=(const SccPRendering&) = delete;
 
-    /// What it takes to write a caption without bytes, in the unit of a byte.
+    /// The cost of writing a caption without bytes; a byte costs 1.
     static constexpr std::size_t kCaptionCost = 32;
 
-    /// Writes on and takes the cost of each caption (its bytes and `kCaptionCost`, for each of the
-    /// two fields) from `rnBudget` until nothing is left of it; with a budget above 0 at least one
-    /// caption. True when the text is complete.
+    /// Continues the text and subtracts the cost of each caption (its bytes and `kCaptionCost`, for
+    /// each of the two fields) from `rnBudget` until that is used up; with a budget above 0 writes
+    /// at least one caption. True when the text is complete.
     [[nodiscard]] bool bWriteOn(std::size_t& rnBudget);
 
-    /// The text, once it is complete. Line ends stand in the strings as they are (CR LF), which
-    /// strict JSON does not allow; receivers expect it.
+    /// The text, once it is complete. Line ends (CR LF) are not escaped in the strings, which
+    /// strict JSON does not allow; receivers expect this.
     [[nodiscard]] std::string sTakeText() { return std::move(_sText); }
 
   private:
@@ -68,6 +69,6 @@ class SccPRendering {
     SccPChunk _chunk;
     std::string _sText;
     bool _bField1Written = false;
-    /// The caption to be written next.
+    /// The next caption to write.
     std::map<utc_time_t, std::string>::iterator _itNext;
 };

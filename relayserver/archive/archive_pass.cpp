@@ -15,17 +15,17 @@ std::time_t ttLastArchiveSent = nowSecs();
 
 namespace {
 
-/// What one pass of the loop may render, in the unit of `SccPRendering`; it takes some tenths of a
-/// millisecond. A source costs something too, however little it has.
+/// The rendering budget of one pass, in the unit of `SccPRendering`: a few tenths of a millisecond.
+/// Each source has a fixed cost as well.
 constexpr std::size_t kBudgetPerPass = 100000;
 constexpr std::size_t kSourceCost = 1000;
 
-/// Sources whose captions are to be handed over in this pass and the next ones.
+/// Sources whose captions will be handed over in this pass and the next ones.
 std::deque<unsigned> sourcesDue;
-/// Of the source before them, if it is not complete.
+/// The unfinished rendering of the source before them, if any.
 std::optional<SccPRendering> rendering;
 
-bool bArchiveFull() {
+[[nodiscard]] bool bArchiveFull() {
     return ArchivePostThreader.getPayloadQueueSize() > kMaxArchiveBacklogPayloads ||
            ArchivePostThreader.getPayloadQueueBytes() > kMaxArchiveBacklogBytes;
 }
@@ -50,7 +50,7 @@ void beginArchivePass(std::time_t ttNow) {
     ttLastArchiveSent = ttNow;
 }
 
-void cancelFlood(SccPChunker& rChunker) {
+void discardFlood(SccPChunker& rChunker) {
     writeToLog(true,
                "WARNING: Archive: Attempt to send %zu data bytes collected from client %u, "
                "cancelling\n",
@@ -58,13 +58,13 @@ void cancelFlood(SccPChunker& rChunker) {
     rChunker.clear();
 }
 
-void beginWithNextSource(std::size_t& rnBudget) {
-    // Sources are forgotten only when a pass begins: all that are due are still there.
+void beginNextSource(std::size_t& rnBudget) {
+    // Sources are forgotten only when an archive pass begins, so all that are due still exist.
     SccPChunker& rChunker = *ChunkCollector.getSourceBuffer(sourcesDue.front());
     sourcesDue.pop_front();
     if (rChunker.getBufferedSize() > SccPChunker::kMaxSentCaptions) {
-        cancelFlood(rChunker);
-        rnBudget = 0;  // to free so many takes long enough
+        discardFlood(rChunker);
+        rnBudget = 0;  // freeing that many takes long enough
         return;
     }
     rendering.emplace(rChunker.takeChunk());
@@ -78,23 +78,23 @@ void queueRendered() {
     rendering.reset();
 }
 
-void handSomeOver() {
+void renderWithinBudget() {
     std::size_t nBudget = kBudgetPerPass;
     while (nBudget > 0 && bArchiveWaits()) {
         if (!rendering) {
-            beginWithNextSource(nBudget);
+            beginNextSource(nBudget);
         } else if (rendering->bWriteOn(nBudget)) {
             queueRendered();
         }
     }
 }
 
-/// A source keeps one caption for each microsecond, and captions that arrive together are handled
-/// faster than that: waits until the clock has gone on. A clock that stands still is not waited
-/// for.
-void awaitTimeOfItsOwn(const SccPChunker& chunker) {
-    constexpr int kMostLooks = 1000;
-    for (int i = 0; i < kMostLooks && chunker.bHolds(ptNow()); ++i) {
+/// A source keeps only one caption per microsecond, but captions that arrive together are handled
+/// faster than that: waits until the clock has advanced. The wait is bounded, in case the clock
+/// does not advance.
+void waitForUnusedTime(const SccPChunker& chunker) {
+    constexpr int kMaxClockReads = 1000;
+    for (int i = 0; i < kMaxClockReads && chunker.bHolds(ptNow()); ++i) {
     }
 }
 
@@ -129,19 +129,19 @@ void archiveCaption(unsigned nSourceID, std::string_view svCaption) {
         return;
     }
     if (!svCaption.empty()) {
-        awaitTimeOfItsOwn(*pChunker);
+        waitForUnusedTime(*pChunker);
         pChunker->add(svCaption);
     }
 }
 
 void lookAfterArchive(std::time_t ttNow) {
     if (ttNow < ttLastArchiveSent) {
-        ttLastArchiveSent = ttNow;  // the clock was set back: it must not hold up the archive
+        ttLastArchiveSent = ttNow;  // the clock was set back: that must not delay the archive
     }
     if (!bArchiveWaits() && std::difftime(ttNow, ttLastArchiveSent) >= nArchiveSendCheckInterval) {
         beginArchivePass(ttNow);
     }
-    handSomeOver();
+    renderWithinBudget();
 }
 
 bool bArchiveWaits() {

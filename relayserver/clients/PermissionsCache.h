@@ -7,6 +7,7 @@
 
 namespace Tessel_Routing {
 
+/// Permissions by (source, destination).
 class PermissionsCache {
   public:
     /// Bits of a permission code.
@@ -16,24 +17,27 @@ class PermissionsCache {
     /// Unknown or stale: ask again.
     static constexpr int kAskAgain = 8;
 
+    /// Starts empty.
     PermissionsCache();
 
     /// The code of (source `a`, destination `b`) becomes exactly granted or denied, as of now.
     void Grant(int a, int b);
     void Deny(int a, int b);
 
-    /// Notes that a request is under way: it need not be asked again for `_kPendingWait`.
+    /// Notes that a request is pending: it need not be repeated for `_kPendingWait` seconds.
     void MarkPending(int a, int b);
 
-    /// The code of (a, b). An unknown pair is remembered with `kAskAgain`; so is a stale one, which
-    /// keeps its other bits. Runs `Cleanup` when the last one is more than `_kCleanupInterval` ago.
+    /// The code of (a, b). An unknown pair is stored with `kAskAgain`; a stale one gets that bit
+    /// and keeps its others. Runs `Cleanup` if the last one was more than `_kCleanupInterval`
+    /// seconds ago.
     [[nodiscard]] int getCode(int a, int b);
 
-    /// Forgets `id` as source and as destination; returns how many entries went: one for it as a
-    /// source, whatever its destinations, and one for each source that had it as destination.
+    /// Forgets `id` as source and as destination. Returns the number of entries removed: one for it
+    /// as a source, however many destinations it has, and one for each source that has it as a
+    /// destination.
     unsigned ClearID(int id);
 
-    /// Drops entries older than `_kCleanupInterval`.
+    /// Drops entries older than `_kCleanupInterval` seconds.
     void Cleanup();
 
     /// Forgets everything.

@@ -21,7 +21,7 @@ void DeleteClient(RelayClientTable& table, RelayClient& client, LeaveReason reas
     }
     const int fd = client.GetMessageSocket()->getMsgSockFileDesc();
     SSL* const pSSL = client.GetMessageSocket()->getSSLPtr();
-    (void)table.bDelete(client);  // it is in this table: that is the caller's part
+    (void)table.bDelete(client);  // the caller guarantees that it is in this table
     SSL_free(pSSL);
     closeDescriptor(fd);
 }

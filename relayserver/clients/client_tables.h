@@ -1,6 +1,6 @@
-/// The tables of connected peers. A connection stands in exactly one of them; it moves from
-/// handshaking (TLS only) to loose to admitted, or from pending to admitted, and leaves through
-/// `client_removal`. Main thread only. Never destroyed, because the process ends with clients
+/// The tables of connections. A connection is in exactly one of them: it moves from handshaking
+/// (TLS only) to loose to admitted, or from pending to admitted, and is removed by
+/// `client_removal`. Main thread only. Never destroyed, because the process exits with clients
 /// connected.
 #pragma once
 

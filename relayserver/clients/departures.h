@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+/// Why a connection was removed.
 enum class LeaveReason {
     kLoggedOut,          ///< the client sent a log-out
     kNewerLogin,         ///< its id logged in on another connection
@@ -14,14 +15,14 @@ enum class LeaveReason {
     kRefusedByRelay,     ///< the other relay refused our log-in
     kHibernation,        ///< no connection server for too long
     kNewSession,         ///< the connection server does not know the relay's session
-    kTicketRefused,      ///< its ticket does not admit
+    kTicketRefused,      ///< its ticket was not valid
     kNoTicketInTime,     ///< sent no valid ticket in time
     kOverLoginBudget,    ///< sent too much before its log-in
-    kHandshakeFailed,    ///< TLS handshake
-    kHandshakeTimedOut,  ///< TLS handshake
-    kConnectTimedOut,    ///< connect to another relay
-    kConnectReplaced,    ///< connect to another relay, which was ordered again with another address
-    kAlreadyConnected,   ///< connect to another relay, which has connected to us meanwhile
+    kHandshakeFailed,    ///< the TLS handshake failed
+    kHandshakeTimedOut,  ///< the TLS handshake took too long
+    kConnectTimedOut,    ///< the connect to another relay took too long
+    kConnectReplaced,    ///< connect to another relay, ordered again with another address
+    kAlreadyConnected,   ///< connect to another relay, which connected to us meanwhile
 };
 
 /// Counts one connection that ended.
@@ -30,4 +31,5 @@ void noteDeparture(LeaveReason reason);
 /// How many connections have ended for `reason` since process start.
 [[nodiscard]] std::uint64_t nDepartures(LeaveReason reason);
 
+/// Sets all counts to 0.
 void resetDeparturesForTest();

@@ -1,4 +1,4 @@
-/// What makes a client a relay peer.
+/// What makes a client a relay peer. Main thread only.
 #pragma once
 
 #include "orvex/relay_client.h"

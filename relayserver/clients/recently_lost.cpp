@@ -7,14 +7,14 @@
 
 using Orvex::LostConnectionNetMessage;
 
-// Never destroyed, because the process ends with losses on the list.
+// Never destroyed, because the process exits with losses on the list.
 std::vector<std::shared_ptr<LostConnectionNetMessage>>& vRecentlyLost =
     *new std::vector<std::shared_ptr<LostConnectionNetMessage>>;
 
 namespace {
 
-/// How many entries each client has on the list: most that log in have none, which is known without
-/// a walk through it.
+/// The number of entries of each client: most that log in have none, which this tells without
+/// searching the list.
 std::unordered_map<unsigned, std::size_t>& nLossesByID =
     *new std::unordered_map<unsigned, std::size_t>;
 

@@ -1,5 +1,5 @@
-/// Which video messages reach which destination: by permission of the pair, and by what the
-/// destination's connection can still take. Main thread only.
+/// Decides which video messages are sent to a destination: by the permission of the pair and by the
+/// backlog of the destination's connection. Main thread only.
 #pragma once
 
 #include "orvex/net_message.h"
@@ -12,8 +12,8 @@ extern Tessel_Routing::PermissionsCache& videoPermissions;
 /// The largest unsent TCP backlog (bytes) at which a new video frame may still start.
 constexpr int kMaxVideoFullness = 200000;
 
-/// Whether video of `nSource` may go to `destination`. A pair that is new or stale is granted here,
-/// but only from its next message on.
+/// Whether video from `nSource` may be sent to `destination`. A pair that is new or stale is
+/// granted here, but only from its next message on.
 [[nodiscard]] bool bVideoPermitted(unsigned nSource, Orvex::RelayClient& destination);
 
 /// Whether page `nPage` (from 1) of a frame may be sent to `destination` now. A frame starts only

@@ -1,5 +1,5 @@
-/// The routes last read from the route table, so that switching a message asks the database only on
-/// a miss. Main thread only.
+/// Caches the routes read from the route table, so that switching a message queries the database
+/// only on a miss. Main thread only.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +16,7 @@ namespace Tessel_Routing {
 class RouteEntry {
   public:
     RouteEntry() = default;
+    /// `clientsTo` in the order in which the database returned them.
     RouteEntry(unsigned clientFrom, int msgType, std::vector<unsigned> clientsTo);
 
     [[nodiscard]] int GetClientFrom() const { return _clientFrom; }
@@ -25,7 +26,7 @@ class RouteEntry {
     /// The destinations themselves, valid as long as this entry.
     [[nodiscard]] const std::vector<unsigned>& clientsTo() const { return _clientsTo; }
 
-    /// The `i`th destination's record in `table`, null when it is not there; ask always for the
+    /// The record of the `i`th destination in `table`, null if it is not there; always pass the
     /// same table. Costs a look-up only after the table has changed.
     [[nodiscard]] Orvex::RelayClient* find(size_t i, const Orvex::RelayClientTable& table) const {
         return table.findAgain(static_cast<int>(_clientsTo[i]), _found[i]);
@@ -38,6 +39,7 @@ class RouteEntry {
     mutable std::vector<Orvex::FoundClient> _found;  ///< of each destination
 };
 
+/// Cached routes by source and message type.
 class RoutingCache {
   public:
     /// The process-wide cache, made on first use and never destroyed.
@@ -57,13 +59,14 @@ class RoutingCache {
     /// without destinations is a hit.
     [[nodiscard]] bool CacheHit(unsigned source, int type, std::vector<unsigned>& destIDs) const;
 
-    /// The entry of (source, type), or null on a miss. The holder may walk it although a routing
-    /// update removes it meanwhile. No allocation.
+    /// The entry of (source, type), or null on a miss. The caller may walk it even if a routing
+    /// update removes it meanwhile. Allocates nothing.
     [[nodiscard]] std::shared_ptr<const RouteEntry> find(unsigned source, int type) const;
 
+    /// The number of cached routes.
     [[nodiscard]] size_t size() const { return _cache.size(); }
 
-    /// More routes than any network of ours has; reaching it empties the cache, because a peer that
+    /// More routes than any real network has. When it is reached the cache is emptied: a peer that
     /// invents sender ids must not fill the memory.
     static constexpr size_t kMaxEntries = 1U << 18U;
 

@@ -39,7 +39,7 @@ class SqlResult {
     bool _bOK;
 };
 
-/// The statement by which (from, to, class) goes; an id of 0 stands for every client.
+/// The statement that deletes (from, to, class); an id of 0 stands for every client.
 std::string sDeleteStatement(unsigned nFromID, unsigned nToID, int nMsgClass) {
     if (nToID == 0) {
         return string_format("DELETE FROM iopatch WHERE clientfrom='%u' AND msgclass='%d'", nFromID,

@@ -1,7 +1,7 @@
 /// The routes: table `iopatch` of the database, and the cache in front of it. Main thread only.
 ///
-/// Database errors are reported by the SQL wrapper and end nothing: a statement that failed has no
-/// effect and a query that failed gives no rows.
+/// Database errors are reported by the SQL wrapper and are not fatal: a statement that failed has
+/// no effect and a query that failed gives no rows.
 #pragma once
 
 #include <memory>
@@ -11,7 +11,7 @@
 /// Deletes every route, from table and cache.
 void DBCleanup();
 
-/// Adds the route from `nFromID` to `nToID` to the table. The cache does not know of it before
+/// Adds the route from `nFromID` to `nToID` to the table. The cache does not show it until
 /// `forgetRoute`.
 void insertRoute(unsigned nFromID, unsigned nToID, int nMsgClass);
 
@@ -22,9 +22,11 @@ void deleteRoute(unsigned nFromID, unsigned nToID, int nMsgClass);
 /// Forgets the cached route of (source, message class): the next message reads the table.
 void forgetRoute(unsigned nSource, int nMsgClass);
 
-/// The route of (source, message class): from the cache, or read from the table and cached, empty
-/// if the query failed. On a miss `sTypeText` names the class in the log line. Never null.
+/// The route of (source, message class): from the cache, or read from the table and cached; empty
+/// if the query failed. Never null. On a miss `sTypeText` names the class in the log line; null for
+/// its number.
 std::shared_ptr<const Tessel_Routing::RouteEntry> findRoute(unsigned nSource, int nMsgClass,
                                                             const char* sTypeText = nullptr);
 
+/// Empties the cache.
 void resetRouteStoreForTest();
