@@ -1,22 +1,24 @@
-/// Every key of the configuration file: what it may hold, what holds without it, what it does. The
-/// one place that says so: settings are read by these rows, and the documents show them.
+/// Every key of the configuration file: its allowed values, its default and its effect. The only
+/// place that defines them; settings are read by these rows, and the documentation shows them.
 #pragma once
 
 #include <array>
 
+/// The type of a value.
 enum class SettingKind {
     kText,
-    kNumber,   ///< a whole number; a fraction is cut off
+    kNumber,   ///< a whole number; a fraction is truncated
     kYesOrNo,  ///< yes, true, no or false; any other text counts as no
     kList,     ///< texts under keys numbered from 1, up to the first missing number
 };
 
+/// One key.
 struct SettingKey {
     const char* sSection;
-    /// Of a list, the name before the number.
+    /// For a list, the part before the number.
     const char* sKey;
     SettingKind kind;
-    /// The range of a number.
+    /// The range of a number; start-up checks that of ports. A TLS port below 0 counts as none.
     long nLowest = 0;
     long nHighest = 0;
     /// What a number is without the key; a yes-or-no key is no (0), a text empty.
