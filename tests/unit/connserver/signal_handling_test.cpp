@@ -208,8 +208,8 @@ TEST_F(SignalHandling, SleepsAsLongAsAskedWithoutARequest) {
 TEST_F(SignalHandling, WakesASleeperOnTermination) {
     ASSERT_TRUE(setupSignalHandler());
     const auto start = steady_clock::now();
-    std::thread killer([] {
-        std::this_thread::sleep_for(milliseconds(20));
+    std::thread killer([sleeper = gettid()] {
+        EXPECT_TRUE(bEventually([sleeper] { return bIsAsleep(sleeper); }));
         kill(getpid(), SIGTERM);
     });
     EXPECT_TRUE(bWaitForExitRequest(60'000));

@@ -1,18 +1,18 @@
-/// Standard output of this process into a file, readable while it grows (GoogleTest's own capture
-/// can be read only at its end). Undone by the destructor.
+/// Redirects this process's standard output to a file that can be read while it grows (GoogleTest's
+/// own capture can be read only at its end). The destructor undoes it.
 #pragma once
 
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <thread>
 
-/// Everything that stands in a file; empty when there is none.
+#include "tests/unit/base/waiting.h"
+
+/// The content of a file; empty when there is none.
 inline std::string sFileContent(const std::string& sPath) {
     std::ifstream file(sPath, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), {});
@@ -25,19 +25,6 @@ inline int nOccurrences(const std::string& sText, const std::string& sPart) {
         ++nFound;
     }
     return nFound;
-}
-
-/// Waits until `condition()` holds; false when it does not within ten seconds.
-template <typename Condition>
-[[nodiscard]] bool bEventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 class StdoutCapture {
@@ -65,7 +52,7 @@ class StdoutCapture {
         return sUnflushedText();
     }
 
-    /// What has reached the file without our help.
+    /// What has reached the file without a flush by this test.
     std::string sUnflushedText() const {
         std::string sText;
         char achBuffer[4096];
