@@ -1,46 +1,20 @@
-// Keys are made with the calls that the wrappers themselves are built on.
+// How a message encrypts and decrypts its payload, with a stand-in and with real keys.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
 #include <gtest/gtest.h>
-#include <openssl/bn.h>
-#include <openssl/rsa.h>
 
 #include <algorithm>
-#include <memory>
+#include <string>
 
 #include "genner/output/ChallengeNetMessage.h"
 #include "orvex/net_message.h"
 #include "orvex/rsa_decrypter_impl.h"
 #include "orvex/rsa_encrypter_impl.h"
 #include "tests/unit/orvex/image_bytes.h"
+#include "tests/unit/orvex/rsa_keys.h"
 
 namespace Orvex {
 namespace {
-
-struct rsa_free_t {
-    void operator()(RSA* pKey) const { RSA_free(pKey); }
-};
-using rsa_ptr_t = std::unique_ptr<RSA, rsa_free_t>;
-
-rsa_ptr_t generatedKey(int nBits) {
-    rsa_ptr_t pKey(RSA_new());
-    BIGNUM* const pExponent = BN_new();
-    BN_set_word(pExponent, RSA_F4);
-    EXPECT_EQ(RSA_generate_key_ex(pKey.get(), nBits, pExponent, nullptr), 1);
-    BN_free(pExponent);
-    return pKey;
-}
-
-/// A public key of any size at once: its modulus need not be a product of primes to encrypt.
-rsa_ptr_t publicKeyOf(int nBits) {
-    rsa_ptr_t pKey(RSA_new());
-    BIGNUM* const pModulus = BN_new();
-    BIGNUM* const pExponent = BN_new();
-    BN_rand(pModulus, nBits, BN_RAND_TOP_TWO, BN_RAND_BOTTOM_ODD);
-    BN_set_word(pExponent, RSA_F4);
-    EXPECT_EQ(RSA_set0_key(pKey.get(), pModulus, pExponent, nullptr), 1);
-    return pKey;
-}
 
 /// Answers `nResult` and fills as many bytes; remembers what it was given.
 class FakeCipher : public RSAEncrypter, public RSADecrypter {
@@ -62,7 +36,7 @@ class FakeCipher : public RSAEncrypter, public RSADecrypter {
     std::string sFrom;
 };
 
-class RsaTest : public testing::Test {
+class NetMessageRsaTest : public testing::Test {
   protected:
     void SetUp() override { testing::internal::CaptureStdout(); }
     void TearDown() override { EXPECT_EQ(testing::internal::GetCapturedStdout(), sExpectedOut); }
@@ -73,7 +47,7 @@ NetMessage messageWith(const std::string& sPayload) {
     return receivedFrom<NetMessage>(imageWith(1, sPayload));
 }
 
-TEST_F(RsaTest, CipherTextReplacesThePayloadOnly) {
+TEST_F(NetMessageRsaTest, CipherTextReplacesThePayloadOnly) {
     NetMessage message = messageWith("secret~");
     FakeCipher cipher(256);
     EXPECT_TRUE(message.RSAEncrypt(&cipher));
@@ -82,7 +56,7 @@ TEST_F(RsaTest, CipherTextReplacesThePayloadOnly) {
     EXPECT_TRUE(message.isInSync());
 }
 
-TEST_F(RsaTest, EncryptedMessageIsNotPackedAgainWhenSent) {
+TEST_F(NetMessageRsaTest, EncryptedMessageIsNotPackedAgainWhenSent) {
     ChallengeNetMessage message(77);
     message.SetLoginNumber(78);
     FakeCipher cipher(128);
@@ -91,7 +65,7 @@ TEST_F(RsaTest, EncryptedMessageIsNotPackedAgainWhenSent) {
     EXPECT_EQ(std::string(message.frame()).substr(10), std::string(128, 'e'));
 }
 
-TEST_F(RsaTest, FailedEncryptionLeavesTheMessage) {
+TEST_F(NetMessageRsaTest, FailedEncryptionLeavesTheMessage) {
     NetMessage message = messageWith("secret~");
     FakeCipher cipher(-1);
     EXPECT_FALSE(message.RSAEncrypt(&cipher));
@@ -99,7 +73,7 @@ TEST_F(RsaTest, FailedEncryptionLeavesTheMessage) {
     sExpectedOut = "RSA encryption failed\n";
 }
 
-TEST_F(RsaTest, CipherTextOf499BytesFitsAPayload) {
+TEST_F(NetMessageRsaTest, CipherTextOf499BytesFitsAPayload) {
     NetMessage message = messageWith("secret~");
     FakeCipher cipher(499);
     EXPECT_TRUE(message.RSAEncrypt(&cipher));
@@ -107,7 +81,7 @@ TEST_F(RsaTest, CipherTextOf499BytesFitsAPayload) {
     EXPECT_EQ(message.frame().size(), 510U);
 }
 
-TEST_F(RsaTest, CipherTextThatDoesNotFitFailsWithoutOverwriting) {
+TEST_F(NetMessageRsaTest, CipherTextThatDoesNotFitFailsWithoutOverwriting) {
     for (const int nResult : {500, 512, 2048}) {
         NetMessage message = messageWith("secret~");
         FakeCipher cipher(nResult);
@@ -117,7 +91,7 @@ TEST_F(RsaTest, CipherTextThatDoesNotFitFailsWithoutOverwriting) {
     }
 }
 
-TEST_F(RsaTest, KeysTooLargeForAPayloadFailWithoutOverwriting) {
+TEST_F(NetMessageRsaTest, KeysTooLargeForAPayloadFailWithoutOverwriting) {
     for (const int nBits : {4000, 4096, 8192, 16384}) {
         const rsa_ptr_t pKey = publicKeyOf(nBits);
         RSAEncrypterImpl encrypter(pKey.get());
@@ -129,7 +103,7 @@ TEST_F(RsaTest, KeysTooLargeForAPayloadFailWithoutOverwriting) {
     }
 }
 
-TEST_F(RsaTest, LargestUsableKeyHas3992Bits) {
+TEST_F(NetMessageRsaTest, LargestUsableKeyHas3992Bits) {
     const rsa_ptr_t pKey = publicKeyOf(3992);
     RSAEncrypterImpl encrypter(pKey.get());
     NetMessage message = messageWith("secret~");
@@ -137,7 +111,7 @@ TEST_F(RsaTest, LargestUsableKeyHas3992Bits) {
     EXPECT_EQ(message.GetMessageLen(), 508);
 }
 
-TEST_F(RsaTest, ImagesShorterThanAHeaderAreEncryptedAsEmpty) {
+TEST_F(NetMessageRsaTest, ImagesShorterThanAHeaderAreEncryptedAsEmpty) {
     auto message = receivedFrom<NetMessage>(std::string(3, '\x01'));
     FakeCipher cipher(16);
     EXPECT_TRUE(message.RSAEncrypt(&cipher));
@@ -145,7 +119,7 @@ TEST_F(RsaTest, ImagesShorterThanAHeaderAreEncryptedAsEmpty) {
     EXPECT_EQ(message.GetMessageLen(), 25);
 }
 
-TEST_F(RsaTest, OversizeMessageIsNotEncrypted) {
+TEST_F(NetMessageRsaTest, OversizeMessageIsNotEncrypted) {
     auto message = receivedFrom<NetMessage>(std::string(509, 'x'));
     FakeCipher cipher(128);
     EXPECT_FALSE(message.RSAEncrypt(&cipher));
@@ -153,7 +127,7 @@ TEST_F(RsaTest, OversizeMessageIsNotEncrypted) {
     sExpectedOut = "RSA encryption failed\n";
 }
 
-TEST_F(RsaTest, DecryptionReplacesThePayloadAndUnpacks) {
+TEST_F(NetMessageRsaTest, DecryptionReplacesThePayloadAndUnpacks) {
     ChallengeNetMessage message(5);
     FakeCipher cipher(3, '4');
     EXPECT_TRUE(message.RSADecrypt(&cipher));
@@ -163,7 +137,7 @@ TEST_F(RsaTest, DecryptionReplacesThePayloadAndUnpacks) {
     EXPECT_TRUE(message.isInSync());
 }
 
-TEST_F(RsaTest, NothingToDecryptFailsWithoutCallingTheDecrypter) {
+TEST_F(NetMessageRsaTest, NothingToDecryptFailsWithoutCallingTheDecrypter) {
     FakeCipher cipher(3);
     auto headerOnly = messageWith("");
     EXPECT_FALSE(headerOnly.RSADecrypt(&cipher));
@@ -172,7 +146,7 @@ TEST_F(RsaTest, NothingToDecryptFailsWithoutCallingTheDecrypter) {
     EXPECT_EQ(cipher.nCalls, 0);
 }
 
-TEST_F(RsaTest, FailedOrTooLongDecryptionLeavesTheMessage) {
+TEST_F(NetMessageRsaTest, FailedOrTooLongDecryptionLeavesTheMessage) {
     for (const int nResult : {-1, 500, 2048}) {
         FakeCipher cipher(nResult);
         NetMessage message = messageWith("cipher");
@@ -182,14 +156,14 @@ TEST_F(RsaTest, FailedOrTooLongDecryptionLeavesTheMessage) {
     }
 }
 
-TEST_F(RsaTest, PadOfAMaximalFrameIsNotDecrypted) {
+TEST_F(NetMessageRsaTest, PadOfAMaximalFrameIsNotDecrypted) {
     FakeCipher cipher(3);
     NetMessage message = messageWith(std::string(499, 'c') + "~");
     EXPECT_TRUE(message.RSADecrypt(&cipher));
     EXPECT_EQ(cipher.sFrom.size(), 499U);
 }
 
-TEST_F(RsaTest, KeyPairTakesAMessageThereAndBack) {
+TEST_F(NetMessageRsaTest, KeyPairTakesAMessageThereAndBack) {
     const rsa_ptr_t pKey = generatedKey(1024);
     RSAEncrypterImpl encrypter(pKey.get());
     RSADecrypterImpl decrypter(pKey.get());
@@ -203,7 +177,7 @@ TEST_F(RsaTest, KeyPairTakesAMessageThereAndBack) {
     EXPECT_EQ(got.GetLoginNumber(), 123456);
 }
 
-TEST_F(RsaTest, PayloadTooLongForTheKeyFails) {
+TEST_F(NetMessageRsaTest, PayloadTooLongForTheKeyFails) {
     const rsa_ptr_t pKey = publicKeyOf(1024);
     RSAEncrypterImpl encrypter(pKey.get());
     NetMessage longest = messageWith(std::string(86, 'x'));
@@ -213,7 +187,7 @@ TEST_F(RsaTest, PayloadTooLongForTheKeyFails) {
     sExpectedOut = "RSA encryption failed\n";
 }
 
-TEST_F(RsaTest, WithoutAKeyNothingIsEncrypted) {
+TEST_F(NetMessageRsaTest, WithoutAKeyNothingIsEncrypted) {
     RSAEncrypterImpl encrypter(nullptr);
     RSADecrypterImpl decrypter(nullptr);
     EXPECT_EQ(encrypter.size(), 0);
