@@ -42,6 +42,13 @@ SocketPair::SocketPair() {
     makeNonBlockingForTest(near.get());
 }
 
+Pipe::Pipe() {
+    std::array<int, 2> fds{};
+    EXPECT_EQ(pipe(fds.data()), 0);
+    out.take(fds[0]);
+    in.take(fds[1]);
+}
+
 int nFillUp(int fd) {
     const std::vector<char> vBytes(65536, 'f');
     int nTaken = 0;

@@ -41,6 +41,13 @@ struct SocketPair {
     Fd far;
 };
 
+/// A pipe: written at `in`, read at `out`; both ends block.
+struct Pipe {
+    Pipe();
+    Fd in;
+    Fd out;
+};
+
 /// Adds O_NONBLOCK.
 void makeNonBlockingForTest(int fd);
 [[nodiscard]] bool bIsNonBlockingForTest(int fd);
