@@ -86,14 +86,14 @@ void exchangeLogFile(FILE* pNew) {
 
 LogFileResult openLogFile(const std::string& sDirectory) {
     if (!bReadMarker(sDirectory)) {
-        return LogFileResult::noMarker;
+        return LogFileResult::kNoMarker;
     }
     FILE* pNew = std::fopen((sDirectory + logfilename).c_str(), "ae");
     if (pNew == nullptr) {
-        return LogFileResult::noLogFile;
+        return LogFileResult::kNoLogFile;
     }
     exchangeLogFile(pNew);
-    return LogFileResult::opened;
+    return LogFileResult::kOpened;
 }
 
 std::string sLogFileName() {

@@ -13,9 +13,9 @@
 #include <string>
 
 enum class LogFileResult {
-    opened,     ///< Lines go to the file that the marker names, and its line count is 0.
-    noMarker,   ///< The marker could not be opened; nothing has changed.
-    noLogFile,  ///< The file it names could not be opened; nothing has changed, `errno` tells why.
+    kOpened,     ///< Lines go to the file that the marker names, and its line count is 0.
+    kNoMarker,   ///< The marker could not be opened; nothing has changed.
+    kNoLogFile,  ///< The file it names could not be opened; nothing has changed, `errno` tells why.
 };
 
 /// Reads the marker in `sDirectory` (used as a plain prefix, so it ends in "/") and opens the file

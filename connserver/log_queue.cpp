@@ -71,9 +71,9 @@ bool bQueueLogLine(std::string& sLine) {
 LogWait awaitLogLine() {
     LogQueue& queue = theQueue();
     if (sem_wait(&queue.semLogQueueMsgWaiting) != 0) {
-        return LogWait::failed;
+        return LogWait::kFailed;
     }
-    return queue.bStopping ? LogWait::stopped : LogWait::lines;
+    return queue.bStopping ? LogWait::kStopped : LogWait::kLines;
 }
 
 void stopLogWaits() {

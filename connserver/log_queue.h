@@ -23,9 +23,9 @@ constexpr std::size_t kMaxQueuedLogLines = 200'000;
 [[nodiscard]] bool bQueueLogLine(std::string& sLine);
 
 enum class LogWait {
-    lines,    ///< Lines may be there to be fetched.
-    stopped,  ///< The logging thread shall end; what is left is not its business any more.
-    failed,   ///< Waiting failed.
+    kLines,    ///< Lines may be there to be fetched.
+    kStopped,  ///< The logging thread shall end; what is left is not its business any more.
+    kFailed,   ///< Waiting failed.
 };
 
 /// Sleeps until a line is queued or `stopLogWaits` is called. Logging thread.

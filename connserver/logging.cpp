@@ -70,10 +70,10 @@ void* logging_thread(void*) {
     std::deque<std::string> batch;
     for (;;) {
         const LogWait result = awaitLogLine();
-        if (result == LogWait::stopped) {
+        if (result == LogWait::kStopped) {
             return nullptr;
         }
-        if (result == LogWait::failed) {
+        if (result == LogWait::kFailed) {
             break;
         }
         std::this_thread::sleep_for(kCollectPause);
@@ -89,14 +89,14 @@ void* logging_thread(void*) {
 bool bStartLogFile() {
     const std::string& sDirectory = sLoggingDirectory();
     const LogFileResult result = openLogFile(sDirectory);
-    if (result == LogFileResult::noMarker) {
+    if (result == LogFileResult::kNoMarker) {
         std::printf(
             "Logging error: sys/currentlyusedlogfile.name not found in %s. Please modify "
             "LOGGING_DIRECTORY value. connserver quitting.\n",
             sDirectory.c_str());
         return false;
     }
-    if (result == LogFileResult::noLogFile) {
+    if (result == LogFileResult::kNoLogFile) {
         std::printf("Logging error: %s%s cannot be opened (%s), logging to standard output\n",
                     sDirectory.c_str(), sLogFileName().c_str(), get_strerror(errno).c_str());
     }
@@ -150,11 +150,11 @@ void rotateLogFile() {
     // would try and complain again. Until tomorrow the old file goes on.
     modifiedOnce = true;
     const LogFileResult result = openLogFile(sLoggingDirectory());
-    if (result == LogFileResult::opened) {
+    if (result == LogFileResult::kOpened) {
         return;
     }
     const std::string sReason = get_strerror(errno);
-    const bool bNoMarker = result == LogFileResult::noMarker;
+    const bool bNoMarker = result == LogFileResult::kNoMarker;
     writeToLog(true, "WARNING: log not reopened, %s%s: %s\n", sLoggingDirectory().c_str(),
                bNoMarker ? "sys/currentlyusedlogfile.name" : sLogFileName().c_str(),
                sReason.c_str());

@@ -18,10 +18,10 @@
 namespace {
 
 /// How one attempt to write ended, when it wrote nothing.
-enum class Refusal { NoRoom, Failed };
+enum class Refusal { kNoRoom, kFailed };
 
-/// What a wait for room came to. `GivenUp` ends the write without failing it.
-enum class Wait { Ready, GivenUp, Failed };
+/// What a wait for room came to. `kGivenUp` ends the write without failing it.
+enum class Wait { kReady, kGivenUp, kFailed };
 
 /// `send` can be told to raise no SIGPIPE, `SSL_write` and `write` cannot: threads that use them
 /// block it. The daemon has done so before; then this changes nothing.
@@ -59,7 +59,7 @@ Refusal judgePlain(bool bReportedReady) {
     const bool bTransient = nErrno == EAGAIN || nErrno == EINTR;
     // Whether a descriptor can be waited for at all is judged by the wait.
     if (!bReportedReady && (bTransient || nErrno == EBADF)) {
-        return Refusal::NoRoom;
+        return Refusal::kNoRoom;
     }
     if (bTransient) {
         std::puts("orvex write - EAGAIN/EINTR");
@@ -67,7 +67,7 @@ Refusal judgePlain(bool bReportedReady) {
         std::printf("orvex msg write - errno = %s\n", std::strerror(nErrno));
     }
     errno = nErrno;
-    return Refusal::Failed;
+    return Refusal::kFailed;
 }
 
 void tellSslFailure(const TimedWrite& job, int nSslError) {
@@ -86,11 +86,11 @@ Refusal judgeSsl(const TimedWrite& job, int nResult, bool bReportedReady) {
     const int nErrno = errno;
     const int nSslError = SSL_get_error(job.pSSL, nResult);
     if (nSslError == SSL_ERROR_WANT_WRITE && !bReportedReady) {
-        return Refusal::NoRoom;
+        return Refusal::kNoRoom;
     }
     tellSslFailure(job, nSslError);
     errno = nErrno;
-    return Refusal::Failed;
+    return Refusal::kFailed;
 }
 
 /// A descriptor that cannot be waited for: the free functions say so and fail, the member, which
@@ -99,10 +99,10 @@ Wait judgeBadDescriptor(const TimedWrite& job) {
     if (job.psErrorText == nullptr) {
         std::printf("orvex write_n_with_timeout_ssl, epoll_ctl returning error - strerror=%s\n",
                     std::strerror(EBADF));
-        return Wait::Failed;
+        return Wait::kFailed;
     }
     std::puts("orvex write msg to TCP buffer timed out");
-    return Wait::GivenUp;
+    return Wait::kGivenUp;
 }
 
 Wait waitForRoom(const TimedWrite& job) {
@@ -113,29 +113,29 @@ Wait waitForRoom(const TimedWrite& job) {
         std::printf("orvex write msg - epoll return code %d, error=%s", nReady,
                     std::strerror(nErrno));
         std::printf("orvex write msg returning error - strerror=%s\n", std::strerror(nErrno));
-        return Wait::Failed;
+        return Wait::kFailed;
     }
     if (job.fd < 0 || (pfd.revents & POLLNVAL) != 0) {
         return judgeBadDescriptor(job);
     }
     if (nReady == 0) {
         std::puts("orvex write msg to TCP buffer timed out");
-        return Wait::GivenUp;
+        return Wait::kGivenUp;
     }
     if ((pfd.revents & POLLOUT) == 0) {
         std::printf("unexpected epoll return %u\n", static_cast<unsigned>(pfd.revents));
-        return Wait::GivenUp;
+        return Wait::kGivenUp;
     }
-    return Wait::Ready;
+    return Wait::kReady;
 }
 
 /// After an attempt that wrote nothing.
 Wait waitAfterRefusal(const TimedWrite& job, int nResult, bool bReportedReady) {
     const Refusal refusal =
         job.pSSL == nullptr ? judgePlain(bReportedReady) : judgeSsl(job, nResult, bReportedReady);
-    if (refusal == Refusal::Failed) {
+    if (refusal == Refusal::kFailed) {
         std::printf("orvex write msg returning error - strerror=%s\n", std::strerror(errno));
-        return Wait::Failed;
+        return Wait::kFailed;
     }
     return waitForRoom(job);
 }
@@ -169,8 +169,8 @@ int nFinishWrite(const TimedWrite& job, int nResult) {
             bReportedReady = false;
         } else {
             const Wait wait = waitAfterRefusal(job, nResult, bReportedReady);
-            if (wait != Wait::Ready) {
-                return wait == Wait::Failed ? -1 : rnWritten;
+            if (wait != Wait::kReady) {
+                return wait == Wait::kFailed ? -1 : rnWritten;
             }
             bReportedReady = true;
         }

@@ -84,14 +84,4 @@ TEST_F(FileSystemOpsImplTest, IsNoTest) {
     EXPECT_FALSE(ops_.testingRedundancy());
 }
 
-TEST(FileSystemOps, DoesNothingByItself) {
-    FileSystemOps ops;
-    char achTemplate[] = "XXXXXX";
-    EXPECT_EQ(0, ops.changeFileMode("a", 0));
-    EXPECT_EQ(0, ops.moveFile("a", "b"));
-    EXPECT_EQ(0, ops.makeTempFile(achTemplate));
-    EXPECT_STREQ("XXXXXX", achTemplate);
-    EXPECT_FALSE(ops.testingRedundancy());
-}
-
 }  // namespace
