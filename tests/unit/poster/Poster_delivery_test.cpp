@@ -1,5 +1,4 @@
 #include <string>
-#include <thread>
 
 #include "tests/unit/poster/poster_fixture.h"
 
@@ -19,14 +18,6 @@ class PosterDelivery : public PosterFixture {
         ASSERT_TRUE(bHasStatus(sStatus)) << poster_.getLastStatusCode();
     }
 };
-
-TEST_F(PosterDelivery, IsIdleBeforeTheFirstPayload) {
-    EXPECT_EQ("Idle", poster_.getLastStatusCode());
-    EXPECT_EQ(0, poster_.getLastOK());
-    EXPECT_EQ("", poster_.getLastResponse());
-    EXPECT_EQ(0U, poster_.getPayloadQueueSize());
-    EXPECT_TRUE(poster_.bHasEnded());
-}
 
 TEST_F(PosterDelivery, PostsThePayloadAsJson) {
     const std::string sPayload =
@@ -163,23 +154,6 @@ TEST_F(PosterDelivery, DropsAPayloadWhoseConnectionIsReset) {
     EXPECT_TRUE(bHasPrinted("ERROR: error sending POST (code 56) for 7 bytes\nWon't retry\n"));
     postAnswered(answerWith(200), "HTTP OK");
     EXPECT_EQ(2U, endpoint_.nRequests());
-}
-
-TEST_F(PosterDelivery, TellsAnyThreadHowItStands) {
-    std::thread other([&] {
-        for (int i = 0; i < 200; ++i) {
-            (void)poster_.getPayloadQueueSize();
-            (void)poster_.getLastStatusCode();
-            (void)poster_.getLastOK();
-            (void)poster_.getLastResponse();
-        }
-    });
-    for (const std::string& sText : payloads(0, 50)) {
-        poster_.queuePayload(sText);
-    }
-    other.join();
-    ASSERT_TRUE(bHasRequests(50));
-    EXPECT_THAT(endpoint_.bodies(), ElementsAreArray(payloads(0, 50)));
 }
 
 }  // namespace

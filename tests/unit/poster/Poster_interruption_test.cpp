@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <memory>
 
 #include "base/ip_utils.h"
 #include "tests/unit/poster/held_name.h"
@@ -220,34 +219,6 @@ TEST_F(PosterInterruption, MayBeAskedForWithoutWaiting) {
     inTime(kAtOnce, [&] { poster_.askToEnd(); });
     inTime(kSoon, [&] { EXPECT_TRUE(bEventually([&] { return poster_.bHasEnded(); })); });
     expectDeliveryOf(payloads(0, 12));
-}
-
-TEST_F(PosterInterruption, HasToComeBeforeTheConnectionCanBeClosed) {
-    ASSERT_NO_FATAL_FAILURE(postToNobody(payloads(0, 12)));
-    inTime(kAtOnce, [&] { EXPECT_FALSE(poster_.bClose()); });
-    inTime(kSoon, [&] { poster_._interruptWorkThread(); });
-    expectDeliveryOf(payloads(0, 12));
-}
-
-TEST_F(PosterInterruption, LeavesAConnectionThatCanBeClosed) {
-    poster_.queuePayload("payload");
-    ASSERT_TRUE(bHasStatus("HTTP OK"));
-    poster_._interruptWorkThread();
-    EXPECT_TRUE(poster_.bClose());
-    poster_.queuePayload("payload");
-    EXPECT_TRUE(bHasStatus("Can't resolve URL"));
-}
-
-TEST_F(PosterInterruption, IsWaitedForWhenThePosterGoesAway) {
-    endpoint_.plan(heldBack(answerWith(200)));
-    auto pPoster = std::make_unique<CaptionPoster>();
-    pPoster->setDestination(endpoint_.sURL());
-    pPoster->queuePayload("payload");
-    ASSERT_TRUE(bHasRequests(1));
-    pPoster->queuePayload("another");
-    inTime(kSoon, [&] { pPoster.reset(); });
-    EXPECT_EQ(1, nPrinted("Post worker thread interrupted\n"));
-    EXPECT_EQ(1U, endpoint_.nRequests());
 }
 
 TEST_F(PosterInterruption, MayComeAtAnyMoment) {
