@@ -23,9 +23,6 @@ class NonBlockingGuard {
     NonBlockingGuard(const NonBlockingGuard&) = delete;
     NonBlockingGuard& operator=(const NonBlockingGuard&) = delete;
 
-    /// Whether the descriptor was non-blocking before.
-    [[nodiscard]] bool bWasNonBlocking() const { return nFlags >= 0 && (nFlags & O_NONBLOCK) != 0; }
-
   private:
     [[nodiscard]] bool bMustRestore() const { return nFlags >= 0 && (nFlags & O_NONBLOCK) == 0; }
 
