@@ -1,4 +1,5 @@
-/// A value that is held as text and read either as text or as a number.
+/// A value that is held as text and read either as text or as a number. Each object is for one
+/// thread at a time.
 #pragma once
 
 #include <string>
@@ -6,9 +7,10 @@
 
 class Chameleon {
   public:
+    /// The empty text.
     Chameleon() = default;
 
-    /// Keeps `sText` as it is. All constructors convert silently, so that assignment from text or
+    /// Keeps `sText` as it is. All constructors convert implicitly, so that assignment from text or
     /// number follows the same rules.
     Chameleon(const std::string& sText) : value_(sText) {}
 
@@ -19,8 +21,8 @@ class Chameleon {
     /// becomes "60" and one half "0.5".
     Chameleon(double dNumber);
 
-    /// Every other kind of number goes the way of a double. Without this a literal 0 could also be
-    /// meant as a null pointer.
+    /// Any other number is converted to a double first. Without this overload a literal 0 would be
+    /// ambiguous: it could also be a null pointer.
     template <typename Number>
     requires std::is_arithmetic_v<Number> Chameleon(Number number)
         : Chameleon(static_cast<double>(number)) {}

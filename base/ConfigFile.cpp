@@ -6,7 +6,7 @@
 
 namespace {
 
-/// The carriage return is among them for files with CR-LF line ends: `getline` leaves it there.
+/// Includes the carriage return for files with CR-LF line ends, where `getline` leaves it.
 const char* const kBlanks = " \t\r\n";
 
 std::string sMapKey(const std::string& section, const std::string& entry) {

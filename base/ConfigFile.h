@@ -1,12 +1,13 @@
 /// An INI-style configuration file, read once into a map from "section/key" to its value.
 ///
-///   # comment, also with ;        only where the sign is the very first character of the line
+///   # comment, also with ;        only where this is the very first character of the line
 ///   [ Ports ]                     names are trimmed and case-sensitive
 ///   tcp = 9000                    stored as "Ports/tcp"; everything after the first = is the value
 ///   flag                          without = the whole line is both key and value
 ///
-/// Keys before the first section belong to the empty section ("/name"). A key given twice keeps its
-/// last value. Values are never unquoted or unescaped. Names and values may have any length.
+/// Keys before the first section belong to the empty section ("/name"). If a key is given twice,
+/// the last value counts. Values are never unquoted or unescaped. Names and values may have any
+/// length. Each object is for one thread at a time.
 #pragma once
 
 #include <map>
@@ -17,16 +18,16 @@
 
 class ConfigFile {
   public:
-    /// Opens and parses the file. One that cannot be opened gives an empty configuration; nothing
-    /// is reported, because every key may have a default.
+    /// Reads and parses the file at `path`. If it cannot be opened, the configuration is empty;
+    /// nothing is reported, because every key may have a default.
     explicit ConfigFile(const std::string& path);
 
-    /// The value of a key that must be there. A missing key throws the character pointer
-    /// "does not exist" (`const char*`, no exception class). The result lives as long as the
-    /// object.
+    /// The value of a mandatory key. A missing key throws the character pointer "does not exist"
+    /// (`const char*`, not an exception class). The result is valid as long as the object.
     const Chameleon& Value(const std::string& section, const std::string& entry) const;
 
-    /// The value of a key, or the default, which is then kept: later look-ups find it.
+    /// The value of a key, or the default, which is then stored: later look-ups find it. The result
+    /// is valid as long as the object.
     const Chameleon& Value(const std::string& section, const std::string& entry, double number);
     const Chameleon& Value(const std::string& section, const std::string& entry,
                            const std::string& text);

@@ -11,10 +11,10 @@ namespace {
 
 constexpr std::int64_t kRealTime = std::numeric_limits<std::int64_t>::min();
 
-/// What tests have set, in microseconds since the epoch; `kRealTime` otherwise. Atomic because
-/// other threads ask as well.
+/// The time that a test has set, in microseconds since the epoch; `kRealTime` otherwise. Atomic
+/// because other threads read it as well.
 std::atomic<std::int64_t> nWallMicrosSetByTest{kRealTime};
-/// The even clock of tests; counts only while the wall clock is set.
+/// The monotonic clock of tests; used only while a test has set the wall clock.
 std::atomic<std::int64_t> nSteadyMicrosOfTest{0};
 
 }  // namespace

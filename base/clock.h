@@ -1,5 +1,5 @@
-/// The one place that tells the time. Everything that compares times asks here, so that a test can
-/// stand anywhere in time without waiting. Any thread may ask.
+/// The only source of the current time. All code that compares times reads these clocks, so that a
+/// test can set any time without waiting for it. All functions may be called from any thread.
 #pragma once
 
 #include <chrono>
@@ -14,16 +14,17 @@ std::time_t nowSecs();
 /// Wall-clock time in microseconds, or the time a test has set.
 utc_time_t ptNow();
 
-/// A clock that runs on evenly while the wall clock is set: for waiting, not for dates.
+/// A monotonic clock, unaffected when the wall clock is set: for intervals, not for dates.
 std::chrono::steady_clock::time_point steadyNow();
 
-/// From now on the wall clock shows `tNow`, until changed or reset, and the even clock stands
-/// still. Tests only.
+/// Sets the wall clock to `tNow`, in seconds since the epoch, and stops both clocks until they are
+/// advanced or reset. Tests only.
 void setClockForTest(std::time_t tNow);
 
-/// Moves both clocks, stopped by `setClockForTest`, by whole seconds or by any time. Tests only.
+/// Advances both clocks, which `setClockForTest` has stopped, by `nSecs` seconds or by `duration`.
+/// Tests only.
 void advanceClockForTest(std::time_t nSecs);
 void advanceClockForTest(std::chrono::microseconds duration);
 
-/// The clocks tell the real time again. Tests only.
+/// Both clocks show the real time again. Tests only.
 void resetClockForTest();

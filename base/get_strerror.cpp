@@ -4,7 +4,7 @@
 
 std::string get_strerror(int err) {
     char achBuffer[1024];
-    // The GNU variant: the text may stand elsewhere than in our buffer.
+    // The GNU variant: the text need not be in our buffer.
     const char* pszText = strerror_r(err, achBuffer, sizeof achBuffer);
     return pszText != nullptr ? pszText : std::strerror(err);
 }

@@ -1,7 +1,8 @@
-/// An errno value in words, safe to ask for in any thread.
+/// The text of an errno value, thread-safe.
 #pragma once
 
 #include <string>
 
-/// What the C library says about the error number `err` ("No such file or directory"). Any thread.
+/// The C library's text for the error number `err` ("No such file or directory"); an unknown number
+/// gives "Unknown error <number>". Any thread.
 std::string get_strerror(int err);

@@ -17,7 +17,7 @@ int nPortOf(const sockaddr_in& siAddress) {
 }
 
 bool bParseIPv4(const std::string& sText, in_addr& address) {
-    // inet_pton stops at a NUL character, so that garbage could hide behind one.
+    // inet_pton stops at a NUL character and would not see garbage after it.
     if (sText.find('\0') != std::string::npos) {
         return false;
     }

@@ -1,4 +1,4 @@
-/// When a counter that may advance by many steps at once passes a value that is to be reported.
+/// How far a counter that may advance by many steps at once is from the next value to report.
 /// Any thread.
 #pragma once
 
@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <limits>
 
-/// Steps, at least 1, from `nCount` to the next multiple of `nPeriod` that the counter takes on;
-/// zero is one. An unsigned counter wraps to zero. A signed one wraps to a value that is none, and
-/// this looks no further than that: right for fewer steps than lie around it.
+/// Steps, at least 1, from `nCount` to the next multiple of `nPeriod` (at least 1) that the counter
+/// reaches. Zero is a multiple: an unsigned counter reaches it when it wraps. For a signed counter
+/// the wrap is not taken into account, so that the result is right only below it.
 template <class Counter>
 [[nodiscard]] constexpr std::uint32_t nStepsToMultiple(Counter nCount, std::uint32_t nPeriod) {
     static_assert(sizeof(Counter) == sizeof(std::uint32_t));

@@ -11,7 +11,7 @@ std::string printableStr(const char* bytes, int len, PrintableStrFormat fmt) {
     const bool bKeepsAscii = fmt == asciiAndHex || fmt == asciiAndDecimal;
     const bool bDecimal = fmt == allDecimal || fmt == asciiAndDecimal;
     for (int i = 0; i < len; ++i) {
-        // Unsigned, because isprint is defined for no negative character.
+        // Unsigned, because isprint is not defined for negative values.
         const unsigned nByte = static_cast<unsigned char>(bytes[i]);
         if (bKeepsAscii && std::isprint(static_cast<int>(nByte)) != 0) {
             sText += bytes[i];

@@ -4,10 +4,9 @@
 #include <cstdarg>
 #include <string>
 
-/// The text that printf would print. Texts up to 1023 characters are formatted without a second
-/// pass. Empty when the C library cannot format (for example an invalid wide character). Any
-/// thread.
+/// The text that printf would print. Up to 1023 characters are formatted in one pass. Empty when
+/// the C library cannot format it (for example an invalid wide character). Any thread.
 std::string string_format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
-/// The same for an argument list, which stays the caller's to end.
+/// The same for an argument list; the caller calls `va_end`.
 std::string vstring_format(const char* fmt, va_list args) __attribute__((format(printf, 1, 0)));

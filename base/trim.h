@@ -1,8 +1,8 @@
-/// Cutting unwanted characters off both ends of a text.
+/// Removal of unwanted characters from both ends of a text.
 #pragma once
 
 #include <string>
 
-/// `source` without the leading and trailing characters that are in `delims`. A text made only of
-/// such characters becomes empty; characters inside the text stay. Any thread.
+/// `source` without the leading and trailing characters that are in `delims`; empty if it consists
+/// of nothing else. Any thread.
 std::string trim(const std::string& source, const std::string& delims);
