@@ -1,8 +1,9 @@
-/// A user as login-related messages describe him, carried as one binary field:
+/// A user as login-related messages describe one, carried as one binary field:
 ///   0  u32   cID, little-endian
 ///   4  u32   flags, little-endian
 ///   8        company ";" username ";" reserved
-/// Nothing is escaped here: a company or user name holding ";" comes back split at it.
+/// Nothing is escaped here: a company or user name that contains ";" is split there when it is
+/// read. Each object is for one thread at a time.
 #pragma once
 
 #include <string>
@@ -11,10 +12,14 @@ namespace Orvex {
 
 class UserInfo {
   public:
-    static constexpr char delim = 59;  // ";"
+    static constexpr char delim = 59;  ///< ";"
 
+    /// All zero and empty.
     UserInfo() = default;
+    /// `reserved` is empty.
     UserInfo(int nID, const std::string& sCompany, const std::string& sUsername, int nFlags);
+
+    // What the bits of `flags` say.
 
     [[nodiscard]] bool IsEncoder() const { return (flags & 0x0001) != 0; }
     [[nodiscard]] bool IsPrimaryEncoder() const { return (flags & 0x0002) != 0; }
@@ -24,15 +29,15 @@ class UserInfo {
 
     /// The field's bytes, before escaping.
     [[nodiscard]] std::string GetNetMsgField() const;
-    /// The inverse. A field of 8 bytes or fewer changes nothing; one without the first or the
-    /// second ";" leaves the strings behind it unchanged.
+    /// The inverse, for the bytes of an unescaped field. A field of 8 bytes or fewer changes
+    /// nothing; one without the first or the second ";" leaves the strings from there on unchanged.
     void SetFromNetMsgField(const std::string& sField);
 
-    int flags = 0;  ///< bits as the predicates read them; others are carried unchanged
+    int flags = 0;  ///< the bits above; others are carried unchanged
     int cID = 0;    ///< user id
     std::string company;
     std::string username;
-    std::string reserved;
+    std::string reserved;  ///< may contain ";"
 };
 
 }  // namespace Orvex

@@ -1,4 +1,4 @@
-/// Numbers of payload fields, and the bounds of byte fields, shared by all message classes.
+/// Numbers in payload fields and bounds of byte fields, shared by all message classes. Any thread.
 #pragma once
 
 #include <algorithm>
@@ -7,23 +7,24 @@
 
 namespace Orvex {
 
-/// A signed decimal field: leading digits count, anything else is 0, and a number out of the range
-/// of a long is clamped to it before its low 32 bits are taken.
+/// The value of a signed decimal field: its leading digits, or 0 without any. A number out of the
+/// range of a long is clamped to it before its low 32 bits are taken.
 inline int nDecOf(const std::string& sField) {
     return static_cast<int>(std::strtol(sField.c_str(), nullptr, 10));
 }
 
-/// An unsigned field: decimal, "0x" hexadecimal or leading-zero octal; the low 32 bits are taken.
+/// The value of an unsigned field: decimal, "0x" hexadecimal or leading-zero octal; 0 without
+/// digits. The low 32 bits are taken.
 inline unsigned nUdecOf(const std::string& sField) {
     return static_cast<unsigned>(std::strtoul(sField.c_str(), nullptr, 0));
 }
 
-/// A field's bytes as a key or a ticket holds them; valid as long as the field.
+/// A field's bytes as unsigned ones, for keys and tickets; valid as long as the field.
 inline const unsigned char* bytesOf(const std::string& sField) {
     return reinterpret_cast<const unsigned char*>(sField.data());
 }
 
-/// The bytes of `len` that a field of at most `nMax` bytes keeps; none without data.
+/// `len` limited to 0..`nMax`; 0 if `data` is null.
 inline int nBoundedLen(const void* data, int len, int nMax) {
     return data == nullptr ? 0 : std::clamp(len, 0, nMax);
 }

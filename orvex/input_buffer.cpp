@@ -11,14 +11,14 @@ namespace {
 
 using memory_t = std::unique_ptr<unsigned char[]>;
 
-/// The block that goes round among the connections, while nobody has it.
+/// The block that connections use in turn, while none is using it.
 memory_t pSpareBlock;
 
 memory_t takeMemory(int nBytes) {
     if (nBytes == InputBuffer::kBlockSize && pSpareBlock) {
         return std::move(pSpareBlock);
     }
-    // Not initialised: only what was read is ever looked at.
+    // Not initialised: only bytes that were read in are ever looked at.
     return memory_t(new unsigned char[static_cast<std::size_t>(nBytes)]);
 }
 
@@ -75,7 +75,7 @@ std::optional<std::string_view> InputBuffer::peekView() {
     const unsigned char* const pFrame = pHead();
     const int nFrame = 2 * *pFrame;
     if (nFrame == 0) {
-        nLength = 0;  // the only way back for a stream that has lost its frames
+        nLength = 0;  // the only way to resynchronise a stream that has lost its framing
         return std::nullopt;
     }
     if (nLength < nFrame) {

@@ -2,8 +2,8 @@
 ///
 /// Each is a value class over one signed number; -1 means unset or unknown. A message type travels
 /// as the first byte of an image, the other three travel inside fields as their upper-case text.
-/// Unknown texts and numbers are no errors: they read as -1 and are written as "INVALID", and the
-/// receiver judges.
+/// Unknown texts and numbers are not errors: they are read as -1 and written as "INVALID", and the
+/// receiver decides what to do. Each object is for one thread at a time.
 #pragma once
 
 #include <span>
@@ -18,7 +18,7 @@ struct code_text_t {
     std::string_view sText;
 };
 
-// REDIRECT sits between the service texts: the numbers are part of the protocol.
+// REDIRECT is between the service texts because the protocol fixes the numbers.
 inline constexpr code_text_t kReturnCodes[] = {
     {0, "OK"},          {1, "NOT LOGGED IN"},    {2, "UNAUTHORIZED"},
     {3, "NO CONTINUE"}, {4, "UDP UNAUTHORIZED"}, {5, "SERVICE2 OK"},
@@ -46,6 +46,7 @@ consteval long lKnownCode(std::span<const code_text_t> codes, std::string_view s
 /// The first byte of every message image.
 class NetMessageType {
   public:
+    /// Unset.
     constexpr NetMessageType() = default;
     constexpr explicit NetMessageType(long lType) : lValue(lType) {}
     /// Reads the first byte of `buf`, unsigned; 255 is the unset type. `len` is not consulted.
@@ -54,6 +55,7 @@ class NetMessageType {
     /// Stores the low byte of the value at `chpOutNetMsgType` and 1 through `npOutNetMsgTypeLen`;
     /// either may be null.
     void ToChars(char* chpOutNetMsgType, int* npOutNetMsgTypeLen) const;
+    /// The number, -1 when unset.
     [[nodiscard]] constexpr long ToLong() const { return lValue; }
 
     constexpr bool operator==(const NetMessageType& rOther) const {
@@ -68,6 +70,7 @@ class NetMessageType {
 /// The result that a response carries, one of `kReturnCodes`.
 class ReturnCode {
   public:
+    /// Unset.
     constexpr ReturnCode() = default;
     constexpr explicit ReturnCode(long lCode) : lValue(lCode) {}
     /// The whole text is compared, case-sensitively; anything else gives -1.
@@ -77,9 +80,11 @@ class ReturnCode {
         return ReturnCode(lKnownCode(kReturnCodes, sText));
     }
 
+    /// Stores the text in `srOutText`; "INVALID" for a number without text.
     void ToString(std::string& srOutText) const;
     /// The text as a view of static storage; "INVALID" for a number without text.
     [[nodiscard]] std::string_view ToString() const;
+    /// The number, -1 when unset or unknown.
     [[nodiscard]] constexpr long ToLong() const { return lValue; }
 
     constexpr bool operator==(const ReturnCode& rOther) const { return lValue == rOther.lValue; }
@@ -92,6 +97,7 @@ class ReturnCode {
 /// The verb of routing, ticket and connect orders, one of `kRequestCodes`.
 class RequestCode {
   public:
+    /// Unset.
     constexpr RequestCode() = default;
     constexpr explicit RequestCode(long lCode) : lValue(lCode) {}
     /// The whole text is compared, case-sensitively; anything else gives -1.
@@ -101,6 +107,7 @@ class RequestCode {
         return RequestCode(lKnownCode(kRequestCodes, sText));
     }
 
+    /// Stores the text in `srOutText`; "INVALID" for a number without text.
     void ToString(std::string& srOutText) const;
     /// The text as a view of static storage; "INVALID" for a number without text.
     [[nodiscard]] std::string_view ToString() const;
@@ -117,6 +124,7 @@ class RequestCode {
 /// The role a client logs in as, one of `kFunctions`.
 class Function {
   public:
+    /// Unset.
     constexpr Function() = default;
     constexpr explicit Function(long lCode) : lValue(lCode) {}
     /// The whole text is compared, case-sensitively; anything else gives -1.
@@ -126,9 +134,11 @@ class Function {
         return Function(lKnownCode(kFunctions, sText));
     }
 
+    /// Stores the text in `srOutText`; "INVALID" for a number without text.
     void ToString(std::string& srOutText) const;
     /// The text as a view of static storage; "INVALID" for a number without text.
     [[nodiscard]] std::string_view ToString() const;
+    /// The number, -1 when unset or unknown.
     [[nodiscard]] constexpr long ToLong() const { return lValue; }
 
     constexpr bool operator==(const Function& rOther) const { return lValue == rOther.lValue; }

@@ -62,7 +62,7 @@ int write_n_with_timeout_ssl(int f, const void* addr, int n, int timeoutSecs, in
                              SSL* ssl) {
     std::optional<NonBlockingGuard> guard;
     if (ssl != nullptr) {
-        guard.emplace(f);  // a plain socket is asked not to block in the call itself
+        guard.emplace(f);  // a plain write passes MSG_DONTWAIT instead
     }
     return nTimedWrite({f, static_cast<const unsigned char*>(addr), n,
                         nTimeoutMillis(timeoutSecs, timeoutMicroSecs), ssl, nullptr});
@@ -84,7 +84,7 @@ int accept_nonblock(int f, sockaddr* sa) {
     socklen_t nLen = sizeof(sockaddr_in);
     const int fdNew = accept(f, sa, &nLen);
     if (fdNew == 0) {
-        close(fdNew);  // descriptor 0 counts as failure; its peer must not be left hanging
+        close(fdNew);  // descriptor 0 counts as failure; the peer must not be left half-open
         return -1;
     }
     return fdNew < 0 ? -1 : fdNew;

@@ -40,7 +40,7 @@ bool bNeedsEscape(char ch) {
     return ch == Orvex::NetMessage::chESC || ch == Orvex::NetMessage::chDELIM || ch == '\0';
 }
 
-/// Cuts an escaped field to `nRoom` bytes without leaving half of an escape pair at its end.
+/// Truncates an escaped field to `nRoom` bytes without leaving half of an escape pair at its end.
 void truncateField(std::string& srField, std::size_t nRoom) {
     srField.resize(nRoom);
     std::size_t nTrailing = 0;
@@ -85,7 +85,7 @@ unsigned GetNetMessageSenderID(const char* chpInMsg, int nInMsgLen) {
 
 namespace Orvex {
 
-// The array is initialised by hand, as far as it is used: see its declaration.
+// The array is initialised only as far as it is used: see its declaration.
 NetMessage::NetMessage() {
     basePack(nullptr);
 }
@@ -260,7 +260,7 @@ void NetMessage::GetField(const char* chpInData, int& nrLen, int& nrIndex,
     } else {
         srOutField.clear();
     }
-    // The delimiter is stepped over even where it is missing, so that the length left becomes
+    // The delimiter is skipped even if it is missing, so that the remaining length becomes
     // negative.
     nrLen -= i + 1;
     nrIndex += i + 1;
@@ -394,7 +394,7 @@ void NetMessage::replacePayload(const unsigned char* data, int nPayloadLen) {
 }
 
 bool NetMessage::RSAEncrypt(RSAEncrypter* pEncrypter) {
-    // An unpacked message would be packed when it is sent, which would put the clear text back.
+    // A message not in sync would be packed when it is sent, which would restore the clear text.
     if (!isInSync()) {
         Pack(nullptr);
     }

@@ -1,4 +1,4 @@
-/// Makes a descriptor non-blocking for a scope and leaves its flags as they were.
+/// Makes a descriptor non-blocking for a scope and restores its flags at the end. Any thread.
 #pragma once
 
 #include <fcntl.h>
@@ -7,12 +7,13 @@
 
 class NonBlockingGuard {
   public:
+    /// Adds O_NONBLOCK. A bad descriptor has no effect, here and at the end.
     explicit NonBlockingGuard(int fdGuarded) : fd(fdGuarded), nFlags(fcntl(fd, F_GETFL, 0)) {
         if (bMustRestore()) {
-            (void)fcntl(fd, F_SETFL, nFlags | O_NONBLOCK);  // what follows shows whether it worked
+            (void)fcntl(fd, F_SETFL, nFlags | O_NONBLOCK);  // the next call shows whether it worked
         }
     }
-    /// Keeps `errno`, which callers still want to read.
+    /// Restores the flags and keeps `errno`, which callers still need.
     ~NonBlockingGuard() {
         if (bMustRestore()) {
             const int nErrno = errno;

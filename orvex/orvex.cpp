@@ -39,7 +39,7 @@ void KTicket::SerializeToChars(gsl::span<unsigned char> chpOutTicket, int* npOut
     const std::size_t nLen = nRoom >= kPaddedSize  ? kPaddedSize
                              : nRoom >= kPlainSize ? kPlainSize
                                                    : 0;
-    // Zeros first: they are the padding, and all there is when the room is too small.
+    // Zeros first: they are the padding, and everything when there is too little room.
     std::fill_n(chpOutTicket.begin(), nLen == 0 ? nRoom : nLen, static_cast<unsigned char>(0));
     if (nLen != 0) {
         const auto nTime = gsl::narrow_cast<std::uint32_t>(ttTimeStamp);

@@ -6,6 +6,8 @@
 ///   4   i32  client address, the raw value of a `sockaddr_in`
 ///   8   u32  low 32 bits of the time stamp, little-endian; reads back signed
 ///   12  u32  zero, only where there is room: it fills two 8-byte cipher blocks
+///
+/// Each object is for one thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -18,14 +20,18 @@ class KTicket {
   public:
     static constexpr int KTICKET_SIZE = 12;
 
+    /// All zero.
     KTicket() = default;
+    /// A ticket for client `id` at `addr` (see above), issued at `ts`, in seconds since the epoch.
     KTicket(std::uint32_t id, std::int32_t addr, std::time_t ts);
-    /// Reads the first 12 bytes. Callers pass at least that many; fewer give an all-zero ticket.
+    /// Reads the first 12 bytes of a decrypted ticket; fewer give an all-zero one.
     explicit KTicket(gsl::span<const unsigned char> bytes);
 
-    /// Writes 16 bytes into 16 or more, 12 into 12 to 15, and stores that count through
-    /// `npOutTicketLen` if given. Less room is filled with zeros and the count is 0.
+    /// Writes 16 bytes if there is room for them, else 12, and stores that count through
+    /// `npOutTicketLen`, which may be null. Less room is filled with zeros, and the count is 0.
     void SerializeToChars(gsl::span<unsigned char> chpOutTicket, int* npOutTicketLen) const;
+
+    // Each stores one part of the ticket.
 
     void GetClientID(std::uint32_t& nrOutClientID) const { nrOutClientID = nClientID; }
     void GetClientAddr(std::int32_t& lrOutClientAddr) const { lrOutClientAddr = lClientAddr; }

@@ -6,7 +6,7 @@ namespace Orvex {
 
 namespace {
 
-// Header fields, numbers and a short format text ahead of a page's own bytes.
+// Numbers and a short format text before the bytes of a page.
 constexpr unsigned kAssumedOtherFieldsLen = 28;
 
 unsigned nEscapedSize(char ch) {

@@ -10,12 +10,12 @@ namespace {
 constexpr std::size_t kByFileDesc = 0;
 constexpr std::size_t kByClientID = 1;
 
-/// Serial numbers rise over all tables, so that within one they give the insertion order.
+/// Serial numbers are common to all tables and rising, so that they give the insertion order.
 std::uint64_t nLastSerial = 0;
 
 }  // namespace
 
-/// A record's place among those of equal key in one index.
+/// A record's place among those with the same key in one index.
 struct IndexLink {
     int nKey = 0;
     StoredClient* pPrev = nullptr;
@@ -132,15 +132,15 @@ bool RelayClientTable::Walk::bContinueTraverse() {
     return _currItr != nullptr;
 }
 
-/// The position behind the last record is where a new record comes to stand.
+/// A cursor past the last record is where the new record goes.
 void RelayClientTable::Walk::onAdded(StoredClient& added) {
     if (_currItr == nullptr) {
         _currItr = &added;
     }
 }
 
-/// The cursor steps back from the record that goes, so that going on meets the one after it;
-/// where there is nothing to step back to, going on has to stay.
+/// The cursor steps back from the deleted record, so that continuing reaches the one after it; from
+/// the first record it moves to the second, and continuing then stays there.
 void RelayClientTable::Walk::onDeleting(const StoredClient& deleted) {
     if (_currItr != &deleted) {
         return;

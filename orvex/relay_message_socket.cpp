@@ -26,7 +26,7 @@ bool RelayMessageSocket::bCheckSocket() {
     pollfd pfd{sckMsgSockFileDesc, POLLIN, 0};
     int nReady = poll(&pfd, 1, 0);
     if (sckMsgSockFileDesc < 0 || (pfd.revents & POLLNVAL) != 0) {
-        nReady = -1;  // poll ignores a descriptor that is none; here it is an error
+        nReady = -1;  // poll ignores a bad descriptor; here it is an error
     }
     if (nReady < 0) {
         _lastErrorString = "select failed with code " + std::to_string(nReady);
@@ -35,7 +35,7 @@ bool RelayMessageSocket::bCheckSocket() {
     return nReady > 0;
 }
 
-/// One read of at most `nRoom` bytes behind those held, which it adds to them.
+/// One read of at most `nRoom` bytes, which are added to those held.
 int RelayMessageSocket::nReadSome(int nRoom) {
     int nResult = 0;
     if (pSSL != nullptr) {
@@ -59,7 +59,8 @@ int RelayMessageSocket::nReadSocket(bool bBlockNotCheck) {
     return nRoom > 0 ? nReadSome(nRoom) : 0;
 }
 
-/// Whether a read that gave nothing only means that nothing waits; stores the reason otherwise.
+/// Whether a read without result only means that there is nothing to read; otherwise stores the
+/// reason.
 bool RelayMessageSocket::bGoOnAfterFailedRead(int nResult) {
     if (pSSL == nullptr) {
         const int nErrno = errno;
@@ -96,7 +97,7 @@ int RelayMessageSocket::nReadNonBlockingSocket() {
 
 int RelayMessageSocket::nReadBurst() {
     if (pSSL != nullptr) {
-        // One system call brings as many records as there are, not the head of one.
+        // One system call then reads as many records as there are, not just a record header.
         SSL_set_read_ahead(pSSL, 1);
     }
     bBurstCutShort = false;
@@ -110,7 +111,7 @@ int RelayMessageSocket::nReadBurst() {
         nTotal += nResult;
         nRoom -= nResult;
         if (pSSL == nullptr || SSL_has_pending(pSSL) == 0) {
-            return nTotal;  // the kernel announces what it still has
+            return nTotal;  // an event announces what is still in the kernel
         }
     }
     bBurstCutShort = pSSL != nullptr;
@@ -156,14 +157,14 @@ int RelayMessageSocket::write_n_with_timeout(int f, const void* addr, int n, int
     };
     nWrittenLast = 0;
     if (pSSL == nullptr && n > 0) {
-        // Nearly every write ends here, and it is all that most deliveries cost.
+        // Nearly every write ends here: most deliveries cost a single system call.
         const int nSent = nWritePlain(f, addr, n, MSG_DONTWAIT);
         nWrittenLast = nSent;
         return nSent == n ? n : nFinishWrite(job(), nSent);
     }
     std::optional<NonBlockingGuard> guard;
     if (pSSL != nullptr && !bKnownNonBlocking(f)) {
-        guard.emplace(f);  // a plain socket is asked not to block in the call itself
+        guard.emplace(f);  // a plain write passes MSG_DONTWAIT instead
     }
     return nTimedWrite(job());
 }

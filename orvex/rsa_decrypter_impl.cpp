@@ -1,4 +1,4 @@
-// The library's RSA objects are deprecated upstream; they are what the key files are loaded into.
+// OpenSSL has deprecated its RSA objects, but the key files are loaded into them.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
 #include "orvex/rsa_decrypter_impl.h"

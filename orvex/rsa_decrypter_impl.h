@@ -9,9 +9,10 @@ namespace Orvex {
 
 class RSADecrypterImpl : public RSADecrypter {
   public:
-    /// The key belongs to the caller and must outlive this object.
+    /// The caller keeps the key, which must outlive this object. With a null key every call fails.
     explicit RSADecrypterImpl(RSA* rsaPrivateKey) : _rsaPrivateKey(rsaPrivateKey) {}
 
+    /// See the base class.
     int decrypt(int flen, const unsigned char* from, unsigned char* to) override;
 
   private:

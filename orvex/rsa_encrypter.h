@@ -1,4 +1,5 @@
-/// What a net message needs to encrypt its payload; a test may stand in for the key.
+/// The interface through which a net message encrypts its payload; tests replace it. For the thread
+/// that owns the message.
 #pragma once
 
 namespace Orvex {
@@ -6,8 +7,9 @@ namespace Orvex {
 class RSAEncrypter {
   public:
     virtual ~RSAEncrypter() = default;
-    /// Encrypts `flen` bytes and returns the length of the result, or a negative number on failure.
-    /// `to` must hold a block of the key's size; net messages offer 2048 bytes.
+    /// Encrypts the `flen` bytes at `from` into `to`, which must have room for a block of the key's
+    /// size (net messages provide 2048 bytes). Returns the length of the result, or a negative
+    /// number on failure.
     virtual int encrypt(int flen, const unsigned char* from, unsigned char* to) = 0;
 };
 

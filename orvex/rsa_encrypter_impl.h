@@ -9,12 +9,13 @@ namespace Orvex {
 
 class RSAEncrypterImpl : public RSAEncrypter {
   public:
-    /// The key belongs to the caller and must outlive this object.
+    /// The caller keeps the key, which must outlive this object. With a null key every call fails.
     explicit RSAEncrypterImpl(RSA* rsaPublicKey) : _rsaPublicKey(rsaPublicKey) {}
 
+    /// See the base class.
     int encrypt(int flen, const unsigned char* from, unsigned char* to) override;
-    /// The bytes of one cipher text, which is the key's size: a key above 499 bytes (3992 bits)
-    /// gives cipher texts that no payload can hold. 0 without a key.
+    /// The length of a cipher text in bytes, which is the key's size: a key above 499 bytes (3992
+    /// bits) gives cipher texts too long for a payload. 0 without a key.
     [[nodiscard]] int size() const;
 
   private:

@@ -10,14 +10,14 @@ PGconn* pgcpConn = nullptr;
 
 namespace {
 
-std::mutex connectDBMutex;  // libpq's connect may initialise what threads share
+std::mutex connectDBMutex;  // libpq's connect may initialise data that threads share
 
 std::string sDefaultAddr = "127.0.0.1";
 std::string sDefaultDBName = "tessel";
 std::string sDefaultUsername = "postgres";
 std::string sDefaultPassword;
 
-/// `pgcpConn` keeps pointing where its closed connection was; this says not to follow it.
+/// `pgcpConn` keeps its value when its connection is closed; this says not to use it.
 bool bDefaultFinished = false;
 
 /// The connection to work on, or null: the given one, else the default one while it is open.
@@ -28,7 +28,7 @@ PGconn* connectionToUse(PGconn* pgc) {
     return bDefaultFinished ? nullptr : pgcpConn;
 }
 
-/// Prints why a statement failed; returns whether the connection is to be tested.
+/// Prints why a statement failed; returns whether the connection must be checked.
 bool bReportFailure(const char* cpCommand, const PGresult* res) {
     if (res == nullptr) {
         std::printf("Execution of SQL statement %s failed, no result returned\n", cpCommand);
@@ -75,7 +75,7 @@ bool ConnectSQL(const std::string& sAddress, const std::string& sDBName,
     if (PQstatus(pgcNew) == CONNECTION_BAD) {
         std::printf("Connection to db server %s failed: %s\n", achConnect.data(),
                     PQerrorMessage(pgcNew));
-        if (pgcNew != nullptr) {  // a null one would close the default connection instead
+        if (pgcNew != nullptr) {  // with null the default connection would be closed instead
             DisconnectSQL(pgcNew);
         }
         return false;

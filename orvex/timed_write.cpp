@@ -17,14 +17,14 @@
 
 namespace {
 
-/// How one attempt to write ended, when it wrote nothing.
+/// Why one attempt wrote nothing.
 enum class Refusal { kNoRoom, kFailed };
 
-/// What a wait for room came to. `kGivenUp` ends the write without failing it.
+/// The result of a wait for room. `kGivenUp` ends the write without a failure.
 enum class Wait { kReady, kGivenUp, kFailed };
 
-/// `send` can be told to raise no SIGPIPE, `SSL_write` and `write` cannot: threads that use them
-/// block it. The daemon has done so before; then this changes nothing.
+/// `send` has a flag that prevents SIGPIPE; `SSL_write` and `write` have none, so threads that use
+/// them block the signal. In the daemon it is blocked already, and this changes nothing.
 void blockSigPipeInThisThread() {
     thread_local const bool bBlocked = [] {
         sigset_t set;
@@ -35,7 +35,7 @@ void blockSigPipeInThisThread() {
     (void)bBlocked;
 }
 
-int nWriteToNoSocket(int fd, const void* pData, int nBytes, bool bDontWait) {
+int nWriteToNonSocket(int fd, const void* pData, int nBytes, bool bDontWait) {
     blockSigPipeInThisThread();
     if (!bDontWait) {
         return static_cast<int>(write(fd, pData, static_cast<std::size_t>(nBytes)));
@@ -54,10 +54,10 @@ int nWriteOnce(const TimedWrite& job, int nWritten) {
     return SSL_write(job.pSSL, pRest, nRest);
 }
 
-Refusal judgePlain(bool bReportedReady) {
+Refusal classifyPlain(bool bReportedReady) {
     const int nErrno = errno;
     const bool bTransient = nErrno == EAGAIN || nErrno == EINTR;
-    // Whether a descriptor can be waited for at all is judged by the wait.
+    // Whether a descriptor can be waited for at all is checked by the wait.
     if (!bReportedReady && (bTransient || nErrno == EBADF)) {
         return Refusal::kNoRoom;
     }
@@ -70,7 +70,7 @@ Refusal judgePlain(bool bReportedReady) {
     return Refusal::kFailed;
 }
 
-void tellSslFailure(const TimedWrite& job, int nSslError) {
+void reportSslFailure(const TimedWrite& job, int nSslError) {
     if (job.psErrorText == nullptr) {
         std::printf("ssl error from write: %d\n", nSslError);
     } else if (nSslError == SSL_ERROR_WANT_WRITE) {
@@ -82,20 +82,20 @@ void tellSslFailure(const TimedWrite& job, int nSslError) {
     }
 }
 
-Refusal judgeSsl(const TimedWrite& job, int nResult, bool bReportedReady) {
+Refusal classifySsl(const TimedWrite& job, int nResult, bool bReportedReady) {
     const int nErrno = errno;
     const int nSslError = SSL_get_error(job.pSSL, nResult);
     if (nSslError == SSL_ERROR_WANT_WRITE && !bReportedReady) {
         return Refusal::kNoRoom;
     }
-    tellSslFailure(job, nSslError);
+    reportSslFailure(job, nSslError);
     errno = nErrno;
     return Refusal::kFailed;
 }
 
-/// A descriptor that cannot be waited for: the free functions say so and fail, the member, which
-/// has never checked, behaves as if readiness did not come.
-Wait judgeBadDescriptor(const TimedWrite& job) {
+/// For a descriptor that cannot be waited for: the free functions print that and fail; the member,
+/// which has never checked, behaves as after a time-out.
+Wait onBadDescriptor(const TimedWrite& job) {
     if (job.psErrorText == nullptr) {
         std::printf("orvex write_n_with_timeout_ssl, epoll_ctl returning error - strerror=%s\n",
                     std::strerror(EBADF));
@@ -116,7 +116,7 @@ Wait waitForRoom(const TimedWrite& job) {
         return Wait::kFailed;
     }
     if (job.fd < 0 || (pfd.revents & POLLNVAL) != 0) {
-        return judgeBadDescriptor(job);
+        return onBadDescriptor(job);
     }
     if (nReady == 0) {
         std::puts("orvex write msg to TCP buffer timed out");
@@ -131,8 +131,8 @@ Wait waitForRoom(const TimedWrite& job) {
 
 /// After an attempt that wrote nothing.
 Wait waitAfterRefusal(const TimedWrite& job, int nResult, bool bReportedReady) {
-    const Refusal refusal =
-        job.pSSL == nullptr ? judgePlain(bReportedReady) : judgeSsl(job, nResult, bReportedReady);
+    const Refusal refusal = job.pSSL == nullptr ? classifyPlain(bReportedReady)
+                                                : classifySsl(job, nResult, bReportedReady);
     if (refusal == Refusal::kFailed) {
         std::printf("orvex write msg returning error - strerror=%s\n", std::strerror(errno));
         return Wait::kFailed;
@@ -150,7 +150,7 @@ int nTimeoutMillis(int timeoutSecs, int timeoutMicroSecs) {
 int nWritePlain(int fd, const void* pData, int nBytes, int nFlags) {
     const auto nSent = send(fd, pData, static_cast<std::size_t>(nBytes), nFlags | MSG_NOSIGNAL);
     if (nSent < 0 && errno == ENOTSOCK) {
-        return nWriteToNoSocket(fd, pData, nBytes, (nFlags & MSG_DONTWAIT) != 0);
+        return nWriteToNonSocket(fd, pData, nBytes, (nFlags & MSG_DONTWAIT) != 0);
     }
     return static_cast<int>(nSent);
 }
