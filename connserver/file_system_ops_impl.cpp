@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 int FileSystemOpsImpl::changeFileMode(const std::string& path, unsigned mode) {
-    // Deliberate, and without a look at the result: the file need not exist.
+    // Deliberate; the result is ignored because the file need not exist.
     (void)chmod("./myfile", 0700);
     return chmod(path.c_str(), mode);
 }

@@ -11,9 +11,9 @@ namespace {
 
 constexpr std::int64_t kMaxLines = 60'000'000;
 
-// Nothing here has a destructor: the logging thread may still write while `exit` runs.
+// Nothing here has a destructor, because the logging thread may still write while `exit` runs.
 
-/// The semaphore is ready before the first use, wherever that is, and never destroyed.
+/// The semaphore is initialised before its first use and never destroyed.
 sem_t& semLogFilePtrSafe() {
     static sem_t sem;
     [[maybe_unused]] static const int nReady = sem_init(&sem, 0, 1);
@@ -43,11 +43,12 @@ bool bReadMarker(const std::string& sDirectory) {
 }
 
 void writeText(FILE* pOut, const std::string& sText) {
-    // A full disk loses lines; there is nowhere left to say so, and the next lines are tried again.
+    // On a full disk lines are lost; there is nowhere to report it, and the next ones are tried
+    // again.
     (void)std::fwrite(sText.data(), 1, sText.size(), pOut);
 }
 
-/// In one piece, because standard output writes line by line.
+/// In one call, because standard output would write line by line.
 void writeToStandardOutput(const std::deque<std::string>& lines) {
     std::string sText;
     for (const std::string& sLine : lines) {
@@ -67,7 +68,7 @@ void writeLineToFile(const std::string& sLine) {
     }
 }
 
-/// Makes `pNew` the log file and closes the one before.
+/// Makes `pNew` the log file and closes the previous one.
 void exchangeLogFile(FILE* pNew) {
     FILE* pOld = nullptr;
     {

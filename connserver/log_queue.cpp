@@ -16,17 +16,17 @@ struct LogQueue {
     }
 
     sem_t semLogQueueSafe;        ///< Guards the plain members below.
-    sem_t semLogQueueMsgWaiting;  ///< Counts the lines pushed; the logging thread sleeps on it.
+    sem_t semLogQueueMsgWaiting;  ///< Counts wake-ups; the logging thread sleeps on it.
     std::deque<std::string> logMsgQueue;
     bool bOpen = false;
     LogQueueCounts counts{0, 0};
-    std::size_t nLost = 0;  ///< Lines refused since the queue was fetched last.
+    std::size_t nLost = 0;  ///< Lines dropped since the last fetch.
 
-    std::atomic<bool> bStopping{false};  ///< The logging thread shall end.
+    std::atomic<bool> bStopping{false};  ///< The logging thread must end.
 };
 
 LogQueue& theQueue() {
-    // Deliberately never deleted: see the header.
+    // Deliberately never deleted; see the header.
     static LogQueue& queue = *new LogQueue;
     return queue;
 }
@@ -63,7 +63,7 @@ bool bQueueLogLine(std::string& sLine) {
     queue.logMsgQueue.push_back(std::move(sLine));
     ++queue.counts.nQueued;
     if (bFirst) {
-        sem_post(&queue.semLogQueueMsgWaiting);  // one wake-up fetches those behind it too
+        sem_post(&queue.semLogQueueMsgWaiting);  // one wake-up fetches the lines after it as well
     }
     return true;
 }

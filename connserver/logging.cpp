@@ -21,21 +21,21 @@
 namespace {
 
 /// Size of a time stamp ("09:05:01 PM - ") with its terminator.
-constexpr std::size_t TIME_PREFIX_SIZE = 15;
+constexpr std::size_t kTimePrefixSize = 15;
 
 constexpr int kMaxCloseAttempts = 10;
 constexpr std::chrono::milliseconds kCloseAttemptPause{50};
 constexpr std::chrono::milliseconds kDrainPollPause{1};
-/// What is logged meanwhile is written together: lines come in groups, and a wake-up of the thread
-/// costs more than a line.
+/// Lines logged meanwhile are written together: they come in groups, and waking the thread costs
+/// more than writing a line.
 constexpr std::chrono::milliseconds kCollectPause{5};
 
 bool bSimpleLogging = false;
 pthread_t pttLogWrite = 0;    ///< The logging thread; zero when none runs. Main thread only.
 bool modifiedOnce = false;    ///< Today's rotation is done; cleared some seconds later.
-std::time_t tLastCheck = -1;  ///< The second that `loggingTimeCheck` has looked at last.
+std::time_t tLastCheck = -1;  ///< The second that `loggingTimeCheck` checked last.
 
-/// Never destroyed, so that a late rotation cannot meet a destroyed text.
+/// Never destroyed, so that a late rotation can still use it.
 std::string& sLoggingDirectory() {
     static std::string& sDirectory = *new std::string;
     return sDirectory;
@@ -44,7 +44,7 @@ std::string& sLoggingDirectory() {
 std::string sTimePrefix() {
     const std::time_t tNow = nowSecs();
     std::tm local{};
-    char achStamp[TIME_PREFIX_SIZE];
+    char achStamp[kTimePrefixSize];
     localtime_r(&tNow, &local);
     const std::size_t nLength = std::strftime(achStamp, sizeof achStamp, "%I:%M:%S %p - ", &local);
     return std::string(achStamp, nLength);
@@ -52,14 +52,14 @@ std::string sTimePrefix() {
 
 void writeFetchedLines(std::deque<std::string>& batch) {
     if (batch.empty()) {
-        return;  // A wake-up for lines that an earlier one has fetched.
+        return;  // A wake-up for lines that were fetched with an earlier one.
     }
     writeLogLines(batch);
     noteLogLinesWritten(batch.size());
     batch.clear();
 }
 
-/// Lines find their way to standard output from now on; those still queued are written.
+/// Further lines go to standard output; those still queued are written.
 void stopQueueing() {
     std::deque<std::string> rest = closeLogQueue();
     writeFetchedLines(rest);
@@ -80,12 +80,12 @@ void* logging_thread(void*) {
         fetchLogLines(batch);
         writeFetchedLines(batch);
     }
-    stopQueueing();  // Nobody would fetch further lines.
+    stopQueueing();  // No one would fetch further lines.
     std::puts("logging thread exiting");
     return nullptr;
 }
 
-/// Opens the log file at start. False only without a marker.
+/// Opens the log file at start-up. False only without a marker.
 bool bStartLogFile() {
     const std::string& sDirectory = sLoggingDirectory();
     const LogFileResult result = openLogFile(sDirectory);
@@ -117,13 +117,13 @@ bool bStartLoggingThread() {
     return false;
 }
 
-/// Gives the thread time to fetch all lines. Which lines are left afterwards is no loss, only news.
+/// Gives the thread time to fetch all lines. Lines left afterwards are not lost, only reported.
 void awaitEmptyLogQueue() {
     bool bWasEmpty = false;
     for (int nAttempt = 0; nAttempt < kMaxCloseAttempts && !bWasEmpty; ++nAttempt) {
         std::puts("waiting for log queue to be safe to look at count...");
         bWasEmpty = nLogQueueSize() == 0;
-        // Even after an empty one: the thread may be busy with its last batch.
+        // Even if it was empty: the thread may still be writing its last batch.
         std::this_thread::sleep_for(kCloseAttemptPause);
     }
     if (!bWasEmpty) {
@@ -146,8 +146,8 @@ void endLoggingThread() {
 }
 
 void rotateLogFile() {
-    // Set even when the rotation fails: the loop passes many times in these ten seconds, and each
-    // would try and complain again. Until tomorrow the old file goes on.
+    // Set even if the rotation fails: otherwise every pass of the loop in these ten seconds would
+    // try and log a warning again. The old file stays in use until the next day.
     modifiedOnce = true;
     const LogFileResult result = openLogFile(sLoggingDirectory());
     if (result == LogFileResult::kOpened) {
@@ -192,7 +192,7 @@ void loggingTimeCheck() {
     if (bSimpleLogging || pttLogWrite == 0) {
         return;
     }
-    // Within one second a second look finds nothing that the first has not done.
+    // A second check within one second would find nothing left to do.
     const std::time_t tNow = nowSecs();
     if (tNow == tLastCheck) {
         return;

@@ -16,10 +16,10 @@
 
 namespace {
 
-/// Where the files are made. The deployment fixes the directory.
+/// Where files are created. The deployment fixes the directory.
 constexpr char kTemplate[] = "/home/kov/dbserver/tmp/csXXXXXX";
 
-/// The directory within it that finished files leave, and the one they go to.
+/// The directory in it from which finished files are moved, and the one to which they go.
 constexpr std::size_t kTmpPosition = 19;
 constexpr std::string_view kTmp = "tmp";
 constexpr std::string_view kOutbound = "readyForOutbound";
@@ -28,10 +28,10 @@ static_assert(std::string_view(kTemplate).substr(kTmpPosition, kTmp.size()) == k
 constexpr unsigned kFinishedMode = 0755;
 constexpr int kClosed = -12;
 
-/// The file being written, or `kClosed`, or -1 when it could not be made.
+/// The file being written, or `kClosed`, or -1 when it could not be created.
 int pRedundancyInfoFile = kClosed;
 
-/// Guards `pRedundancyInfoFile`. Ready before the first use and never destroyed.
+/// Guards `pRedundancyInfoFile`. Initialised before its first use and never destroyed.
 sem_t& semRedundancyFilePtrSafe() {
     static sem_t sem;
     [[maybe_unused]] static const int nReady = sem_init(&sem, 0, 1);
@@ -66,7 +66,7 @@ void writeTransaction(const char* info) {
     }
 }
 
-/// The same name in the directory for finished files; empty when the path is not one of ours.
+/// The same name in the directory for finished files; empty if the path is not in the first one.
 std::string sOutboundPath(const std::string& sPath) {
     if (sPath.size() < kTmpPosition + kTmp.size() ||
         sPath.compare(kTmpPosition, kTmp.size(), kTmp) != 0) {
@@ -91,7 +91,7 @@ void redundantInfoToSend(const char* info, FileSystemOps* ops) {
     sem_t* const pSemaphore = &semRedundancyFilePtrSafe();
     while (sem_wait(pSemaphore) != 0 && errno == EINTR) {
     }
-    // From here on a cancelled thread has to free the semaphore as well, so a lock will not do.
+    // From here on a cancelled thread must release the semaphore as well, so a lock is not enough.
     pthread_cleanup_push(semCleanupHandler, pSemaphore);
     pRedundancyInfoFile = ops->makeTempFile(achPath);
     if (pRedundancyInfoFile >= 0) {
@@ -99,7 +99,7 @@ void redundantInfoToSend(const char* info, FileSystemOps* ops) {
     }
     pthread_cleanup_pop(1);
 
-    // Done even when there is no file, as the outside job expects; the results then tell.
+    // Done even when there is no file, as the external job expects; the results then show it.
     const std::string sPath(achPath, strnlen(achPath, sizeof achPath));
     (void)ops->changeFileMode(sPath, kFinishedMode);
     const std::string sOutbound = sOutboundPath(sPath);

@@ -1,4 +1,4 @@
-/// Holding a semaphore that serves as a mutex for the length of a scope.
+/// Holds a semaphore that serves as a mutex for a scope. Any thread.
 #pragma once
 
 #include <semaphore.h>
@@ -7,11 +7,12 @@
 
 class SemaphoreLock {
   public:
-    /// Waits until `sem` can be taken. A signal handler that interrupts the wait does not end it.
+    /// Waits until `sem` can be taken, also when signal handlers interrupt the wait.
     explicit SemaphoreLock(sem_t& sem) : sem_(sem) {
         while (sem_wait(&sem_) != 0 && errno == EINTR) {
         }
     }
+    /// Posts the semaphore.
     ~SemaphoreLock() { sem_post(&sem_); }
 
     SemaphoreLock(const SemaphoreLock&) = delete;

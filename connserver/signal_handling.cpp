@@ -19,12 +19,13 @@ sigset_t mask;                   ///< The three signals.
 sigset_t oldmask;                ///< The mask of the calling thread before they were blocked.
 pthread_t pttSignalHandler = 0;  ///< The signal thread; zero when none was started.
 
-/// Set while the signal thread shall end at the next signal, whatever it is. Cancelling it instead
-/// would leave its stack without the clean-up of returning.
+/// Set when the signal thread must end at the next signal, whichever it is. Cancelling it instead
+/// would skip the clean-up of its stack.
 std::atomic<bool> bClosing{false};
 
-/// Posted when exit is requested, to wake a sleeper. Posting takes no lock. Ready before the first
-/// use and never destroyed, because a sleeper may outlive the main function.
+/// Posted when exit is requested, to wake sleeping threads. Posting takes no lock. Initialised
+/// before its first use and never destroyed, because a thread may still sleep after the main
+/// function.
 sem_t& semExitRequest() {
     static sem_t sem;
     [[maybe_unused]] static const int nReady = sem_init(&sem, 0, 0);
@@ -49,16 +50,16 @@ void requestExit() {
     sem_post(&semExitRequest());
 }
 
-/// Removes signals that are pending for the calling thread or the process. A SIGPIPE belongs to the
-/// thread that wrote, where the signal thread cannot fetch it: after a single lost peer the main
-/// thread would die of it the moment it is unblocked.
+/// Removes signals that are pending for the calling thread or the process. A SIGPIPE is pending for
+/// the thread that wrote, where the signal thread cannot receive it: after a single lost connection
+/// it would kill the process as soon as the main thread unblocks it.
 void discardPendingSignals() {
     const timespec noWait{};
     while (sigtimedwait(&mask, nullptr, &noWait) > 0 || errno == EINTR) {
     }
 }
 
-/// Whoever asks a second time while the process ends must not turn its orderly end into a kill.
+/// A second request while the process is ending must not kill it.
 void ignoreTerminationSignals() {
     std::signal(SIGTERM, SIG_IGN);
     std::signal(SIGINT, SIG_IGN);
@@ -112,11 +113,11 @@ void closeSignalHandler() {
     }
     std::puts("signal handler thread running, let's close it");
     bClosing = true;
-    pthread_kill(pttSignalHandler, SIGPIPE);  // Has no effect if the thread has ended by itself.
+    pthread_kill(pttSignalHandler, SIGPIPE);  // Has no effect if the thread has already ended.
     std::puts("joining signal handler thread...");
     pthread_join(pttSignalHandler, nullptr);
     std::puts("signal handler thread joined");
-    std::fflush(stdout);  // While a closed pipe behind it cannot kill us yet.
+    std::fflush(stdout);  // While SIGPIPE is still blocked.
     pttSignalHandler = 0;
     bClosing = false;
     if (exitRequested != 0) {
@@ -127,7 +128,7 @@ void closeSignalHandler() {
 }
 
 void joinEndedSignalThread() {
-    // The thread makes the request and returns, so that this waits for an instant at most.
+    // The thread returns right after the request, so this does not wait noticeably.
     if (pttSignalHandler != 0 && exitRequested != 0) {
         pthread_join(pttSignalHandler, nullptr);
         pttSignalHandler = 0;
@@ -137,11 +138,11 @@ void joinEndedSignalThread() {
 bool bWaitForExitRequest(int nMillis) {
     const timespec deadline = deadlineIn(std::max(nMillis, 0));
     while (exitRequested == 0) {
-        // A wake-up may be older than the flag, so only the flag counts.
+        // A wake-up may be left over from an earlier request, so only the flag counts.
         if (sem_clockwait(&semExitRequest(), CLOCK_MONOTONIC, &deadline) != 0 && errno != EINTR) {
             return exitRequested != 0;
         }
     }
-    sem_post(&semExitRequest());  // Others may be sleeping.
+    sem_post(&semExitRequest());  // Other threads may be sleeping.
     return true;
 }

@@ -3,6 +3,6 @@
 
 #include <openssl/ssl.h>
 
-/// OpenSSL's version-flexible method, from which all TLS contexts are made: both sides agree on the
-/// highest version that both know. Lives as long as the process.
+/// OpenSSL's version-flexible method, for all TLS contexts: both sides agree on the highest version
+/// that both support. Valid as long as the process. Any thread.
 const SSL_METHOD* chooseSslMethod();
