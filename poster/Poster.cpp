@@ -14,7 +14,7 @@ namespace {
 constexpr std::chrono::seconds kRetryPause{2};
 constexpr std::size_t kMaxResponseBytes = 65536;
 
-/// Copies a text with its terminator; false, and the copy is empty, when it does not fit.
+/// Copies a text with its terminator; returns false, and the copy is empty, if it does not fit.
 template <std::size_t nSize>
 [[nodiscard]] bool bCopyText(char (&achTo)[nSize], const std::string& sFrom) {
     const bool bFits = sFrom.size() < nSize;
@@ -22,11 +22,12 @@ template <std::size_t nSize>
     return bFits;
 }
 
-/// Sleeps, as an interruption point. Looks at the clock every now and then: a test may move it.
+/// Sleeps until `tEnd`, as an interruption point. Checks the clock repeatedly, as tests may move
+/// it.
 void sleepUntil(steady_clock::time_point tEnd) {
-    constexpr steady_clock::duration kLook = std::chrono::milliseconds(50);
+    constexpr steady_clock::duration kCheckInterval = std::chrono::milliseconds(50);
     for (auto left = tEnd - steadyNow(); left.count() > 0; left = tEnd - steadyNow()) {
-        const auto nNanos = std::chrono::nanoseconds(std::min(left, kLook)).count();
+        const auto nNanos = std::chrono::nanoseconds(std::min(left, kCheckInterval)).count();
         boost::this_thread::sleep_for(boost::chrono::nanoseconds(nNanos));
     }
 }
@@ -37,7 +38,7 @@ CaptionPoster::~CaptionPoster() {
     try {
         _interruptWorkThread();
     } catch (...) {
-        std::terminate();  // a lock or a thread of ours is broken
+        std::terminate();  // a lock or the thread is in an invalid state
     }
 }
 
@@ -98,7 +99,7 @@ void CaptionPoster::queuePayload(std::string payload, unsigned delay) {
     }
 }
 
-/// Without a worker payloads wait; the next one tries to start it again.
+/// Without a worker payloads wait; the next call tries to start it again.
 void CaptionPoster::_startWorkThread() {
     try {
         _workerThread = boost::thread([this] { _workThreadFn(); });
@@ -118,7 +119,7 @@ std::size_t CaptionPoster::getPayloadQueueBytes() {
 }
 
 void CaptionPoster::clearQueue() {
-    PayloadQueue cleared;  // freed after the lock: whoever queues must not wait for that
+    PayloadQueue cleared;  // freed outside the lock, so that queuing does not wait for it
     const boost::lock_guard<boost::mutex> lock(_mQueue);
     _payloadQueue.swap(cleared);
 }
@@ -185,8 +186,8 @@ void CaptionPoster::_workThreadFn() {
     }
 }
 
-/// Waits for payloads. Errors are counted for each batch, unless the last one was cut away while
-/// the server could not be reached: then they have not ended.
+/// Waits for payloads. The error count starts again with each batch, unless the whole previous
+/// batch was dropped while the server could not be reached.
 void CaptionPoster::_takeBatch() {
     boost::unique_lock<boost::mutex> lock(_mQueue);
     while (_payloadQueue.empty()) {
@@ -198,7 +199,7 @@ void CaptionPoster::_takeBatch() {
     }
 }
 
-/// What was taken but not posted waits again, before the others.
+/// Puts payloads that were taken but not posted back at the head of the queue.
 void CaptionPoster::_returnBatch() {
     _bRetrying = false;
     const boost::lock_guard<boost::mutex> lock(_mQueue);
@@ -234,7 +235,7 @@ CaptionPoster::Verdict CaptionPoster::_attempt(const std::string& payload) {
                                         : _onTransportError(result.nCurlCode, payload.size());
 }
 
-/// Every attempt takes a number, but a repeated one keeps the address of the first.
+/// Every attempt uses up a sequence number, but a retry keeps the address of the first attempt.
 PostResult CaptionPoster::_perform(const std::string& payload) {
     ++_seq;
     if (_bSendSeq && _nConsecutiveErrors == 0 && !_bSetSequenceURL()) {
@@ -288,7 +289,7 @@ CaptionPoster::Verdict CaptionPoster::_onAnswer(long nHttpCode) {
     return Verdict::kDelivered;
 }
 
-/// The pause holds after every failure, so that a dead server costs no processor time.
+/// Pauses after every failure, so that an unreachable server costs no processor time.
 void CaptionPoster::_prepareRetry() {
     if (_nConsecutiveErrors < _kConsecutiveErrorsBeforeDrop) {
         std::printf("Consecutive retry errors: %d\n", _nConsecutiveErrors);
@@ -300,9 +301,9 @@ void CaptionPoster::_prepareRetry() {
     sleepUntil(steadyNow() + kRetryPause);
 }
 
-/// Drops the oldest of all payloads until `_kNumToSaveAfterDrop` are left; returns how many.
+/// Drops the oldest payloads until `_kNumToSaveAfterDrop` are left; returns how many were dropped.
 std::size_t CaptionPoster::_nTrimBacklog() {
-    PayloadQueue dropped;  // freed after the lock: whoever queues must not wait for that
+    PayloadQueue dropped;  // freed outside the lock, so that queuing does not wait for it
     const boost::lock_guard<boost::mutex> lock(_mQueue);
     const std::size_t nAll = _batch.size() + _payloadQueue.size();
     const std::size_t nDrop = nAll - std::min(nAll, _kNumToSaveAfterDrop);

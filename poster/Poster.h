@@ -1,15 +1,15 @@
-/// Delivers archive payloads to an HTTP address by POST, on a thread of its own. Whoever queues
+/// Delivers archive payloads to an HTTP address by POST, on a worker thread. The thread that queues
 /// payloads never waits for the network.
 ///
-/// What becomes of a payload:
-///   the answer is 200              delivered
+/// What happens to a payload:
+///   answer 200                     delivered
 ///   another answer, a bad address  dropped
-///   no connection, a time-out      tried again every 2 s; from the tenth failure in a row on, only
-///                                  the newest 20 of all waiting payloads are kept after each
+///   no connection, a time-out      retried every 2 s; from the tenth consecutive failure on, each
+///                                  one drops all waiting payloads but the newest 20
 ///   another transport error        dropped
-/// Nothing is kept on disk: what waits when the process ends is lost.
+/// Nothing is kept on disk: payloads still waiting when the process ends are lost.
 ///
-/// Prints what it does on standard output, since only the main thread writes to the log.
+/// Prints what it does on standard output, because only the main thread writes to the log.
 #pragma once
 
 #include <boost/thread/condition_variable.hpp>
@@ -27,58 +27,65 @@
 
 class CaptionPoster {
   public:
+    /// No destination, no worker.
     CaptionPoster() = default;
-    /// Interrupts the worker and waits for it.
+    /// Interrupts the worker and waits for it, for about a second at most.
     ~CaptionPoster();
     CaptionPoster(const CaptionPoster&) = delete;
     CaptionPoster& operator=(const CaptionPoster&) = delete;
 
-    // Configuration: before the first payload is queued, by the thread that will queue.
+    // Configuration: by the thread that queues, while no worker runs.
 
-    /// Where payloads go: an HTTP or HTTPS address of at most 1023 characters. A longer one is
-    /// refused, and there is no destination then; every payload fails with "Can't resolve URL".
+    /// The destination: an HTTP or HTTPS address of at most 1023 characters. A longer one is
+    /// rejected, and without a destination every payload fails with "Can't resolve URL". A new
+    /// destination starts the sequence numbers again; setting the same one again has no effect.
     void setDestination(const std::string& url);
     /// The same for "host:port/path".
     void setDestination(const std::string& host, int port, const std::string& path);
-    /// Authenticates by digest. User and password of more than 254 characters together are refused.
+    /// Sets the credentials for digest authentication. If user and password have more than 254
+    /// characters together, they are rejected and none are used.
     void setDigestAuth(const std::string& user, const std::string& password);
-    /// The media type that payloads are declared as; "text/json" if not set.
+    /// The media type of payloads; "text/json" if not set.
     void setContentType(const std::string& contentType);
-    /// Whether "&seq=" and a number that each new payload raises are appended to the address.
+    /// Whether "&seq=" and a number that rises with each new payload are appended to the address.
     void appendSeqToURI(bool bAppend);
 
-    // Any thread, but one that queues.
+    // Any thread, but only one that queues.
 
-    /// Queues a payload that is to be posted in `delay` seconds at the earliest; payloads behind it
-    /// wait as well. Starts the worker if none runs.
+    /// Queues a payload for posting in `delay` seconds at the earliest; later payloads wait for it.
+    /// Starts the worker if none runs; if that fails, the next payload tries again.
     void queuePayload(std::string payload, unsigned delay = 0);
-    /// Payloads that wait, and the bytes they take; those (up to ten) that the worker has taken are
-    /// not counted.
+    /// The number of waiting payloads and of their bytes, without those (up to ten) that the worker
+    /// has taken.
     [[nodiscard]] std::size_t getPayloadQueueSize();
     [[nodiscard]] std::size_t getPayloadQueueBytes();
+    /// Drops the payloads that these count.
     void clearQueue();
 
-    /// "Idle" before the first attempt and after an interruption; then the outcome of the last one:
-    /// "HTTP OK", "HTTP <status>", "Can't connect to server", "Can't resolve URL", "Send Error".
+    /// "Idle" before the first attempt and after an interruption; otherwise the outcome of the last
+    /// attempt: "HTTP OK", "HTTP <status>", "Can't connect to server", "Can't resolve URL", "Send
+    /// Error".
     [[nodiscard]] std::string getLastStatusCode();
-    /// Time of the last delivery; 0 for never.
+    /// The time of the last delivery in seconds since the epoch; 0 if there was none.
     [[nodiscard]] std::time_t getLastOK();
-    /// What the last answer said, as far as it has come; its first 64 KiB.
+    /// The body of the last answer, as far as it has been received; its first 64 KiB.
     [[nodiscard]] std::string getLastResponse();
+    /// Replaces that text.
     void setLastResponse(const std::string& response);
+    /// Appends to it, up to 64 KiB in all.
     void addResponse(const char* bytes, std::size_t nBytes);
 
-    // The end of the worker; by the thread that queues.
+    // Ending the worker: by the thread that queues.
 
-    /// Ends the worker, within about a second, and waits for it. What it had not posted waits
-    /// again; the next payload starts a new worker.
+    /// Ends the worker, within about a second, and waits for it. Payloads that it had taken but not
+    /// posted wait again; the next payload starts a new worker.
     void _interruptWorkThread();
-    /// Asks the worker to end and does not wait.
+    /// Asks the worker to end, without waiting for it.
     void askToEnd();
     /// Whether no worker runs. Does not wait.
     [[nodiscard]] bool bHasEnded();
-    /// Closes the connection; there is no destination afterwards. False, and nothing happens, while
-    /// a worker runs. Does not wait.
+    /// Closes the connection and forgets the destination. Returns false, with nothing done, while a
+    /// worker runs. Does not wait.
     [[nodiscard]] bool bClose();
 
   private:
@@ -102,7 +109,7 @@ class CaptionPoster {
     void _setStatus(const std::string& sStatus);
 
     boost::mutex _mQueue;
-    /// Guarded by `_mQueue`; `_cvMsgWaiting` tells the worker of a new payload.
+    /// Guarded by `_mQueue`; `_cvMsgWaiting` signals a new payload to the worker.
     PayloadQueue _payloadQueue;
     boost::condition_variable _cvMsgWaiting;
 
@@ -115,10 +122,10 @@ class CaptionPoster {
     /// Guarded by `_mResponse`.
     std::string _sLastResponse;
 
-    /// The thread that queues.
+    /// Used by the thread that queues.
     boost::thread _workerThread;
 
-    /// The worker, once it runs; before, the thread that configures.
+    /// The rest is used by the worker while it runs, otherwise by the thread that configures.
     HttpPost _httpPost;
     char _achBaseURL[1024] = "";
     char _achSeqURL[1024] = "";
@@ -128,6 +135,6 @@ class CaptionPoster {
     std::uint32_t _seq = 1;
     PayloadQueue _batch;
     int _nConsecutiveErrors = 0;
-    /// Whether the last attempt is to be repeated.
+    /// Whether the last attempt must be repeated.
     bool _bRetrying = false;
 };

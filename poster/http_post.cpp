@@ -17,8 +17,8 @@ std::size_t passBodyOn(char* bytes, std::size_t nSize, std::size_t nCount, void*
     return nSize * nCount;
 }
 
-/// libcurl asks this at least once a second, whatever it is waiting for.
-int nAbandonWhenInterrupted(void* /*pUnused*/, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+/// libcurl calls this at least once a second, whatever it is waiting for.
+int nAbortWhenInterrupted(void* /*pUnused*/, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     return boost::this_thread::interruption_requested() ? 1 : 0;
 }
 
@@ -27,11 +27,11 @@ void setFixedOptions(CURL* pCurl) {
     curl_easy_setopt(pCurl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(pCurl, CURLOPT_CONNECTTIMEOUT, kConnectTimeOutSecs);
     curl_easy_setopt(pCurl, CURLOPT_TIMEOUT, kRequestTimeOutSecs);
-    // A mistyped address must not make libcurl write to a file or to a mail server.
+    // A mistyped address must not make libcurl write to a file or contact a mail server.
     curl_easy_setopt(pCurl, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(pCurl, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(pCurl, CURLOPT_XFERINFOFUNCTION, nAbandonWhenInterrupted);
-    // An abandoned request does not wait for the name server either.
+    curl_easy_setopt(pCurl, CURLOPT_XFERINFOFUNCTION, nAbortWhenInterrupted);
+    // An aborted request must not wait for the name server.
     curl_easy_setopt(pCurl, CURLOPT_QUICK_EXIT, 1L);
     curl_easy_setopt(pCurl, CURLOPT_WRITEFUNCTION, passBodyOn);
 }
@@ -74,7 +74,7 @@ PostResult HttpPost::perform(const std::string& sPayload, const std::string& sCo
     if (result.nCurlCode == CURLE_OK) {
         curl_easy_getinfo(pCurl, CURLINFO_RESPONSE_CODE, &result.nHttpCode);
     }
-    // The handle outlives what it was lent.
+    // These are not valid after this call, but the handle is.
     curl_easy_setopt(pCurl, CURLOPT_HTTPHEADER, nullptr);
     curl_easy_setopt(pCurl, CURLOPT_POSTFIELDS, nullptr);
     curl_easy_setopt(pCurl, CURLOPT_WRITEDATA, nullptr);

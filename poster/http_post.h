@@ -1,5 +1,5 @@
-/// One libcurl handle that posts texts to one HTTP address, over a connection that stays open from
-/// one text to the next. Used by one thread at a time.
+/// One libcurl handle that posts texts to one HTTP address, over a connection that stays open
+/// between them. Used by one thread at a time.
 #pragma once
 
 #include <curl/curl.h>
@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-/// What became of a request.
+/// The result of a request.
 struct PostResult {
     /// CURLE_OK when an answer came.
     CURLcode nCurlCode = CURLE_OK;
@@ -18,24 +18,27 @@ struct PostResult {
 
 class HttpPost {
   public:
-    /// Takes one piece of the answer's body.
+    /// Called with each piece of the answer's body.
     using body_sink_t = std::function<void(const char* bytes, std::size_t nBytes)>;
 
-    /// Begins anew, without authentication, for the address `achURL` of HTTP or HTTPS. Connecting
-    /// may take 15 s, a request 60 s in all. False, and nothing is open, when libcurl refuses.
+    /// Opens a new handle, without authentication, for the HTTP or HTTPS address `achURL`, which is
+    /// not checked yet. The time-out for connecting is 15 s, for a whole request 60 s. Returns
+    /// false, with no handle open, if libcurl fails.
     [[nodiscard]] bool bOpen(const char* achURL);
 
+    /// Whether there is an open handle.
     [[nodiscard]] bool bIsOpen() const { return _capCurl != nullptr; }
 
-    /// From now on the address is `achURL`. Needs an open handle.
+    /// Sets the address for the next requests. Needs an open handle.
     void setURL(const char* achURL);
 
-    /// From now on authenticates by digest as "user:password". Needs an open handle.
+    /// Sets "user:password" for digest authentication of the next requests. Needs an open handle.
     void setDigestAuth(const char* achUserPwd);
 
-    /// Posts `sPayload` and waits for the answer, whose body goes to `takeBody`. Without an open
-    /// handle there is no address: CURLE_URL_MALFORMAT. When the calling thread, a boost::thread,
-    /// is interrupted, the request is abandoned within a second: CURLE_ABORTED_BY_CALLBACK.
+    /// Posts `sPayload` as media type `sContentType` and waits for the answer, whose body goes to
+    /// `takeBody`. Without an open handle the result is CURLE_URL_MALFORMAT. If the calling thread,
+    /// a boost::thread, is interrupted, the request is aborted within a second, and the result is
+    /// CURLE_ABORTED_BY_CALLBACK.
     [[nodiscard]] PostResult perform(const std::string& sPayload, const std::string& sContentType,
                                      const body_sink_t& takeBody);
 

@@ -1,5 +1,5 @@
-/// Payloads that wait to be posted, oldest first, and how much memory they take. Not locked: its
-/// owner sees to that.
+/// Payloads that wait to be posted, oldest first, and how many bytes they have. Not locked; the
+/// owner must do that.
 #pragma once
 
 #include <chrono>
@@ -8,23 +8,25 @@
 #include <string>
 #include <utility>
 
+/// One text to post.
 struct Payload {
     std::string sText;
-    /// Not to be posted before this moment of `steadyNow`.
+    /// Must not be posted before `steadyNow` has reached this.
     std::chrono::steady_clock::time_point tEarliest;
 };
 
 class PayloadQueue {
   public:
+    /// Adds the newest payload.
     void push(Payload payload) {
         _nBytes += payload.sText.size();
         _payloads.push_back(std::move(payload));
     }
 
-    /// The oldest payload; there has to be one.
+    /// The oldest payload; the queue must not be empty.
     [[nodiscard]] const Payload& front() const { return _payloads.front(); }
 
-    /// Removes and returns the oldest payload; there has to be one.
+    /// Removes and returns the oldest payload; the queue must not be empty.
     Payload pop() {
         Payload payload = std::move(_payloads.front());
         _payloads.pop_front();
@@ -32,13 +34,14 @@ class PayloadQueue {
         return payload;
     }
 
-    /// Moves up to `nMost` payloads, the oldest first, to the end of `rTo`.
+    /// Moves up to `nMost` payloads, oldest first, to the end of `rTo`.
     void moveOldestTo(PayloadQueue& rTo, std::size_t nMost) {
         for (; nMost > 0 && !empty(); --nMost) {
             rTo.push(pop());
         }
     }
 
+    /// Exchanges the contents of both queues.
     void swap(PayloadQueue& rOther) noexcept {
         std::swap(_payloads, rOther._payloads);
         std::swap(_nBytes, rOther._nBytes);
@@ -46,7 +49,7 @@ class PayloadQueue {
 
     [[nodiscard]] bool empty() const { return _payloads.empty(); }
     [[nodiscard]] std::size_t size() const { return _payloads.size(); }
-    /// Length of all their texts together.
+    /// The total length of all texts, in bytes.
     [[nodiscard]] std::size_t nBytes() const { return _nBytes; }
 
   private:
