@@ -28,7 +28,7 @@ def joined_params(fields: list[FieldCode]) -> list[str]:
 
 
 def comment(text: str, lead: str = "/// ", hanging: str = "/// ") -> list[str]:
-    """A documentation comment, wrapped at blanks."""
+    """A documentation comment, wrapped at spaces."""
     lines, line = [], lead
     for word in text.split():
         if len(line) + len(word) > MAX_COLUMNS and line.strip("/ "):
@@ -203,6 +203,6 @@ class ClassCode:
         for field in self.fields:
             body += field.unpack()
         if body[-1] == "}" and body[-2].strip() == "return;":
-            # A last field has nothing to stop before.
+            # After the last field there is nothing left to skip.
             body = body[:-3]
         return [block(f"void {self.name}::doUnpack()", *body)]

@@ -15,13 +15,13 @@ def block(head: str, *body: str) -> list[str]:
 
 
 def inline(head: str, body: str) -> list[str]:
-    """A member function of one statement: in one line of the class where it fits."""
+    """A member function of one statement: on one line of the class if it fits."""
     one_line = f"{head} {{ {body} }}"
     return [one_line] if len(one_line) <= MAX_COLUMNS - 4 else block(head, body)
 
 
 class FieldCode:
-    """A field of one value; the encodings below fill in what differs."""
+    """A field of one value; the encodings below override what differs."""
 
     wire = ""
     value_type = ""
@@ -44,7 +44,7 @@ class FieldCode:
 
     @property
     def arguments(self) -> str:
-        """What a constructor hands to the setter."""
+        """What a constructor passes to the setter."""
         return self.argument
 
     @property
@@ -205,7 +205,7 @@ class BytesCode(FieldCode):
 
 
 class KeyCode(BytesCode):
-    """A fixed count of bytes: no length travels or is held."""
+    """A fixed number of bytes: no length is sent or stored."""
 
     wire = "bytes"
 
@@ -317,7 +317,7 @@ class ListCode(FieldCode):
 
 
 class PageCode(FieldCode):
-    """The two numbers and their accessors live in PagingInterface."""
+    """The two numbers and their accessors are in PagingInterface."""
 
     wire = "dec, this page * 256 + total pages"
 
