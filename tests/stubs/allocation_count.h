@@ -1,7 +1,7 @@
-/// Counts what the program takes from the heap, for tests of paths that must take nothing.
+/// Counts heap allocations, for tests of code that must not allocate.
 #pragma once
 
 #include <cstddef>
 
-/// How often `operator new` was called in this process, in every form but the over-aligned ones.
+/// How often `operator new` was called in this process, in all forms except the over-aligned ones.
 std::size_t nAllocations();

@@ -1,4 +1,4 @@
-/// Stands in for the log: keeps the lines instead of writing them.
+/// Replaces the log: keeps the lines instead of writing them.
 #pragma once
 
 #include <string>
@@ -17,5 +17,5 @@ std::vector<std::string> partsInLogOrder(const std::vector<std::string>& parts);
 /// How often `loggingTimeCheck` was called.
 size_t nLoggingTimeChecks();
 
-/// How many lines were there when it was called last.
+/// How many lines had been logged when it was last called.
 size_t nLinesBeforeLoggingTimeCheck();

@@ -1,5 +1,5 @@
-/// Stands before the system's `sendmmsg` and `poll`, which it passes on to: counts the calls, and
-/// can play a full send buffer. No datagram socket can be filled on the loopback network, where
+/// Replaces the system's `sendmmsg` and `poll`, to which it forwards: counts the calls, and can
+/// simulate a full send buffer. On the loopback network no datagram socket can be filled, because
 /// what is sent leaves the buffer at once.
 #pragma once
 
@@ -15,12 +15,13 @@ int nMillisOfLastPoll();
 /// How many messages `sendmmsg` was given in all; one may stand for several datagrams.
 std::size_t nMessagesSent();
 
-/// What a send buffer that was filled is like until it is emptied.
+/// How a full send buffer behaves until it is emptied.
 enum class FullBuffer {
-    kStaysFull,      ///< waiting for room is in vain
+    kStaysFull,      ///< a wait for room times out
     kEmptiesInWait,  ///< there is room when a wait for it is over
 };
 
-/// From now on nothing can be sent: `sendmmsg` fails with `nProblem`.
+/// From now on nothing can be sent: `sendmmsg` fails with errno `nProblem`.
 void fillSendBuffer(FullBuffer behaviour, int nProblem);
+/// Makes room again.
 void emptySendBuffer();

@@ -1,4 +1,4 @@
-/// Stands in for the database: keeps the statements and gives the rows that a test has prepared.
+/// Replaces the database: keeps the statements and returns the rows that a test has prepared.
 #pragma once
 
 #include <string>
@@ -7,12 +7,14 @@
 /// Every statement executed since the last reset.
 std::vector<std::string>& executedStatements();
 
-/// What a statement gives from now on; without an entry a statement succeeds without rows.
+/// Sets the rows that a statement returns from now on; otherwise it succeeds without rows.
 void giveRows(const std::string& sStatement, std::vector<std::string> firstColumn);
+/// Makes a statement fail from now on.
 void letFail(const std::string& sStatement);
 
 /// Whether the connection is healthy, and how often a reset was asked for.
 void setDatabaseHealthy(bool bHealthy);
 int nDatabaseResets();
 
+/// Forgets all of this; the connection is healthy again.
 void resetDatabaseStub();

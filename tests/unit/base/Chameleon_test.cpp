@@ -20,7 +20,7 @@ TEST(Chameleon, KeepsTextAsItIs) {
     EXPECT_EQ("", sText(Chameleon()));
 }
 
-TEST(Chameleon, TakesANullPointerForTheEmptyText) {
+TEST(Chameleon, TreatsANullPointerAsTheEmptyText) {
     const char* pszNothing = nullptr;
     EXPECT_EQ("", sText(Chameleon(pszNothing)));
 }
@@ -54,7 +54,7 @@ TEST(Chameleon, ReadsTheNumberAtTheBeginning) {
     EXPECT_EQ(0.0, dNumber(""));
 }
 
-TEST(Chameleon, ReadsExtremeNumbersWithoutComplaint) {
+TEST(Chameleon, ReadsExtremeNumbers) {
     EXPECT_EQ(1e300, dNumber("1e300"));
     EXPECT_TRUE(std::isinf(dNumber("1e999")));
     EXPECT_TRUE(std::isnan(dNumber("nan")));

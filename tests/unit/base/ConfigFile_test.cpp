@@ -64,11 +64,11 @@ TEST_F(ConfigFileTest, SkipsCommentsOfBothKinds) {
     EXPECT_EQ("3", sValue(config, "A", "z"));
 }
 
-TEST_F(ConfigFileTest, TakesAnIndentedCommentSignForAKey) {
+TEST_F(ConfigFileTest, TreatsAnIndentedCommentSignAsAKey) {
     EXPECT_EQ("1", sValue(parsed("[A]\n #x=1\n"), "A", "#x"));
 }
 
-TEST_F(ConfigFileTest, TakesAnIndentedBracketForASetting) {
+TEST_F(ConfigFileTest, TreatsAnIndentedBracketAsASetting) {
     const auto config = parsed("[A]\n [B]\nx=1\n");
     EXPECT_EQ("1", sValue(config, "A", "x"));
     EXPECT_EQ("[B]", sValue(config, "A", "[B]"));

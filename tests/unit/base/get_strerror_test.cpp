@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(GetStrerror, TellsTheErrorInWords) {
+TEST(GetStrerror, DescribesTheError) {
     EXPECT_EQ("No such file or directory", get_strerror(ENOENT));
     EXPECT_EQ("Success", get_strerror(0));
 }

@@ -30,7 +30,7 @@ TEST(IpUtils, ReadsADottedQuad) {
     EXPECT_EQ(htonl(0xc0a800feU), address.s_addr);
 }
 
-TEST(IpUtils, RefusesEverythingElse) {
+TEST(IpUtils, RejectsEverythingElse) {
     in_addr address{};
     address.s_addr = 42;
     const std::string sHidden("1.2.3.4\0x", 9);

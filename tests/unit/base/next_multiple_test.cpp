@@ -11,12 +11,12 @@ TEST(NextMultiple, IsNeverTheCountItself) {
     EXPECT_EQ(200000U, nStepsToMultiple(200000U, 200000));
 }
 
-TEST(NextMultiple, LiesAbove) {
+TEST(NextMultiple, IsAboveTheCount) {
     EXPECT_EQ(1U, nStepsToMultiple(199999, 200000));
     EXPECT_EQ(199999U, nStepsToMultiple(200001U, 200000));
 }
 
-TEST(NextMultiple, IsTheSmallerOneInSizeBelowZero) {
+TEST(NextMultiple, IsTheOneTowardsZeroForANegativeCount) {
     EXPECT_EQ(1U, nStepsToMultiple(-1, 200000));
     EXPECT_EQ(200000U, nStepsToMultiple(-200000, 200000));
     EXPECT_EQ(83648U, nStepsToMultiple(INT_MIN, 200000));

@@ -11,21 +11,21 @@ namespace {
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-TEST(NumberRange, CutsTheFractionOff) {
+TEST(NumberRange, DropsTheFraction) {
     EXPECT_EQ(3, nSaturated<int>(3.99));
     EXPECT_EQ(-3, nSaturated<int>(-3.99));
     EXPECT_EQ(0, nSaturated<int>(-0.5));
     EXPECT_EQ(0U, nSaturated<unsigned>(-0.99));
 }
 
-TEST(NumberRange, TakesTheWholeRangeOfAType) {
+TEST(NumberRange, CoversTheWholeRangeOfAType) {
     EXPECT_EQ(2147483647, nSaturated<int>(2147483647.5));
     EXPECT_EQ(std::numeric_limits<int>::min(), nSaturated<int>(-2147483648.9));
     EXPECT_EQ(65535, nSaturated<std::uint16_t>(65535.0));
     EXPECT_EQ(4294967295U, nSaturated<unsigned>(4294967295.0));
 }
 
-TEST(NumberRange, StopsAtTheNearestEnd) {
+TEST(NumberRange, ClampsToTheNearestEnd) {
     EXPECT_EQ(2147483647, nSaturated<int>(2147483648.0));
     EXPECT_EQ(2147483647, nSaturated<int>(1e300));
     EXPECT_EQ(std::numeric_limits<int>::min(), nSaturated<int>(-kInfinity));
@@ -36,7 +36,7 @@ TEST(NumberRange, StopsAtTheNearestEnd) {
     EXPECT_EQ(std::numeric_limits<std::uint64_t>::max(), nSaturated<std::uint64_t>(kInfinity));
 }
 
-TEST(NumberRange, TakesNotANumberAsZero) {
+TEST(NumberRange, TreatsNotANumberAsZero) {
     EXPECT_EQ(0, nSaturated<int>(std::numeric_limits<double>::quiet_NaN()));
 }
 

@@ -9,7 +9,7 @@ TEST(StringFormat, FormatsAsPrintfDoes) {
     EXPECT_EQ("", string_format("%s", ""));
 }
 
-TEST(StringFormat, KeepsTextsAroundTheSizeOfTheFirstBufferWhole) {
+TEST(StringFormat, KeepsTextsAroundTheBufferSizeComplete) {
     for (const std::size_t nLength : {1022U, 1023U, 1024U, 1025U}) {
         const std::string sText(nLength, 'x');
         EXPECT_EQ(sText, string_format("%s", sText.c_str())) << nLength;

@@ -4,20 +4,20 @@
 
 namespace {
 
-TEST(Trim, CutsEveryListedCharacterOffBothEnds) {
+TEST(Trim, RemovesEveryListedCharacterFromBothEnds) {
     EXPECT_EQ("a b", trim(" \t a b \r\n", " \t\r\n"));
 }
 
-TEST(Trim, CutsOnlyListedCharacters) {
+TEST(Trim, RemovesOnlyListedCharacters) {
     EXPECT_EQ("\ta", trim(" \ta ", " "));
 }
 
-TEST(Trim, MakesATextOfOnlySuchCharactersEmpty) {
+TEST(Trim, MakesATextOfOnlyListedCharactersEmpty) {
     EXPECT_EQ("", trim(" \r ", " \r"));
     EXPECT_EQ("", trim("", " "));
 }
 
-TEST(Trim, LeavesTheTextAloneWithoutCharactersToCut) {
+TEST(Trim, LeavesTheTextAloneWithoutCharactersToRemove) {
     EXPECT_EQ(" a ", trim(" a ", ""));
 }
 

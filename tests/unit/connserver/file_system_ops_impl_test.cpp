@@ -44,7 +44,7 @@ TEST_F(FileSystemOpsImplTest, ChangesTheModeOfMyfileAndThenOfTheFile) {
     EXPECT_EQ(0700U, nModeOf("myfile"));
 }
 
-TEST_F(FileSystemOpsImplTest, LetsTheAskedModeWinOnMyfileItself) {
+TEST_F(FileSystemOpsImplTest, SetsTheRequestedModeOnMyfileItself) {
     makeFile("myfile");
     EXPECT_EQ(0, ops_.changeFileMode("./myfile", 0755));
     EXPECT_EQ(0755U, nModeOf("myfile"));
@@ -80,7 +80,7 @@ TEST_F(FileSystemOpsImplTest, MakesATemporaryFileFromTheTemplate) {
     EXPECT_EQ(-1, ops_.makeTempFile(achMissing));
 }
 
-TEST_F(FileSystemOpsImplTest, IsNoTest) {
+TEST_F(FileSystemOpsImplTest, IsNotForTesting) {
     EXPECT_FALSE(ops_.testingRedundancy());
 }
 

@@ -77,7 +77,7 @@ TEST_F(LogFile, CountsAnEntryAsOneLineWhateverNewlinesItHolds) {
     EXPECT_EQ("a\nb\nc\nd\n", sDrainedLog());
 }
 
-TEST_F(LogFile, CountsAnewAfterARotation) {
+TEST_F(LogFile, CountsFromZeroAfterARotation) {
     ASSERT_TRUE(setupLogging(false, sDirectory_));
     setLineCountForTest(60'000'001);
     writeToLog(false, "dropped\n");
@@ -89,7 +89,7 @@ TEST_F(LogFile, CountsAnewAfterARotation) {
     EXPECT_EQ("kept\n", sDrainedLog("second.log"));
 }
 
-TEST_F(LogFile, CountsAnewAtTheStart) {
+TEST_F(LogFile, CountsFromZeroAfterASetup) {
     ASSERT_TRUE(setupLogging(false, sDirectory_));
     setLineCountForTest(60'000'001);
     closeLog();
@@ -98,7 +98,7 @@ TEST_F(LogFile, CountsAnewAtTheStart) {
     EXPECT_EQ("kept\n", sDrainedLog());
 }
 
-TEST_F(LogFile, KnowsNoLimitOnStandardOutput) {
+TEST_F(LogFile, HasNoLimitOnStandardOutput) {
     ASSERT_TRUE(setupLogging(true, ""));
     setLineCountForTest(60'000'000);
     writeToLog(false, "printed\n");

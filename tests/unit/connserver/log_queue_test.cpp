@@ -139,7 +139,7 @@ TEST_F(LogQueue, ReportsAWaitThatASignalInterrupts) {
     EXPECT_EQ(LogWait::kFailed, endedWith_);
 }
 
-TEST_F(LogQueue, CountsTheLinesThatAHangingDiskCosts) {
+TEST_F(LogQueue, ReportsTheLinesLostWhileTheDiskHangs) {
     for (std::size_t i = 0; i < kMaxQueuedLogLines + 3; ++i) {
         std::string sLine = "line\n";
         ASSERT_TRUE(bQueueLogLine(sLine));

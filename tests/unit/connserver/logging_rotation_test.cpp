@@ -9,12 +9,13 @@
 
 namespace {
 
-/// One log line before each check of the time, so that the file it lands in shows the rotations.
+/// A running log, whose files show the rotations.
 class LogRotation : public LoggingFixture {
   protected:
     LogRotation() { EXPECT_TRUE(setupLogging(false, sDirectory_)); }
 
-    /// Names another file in the marker and lets the main loop pass at a time. True if it rotated.
+    /// Names another file in the marker and checks the time once, at the given one. True if that
+    /// rotated the log.
     [[nodiscard]] bool bRotatesAt(int nHour, int nMinute, int nSecond, int nDay = 3) {
         const std::string sNext = "next" + std::to_string(++nNext_) + ".log";
         setMarker(sNext + "\n");
@@ -113,11 +114,11 @@ TEST_F(LogRotation, EndsTheFallBackToStandardOutput) {
     setMarker("missing/x.log\n");
     ASSERT_TRUE(setupLogging(false, sDirectory_));
     EXPECT_TRUE(bRotatesAt(0, 5, 3));
-    writeToLog(false, "home again\n");
-    EXPECT_EQ("home again\n", sDrainedLog("next1.log"));
+    writeToLog(false, "in a file again\n");
+    EXPECT_EQ("in a file again\n", sDrainedLog("next1.log"));
 }
 
-TEST_F(LogRotation, DoesNotConcernSimpleLogging) {
+TEST_F(LogRotation, DoesNotAffectSimpleLogging) {
     closeLog();
     ASSERT_TRUE(setupLogging(true, sDirectory_));
     EXPECT_FALSE(bRotatesAt(0, 5, 3));

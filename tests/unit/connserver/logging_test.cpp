@@ -89,7 +89,7 @@ TEST_F(Logging, ReadsAtMost1023CharactersOfTheMarker) {
     EXPECT_EQ("x\n", sDrainedLog(sName));
 }
 
-TEST_F(Logging, SaysSoAndFailsWithoutAMarker) {
+TEST_F(Logging, ReportsAMissingMarkerAndFails) {
     std::filesystem::remove(sMarkerPath());
     EXPECT_FALSE(setupLogging(false, sDirectory_));
     EXPECT_EQ("Logging error: sys/currentlyusedlogfile.name not found in " + sDirectory_ +
@@ -126,19 +126,19 @@ TEST_F(Logging, PrintsLinesAtOnceBeforeAndAfter) {
 TEST_F(Logging, FallsBackToStandardOutputWithoutALogFile) {
     setMarker("missing/x.log\n");
     ASSERT_TRUE(setupLogging(false, sDirectory_));
-    writeToLog(false, "homeless\n");
+    writeToLog(false, "fallback\n");
     ASSERT_TRUE(bDrainLog(10'000));
     const std::string sText = stdout_.sUnflushedText();
-    EXPECT_EQ(1, nOccurrences(sText, "homeless\n")) << sText;
+    EXPECT_EQ(1, nOccurrences(sText, "fallback\n")) << sText;
     EXPECT_EQ(1, nOccurrences(sText, "missing/x.log cannot be opened (No such file")) << sText;
 }
 
 TEST_F(Logging, FallsBackToStandardOutputWithAnEmptyMarker) {
     setMarker("");
     ASSERT_TRUE(setupLogging(false, sDirectory_));
-    writeToLog(false, "homeless\n");
+    writeToLog(false, "fallback\n");
     ASSERT_TRUE(bDrainLog(10'000));
-    EXPECT_EQ(1, nOccurrences(stdout_.sUnflushedText(), "homeless\n"));
+    EXPECT_EQ(1, nOccurrences(stdout_.sUnflushedText(), "fallback\n"));
 }
 
 TEST_F(Logging, PrintsToStandardOutputInSimpleLogging) {
@@ -188,7 +188,7 @@ TEST_F(Logging, KeepsTheOrderOfEveryThread) {
     }
 }
 
-TEST_F(Logging, TellsHowItCloses) {
+TEST_F(Logging, ReportsItsProgressWhenItCloses) {
     ASSERT_TRUE(setupLogging(false, sDirectory_));
     writeToLog(false, "x\n");
     ASSERT_TRUE(bDrainLog(10'000));
@@ -231,7 +231,7 @@ TEST_F(Logging, LosesNothingOfOtherThreadsWhenClosed) {
     EXPECT_EQ(kLines, nOccurrences(sLog(), "<line ") + nOccurrences(stdout_.sText(), "<line "));
 }
 
-TEST_F(Logging, IsHarmlessToCloseTwiceOrUnused) {
+TEST_F(Logging, MayBeClosedTwiceOrUnused) {
     closeLog();
     EXPECT_EQ("", stdout_.sText());
     ASSERT_TRUE(setupLogging(false, sDirectory_));
@@ -251,7 +251,7 @@ TEST_F(Logging, CanBeSetUpAgainWithoutClosing) {
     EXPECT_EQ("one\n", sLog());
 }
 
-TEST_F(Logging, GoesOnAtStandardOutputWhenItsThreadEndsByItself) {
+TEST_F(Logging, FallsBackToStandardOutputWhenItsThreadEnds) {
     struct sigaction interrupting {};
     struct sigaction before {};
     interrupting.sa_handler = [](int) {};  // Without SA_RESTART, so that waits are interrupted.
@@ -261,7 +261,7 @@ TEST_F(Logging, GoesOnAtStandardOutputWhenItsThreadEndsByItself) {
     sigset_t usr2;
     sigemptyset(&usr2);
     sigaddset(&usr2, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &usr2, nullptr);  // Leaves only the logging thread to take it.
+    pthread_sigmask(SIG_BLOCK, &usr2, nullptr);  // Only the logging thread can receive it.
     EXPECT_TRUE(bEventually([this] {
         if (nOccurrences(stdout_.sText(), "logging thread exiting") != 0) {
             return true;
@@ -296,7 +296,7 @@ TEST_F(Logging, PrintsLinesAtOnceWhenTheThreadCannotStart) {
     pthread_attr_destroy(&huge);
 }
 
-/// The log goes into a small pipe that nobody reads until `closeLog` has given up waiting.
+/// The log goes to a small pipe that is not read until `closeLog` has given up waiting.
 class StuckLogging : public LoggingFixture {
   protected:
     StuckLogging() {
@@ -331,7 +331,8 @@ TEST_F(StuckLogging, GivesUpWaitingAfterTenAttemptsAndStillJoinsWithoutLoss) {
     ASSERT_TRUE(setupLogging(false, sDirectory_));
     const std::string sFirst(20'000, 'x');
     writeToLog(false, "%s", sFirst.c_str());
-    ASSERT_TRUE(bEventually([] { return nLogQueueSize() == 0; }));  // Now it is stuck in writing.
+    ASSERT_TRUE(
+        bEventually([] { return nLogQueueSize() == 0; }));  // Now its thread is blocked in a write.
     writeToLog(false, "second\n");
     writeToLog(false, "third\n");
     EXPECT_FALSE(bDrainLog(20));

@@ -34,8 +34,8 @@ class RedundancyFile : public testing::Test {
   protected:
     RedundancyFile() {
         EXPECT_EQ(0, pipe(nEnds_));
-        // An attempt that fails leaves simple logging, which an earlier test may have chosen.
-        const StdoutCapture unheard;
+        // Ends simple logging, which an earlier test may have chosen, although the attempt fails.
+        const StdoutCapture silence;
         (void)setupLogging(false, "/nonexistent/");
     }
     ~RedundancyFile() override {
@@ -60,7 +60,7 @@ class RedundancyFile : public testing::Test {
     StdoutCapture stdout_;
 };
 
-TEST_F(RedundancyFile, WritesATransactionAndMovesItOn) {
+TEST_F(RedundancyFile, WritesATransactionAndMovesTheFile) {
     StrictMock<MockOps> ops;
     const InSequence inThisOrder;
     EXPECT_CALL(ops, makeTempFile(_)).WillOnce(Invoke([&](char* p) { return makeNamed(p); }));
@@ -134,8 +134,8 @@ TEST_F(RedundancyFile, ClosingWithoutAnOpenFileIsHarmless) {
     close(nEnds_[1]);
 }
 
-/// Ends the calling thread in the middle of its work. What cancellation runs, this runs as well,
-/// but at a known place.
+/// Ends the calling thread in the middle of its work. This runs the same clean-up as a
+/// cancellation, but at a known place.
 class EndingOps : public FileSystemOps {
   public:
     int makeTempFile(char*) override { pthread_exit(nullptr); }
@@ -152,7 +152,7 @@ TEST_F(RedundancyFile, IsFreeAgainAfterItsThreadWasEnded) {
     pthread_join(ptt, nullptr);
     NiceMock<MockOps> ops;
     EXPECT_CALL(ops, makeTempFile(_)).WillOnce(Invoke([&](char* p) { return makeNamed(p); }));
-    redundantInfoToSend("X", &ops);  // Would wait for ever.
+    redundantInfoToSend("X", &ops);  // Would block for ever.
     EXPECT_EQ("BEGIN;\nX;\nCOMMIT;\n", sWritten());
 }
 

@@ -60,7 +60,7 @@ class SignalHandling : public testing::Test {
     StdoutCapture stdout_;
 };
 
-TEST_F(SignalHandling, BlocksItsSignalsAndGivesTheMaskBack) {
+TEST_F(SignalHandling, BlocksItsSignalsAndRestoresTheMask) {
     sigset_t interrupt;
     sigemptyset(&interrupt);
     sigaddset(&interrupt, SIGINT);
@@ -86,7 +86,7 @@ TEST_F(SignalHandling, RequestsExitOnInterrupt) {
     EXPECT_TRUE(bEventually([] { return exitRequested == 1; }));
 }
 
-TEST_F(SignalHandling, LetsASecondRequestWaitWithoutEffect) {
+TEST_F(SignalHandling, LeavesASecondRequestPendingWithoutEffect) {
     ASSERT_TRUE(setupSignalHandler());
     kill(getpid(), SIGINT);
     ASSERT_TRUE(bWaitForExitRequest(10'000));
@@ -94,14 +94,14 @@ TEST_F(SignalHandling, LetsASecondRequestWaitWithoutEffect) {
     kill(getpid(), SIGTERM);
     EXPECT_TRUE(bIsPending(SIGINT) && bIsPending(SIGTERM));
     EXPECT_EQ(1, exitRequested);
-    closeSignalHandler();  // Unblocked now, neither may end this process.
+    closeSignalHandler();  // Now unblocked, they must not end this process.
     EXPECT_FALSE(bIsPending(SIGINT) || bIsPending(SIGTERM));
     EXPECT_FALSE(bIsBlocked(SIGTERM));
     kill(getpid(), SIGTERM);
     kill(getpid(), SIGINT);
 }
 
-TEST_F(SignalHandling, SwallowsBrokenPipes) {
+TEST_F(SignalHandling, DiscardsBrokenPipes) {
     ASSERT_TRUE(setupSignalHandler());
     for (int i = 0; i < 20; ++i) {
         expectBrokenPipe();
@@ -109,20 +109,20 @@ TEST_F(SignalHandling, SwallowsBrokenPipes) {
     }
     EXPECT_FALSE(bWaitForExitRequest(20));
     EXPECT_EQ(0, exitRequested);
-    kill(getpid(), SIGTERM);  // The thread still listens.
+    kill(getpid(), SIGTERM);  // The thread is still waiting.
     EXPECT_TRUE(bWaitForExitRequest(10'000));
 }
 
-TEST_F(SignalHandling, SurvivesTheEndAfterABrokenPipe) {
+TEST_F(SignalHandling, SurvivesClosingAfterABrokenPipe) {
     ASSERT_TRUE(setupSignalHandler());
     expectBrokenPipe();
-    EXPECT_TRUE(bIsPending(SIGPIPE));  // Of this thread, where no other can fetch it.
+    EXPECT_TRUE(bIsPending(SIGPIPE));  // For this thread; no other can receive it.
     closeSignalHandler();
     EXPECT_FALSE(bIsPending(SIGPIPE));
     EXPECT_FALSE(bIsBlocked(SIGPIPE));
 }
 
-TEST_F(SignalHandling, TellsHowItCloses) {
+TEST_F(SignalHandling, ReportsItsProgressWhenItCloses) {
     ASSERT_TRUE(setupSignalHandler());
     closeSignalHandler();
     EXPECT_EQ(
@@ -142,7 +142,7 @@ TEST_F(SignalHandling, ClosesWithoutWaitingWhenTheThreadHasEnded) {
     EXPECT_EQ(1, nOccurrences(stdout_.sText(), "signal handler thread joined"));
 }
 
-TEST_F(SignalHandling, JoinsAThreadThatHasEndedWithoutAWord) {
+TEST_F(SignalHandling, JoinsAnEndedThreadSilently) {
     ASSERT_TRUE(setupSignalHandler());
     kill(getpid(), SIGTERM);
     ASSERT_TRUE(bWaitForExitRequest(10'000));
@@ -156,11 +156,11 @@ TEST_F(SignalHandling, DoesNotWaitForAThreadThatIsNotAskedToEnd) {
     joinEndedSignalThread();  // There is none.
     ASSERT_TRUE(setupSignalHandler());
     joinEndedSignalThread();
-    kill(getpid(), SIGTERM);  // The thread still listens.
+    kill(getpid(), SIGTERM);  // The thread is still waiting.
     EXPECT_TRUE(bWaitForExitRequest(10'000));
 }
 
-TEST_F(SignalHandling, IsHarmlessToCloseTwiceOrUnused) {
+TEST_F(SignalHandling, MayBeClosedTwiceOrUnused) {
     closeSignalHandler();
     ASSERT_TRUE(setupSignalHandler());
     closeSignalHandler();
@@ -179,7 +179,7 @@ TEST_F(SignalHandling, CanBeSetUpAgain) {
     }
 }
 
-TEST_F(SignalHandling, SaysSoWhenTheThreadCannotStart) {
+TEST_F(SignalHandling, ReportsThatTheThreadCannotStart) {
     pthread_attr_t usual;
     pthread_attr_t huge;
     pthread_getattr_default_np(&usual);
@@ -205,7 +205,7 @@ TEST_F(SignalHandling, SleepsAsLongAsAskedWithoutARequest) {
     EXPECT_FALSE(bWaitForExitRequest(-1500));
 }
 
-TEST_F(SignalHandling, WakesASleeperOnTermination) {
+TEST_F(SignalHandling, WakesASleepingThreadOnTermination) {
     ASSERT_TRUE(setupSignalHandler());
     const auto start = steady_clock::now();
     std::thread killer([sleeper = gettid()] {
@@ -220,7 +220,7 @@ TEST_F(SignalHandling, WakesASleeperOnTermination) {
     EXPECT_GT(milliseconds(20'000), steady_clock::now() - start);
 }
 
-TEST_F(SignalHandling, DoesNotTakeAnOldWakeUpForARequest) {
+TEST_F(SignalHandling, DoesNotMistakeAnOldWakeUpForARequest) {
     ASSERT_TRUE(setupSignalHandler());
     kill(getpid(), SIGTERM);
     ASSERT_TRUE(bWaitForExitRequest(10'000));

@@ -57,7 +57,7 @@ TEST(UserInfo, IgnoresAFieldOfEightBytesOrFewer) {
     EXPECT_EQ(info.cID, 7);
 }
 
-TEST(UserInfo, KeepsTheStringsBehindAMissingSemicolon) {
+TEST(UserInfo, KeepsTheStringsAfterAMissingSemicolon) {
     UserInfo info(3, "co", "user", 4);
     info.reserved = "r";
     info.SetFromNetMsgField("\x07\0\0\0\x01\0\0\0new"s);

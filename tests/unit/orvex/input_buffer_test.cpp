@@ -31,13 +31,12 @@ std::string sTaken(InputBuffer& rBuffer) {
     return std::string(rBuffer.dequeueView().value_or("nothing"));
 }
 
-/// Where the bytes held begin; only good for a buffer that nothing was taken from since they were
-/// moved.
+/// Where the bytes held begin; valid only if nothing was removed since they were moved.
 unsigned char* pBegin(InputBuffer& rBuffer) {
     return rBuffer.pTail() - rBuffer.size();
 }
 
-/// The block that goes round, taken out of the round and put back.
+/// The address of the shared block, which is taken and given back.
 unsigned char* pSpare() {
     InputBuffer buffer;
     (void)buffer.nMakeRoom(InputBuffer::kBlockSize);
@@ -68,7 +67,7 @@ TEST(InputBuffer, RoomIsWhatIsMissingToTheCapacity) {
     EXPECT_EQ(sTaken(buffer), std::string(9, 'a')) << "and nothing of it is lost";
 }
 
-TEST(InputBuffer, RoomThatWasTakenUpBeforeIsFoundAgain) {
+TEST(InputBuffer, RoomOfRemovedFramesIsReused) {
     InputBuffer buffer;
     fill(buffer, sFrame('a') + sFrame('b'), 2 * kFrame);
     EXPECT_EQ(buffer.nMakeRoom(2 * kFrame), 0);
@@ -87,7 +86,7 @@ TEST(InputBuffer, GrowsWithoutLosingWhatItHolds) {
     EXPECT_EQ(sTaken(buffer), std::string(9, 'c'));
 }
 
-TEST(InputBuffer, ALookTakesNothingOut) {
+TEST(InputBuffer, PeekingRemovesNothing) {
     InputBuffer buffer;
     fill(buffer, sFrame('a') + sFrame('b'));
     EXPECT_EQ(buffer.peekView(), std::string(9, 'a'));
@@ -101,7 +100,7 @@ TEST(InputBuffer, ALookTakesNothingOut) {
     EXPECT_FALSE(buffer.peekView());
 }
 
-TEST(InputBuffer, AViewStandsBetweenItsLengthByteAndTheNextFrame) {
+TEST(InputBuffer, AViewLiesBetweenItsLengthByteAndTheNextFrame) {
     InputBuffer buffer;
     fill(buffer, sFrame('a') + sFrame('b'));
     const auto first = buffer.dequeueView();
@@ -109,7 +108,7 @@ TEST(InputBuffer, AViewStandsBetweenItsLengthByteAndTheNextFrame) {
     ASSERT_TRUE(first && second);
     EXPECT_EQ(first->data()[-1], 5);
     EXPECT_EQ(first->data() + first->size(), second->data() - 1);
-    EXPECT_EQ(*first, std::string(9, 'a')) << "good though more was taken";
+    EXPECT_EQ(*first, std::string(9, 'a')) << "still valid after another was taken";
 }
 
 TEST(InputBuffer, AnIncompleteFrameWaitsForItsLastByte) {
@@ -142,7 +141,7 @@ TEST(InputBuffer, AZeroLengthByteEmptiesIt) {
         InputBuffer buffer;
         fill(buffer, sFrame('a') + "\0"s + sFrame('b'));
         EXPECT_EQ(sTaken(buffer), std::string(9, 'a'));
-        EXPECT_TRUE(buffer.bFrameWaits()) << "or nobody would come to discard it";
+        EXPECT_TRUE(buffer.bFrameWaits()) << "or it would never be discarded";
         EXPECT_FALSE(bOnlyLook ? buffer.peekView() : buffer.dequeueView());
         EXPECT_EQ(buffer.size(), 0);
         EXPECT_FALSE(buffer.bFrameWaits());
@@ -185,7 +184,7 @@ TEST(InputBuffer, HasNoMemoryWhenItIsPutAsideEmpty) {
     EXPECT_EQ(sTaken(buffer), std::string(9, 'b'));
 }
 
-TEST(InputBuffer, TheBlockGoesRound) {
+TEST(InputBuffer, TheBlockIsReused) {
     unsigned char* pBlock = nullptr;
     {
         InputBuffer first;
@@ -200,7 +199,7 @@ TEST(InputBuffer, TheBlockGoesRound) {
     }
     const std::unique_ptr<unsigned char[]> pOther(new unsigned char[InputBuffer::kBlockSize]);
     EXPECT_NE(pOther.get(), pBlock);
-    EXPECT_EQ(pSpare(), pBlock) << "also from one that has ended";
+    EXPECT_EQ(pSpare(), pBlock) << "also that of a destroyed buffer";
 }
 
 TEST(InputBuffer, TwoAtOnceDoNotShareTheBlock) {
@@ -231,7 +230,7 @@ TEST(InputBuffer, ACopyOfAnEmptyOneHasNoMemory) {
     EXPECT_EQ(copy.pTail(), nullptr);
 }
 
-TEST(InputBuffer, AMoveTakesEverythingAlong) {
+TEST(InputBuffer, AMoveTransfersEverything) {
     InputBuffer buffer;
     fill(buffer, sFrame('a') + sFrame('b'));
     buffer.pop();
@@ -261,7 +260,7 @@ TEST(InputBuffer, AnAssignmentReplacesWhatWasHeld) {
     EXPECT_EQ(sTaken(other), std::string(9, 'd'));
 }
 
-TEST(InputBuffer, ASwapLeavesViewsGood) {
+TEST(InputBuffer, ASwapKeepsViewsValid) {
     InputBuffer one;
     InputBuffer other;
     fill(one, sFrame('a') + sFrame('b'));

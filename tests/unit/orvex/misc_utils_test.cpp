@@ -62,7 +62,7 @@ TEST(UtilWriteN, WritesToAPipe) {
     std::array<char, 3> ach{};
     EXPECT_EQ(util_read_n(pipe.out.get(), ach.data(), 3), 3);
     pipe.out.closeNow();
-    EXPECT_EQ(util_write_n(pipe.in.get(), "abc", 3), -1) << "and lives on";
+    EXPECT_EQ(util_write_n(pipe.in.get(), "abc", 3), -1) << "and raises no signal";
 }
 
 TEST(UtilReadN, StopsShortAtTheEndOfTheStream) {
@@ -150,7 +150,7 @@ TEST_F(TcpTest, ARefusedConnectionFailsAtOnceOrAtItsFirstUse) {
     EXPECT_LT(Clock::now() - tStart, 4s);
 }
 
-/// A listener with a full backlog answers nobody, so that a connect to it has to wait.
+/// A listener with a full backlog does not answer, so that a connect to it has to wait.
 class FullBacklogTest : public TcpTest {
   protected:
     FullBacklogTest() : filler(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)) {

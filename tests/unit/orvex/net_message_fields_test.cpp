@@ -48,7 +48,7 @@ TEST(NetMessageFields, EmptyFieldIsATerminator) {
     EXPECT_EQ(read.nIndex, 1);
 }
 
-TEST(NetMessageFields, FieldsAreReadOneAfterTheOther) {
+TEST(NetMessageFields, FieldsAreReadInSequence) {
     const std::string sPayload = "ab~\\~~c~";
     const field_read_t first = readField(sPayload, 8);
     EXPECT_EQ(first.sField, "ab");
@@ -83,7 +83,7 @@ TEST(NetMessageFields, FieldKeepsAtMost499Bytes) {
     EXPECT_EQ(read.nIndex, 501);
 }
 
-TEST(NetMessageFields, EscapesAreDeletedWhateverFollows) {
+TEST(NetMessageFields, EscapesAreDeletedWhateverFollowsThem) {
     for (const auto& [sIn, sOut] : {std::pair{"\\a\\b"s, "ab"s},
                                     {"\\\\"s, "\\"s},
                                     {"a\\"s, "a"s},

@@ -16,7 +16,7 @@
 namespace Orvex {
 namespace {
 
-/// Answers `nResult` and fills as many bytes; remembers what it was given.
+/// Returns `nResult` and fills as many bytes; remembers what it was given.
 class FakeCipher : public RSAEncrypter, public RSADecrypter {
   public:
     explicit FakeCipher(int nInResult, char chInFill = 'e')

@@ -18,7 +18,7 @@ namespace {
 using namespace std::string_literals;
 using NetMessageSendTest = NetMessageTest;
 
-/// Takes what is written and answers as told.
+/// Keeps what is written and returns what a test has set.
 struct FakeSocket {
     int getMsgSockFileDesc() { return 42; }
     int write_n_with_timeout(int f, const void* addr, int n, int secs, int microSecs) {

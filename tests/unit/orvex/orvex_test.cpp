@@ -25,7 +25,7 @@ TEST(KTicket, SerialisesSixteenBytesWhereThereIsRoom) {
     EXPECT_EQ(nLen, 16);
 }
 
-TEST(KTicket, LeavesBytesBehindTheSixteenthAlone) {
+TEST(KTicket, DoesNotTouchBytesAfterTheSixteenth) {
     int nLen = -1;
     bytes_t expected = kSerialised;
     expected.insert(expected.end(), 4, 0xEE);

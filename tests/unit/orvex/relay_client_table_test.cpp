@@ -48,7 +48,7 @@ TEST_F(RelayClientTableTest, ARepeatedLookUpFollowsEveryChange) {
     RelayClient& first = table.Add(clientWith(6, 7));
     EXPECT_EQ(table.findAgain(7, found), &first);
     RelayClient& second = table.Add(clientWith(9, 7));
-    EXPECT_EQ(table.findAgain(7, found), &first) << "the first of an id is meant";
+    EXPECT_EQ(table.findAgain(7, found), &first) << "the first with that id";
     ASSERT_TRUE(table.bDelete(6));
     EXPECT_EQ(table.findAgain(7, found), &second);
     ASSERT_TRUE(table.bDelete(9));
@@ -63,7 +63,7 @@ TEST_F(RelayClientTableTest, AddStoresACopyAndReturnsIt) {
     EXPECT_EQ(byFd(10), &stored);
 }
 
-TEST_F(RelayClientTableTest, MeansTheFirstOfEqualKeysInInsertionOrder) {
+TEST_F(RelayClientTableTest, FindsTheFirstOfEqualKeysInInsertionOrder) {
     for (const int fd : {20, 21, 22}) {
         table.Add(clientWith(fd, 7));
     }
@@ -138,7 +138,7 @@ TEST_F(RelayClientTableTest, ARecordMovesBetweenTables) {
     EXPECT_EQ(table.GetSize(), 1);
 }
 
-TEST_F(RelayClientTableTest, RecordsDoNotMoveWhenOthersComeAndGo) {
+TEST_F(RelayClientTableTest, RecordsDoNotMoveWhenOthersAreAddedAndDeleted) {
     addClients(1);
     RelayClient* pStored = byFd(10);
     for (int fd = 100; fd < 400; ++fd) {
@@ -163,7 +163,7 @@ TEST_F(RelayClientTableTest, DeletesByDescriptorOrByRecord) {
     EXPECT_EQ(table.GetSize(), 0);
 }
 
-TEST_F(RelayClientTableTest, EveryRecordHasASerialOfItsOwn) {
+TEST_F(RelayClientTableTest, EveryRecordHasItsOwnSerial) {
     RelayClientTable other;
     std::set<std::uint64_t> serials;
     for (int fd = 0; fd < 50; ++fd) {
@@ -174,7 +174,7 @@ TEST_F(RelayClientTableTest, EveryRecordHasASerialOfItsOwn) {
     EXPECT_FALSE(serials.contains(0));
 }
 
-TEST_F(RelayClientTableTest, ASerialTellsARecordFromANewcomerOnItsDescriptor) {
+TEST_F(RelayClientTableTest, ASerialDistinguishesARecordFromALaterOneWithItsDescriptor) {
     const auto nSerial = table.Add(clientWith(10)).nSerial();
     ASSERT_NE(table.findBySerial(10, nSerial), nullptr);
     EXPECT_EQ(table.findBySerial(11, nSerial), nullptr);
@@ -186,7 +186,7 @@ TEST_F(RelayClientTableTest, ASerialTellsARecordFromANewcomerOnItsDescriptor) {
 }
 
 // A table that searched would need some 10^9 steps here; this one is done in milliseconds.
-TEST_F(RelayClientTableTest, StaysQuickWithThousandsOfRecordsOfOneId) {
+TEST_F(RelayClientTableTest, StaysFastWithThousandsOfRecordsOfOneId) {
     constexpr int kRecords = 20000;
     const auto tStart = std::chrono::steady_clock::now();
     for (int fd = 0; fd < kRecords; ++fd) {

@@ -31,7 +31,7 @@ TEST_F(RelayClientTableWalk, WalksInInsertionOrder) {
     EXPECT_EQ(vWalked(table), Fds({10, 11, 12}));
 }
 
-TEST_F(RelayClientTableWalk, DeletingTheCurrentFirstRecordGoesOnWithTheSecond) {
+TEST_F(RelayClientTableWalk, DeletingTheCurrentFirstRecordContinuesWithTheSecond) {
     addClients(3);
     ASSERT_TRUE(table.bBeginTraverse());
     EXPECT_TRUE(table.bDelete(10));
@@ -41,7 +41,7 @@ TEST_F(RelayClientTableWalk, DeletingTheCurrentFirstRecordGoesOnWithTheSecond) {
     EXPECT_EQ(fdOf(table.current()), 12);
 }
 
-TEST_F(RelayClientTableWalk, DeletingTheCurrentRecordGoesOnWithTheNext) {
+TEST_F(RelayClientTableWalk, DeletingTheCurrentRecordContinuesWithTheNext) {
     addClients(3);
     ASSERT_TRUE(table.bBeginTraverse());
     ASSERT_TRUE(table.bContinueTraverse());
@@ -96,7 +96,7 @@ TEST_F(RelayClientTableWalk, BeginningAgainForgetsADeletion) {
     EXPECT_EQ(fdOf(table.current()), 12);
 }
 
-TEST_F(RelayClientTableWalk, ACursorBehindTheLastRecordMeetsTheOneAddedThere) {
+TEST_F(RelayClientTableWalk, ACursorPastTheLastRecordReachesTheOneAddedThere) {
     addClients(1);
     ASSERT_TRUE(table.bBeginTraverse());
     EXPECT_FALSE(table.bContinueTraverse());
@@ -116,7 +116,7 @@ TEST_F(RelayClientTableWalk, TheFirstRecordAddedIsUnderTheIdleCursor) {
     EXPECT_EQ(fdOf(table.current()), 10);
 }
 
-TEST_F(RelayClientTableWalk, RecordsAddedDuringAWalkAreMet) {
+TEST_F(RelayClientTableWalk, RecordsAddedDuringAWalkAreVisited) {
     addClients(2);
     ASSERT_TRUE(table.bBeginTraverse());
     ASSERT_TRUE(table.bContinueTraverse());

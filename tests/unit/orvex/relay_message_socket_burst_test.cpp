@@ -1,4 +1,4 @@
-/// The read for senders whose messages are many, and what a write tells of the bytes it wrote.
+// Reading from busy senders, and the count of bytes that a write reports.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -27,7 +27,7 @@ std::string sSmall(char ch) {
     return "\x80" + std::string(255, ch);
 }
 
-/// So many of the largest frames, of ever other letters.
+/// `nFrames` of the largest frames, each of another letter.
 std::string sStream(int nFrames) {
     std::string sAll;
     for (int i = 0; i < nFrames; ++i) {
@@ -36,7 +36,7 @@ std::string sStream(int nFrames) {
     return sAll;
 }
 
-/// Takes the whole frames out; their bytes.
+/// Dequeues all complete frames and returns their bytes.
 std::string sTakeFrames(RelayMessageSocket& rSocket) {
     std::string sAll;
     while (const auto image = rSocket.input().dequeueView()) {
@@ -118,7 +118,7 @@ TEST_F(PlainBurst, TheEndOfTheStreamComesAfterWhatWasSentBefore) {
     EXPECT_EQ(sTakeFrames(socket), sStream(2));
 }
 
-TEST_F(PlainBurst, AnErrorIsToldWithItsNumber) {
+TEST_F(PlainBurst, AnErrorIsReportedWithItsNumber) {
     pair.near.closeNow();
     EXPECT_EQ(socket.nReadBurst(), -1);
     EXPECT_EQ(socket.getErrorString(), "read returned error code " + std::to_string(EBADF));
@@ -178,7 +178,7 @@ TEST_F(TlsBurst, ARecordThatFitsOnlyInPartLeavesInputThatNoEventAnnounces) {
     EXPECT_FALSE(socket.bHasMoreInput());
 }
 
-TEST_F(TlsBurst, WholeRecordsThatHaveNoRoomAnyMoreAreInputThatNoEventAnnounces) {
+TEST_F(TlsBurst, WholeRecordsWithoutRoomAreInputThatNoEventAnnounces) {
     const std::string sRecord = sSmall('a') + sSmall('b');
     constexpr int kFit = InputBuffer::kBlockSize / 512;
     int nHeld = 0;
@@ -208,8 +208,8 @@ TEST_F(TlsBurst, SmallRecordsThatCameTogetherAreReadTogether) {
     EXPECT_FALSE(socket.bHasMoreInput());
 }
 
-TEST_F(TlsBurst, TinyRecordsDoNotHoldTheLoop) {
-    constexpr int kMore = 10;  // a socket pair holds not many more
+TEST_F(TlsBurst, TinyRecordsDoNotBlockTheLoop) {
+    constexpr int kMore = 10;  // a socket pair does not hold many more
     for (int i = 0; i < RelayMessageSocket::kBurstReadsMax + kMore; ++i) {
         tls.farWrites("\x01x");  // a frame of two bytes
     }
@@ -221,7 +221,7 @@ TEST_F(TlsBurst, TinyRecordsDoNotHoldTheLoop) {
     EXPECT_FALSE(socket.bHasMoreInput());
 }
 
-TEST_F(TlsBurst, ABeginningOfARecordBehindAWholeOneIsNoReasonToComeBack) {
+TEST_F(TlsBurst, ThePartOfARecordAfterAWholeOneIsNoReasonToComeBack) {
     tls.farWrites(sStream(1));
     writeAll(tls.pair.far.get(), "\x17\x03\x03\x01"s);
     EXPECT_EQ(socket.nReadBurst(), 510);
@@ -229,7 +229,7 @@ TEST_F(TlsBurst, ABeginningOfARecordBehindAWholeOneIsNoReasonToComeBack) {
     EXPECT_FALSE(socket.bHasMoreInput()) << "the loop would spin until the rest comes";
 }
 
-TEST_F(TlsBurst, AnEndBehindARecordIsSeenWhenThatIsTaken) {
+TEST_F(TlsBurst, AnEndAfterARecordIsSeenByTheNextRead) {
     tls.farWrites(sStream(1));
     tls.pair.far.closeNow();
     EXPECT_EQ(socket.nReadBurst(), 510);
@@ -258,7 +258,7 @@ TEST_F(TlsBurst, GarbageIsALibraryError) {
     EXPECT_EQ(socket.getErrorString(), "SSL lib error");
 }
 
-TEST_F(PlainBurst, AWriteTellsWhatItWroteHoweverItEnded) {
+TEST_F(PlainBurst, AWriteReportsWhatItWroteHoweverItEnded) {
     constexpr int kMillis = 1000;
     const std::string sBig(10'000'000, 'x');
     const int nBig = static_cast<int>(sBig.size());
@@ -273,7 +273,7 @@ TEST_F(PlainBurst, AWriteTellsWhatItWroteHoweverItEnded) {
     EXPECT_EQ(socket.write_n_with_timeout(fd, "x", 1, 0, kMillis), 0);
     EXPECT_EQ(socket.nLastWritten(), 0) << "of the last one only";
     EXPECT_EQ(sReadWaiting(pair.far.get()).size(), static_cast<std::size_t>(nPart) + 5);
-    // It fills the buffer and waits for room; there is some when nobody will read any more.
+    // It fills the buffer and waits for room, which comes when the reader has shut down.
     std::thread reader([this] {
         pollfd pfd{pair.far.get(), POLLIN, 0};
         poll(&pfd, 1, 10'000);
@@ -287,7 +287,7 @@ TEST_F(PlainBurst, AWriteTellsWhatItWroteHoweverItEnded) {
     EXPECT_LT(socket.nLastWritten(), nBig);
 }
 
-TEST_F(TlsBurst, AWriteTellsOfWholeRecords) {
+TEST_F(TlsBurst, AWriteReportsWholeRecords) {
     const std::string sBig(10'000'000, 'x');
     testing::internal::CaptureStdout();
     const int nPart = socket.write_n_with_timeout(tls.pair.near.get(), sBig.data(),

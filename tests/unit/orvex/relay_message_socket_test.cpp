@@ -105,7 +105,7 @@ TEST_F(PlainSocketTest, AFrameOfCodeFiveNeedsNineMoreBytes) {
 
 TEST_F(PlainSocketTest, AZeroByteAtTheHeadEmptiesTheBuffer) {
     feed("\0"s + sFrame(5, 'a'));
-    EXPECT_TRUE(socket.bHasMoreInput()) << "or nobody would come to discard it";
+    EXPECT_TRUE(socket.bHasMoreInput()) << "or it would never be discarded";
     EXPECT_FALSE(dequeue(socket).bOK);
     EXPECT_FALSE(socket.bHasMoreInput());
     feed(sFrame(1, 'b'));
@@ -119,7 +119,7 @@ TEST_F(PlainSocketTest, AZeroByteBehindAFrameLeavesTheFrame) {
     EXPECT_FALSE(dequeue(socket).bOK);
 }
 
-TEST_F(PlainSocketTest, TwoFramesOfOneReadComeOneAfterTheOther) {
+TEST_F(PlainSocketTest, TwoFramesOfOneReadAreDequeuedInOrder) {
     feed(sFrame(5, 'a') + sFrame(6, 'b') + "\x04");
     EXPECT_EQ(dequeue(socket).sImage, std::string(9, 'a'));
     EXPECT_EQ(dequeue(socket).sImage, std::string(11, 'b'));
@@ -133,7 +133,7 @@ TEST_F(PlainSocketTest, TheLargestFrameHas509Bytes) {
     EXPECT_EQ(dequeue(socket).sImage, std::string(509, 'x'));
 }
 
-TEST_F(PlainSocketTest, ViewsStayGoodUntilTheNextRead) {
+TEST_F(PlainSocketTest, ViewsStayValidUntilTheNextRead) {
     feed(sFrame(2, 'a') + sFrame(3, 'b'));
     const auto first = socket.input().dequeueView();
     const auto second = socket.input().dequeueView();
@@ -244,7 +244,7 @@ TEST_F(PlainSocketTest, TheReadinessCheckWorksForDescriptorsOf1024AndMore) {
     EXPECT_TRUE(highSocket.bCheckSocket());
 }
 
-TEST_F(PlainSocketTest, TheReadinessCheckOfNoDescriptorFails) {
+TEST_F(PlainSocketTest, TheReadinessCheckOfABadDescriptorFails) {
     RelayMessageSocket none;
     EXPECT_FALSE(none.bCheckSocket());
     EXPECT_EQ(none.getErrorString(), "select failed with code -1");
@@ -301,7 +301,7 @@ TEST_F(PlainSocketTest, ABlockingDescriptorKeepsItsFlags) {
     EXPECT_FALSE(bIsNonBlockingForTest(pair.far.get()));
 }
 
-TEST_F(PlainSocketTest, AWriteToNoDescriptorTimesOut) {
+TEST_F(PlainSocketTest, AWriteToABadDescriptorTimesOut) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(socket.write_n_with_timeout(-1, "x", 1, 0, kMillis), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "orvex write msg to TCP buffer timed out\n");
@@ -387,7 +387,7 @@ TEST_F(TlsSocketTest, AWriteThatNeedsReadingFirstFails) {
     TlsPair other;
     SslPtr<SSL> fresh(SSL_new(other.serverCtx.get()));
     SSL_set_fd(fresh.get(), tls.pair.near.get());
-    SSL_set_accept_state(fresh.get());  // its handshake waits for the client's first words
+    SSL_set_accept_state(fresh.get());  // its handshake waits for the client
     RelayMessageSocket unready(tls.pair.near.get(), sockaddr_in{}, fresh.get());
     testing::internal::CaptureStdout();
     EXPECT_EQ(unready.write_n_with_timeout(tls.pair.near.get(), "x", 1, 0, kMillis), -1);
@@ -416,7 +416,7 @@ TEST_F(TlsSocketTest, AnEarlierErrorOfAnotherSessionIsNotTakenForItsOwn) {
     EXPECT_EQ(socket.getErrorString(), "");
 }
 
-TEST_F(TlsSocketTest, ABlockingDescriptorNeitherBlocksNorKeepsAFlag) {
+TEST_F(TlsSocketTest, ABlockingDescriptorDoesNotBlockAndKeepsItsFlags) {
     const int fd = tls.pair.near.get();
     ASSERT_EQ(fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK), 0);
     const std::string sBig(10'000'000, 'x');

@@ -52,7 +52,7 @@ Pipe::Pipe() {
 int nFillUp(int fd) {
     const std::vector<char> vBytes(65536, 'f');
     int nTaken = 0;
-    // Ever smaller parts, so that in the end not one byte more fits.
+    // Smaller and smaller parts, so that in the end not even one byte fits.
     for (std::size_t nPart = vBytes.size(); nPart > 0;) {
         const auto nSent = send(fd, vBytes.data(), nPart, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (nSent > 0) {
@@ -102,7 +102,7 @@ TlsPair::TlsPair() : serverCtx(SSL_CTX_new(TLS_method())), clientCtx(SSL_CTX_new
     }
     EXPECT_EQ(nFar, 1);
     EXPECT_EQ(nNear, 1);
-    EXPECT_EQ(sFarReads(), "");  // takes in the session tickets
+    EXPECT_EQ(sFarReads(), "");  // processes the session tickets
 }
 
 void TlsPair::farWrites(const std::string& sBytes) {

@@ -54,7 +54,7 @@ void makeNonBlockingForTest(int fd);
 
 /// Writes to `fd` until it has no room; returns the bytes it took.
 int nFillUp(int fd);
-/// Reads what waits at `fd` without blocking.
+/// Reads everything available at `fd` without blocking.
 std::string sReadWaiting(int fd);
 /// Writes all of `sBytes`, which must fit.
 void writeAll(int fd, const std::string& sBytes);
@@ -73,7 +73,7 @@ using SslPtr = std::unique_ptr<T, SslDeleter>;
 /// certificate made here. Both ends are non-blocking.
 struct TlsPair {
     TlsPair();
-    /// Encrypts at the far end, all in records of their own per call.
+    /// Encrypts at the far end; each call makes new records.
     void farWrites(const std::string& sBytes);
     /// What the far end can decrypt now.
     [[nodiscard]] std::string sFarReads();

@@ -31,8 +31,8 @@ std::string sMessage(char chType, const std::string& sBody) {
     return chType + sNumber(sBody.size() + 4) + sBody;
 }
 
-/// Speaks as much of the database's protocol as one connection at a time needs. A statement that
-/// begins with "dup" or "bad" fails with such an error, "die" ends the connection.
+/// Implements as much of the database's protocol as one connection at a time needs. A statement
+/// that begins with "dup" or "bad" fails with such an error; "die" ends the connection.
 class StandInServer {
   public:
     StandInServer() : listener(socket(AF_INET, SOCK_STREAM, 0)) {
@@ -63,7 +63,7 @@ class StandInServer {
     std::atomic<int> nConnections{0};
 
   private:
-    /// False when nothing more comes or the server is to stop.
+    /// False when the server must stop.
     [[nodiscard]] bool bWaitForInput(int fd) const {
         pollfd pfd{fd, POLLIN, 0};
         while (!bStop) {
@@ -185,7 +185,7 @@ TEST_F(SqlTest, WithoutAnyConnectionNothingIsDone) {
     DisconnectSQL();
 }
 
-TEST_F(SqlTest, ARefusedConnectionTellsTheWholeConnectionString) {
+TEST_F(SqlTest, ARefusedConnectionReportsTheWholeConnectionString) {
     PGconn* pgc = nullptr;
     testing::internal::CaptureStdout();
     EXPECT_FALSE(ConnectSQL("127.0.0.1", "tessel", "postgres", "", &pgc));
@@ -198,7 +198,7 @@ TEST_F(SqlTest, ARefusedConnectionTellsTheWholeConnectionString) {
     EXPECT_EQ(pgcpConn, nullptr);
 }
 
-TEST_F(SqlTest, AnEndlessConnectionStringIsCut) {
+TEST_F(SqlTest, AnOverlongConnectionStringIsTruncated) {
     testing::internal::CaptureStdout();
     EXPECT_FALSE(ConnectSQL("127.0.0.1", std::string(5000, 'd'), "postgres", ""));
     const std::string sOut = testing::internal::GetCapturedStdout();
@@ -275,7 +275,7 @@ TEST(Sql, ADuplicateKeyNeverCallsForAReconnect) {
     EXPECT_TRUE(bCallsForReconnect(""));
 }
 
-TEST_F(SqlTest, ALostConnectionIsMadeAgain) {
+TEST_F(SqlTest, ALostConnectionIsReestablished) {
     connectDefault();
     const std::string sOut = sExecute("die");
     EXPECT_THAT(sOut, StartsWith("SQL statement die failed with code PGRES_FATAL_ERROR, message "));

@@ -13,7 +13,7 @@ class PosterDelay : public PosterFixture {
     }
 };
 
-TEST_F(PosterDelay, HoldsAPayloadUntilItsTime) {
+TEST_F(PosterDelay, PostponesAPayloadUntilItsTime) {
     poster_.queuePayload("delayed", 10);
     EXPECT_TRUE(bStaysAtRequests(0));
     advanceClockForTest(std::chrono::milliseconds(9999));
@@ -23,7 +23,7 @@ TEST_F(PosterDelay, HoldsAPayloadUntilItsTime) {
     EXPECT_TRUE(bHasRequests(1));
 }
 
-TEST_F(PosterDelay, HoldsThoseBehindItAsWell) {
+TEST_F(PosterDelay, PostponesLaterPayloadsAsWell) {
     poster_.queuePayload("at once");
     poster_.queuePayload("delayed", 10);
     poster_.queuePayload("behind");
@@ -44,14 +44,14 @@ TEST_F(PosterDelay, CountsFromTheMomentOfQueuing) {
     EXPECT_TRUE(bHasRequests(2));
 }
 
-TEST_F(PosterDelay, GetsNoLongerWhenTheWallClockIsSetBack) {
+TEST_F(PosterDelay, IsNotExtendedWhenTheWallClockIsSetBack) {
     poster_.queuePayload("delayed", 10);
     setClockForTest(kStart - 86'400);
     advanceClockForTest(10);
     EXPECT_TRUE(bHasRequests(1));
 }
 
-TEST_F(PosterDelay, GetsNoShorterWhenTheWallClockIsSetForward) {
+TEST_F(PosterDelay, IsNotShortenedWhenTheWallClockIsSetForward) {
     poster_.queuePayload("delayed", 10);
     setClockForTest(kStart + 86'400);
     EXPECT_TRUE(bStaysAtRequests(0));
@@ -59,7 +59,7 @@ TEST_F(PosterDelay, GetsNoShorterWhenTheWallClockIsSetForward) {
     EXPECT_TRUE(bHasRequests(1));
 }
 
-TEST_F(PosterDelay, MayBeAsLongAsItsTypeHolds) {
+TEST_F(PosterDelay, MayBeAsLongAsItsTypeAllows) {
     poster_.queuePayload("in 136 years", 4'294'967'295U);
     EXPECT_TRUE(bStaysAtRequests(0));
     advanceClockForTest(86'400);

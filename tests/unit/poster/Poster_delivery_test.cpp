@@ -11,7 +11,7 @@ class PosterDelivery : public PosterFixture {
   protected:
     PosterDelivery() { poster_.setDestination(endpoint_.sURL()); }
 
-    /// Posts one payload that is answered like this, and waits for the status.
+    /// Posts one payload, which gets `answer`, and waits for the status.
     void postAnswered(const HttpAnswer& answer, const std::string& sStatus) {
         endpoint_.plan(answer);
         poster_.queuePayload("payload");
@@ -84,7 +84,7 @@ TEST_F(PosterDelivery, CountsWhatWaitsAndItsBytes) {
     EXPECT_EQ(10U, poster_.getPayloadQueueBytes());
 }
 
-TEST_F(PosterDelivery, ForgetsWhatWaitsWhenTheQueueIsCleared) {
+TEST_F(PosterDelivery, DropsWhatWaitsWhenTheQueueIsCleared) {
     endpoint_.plan(heldBack(answerWith(200)));
     poster_.queuePayload("taken by the worker");
     ASSERT_TRUE(bHasRequests(1));
@@ -120,7 +120,7 @@ TEST_F(PosterDelivery, RemembersWhenTheLastAnswerWas200) {
     EXPECT_EQ(1, nPrinted("Won't retry\n"));
 }
 
-TEST_F(PosterDelivery, DropsAPayloadThatIsAnsweredOtherwise) {
+TEST_F(PosterDelivery, DropsAPayloadWithAnyOtherAnswer) {
     for (const int nStatus : {201, 204, 301, 401, 403, 404, 500, 503}) {
         ASSERT_NO_FATAL_FAILURE(
             postAnswered(answerWith(nStatus), "HTTP " + std::to_string(nStatus)));

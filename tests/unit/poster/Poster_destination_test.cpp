@@ -6,7 +6,7 @@ constexpr char kBadURL[] = "http://127.77.0.1:99999/";
 
 class PosterDestination : public PosterFixture {
   protected:
-    /// An address of the endpoint with exactly so many characters.
+    /// An address of the endpoint with exactly `nLength` characters.
     std::string sLongURL(std::size_t nLength) const {
         std::string sURL = endpoint_.sURL("/archive?fill=");
         return sURL.append(nLength - sURL.size(), 'x');
@@ -60,25 +60,25 @@ TEST_F(PosterDestination, TakesAnAddressOf1023Characters) {
     EXPECT_THAT(sLongURL(1023), testing::EndsWith(endpoint_.requests().at(0).sTarget));
 }
 
-TEST_F(PosterDestination, RefusesALongerAddress) {
+TEST_F(PosterDestination, RejectsALongerAddress) {
     poster_.setDestination(sLongURL(1024));
     EXPECT_EQ("ERROR: archive URL of 1024 characters is too long, not used\n", stdout_.sText());
     expectNoDestination();
 }
 
-TEST_F(PosterDestination, RefusesALongerHostPortAndPath) {
+TEST_F(PosterDestination, RejectsALongerHostPortAndPath) {
     poster_.setDestination(endpoint_.sHost(), endpoint_.nPort(), std::string(2000, 'x'));
     EXPECT_EQ(1, nPrinted("is too long, not used\n"));
     expectNoDestination();
 }
 
-TEST_F(PosterDestination, IsGoneAfterARefusedOne) {
+TEST_F(PosterDestination, IsGoneAfterARejectedOne) {
     poster_.setDestination(endpoint_.sURL());
     poster_.setDestination(sLongURL(1024));
     expectNoDestination();
 }
 
-TEST_F(PosterDestination, IsGoneAfterARefusedOneAlsoWithNumbers) {
+TEST_F(PosterDestination, IsGoneAfterARejectedOneAlsoWithNumbers) {
     poster_.appendSeqToURI(true);
     poster_.setDestination(endpoint_.sURL());
     endpoint_.goAway();
@@ -90,7 +90,7 @@ TEST_F(PosterDestination, IsGoneAfterARefusedOneAlsoWithNumbers) {
     expectNoDestination();
 }
 
-TEST_F(PosterDestination, MayComeAfterARefusedOne) {
+TEST_F(PosterDestination, MayComeAfterARejectedOne) {
     poster_.setDestination(sLongURL(1024));
     poster_.setDestination(endpoint_.sURL());
     poster_.queuePayload("payload");
@@ -128,7 +128,7 @@ TEST_F(PosterDestination, DropsPayloadsForABadAddress) {
 }
 
 TEST_F(PosterDestination, DropsPayloadsForAHostWithoutAddress) {
-    // A label of more than 63 characters is not even asked for.
+    // A label of more than 63 characters is not even looked up.
     const std::string sURL = "http://" + std::string(64, 'n') + ".invalid/archive";
     poster_.setDestination(sURL);
     poster_.queuePayload("payload");

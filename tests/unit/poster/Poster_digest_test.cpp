@@ -40,7 +40,7 @@ TEST_F(PosterDigest, AnswersAChallenge) {
     EXPECT_EQ("text/json; charset=utf-8", requests[1].sHeader("Content-type"));
 }
 
-TEST_F(PosterDigest, SaysWhoItAuthenticatesAs) {
+TEST_F(PosterDigest, PrintsTheCredentials) {
     poster_.setDestination(endpoint_.sURL());
     poster_.setDigestAuth(kUser, kPassword);
     EXPECT_EQ(1, nPrinted("CURL digest auth set up for relay:pass:word\n"));
@@ -54,7 +54,7 @@ TEST_F(PosterDigest, MayBeSetUpBeforeTheDestination) {
     EXPECT_TRUE(bHasStatus("HTTP OK"));
 }
 
-TEST_F(PosterDigest, OutlivesAChangeOfTheDestination) {
+TEST_F(PosterDigest, IsKeptWhenTheDestinationChanges) {
     poster_.setDestination(endpoint_.sURL("/first"));
     poster_.setDigestAuth(kUser, kPassword);
     poster_.setDestination(endpoint_.sURL("/second"));
@@ -134,7 +134,7 @@ TEST_F(PosterDigest, TakesCredentialsOf255Characters) {
               sParameter(endpoint_.requests().at(1).sHeader("Authorization"), "username"));
 }
 
-TEST_F(PosterDigest, RefusesLongerCredentials) {
+TEST_F(PosterDigest, RejectsLongerCredentials) {
     poster_.setDestination(endpoint_.sURL());
     poster_.setDigestAuth(std::string(127, 'u'), std::string(128, 'p'));
     EXPECT_EQ(0, nPrinted("CURL digest auth set up for"));

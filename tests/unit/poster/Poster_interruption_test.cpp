@@ -19,7 +19,7 @@ using testing::ElementsAreArray;
 constexpr milliseconds kAtOnce{500};
 constexpr milliseconds kSoon{2000};
 
-/// A listener that answers no connection attempt, because its queue is full.
+/// A listener that answers no connection attempt, because its backlog is full.
 class SilentListener {
   public:
     SilentListener() {
@@ -57,7 +57,7 @@ class PosterInterruption : public PosterFixture {
   protected:
     PosterInterruption() { poster_.setDestination(endpoint_.sURL()); }
 
-    /// Does something, in no more real time than that.
+    /// Runs `action`, which must take less than `limit` of real time.
     template <typename Action>
     void inTime(milliseconds limit, Action action) {
         const auto tBefore = steady_clock::now();
@@ -73,7 +73,8 @@ class PosterInterruption : public PosterFixture {
         EXPECT_EQ(1, nPrinted("Post worker thread interrupted\n"));
         EXPECT_TRUE(poster_.bHasEnded());
     }
-    /// The next payload starts a new worker, and all are delivered: `texts`, which are what waits.
+    /// Expects that `texts` wait, and that the next payload starts a new worker, which delivers
+    /// all.
     void expectDeliveryOf(std::vector<std::string> texts) {
         EXPECT_EQ(texts.size(), poster_.getPayloadQueueSize());
         const std::size_t nBefore = endpoint_.nRequests();
@@ -86,8 +87,8 @@ class PosterInterruption : public PosterFixture {
             ElementsAreArray(texts));
         EXPECT_TRUE(bHasStatus("HTTP OK"));
     }
-    /// Queues payloads and waits until the worker has sent the first of them, in vain.
-    void postToNobody(const std::vector<std::string>& texts) {
+    /// Queues payloads and waits until the worker has sent the first of them, which gets no answer.
+    void postUnanswered(const std::vector<std::string>& texts) {
         endpoint_.plan(heldBack(answerWith(200)));
         queueAtOnce(texts);
         ASSERT_TRUE(bHasRequests(1));
@@ -95,7 +96,7 @@ class PosterInterruption : public PosterFixture {
     }
 };
 
-TEST_F(PosterInterruption, IsHarmlessWithoutAWorker) {
+TEST_F(PosterInterruption, HasNoEffectWithoutAWorker) {
     poster_._interruptWorkThread();
     EXPECT_EQ("Idle", poster_.getLastStatusCode());
     poster_.askToEnd();
@@ -151,7 +152,7 @@ TEST_F(PosterInterruption, EndsAWorkerThatPausesAfterDroppingItsBatch) {
 }
 
 TEST_F(PosterInterruption, EndsATransferToAServerThatNeverAnswers) {
-    ASSERT_NO_FATAL_FAILURE(postToNobody(payloads(0, 12)));
+    ASSERT_NO_FATAL_FAILURE(postUnanswered(payloads(0, 12)));
     inTime(kSoon, [&] { poster_._interruptWorkThread(); });
     EXPECT_EQ("Idle", poster_.getLastStatusCode());
     EXPECT_EQ(0, nPrinted("ERROR"));
@@ -166,7 +167,7 @@ TEST_F(PosterInterruption, EndsATransferWhoseAnswerStops) {
     expectDeliveryOf({"p0"});
 }
 
-TEST_F(PosterInterruption, EndsAConnectionAttemptThatNobodyAnswers) {
+TEST_F(PosterInterruption, EndsAConnectionAttemptThatIsNotAnswered) {
     const SilentListener listener;
     poster_.setDestination("127.77.0.2", listener.nPort(), "");
     poster_.queuePayload("p0");
@@ -180,9 +181,9 @@ TEST_F(PosterInterruption, EndsTheWaitForANameServerThatDoesNotAnswer) {
     const HeldName name;
     poster_.setDestination(std::string("http://") + HeldName::kHost + "/");
     poster_.queuePayload("p0");
-    ASSERT_TRUE(bEventually([] { return HeldName::bIsAskedFor(); }));
+    ASSERT_TRUE(bEventually([] { return HeldName::bIsLookedUp(); }));
     interruptIn(kSoon);
-    EXPECT_TRUE(HeldName::bIsAskedFor());
+    EXPECT_TRUE(HeldName::bIsLookedUp());
     poster_.setDestination(endpoint_.sURL());
     expectDeliveryOf({"p0"});
 }
@@ -196,8 +197,8 @@ TEST_F(PosterInterruption, RepeatsNothingThatWasDelivered) {
     expectDeliveryOf(payloads(2, 12));
 }
 
-TEST_F(PosterInterruption, PutsWhatWasTakenBeforeWhatHasComeSince) {
-    ASSERT_NO_FATAL_FAILURE(postToNobody(payloads(0, 25)));
+TEST_F(PosterInterruption, PutsTakenPayloadsBeforeLaterOnes) {
+    ASSERT_NO_FATAL_FAILURE(postUnanswered(payloads(0, 25)));
     for (const std::string& sText : payloads(25, 40)) {
         poster_.queuePayload(sText);
     }
@@ -214,14 +215,14 @@ TEST_F(PosterInterruption, QueuesNoEmptyPayload) {
 }
 
 TEST_F(PosterInterruption, MayBeAskedForWithoutWaiting) {
-    ASSERT_NO_FATAL_FAILURE(postToNobody(payloads(0, 12)));
+    ASSERT_NO_FATAL_FAILURE(postUnanswered(payloads(0, 12)));
     EXPECT_FALSE(poster_.bHasEnded());
     inTime(kAtOnce, [&] { poster_.askToEnd(); });
     inTime(kSoon, [&] { EXPECT_TRUE(bEventually([&] { return poster_.bHasEnded(); })); });
     expectDeliveryOf(payloads(0, 12));
 }
 
-TEST_F(PosterInterruption, MayComeAtAnyMoment) {
+TEST_F(PosterInterruption, MayHappenAtAnyMoment) {
     for (int i = 0; i < 50; ++i) {
         poster_.queuePayload('p' + std::to_string(i));
         if (i % 3 == 0) {
@@ -231,7 +232,7 @@ TEST_F(PosterInterruption, MayComeAtAnyMoment) {
     poster_.queuePayload("last");
     ASSERT_TRUE(bEventually(
         [&] { return endpoint_.nRequests() > 0 && endpoint_.bodies().back() == "last"; }));
-    // What was under way may have come twice.
+    // A payload in transfer may have been posted twice.
     auto bodies = endpoint_.bodies();
     bodies.erase(std::unique(bodies.begin(), bodies.end()), bodies.end());
     auto expected = payloads(0, 50);

@@ -17,7 +17,7 @@ class PosterResponse : public PosterFixture {
     }
 };
 
-TEST_F(PosterResponse, KeepsWhatTheLastAnswerSaid) {
+TEST_F(PosterResponse, KeepsTheBodyOfTheLastAnswer) {
     post(answerWith(200, "stored"));
     EXPECT_TRUE(bHasResponse("stored"));
     post(answerWith(500, "disk full\r\n"));
@@ -55,7 +55,7 @@ TEST_F(PosterResponse, TakesAnswersOfAnyLength) {
     EXPECT_TRUE(bHasResponse("short"));
 }
 
-TEST_F(PosterResponse, ShowsAnAnswerAsFarAsItHasCome) {
+TEST_F(PosterResponse, ShowsAnAnswerAsFarAsReceived) {
     const HttpAnswer answer = answerWith(200, "first half, second half");
     post(heldBack(answer, answer.sAtOnce.find(", second half")));
     EXPECT_TRUE(bHasResponse("first half"));
@@ -69,11 +69,11 @@ TEST_F(PosterResponse, IsWhatOthersSetAndAdd) {
     poster_.setLastResponse("set");
     poster_.addResponse(" and added", 4);
     EXPECT_EQ("set and", poster_.getLastResponse());
-    poster_.setLastResponse("anew");
-    EXPECT_EQ("anew", poster_.getLastResponse());
+    poster_.setLastResponse("again");
+    EXPECT_EQ("again", poster_.getLastResponse());
 }
 
-TEST_F(PosterResponse, IsCutAlsoWhenOthersSetOrAdd) {
+TEST_F(PosterResponse, IsLimitedWhenOthersSetOrAddToIt) {
     poster_.setLastResponse(std::string(kMaxResponseBytes + 1, 's'));
     EXPECT_EQ(kMaxResponseBytes, poster_.getLastResponse().size());
     poster_.setLastResponse(std::string(kMaxResponseBytes - 2, 's'));

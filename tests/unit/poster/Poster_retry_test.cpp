@@ -42,8 +42,7 @@ class PosterRetry : public PosterFixture {
         ASSERT_TRUE(bIsRefused(1));
         ASSERT_TRUE(bIsRefusedAfterPauses(10));
     }
-    /// After that: the endpoint takes `nRequests` and then refuses again, with the status
-    /// `nStatus` for the last one.
+    /// The endpoint answers `nRequests`, the last one with `nStatus`, and then refuses again.
     void comeBackFor(int nRequests, int nStatus) {
         endpoint_.plan(answerWith(200), nRequests - 1);
         endpoint_.plan({answerWith(nStatus).sAtOnce, "", Then::kGoAway});
@@ -51,7 +50,7 @@ class PosterRetry : public PosterFixture {
     }
 };
 
-TEST_F(PosterRetry, SaysThatItCannotConnect) {
+TEST_F(PosterRetry, ReportsThatItCannotConnect) {
     poster_.queuePayload("payload");
     EXPECT_TRUE(bHasStatus("Can't connect to server"));
     EXPECT_TRUE(bHasPrinted("ERROR: error sending POST (code 7) for 7 bytes\n" + sCount(1)));
@@ -175,7 +174,7 @@ TEST_F(PosterRetry, DropsAgainAlsoWhenTheWholeBatchWasDropped) {
     EXPECT_THAT(endpoint_.bodies(), ElementsAreArray(payloads(22, 42)));
 }
 
-TEST_F(PosterRetry, CountsAnewAfterADelivery) {
+TEST_F(PosterRetry, RestartsCountingAfterADelivery) {
     queueAtOnce(payloads(0, 3));
     ASSERT_TRUE(bIsRefused(1));
     ASSERT_TRUE(bIsRefusedAfterPauses(3));
@@ -186,7 +185,7 @@ TEST_F(PosterRetry, CountsAnewAfterADelivery) {
     EXPECT_THAT(endpoint_.bodies(), ElementsAre("p0"));
 }
 
-TEST_F(PosterRetry, CountsAnewAfterADeliveryThatEndsTheDropping) {
+TEST_F(PosterRetry, RestartsCountingAfterADeliveryThatEndsTheDropping) {
     queueAtOnce(payloads(0, 35));
     ASSERT_NO_FATAL_FAILURE(failTenTimes());
     comeBackFor(1, 200);
@@ -203,7 +202,7 @@ TEST_F(PosterRetry, CountsNoAnswerThatIsNot200) {
     comeBackFor(1, 500);
     ASSERT_TRUE(bHoldsAfterPauses([&] { return nRefusals() == 3; }));
     EXPECT_TRUE(bHasPrinted("Won't retry\nERROR: error sending POST (code 7) for 2 bytes\n"));
-    EXPECT_TRUE(bHasPrintedTimes(sCount(3), 1));  // nor does it begin anew
+    EXPECT_TRUE(bHasPrintedTimes(sCount(3), 1));  // and it does not restart
     EXPECT_THAT(endpoint_.bodies(), ElementsAre("p0"));
 }
 
@@ -227,7 +226,7 @@ TEST_F(PosterRetry, DropsAtTheTenthErrorWhateverTheOthersWere) {
     EXPECT_EQ(9, nPrinted("Won't retry\n"));
 }
 
-TEST_F(PosterRetry, CountsAnewWithEachBatch) {
+TEST_F(PosterRetry, RestartsCountingWithEachBatch) {
     endpoint_.comeBack();
     endpoint_.plan(noAnswer(Then::kGoAway));
     poster_.queuePayload("p0");
@@ -237,7 +236,7 @@ TEST_F(PosterRetry, CountsAnewWithEachBatch) {
     EXPECT_TRUE(bHasPrintedTimes(sCount(1), 1));
 }
 
-TEST_F(PosterRetry, CountsAnewAfterAnInterruption) {
+TEST_F(PosterRetry, RestartsCountingAfterAnInterruption) {
     queueAtOnce(payloads(0, 35));
     ASSERT_NO_FATAL_FAILURE(failTenTimes());
     poster_._interruptWorkThread();

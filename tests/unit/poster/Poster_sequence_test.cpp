@@ -12,7 +12,7 @@ class PosterSequence : public PosterFixture {
         poster_.appendSeqToURI(true);
     }
 
-    /// What stands behind the base address in each request.
+    /// What follows the base address in each request.
     std::vector<std::string> numbers() {
         std::vector<std::string> texts;
         for (const HttpRequest& request : endpoint_.requests()) {
@@ -88,7 +88,7 @@ TEST_F(PosterSequence, StaysWhenTheFirstPayloadsWereDropped) {
     EXPECT_EQ("&seq=13", numbers().at(1));
 }
 
-TEST_F(PosterSequence, GoesOnWhenTheSameDestinationIsSetAgain) {
+TEST_F(PosterSequence, ContinuesWhenTheSameDestinationIsSetAgain) {
     poster_.queuePayload("payload");
     ASSERT_TRUE(bHasStatus("HTTP OK"));
     poster_._interruptWorkThread();
@@ -98,7 +98,7 @@ TEST_F(PosterSequence, GoesOnWhenTheSameDestinationIsSetAgain) {
     EXPECT_THAT(numbers(), ElementsAre("&seq=2", "&seq=3"));
 }
 
-TEST_F(PosterSequence, BeginsAnewWithANewDestination) {
+TEST_F(PosterSequence, RestartsWithANewDestination) {
     queueAtOnce(payloads(0, 3));
     ASSERT_TRUE(bHasRequests(3));
     poster_._interruptWorkThread();

@@ -14,14 +14,14 @@ std::mutex mutex;
 std::condition_variable cvChanged;
 /// Both guarded by `mutex`.
 bool bHeld = false;
-int nAsking = 0;
+int nPending = 0;
 
 int nHold() {
-    constexpr std::chrono::seconds kAtMost{10};  // a test that fails is to end, too
+    constexpr std::chrono::seconds kAtMost{10};  // so that a failing test ends as well
     std::unique_lock<std::mutex> lock(mutex);
-    ++nAsking;
+    ++nPending;
     cvChanged.wait_for(lock, kAtMost, [] { return !bHeld; });
-    --nAsking;
+    --nPending;
     cvChanged.notify_all();
     return EAI_NONAME;
 }
@@ -37,12 +37,12 @@ HeldName::~HeldName() {
     std::unique_lock<std::mutex> lock(mutex);
     bHeld = false;
     cvChanged.notify_all();
-    cvChanged.wait(lock, [] { return nAsking == 0; });
+    cvChanged.wait(lock, [] { return nPending == 0; });
 }
 
-bool HeldName::bIsAskedFor() {
+bool HeldName::bIsLookedUp() {
     const std::lock_guard<std::mutex> lock(mutex);
-    return nAsking > 0;
+    return nPending > 0;
 }
 
 extern "C" int getaddrinfo(const char* sName, const char* sService, const addrinfo* pHints,

@@ -1,18 +1,18 @@
-/// Stands before the system's `getaddrinfo`, which it passes on to: plays a name server that does
-/// not answer.
+/// Replaces the system's `getaddrinfo`, to which it forwards other names: simulates a name server
+/// that does not answer.
 #pragma once
 
-/// While one lives, nobody is told the address of `kHost`. Afterwards it has none.
+/// While one exists, look-ups of `kHost` get no answer; afterwards they fail.
 class HeldName {
   public:
     static constexpr const char* kHost = "held.test";
 
     HeldName();
-    /// Lets go of those who ask, and waits until they have gone.
+    /// Lets pending look-ups fail and waits until they have returned.
     ~HeldName();
     HeldName(const HeldName&) = delete;
     HeldName& operator=(const HeldName&) = delete;
 
-    /// Whether somebody waits for the address.
-    [[nodiscard]] static bool bIsAskedFor();
+    /// Whether a look-up is pending.
+    [[nodiscard]] static bool bIsLookedUp();
 };

@@ -21,7 +21,7 @@ using Then = HttpAnswer::Then;
 class HttpPostTest : public testing::Test {
   protected:
     HttpPostTest() {
-        setenv("no_proxy", "*", 1);  // whatever the machine's user has set up
+        setenv("no_proxy", "*", 1);  // whatever proxy the environment sets
         EXPECT_TRUE(post_.bOpen(endpoint_.sURL().c_str()));
     }
 
@@ -106,7 +106,7 @@ TEST_F(HttpPostTest, ConnectsAgainWhenTheServerHasClosed) {
     EXPECT_THAT(endpoint_.bodies(), testing::ElementsAre("one", "two"));
 }
 
-TEST_F(HttpPostTest, TellsTheStatusOfTheAnswer) {
+TEST_F(HttpPostTest, ReportsTheStatusOfTheAnswer) {
     for (const int nStatus : {200, 201, 204, 404, 500, 503}) {
         endpoint_.plan(answerWith(nStatus));
         const PostResult result = perform("payload");
@@ -121,7 +121,7 @@ TEST_F(HttpPostTest, DoesNotFollowARedirection) {
     EXPECT_EQ(1U, endpoint_.nRequests());
 }
 
-TEST_F(HttpPostTest, PassesTheBodyOfTheAnswerOn) {
+TEST_F(HttpPostTest, PassesOnTheBodyOfTheAnswer) {
     const std::string sAnswer = std::string(40'000, 'a') + std::string("\0end", 4);
     endpoint_.plan(answerWith(200, sAnswer));
     EXPECT_EQ(200, perform("payload").nHttpCode);
@@ -155,14 +155,14 @@ TEST_F(HttpPostTest, HasNoAddressUntilOpened) {
     EXPECT_EQ(0, result.nHttpCode);
 }
 
-TEST_F(HttpPostTest, ReportsAnAddressThatIsNone) {
+TEST_F(HttpPostTest, ReportsAnInvalidAddress) {
     for (const char* achURL : {"", "http://", "http://127.77.0.1:99999/", "http://[::1/"}) {
         ASSERT_TRUE(post_.bOpen(achURL));
         EXPECT_EQ(CURLE_URL_MALFORMAT, perform("payload").nCurlCode) << achURL;
     }
 }
 
-TEST_F(HttpPostTest, TakesNoOtherSchemeThanHttp) {
+TEST_F(HttpPostTest, AcceptsNoSchemeButHttp) {
     for (const char* achURL : {"ftp://127.77.0.1/a", "file:///dev/null", "smtp://127.77.0.1/"}) {
         ASSERT_TRUE(post_.bOpen(achURL));
         EXPECT_EQ(CURLE_UNSUPPORTED_PROTOCOL, perform("payload").nCurlCode) << achURL;
@@ -197,7 +197,7 @@ TEST_F(HttpPostTest, NeverSendsThePasswordItself) {
     EXPECT_EQ(1U, endpoint_.nRequests());
 }
 
-TEST_F(HttpPostTest, BeginsANewAddressWithoutAuthentication) {
+TEST_F(HttpPostTest, OpensANewAddressWithoutAuthentication) {
     post_.setDigestAuth("user:secret");
     ASSERT_TRUE(post_.bOpen(endpoint_.sURL("/other").c_str()));
     endpoint_.plan(answerWith(401, "", "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n"));
@@ -205,7 +205,7 @@ TEST_F(HttpPostTest, BeginsANewAddressWithoutAuthentication) {
     EXPECT_EQ(1U, endpoint_.nRequests());
 }
 
-TEST_F(HttpPostTest, AbandonsTheRequestWhenItsThreadIsInterrupted) {
+TEST_F(HttpPostTest, AbortsTheRequestWhenItsThreadIsInterrupted) {
     endpoint_.plan(heldBack(answerWith(200)));
     PostResult result;
     boost::thread thread([&] { result = perform("payload"); });

@@ -32,8 +32,8 @@ int HttpRequest::nHeaders(const std::string& sName) const {
 }
 
 std::string HttpRequest::sHeader(const std::string& sName) const {
-    for (const auto& [sItsName, sValue] : headers) {
-        if (strcasecmp(sItsName.c_str(), sName.c_str()) == 0) {
+    for (const auto& [sHeaderName, sValue] : headers) {
+        if (strcasecmp(sHeaderName.c_str(), sName.c_str()) == 0) {
             return sValue;
         }
     }

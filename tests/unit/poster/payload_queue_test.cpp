@@ -72,7 +72,7 @@ TEST(PayloadQueue, MovesNoMoreThanThereAre) {
     EXPECT_EQ("a b ", sDrained(to));
 }
 
-TEST(PayloadQueue, MovesNothingWhenNothingIsAsked) {
+TEST(PayloadQueue, MovesNothingWhenAskedForNone) {
     PayloadQueue from = queueOf({"a"});
     PayloadQueue to;
     from.moveOldestTo(to, 0);
@@ -80,7 +80,7 @@ TEST(PayloadQueue, MovesNothingWhenNothingIsAsked) {
     EXPECT_TRUE(to.empty());
 }
 
-TEST(PayloadQueue, ChangesPlacesWithAnother) {
+TEST(PayloadQueue, IsSwappedWithAnother) {
     PayloadQueue one = queueOf({"a"});
     PayloadQueue other = queueOf({"bb", "c"});
     one.swap(other);

@@ -8,11 +8,11 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 PosterFixture::PosterFixture() {
-    setenv("no_proxy", "*", 1);  // whatever the machine's user has set up
+    setenv("no_proxy", "*", 1);  // whatever proxy the environment sets
     setClockForTest(kStart);
 }
 
-/// The worker uses the clock, and it may wait for the endpoint.
+/// The worker ends first: it uses the clock and may wait for the endpoint.
 PosterFixture::~PosterFixture() {
     poster_._interruptWorkThread();
     resetClockForTest();
@@ -30,7 +30,8 @@ std::vector<std::string> PosterFixture::payloads(int nBegin, int nEnd) {
 }
 
 void PosterFixture::queueAtOnce(const std::vector<std::string>& texts) {
-    // A worker that has to wait for the first takes whatever is there, and gives it back.
+    // A worker that has to wait for the first payload takes what is there and, interrupted, puts it
+    // back.
     for (const std::string& sText : texts) {
         if (&sText != &texts.back()) {
             poster_.queuePayload(sText, 1);
@@ -66,8 +67,8 @@ bool PosterFixture::bIsRefusedAfterPauses(int nWanted) {
     return nRefusals() == nWanted;
 }
 
-/// A worker may have reported a failure and not yet have asked when its pause begins: what the
-/// clock advances then is no part of the pause, and it takes another two seconds.
+/// A worker may have reported a failure without having read the clock for its pause yet: advancing
+/// the clock then does not shorten the pause, and two more seconds are needed.
 bool PosterFixture::bHoldsAfterPauses(const std::function<bool()>& condition) {
     const auto deadline = steady_clock::now() + std::chrono::seconds(10);
     while (steady_clock::now() < deadline) {
@@ -84,7 +85,7 @@ bool PosterFixture::bHoldsAfterPauses(const std::function<bool()>& condition) {
 }
 
 bool PosterFixture::bStays(const std::function<bool()>& condition) {
-    const auto end = steady_clock::now() + kSeveralLooks;
+    const auto end = steady_clock::now() + kSeveralChecks;
     while (steady_clock::now() < end) {
         if (!condition()) {
             return false;

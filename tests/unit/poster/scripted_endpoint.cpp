@@ -46,7 +46,7 @@ int nPortOfSocket(int fd) {
     return nPortOf(siAddress);
 }
 
-/// A peer that has gone away is noticed when reading.
+/// A closed connection is noticed when reading.
 void sendAll(int fd, const std::string& sBytes) {
     std::size_t nSent = 0;
     while (nSent < sBytes.size()) {
@@ -81,7 +81,7 @@ HttpAnswer noAnswer(HttpAnswer::Then then) {
 ScriptedEndpoint::ScriptedEndpoint() {
     bindToFreePort();
     if (fdListener_ == -1 || pipe2(fdsWake_, O_CLOEXEC | O_NONBLOCK) == -1) {
-        std::abort();  // no test can go on without its endpoint
+        std::abort();  // no test can continue without its endpoint
     }
     thread_ = std::thread([this] { serve(); });
     comeBack();
@@ -98,7 +98,7 @@ ScriptedEndpoint::~ScriptedEndpoint() {
     close(fdsWake_[1]);
 }
 
-/// A port that was asked for by number stays ours while we do not listen, and refuses.
+/// A port that is bound by number stays reserved while nothing listens, and refuses connections.
 void ScriptedEndpoint::bindToFreePort() {
     for (int i = 0; i < 20 && fdListener_ == -1; ++i) {
         const int fdAny = nBoundSocket(0);
@@ -167,7 +167,7 @@ std::vector<std::string> ScriptedEndpoint::bodies() {
     return bodies;
 }
 
-/// Has the endpoint's thread do something, and waits for it.
+/// Has the endpoint's thread run `task` and waits for that.
 void ScriptedEndpoint::onThread(const std::function<void()>& task) {
     std::unique_lock lock(mutex_);
     tasks_.push_back(&task);
@@ -246,7 +246,7 @@ void ScriptedEndpoint::read(Connection& rConnection) {
     handleInput(rConnection);
 }
 
-/// Takes the request that the input begins with, once all of it is there.
+/// Takes the first request from the input, once it is complete.
 void ScriptedEndpoint::handleInput(Connection& rConnection) {
     const std::size_t nHead = nHeadLength(rConnection.sInput);
     if (nHead == 0 || rConnection.bHolds) {
@@ -270,7 +270,7 @@ void ScriptedEndpoint::takeRequest(Connection& rConnection, std::size_t nHead, s
     rConnection.bToldToContinue = false;
     const HttpAnswer answer = nextAnswer(request);
     {
-        // Before the answer: whoever has got that finds the request.
+        // Before the answer, so that a test that has received it finds the request.
         const std::lock_guard lock(mutex_);
         requests_.push_back(std::move(request));
     }

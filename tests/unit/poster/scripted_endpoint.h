@@ -1,5 +1,5 @@
-/// An HTTP server on the loopback network that answers as a test has planned, and records what it
-/// is asked. One thread of its own serves all its connections; its functions are called by others.
+/// An HTTP server on the loopback network that answers as a test has planned, and records requests.
+/// A thread serves all its connections; the functions are called by other threads.
 #pragma once
 
 #include <condition_variable>
@@ -14,7 +14,7 @@
 
 #include "tests/unit/poster/http_text.h"
 
-/// What is done when a request has come.
+/// What happens after a request.
 struct HttpAnswer {
     enum class Then {
         kKeepOpen,
@@ -24,7 +24,7 @@ struct HttpAnswer {
         kGoAway
     };
     std::string sAtOnce;
-    /// Waits for `release`, and with it whatever is to be done then.
+    /// Sent after `release`, before `then`.
     std::string sOnRelease;
     Then then = Then::kKeepOpen;
 };
@@ -32,8 +32,8 @@ struct HttpAnswer {
 /// An answer with a status, a body and further header lines, each of which ends with CR LF.
 HttpAnswer answerWith(int nStatus, const std::string& sBody = "", const std::string& sHeaders = "");
 
-/// The same answer, of which all but the first `nAtOnce` bytes wait for `release`. An endpoint that
-/// is never told to release is one that never answers.
+/// The same answer, of which all but the first `nAtOnce` bytes wait for `release`. Without
+/// `release` the request is never answered.
 HttpAnswer heldBack(const HttpAnswer& answer, std::size_t nAtOnce = 0);
 
 /// No answer at all.
@@ -48,16 +48,16 @@ class ScriptedEndpoint {
     ScriptedEndpoint(const ScriptedEndpoint&) = delete;
     ScriptedEndpoint& operator=(const ScriptedEndpoint&) = delete;
 
-    /// Answers the next requests like this, after those that are planned already. What comes beyond
-    /// the plan is answered with an empty 200.
+    /// Answers the next `nTimes` requests like this, after those already planned. Requests beyond
+    /// the plan are answered with an empty 200.
     void plan(const HttpAnswer& answer, int nTimes = 1);
     /// Has `responder` answer everything that is not planned; it runs on the endpoint's thread.
     void answerBy(responder_t responder);
     /// Sends what is held back now.
     void release();
-    /// Closes all connections and refuses new ones; both have happened when this returns.
+    /// Closes all connections and refuses new ones, before this returns.
     void goAway();
-    /// Takes connections again, at the same address.
+    /// Accepts connections again, at the same address.
     void comeBack();
 
     [[nodiscard]] std::string sHost() const;
@@ -67,7 +67,7 @@ class ScriptedEndpoint {
 
     [[nodiscard]] std::size_t nRequests();
     [[nodiscard]] std::vector<HttpRequest> requests();
-    /// Bodies of all requests, in the order in which they came.
+    /// The bodies of all requests in the order received.
     [[nodiscard]] std::vector<std::string> bodies();
 
   private:
@@ -109,7 +109,7 @@ class ScriptedEndpoint {
     std::size_t nTasksAsked_ = 0;
     std::condition_variable taskDone_;
 
-    /// Of the endpoint's thread.
+    /// Used by the endpoint's thread.
     std::list<Connection> connections_;
     int nConnections_ = 0;
     bool bListening_ = false;
