@@ -3,7 +3,7 @@
 ///   1  2*L - 1    the message image (1..509 bytes)
 ///
 /// Allocates memory only while it holds bytes, or for what `nMakeRoom` was last asked for.
-/// Event-loop thread only.
+/// Main thread only.
 #pragma once
 
 #include <memory>

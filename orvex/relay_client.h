@@ -1,5 +1,5 @@
 /// The record of one connected peer: its connection, id, login ticket, audio addresses and the
-/// counters kept for time-outs and limits. Event-loop thread only.
+/// counters kept for time-outs and limits. Main thread only.
 #pragma once
 
 #include <netinet/in.h>

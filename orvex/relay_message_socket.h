@@ -1,7 +1,7 @@
 /// One TCP connection, plain or TLS, as a stream of message frames (see input_buffer.h).
 ///
 /// A socket does not own its descriptor and its TLS session: copies share both, and the code that
-/// removes the connection closes them. Event-loop thread only.
+/// removes the connection closes them. Main thread only.
 #pragma once
 
 #include <netinet/in.h>
