@@ -7,10 +7,11 @@ two implementations check each other. Nothing in this package prints except lab.
     tickets, keys       log-in tickets, the encrypted log-in, RSA keys, TLS certificates
     channel             one TCP or TLS connection with deadlines
     connection_server   the stand-in connection server, with scripted faults
-    server_link         one relay's link there: challenge, log-in, traffic
-    known_relay         the relays that a server knows, by name and id
-    server_orders       what it can order; server_plan: what it keeps up by itself; server_clerk
-                        does so and answers requests
+    server_links        its links to relays, each a server_link; server_session serves one:
+                        challenge, log-in, traffic; server_script: faults; server_record: messages
+    server_relays       the relays that it knows, each a known_relay; relay_roster: their ids
+    server_orders       what it can order; server_plan: what it keeps up by itself, which
+                        server_upkeep does; ticket_issuer answers requests for tickets
     stations            captioner, encoder, monitor
     audio_stations      stations that speak and stations that listen
     audio_socket        a station's UDP side; audio_wire: its datagrams; udp: rows of sockets

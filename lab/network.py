@@ -49,7 +49,7 @@ class Network:
         self.server = server or self._make_server()
         config = config or RelayConfig()
         config.servers = config.servers or [self.server.address]
-        if self.server.tls_context is not None:
+        if self.server.tls:
             config.server_tls_port = self.server.port
         env = {**self.schema.env, **(env or {})}
         self.relay = Relay(config, env=env, binary=binary, tls=tls, **relay_options)
@@ -73,7 +73,7 @@ class Network:
         """Starts server and relay and waits until the relay is logged in."""
         try:
             self.server.start()
-            if self.server.tls_context is not None:
+            if self.server.tls:
                 self.relay.config.server_tls_port = self.server.port
             self.relay.start()
             self.relay.wait_ready(within_secs)
@@ -119,13 +119,13 @@ class Network:
     def route(self, source: Station | int, to: Station | int, msg_class: int) -> None:
         """Has the connection server order a route; returns when it is in force."""
         from_id, to_id = _id_of(source), _id_of(to)
-        self.server.connect_route(from_id, to_id, msg_class)
+        self.server.orders.connect_route(from_id, to_id, msg_class)
         self.schema.wait_for_route((from_id, to_id, msg_class))
 
     def unroute(self, source: Station | int, to: Station | int, msg_class: int) -> None:
         """Has the route ordered away; returns when it is out of the table."""
         route = (_id_of(source), _id_of(to), msg_class)
-        self.server.disconnect_route(*route)
+        self.server.orders.disconnect_route(*route)
         self.schema.wait_for_routes(self.schema.routes() - {route})
 
 

@@ -218,7 +218,7 @@ class Play:
             self._judge_listener(listener)
         self._try(NAME, self._judge_archive)
         for server in (self.network.server, self.network.backup):
-            self.outcome.problems += server.problems if server is not None else []
+            self.outcome.problems += server.record.problems if server is not None else []
 
     def _judge_listener(self, listener: Listener) -> None:
         touched = self._fault is not None and self._fault.touches(listener.at)

@@ -177,7 +177,7 @@ class DatabaseFault:
         since = play.network.mark()
         chat = (play.cast.captioner.client_id, play.newcomer.client_id, messages.PIPE_CHAT)
         for name, node in play.network.nodes.items():
-            play.network.server.connect_route(*chat, name)
+            play.network.server.orders.connect_route(*chat, name)
             node.log.expect("Retrying connection to SQL", READY_SECS, since=since[name])
             say(name, "finds the database gone and goes on with the routes it remembers")
 

@@ -43,13 +43,13 @@ class RelayNetwork(RelayNodes):
         """Has two relays joined and waits until they and the server know; `keep`: joined again
         whenever they part; `audio`: waits for the registrations of all programs too."""
         since, server = self.mark(), self.server_of(opener)
-        told = server.mark()
+        told = server.record.mark()
         if keep:
-            server.keep_joined(opener, peer)
+            server.orders.keep_joined(opener, peer)
         else:
-            server.join(opener, peer)
+            server.orders.join(opener, peer)
         self.wait_joined(opener, peer, since=since)
-        server.wait_joined(opener, peer, since=told)
+        server.relays.wait_joined(opener, peer, since=told)
         if audio:
             self.wait_audio_joined(opener, peer, since=since)
 
@@ -131,11 +131,11 @@ class RelayNetwork(RelayNodes):
         first, last = self.home_of(from_id), self.home_of(to_id)
         server = self.server_of(first)
         if first != last:
-            server.route_across(from_id, first, to_id, last, msg_class, keep=keep)
+            server.orders.route_across(from_id, first, to_id, last, msg_class, keep=keep)
         elif keep:
-            server.keep_route(from_id, to_id, msg_class, first)
+            server.orders.keep_route(from_id, to_id, msg_class, first)
         else:
-            server.connect_route(from_id, to_id, msg_class, first)
+            server.orders.connect_route(from_id, to_id, msg_class, first)
         self.wait_routed(from_id, to_id, msg_class)
 
     def wait_routed(self, source: Station | int, to: Station | int, msg_class: int) -> None:

@@ -20,7 +20,7 @@ from lab.process_log import ProcessLog
 from lab.relay import Relay
 from lab.relay_config import RelayConfig
 from lab.stations import Station
-from lab.waiting import Deadline, LabTimeout
+from lab.waiting import LabTimeout, wait_until
 
 N = TypeVar("N", bound="RelayNodes")
 
@@ -117,7 +117,7 @@ class RelayNodes:
                 node.relay.start()
             for node in self.nodes.values():
                 node.relay.wait_ready(READY_SECS)
-                self.server.wait_relay(node.name, READY_SECS)
+                self.server.relays.wait_for(node.name, READY_SECS)
         except BaseException:
             self.close()
             raise
@@ -139,14 +139,14 @@ class RelayNodes:
     def server_of(self, name: str) -> ConnectionServer:
         """The server at which a relay is logged in; the first when it is at none."""
         for server in self._servers():
-            known = server.find_relay(name)
+            known = server.relays.find(name)
             if known is not None and known.logged_in:
                 return server
         return self.server
 
     def known(self, name: str) -> KnownRelay:
         """A relay as its present server sees it."""
-        return self.server_of(name).relay(name)
+        return self.server_of(name).relays[name]
 
     def kill(self, name: str) -> None:
         """Ends a relay by force; its stations are on their own."""
@@ -162,7 +162,7 @@ class RelayNodes:
         return self.known(name)
 
     def _login_count(self, name: str) -> int:
-        found = [server.find_relay(name) for server in self._servers()]
+        found = [server.relays.find(name) for server in self._servers()]
         return sum(len(one.logins) for one in found if one is not None)
 
     def wait_logged_in(
@@ -170,16 +170,18 @@ class RelayNodes:
     ) -> ConnectionServer:
         """Waits until a relay is logged in somewhere, for the `logins`-th time or later, and
         returns the server."""
-        deadline = Deadline(within_secs)
-        while True:
+
+        def place() -> ConnectionServer | None:
             server = self.server_of(name)
-            known = server.find_relay(name)
-            if known is not None and known.logged_in and self._login_count(name) >= logins:
-                return server
-            if deadline.passed():
-                raise LabTimeout(f"{name} is not logged in within {within_secs} s; {server}")
-            with server.changed:
-                server.changed.wait(0.05)
+            known = server.relays.find(name)
+            there = known is not None and known.logged_in and self._login_count(name) >= logins
+            return server if there else None
+
+        try:
+            return wait_until(place, within_secs)
+        except LabTimeout:
+            late = f"{name} is not logged in within {within_secs} s"
+            raise LabTimeout(f"{late}; {self.server_of(name)}") from None
 
     def stop_server(self, how: str = "close") -> None:
         """The server goes away with all its links; `start_server` brings it back."""

@@ -1,28 +1,30 @@
 """What a stand-in connection server tells its relays: routes, permissions, whom to connect to.
 
-Without `relay` an order goes to the newest link. Relays are named as in lab.known_relay.
+Without `relay` an order goes to the newest link. Relays are named as in lab.server_relays.
 
-    server.join("east", "west")                              # east connects to west
-    server.join("east", "west", tcp_port=1)                  # an odd order
-    server.route_across(2001, "east", 2002, "west", messages.PIPE_CAPTION)
-    server.keep_joined("east", "west")                       # again whenever they part
+    server.orders.join("east", "west")                       # east connects to west
+    server.orders.join("east", "west", tcp_port=1)           # an odd order
+    server.orders.route_across(2001, "east", 2002, "west", messages.PIPE_CAPTION)
+    server.orders.keep_joined("east", "west")                # again whenever they part
 """
 
 from __future__ import annotations
 
 import dataclasses
+import threading
 import time
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 from lab import messages
 from lab.channel import PeerClosed
-from lab.known_relay import KnownRelay, RelayName
+from lab.known_relay import KnownRelay
+from lab.relay_roster import RelayRoster
+from lab.server_link import ServerLink
+from lab.server_links import ServerLinks
 from lab.server_plan import KeptPair, KeptRoute, ServerPlan
+from lab.server_relays import RelayName, ServerRelays
 from lab.tickets import address_value, make_ticket
 from lab.waiting import LabTimeout
-
-if TYPE_CHECKING:
-    from lab.server_link import ServerLink
 
 
 @dataclasses.dataclass(frozen=True)
@@ -37,14 +39,25 @@ class SentOrder:
 class ServerOrders:
     """Orders, built and sent. Safe from any thread."""
 
-    plan: ServerPlan
-
-    def __init__(self) -> None:
+    def __init__(
+        self,
+        links: ServerLinks,
+        relays: ServerRelays,
+        roster: RelayRoster,
+        plan: ServerPlan,
+        changed: threading.Condition,
+    ) -> None:
+        """`changed` is notified when the plan gets a new pair to join."""
+        self._links = links
+        self._relays = relays
+        self._roster = roster
+        self._plan = plan
+        self._changed = changed
         #: Every connect order that was sent, in order.
         self.sent_orders: list[SentOrder] = []
 
     def _link_to(self, relay: RelayName | None) -> ServerLink:
-        return self.link if relay is None else self.relay(relay).link
+        return self._links.newest if relay is None else self._relays[relay].link
 
     def send(self, message: messages.Message, relay: RelayName | None = None) -> None:
         self._link_to(relay).send(message)
@@ -96,7 +109,7 @@ class ServerOrders:
     ) -> None:
         """Orders a route from a client of one relay to a client of another: at the source's
         relay towards the other relay, there towards the client. `keep`: as keep_route does."""
-        first, last = self.relay(source_at), self.relay(to_at)
+        first, last = self._relays[source_at], self._relays[to_at]
         if keep:
             self.keep_route(source_id, to_id, msg_class, last)
             self.keep_route(source_id, last.name, msg_class, first)
@@ -109,32 +122,32 @@ class ServerOrders:
     ) -> None:
         """Orders a route at `relay` now or at its next log-in, and again whenever that relay
         begins a new session. `to` is a client id or the name of another relay."""
-        name = relay if isinstance(relay, str) else self.relay(relay).name
-        with self.plan.lock:
-            self.plan.routes.setdefault(KeptRoute(name, from_id, to, msg_class), 0)
+        name = relay if isinstance(relay, str) else self._relays[relay].name
+        with self._plan.lock:
+            self._plan.routes.setdefault(KeptRoute(name, from_id, to, msg_class), 0)
         self.send_kept_routes(name)
 
     def drop_route(self, from_id: int, to: int | str, msg_class: int, relay: RelayName) -> None:
         """Orders a kept route away and keeps it no longer."""
-        name = relay if isinstance(relay, str) else self.relay(relay).name
-        with self.plan.lock:
-            self.plan.routes.pop(KeptRoute(name, from_id, to, msg_class), None)
-        found = self.find_relay(name)
+        name = relay if isinstance(relay, str) else self._relays[relay].name
+        with self._plan.lock:
+            self._plan.routes.pop(KeptRoute(name, from_id, to, msg_class), None)
+        found = self._relays.find(name)
         if found is not None and found.logged_in:
             self.disconnect_route(from_id, self._target_id(to), msg_class, found)
 
     def send_kept_routes(self, name: str) -> None:
         """Sends a relay the kept routes that it has not been sent in its present session, if
         it is logged in here."""
-        with self.plan.sending:
-            relay = self.find_relay(name)
+        with self._plan.sending:
+            relay = self._relays.find(name)
             if relay is None or not relay.logged_in:
                 return
-            session = self.roster.session(name)
-            with self.plan.lock:
+            session = self._roster.session(name)
+            with self._plan.lock:
                 missing = [
                     route
-                    for route, sent_in in self.plan.routes.items()
+                    for route, sent_in in self._plan.routes.items()
                     if route.relay == name and sent_in != session
                 ]
             for route in missing:
@@ -146,12 +159,12 @@ class ServerOrders:
             self.connect_route(route.from_id, to_id, route.msg_class, relay)
         except (PeerClosed, LabTimeout):
             return  # It is sent at the next log-in.
-        with self.plan.lock:
-            if route in self.plan.routes:
-                self.plan.routes[route] = session
+        with self._plan.lock:
+            if route in self._plan.routes:
+                self._plan.routes[route] = session
 
     def _target_id(self, to: int | str) -> int:
-        return self.roster.id_of(to) if isinstance(to, str) else to
+        return self._roster.id_of(to) if isinstance(to, str) else to
 
     # -- relays to relays ------------------------------------------------------------------
 
@@ -168,7 +181,7 @@ class ServerOrders:
     ) -> messages.ConnectOrder:
         """An order for `opener` that names `peer`, with a fresh ticket under the peer's key.
         A bad ticket is under another key. `changes` replace fields of the order."""
-        who, whom = self.relay(opener), self.relay(peer)
+        who, whom = self._relays[opener], self._relays[peer]
         key = bytes(byte ^ 0x5A for byte in whom.des_key) if bad_ticket else whom.des_key
         ticket = make_ticket(who.id, key, age_secs=ticket_age_secs, address=who.address)
         order = messages.ConnectOrder(
@@ -187,9 +200,8 @@ class ServerOrders:
     ) -> messages.ConnectOrder:
         """Sends a connect order of any kind."""
         link = self._link_to(relay)
-        name = link.relay.name if link.relay is not None else ""
         # Noted first: whoever has seen the order arrive finds it here.
-        sent = SentOrder(name, order, time.monotonic())
+        sent = SentOrder(link.relay_name, order, time.monotonic())
         self.sent_orders.append(sent)
         try:
             link.send(order)
@@ -212,29 +224,16 @@ class ServerOrders:
     def keep_joined(self, opener: RelayName, peer: RelayName) -> None:
         """Joins two relays as soon as both are logged in, and again whenever one of them has
         lost the other or begins a new session; at most once a second."""
-        names = [one if isinstance(one, str) else self.relay(one).name for one in (opener, peer)]
-        with self.changed:
-            with self.plan.lock:
-                if self.plan.pair(*names) is None:
-                    self.plan.pairs.append(KeptPair(*names))
-            self.changed.notify_all()
+        names = [one if isinstance(one, str) else self._relays[one].name for one in (opener, peer)]
+        with self._changed:
+            with self._plan.lock:
+                if self._plan.pair(*names) is None:
+                    self._plan.pairs.append(KeptPair(*names))
+            self._changed.notify_all()
 
     def stop_keeping_joined(self, opener: RelayName, peer: RelayName) -> None:
         """Leaves two relays to themselves; what joins them now stays."""
-        names = [one if isinstance(one, str) else self.relay(one).name for one in (opener, peer)]
-        with self.plan.lock:
-            self.plan.pairs = [one for one in self.plan.pairs if one is not self.plan.pair(*names)]
-
-    def wait_joined(
-        self, one: RelayName, other: RelayName, within_secs: float = 10.0, *, since: int = 0
-    ) -> None:
-        """Waits until one of two relays has confirmed the other as its client, since `mark`."""
-        ids = [self.relay(which).id for which in (one, other)]
-
-        def confirms(received: Any) -> bool:
-            message, relay = received.message, received.link.relay
-            if relay is None or not isinstance(message, messages.ConnectConfirm):
-                return False
-            return {relay.id, message.client_id & 0xFFFFFFFF} == set(ids)
-
-        self.wait_for_received(confirms, within_secs, since=since)
+        names = [one if isinstance(one, str) else self._relays[one].name for one in (opener, peer)]
+        with self._plan.lock:
+            kept = self._plan.pair(*names)
+            self._plan.pairs = [one for one in self._plan.pairs if one is not kept]

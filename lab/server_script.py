@@ -23,12 +23,12 @@ class Fault:
 class ServerScript:
     """Sessions, scripted answers, scripted faults. Safe from any thread."""
 
-    def __init__(self) -> None:
-        self.changed = threading.Condition()
+    def __init__(self, continue_any: bool = False) -> None:
+        self._lock = threading.Lock()
         #: Log-ins are checked against this (agency, name, password), or a set of such, if given.
         self.credentials: tuple[str, str, str] | set[tuple[str, str, str]] | None = None
         #: Lets a relay continue a session that it began at another server.
-        self.continue_any = False
+        self.continue_any = continue_any
         self._sessions: set[tuple[str, bytes]] = set()
         self._answers: deque[str] = deque()
         self._faults: dict[str, deque[Fault]] = {stage: deque() for stage in STAGES}
@@ -40,7 +40,7 @@ class ServerScript:
         Stages: "accept" (before the TLS handshake), "challenge" (instead of sending it),
         "login" (instead of an answer), "port" (when the relay port arrives).
         """
-        with self.changed:
+        with self._lock:
             if times is None:
                 self._standing[stage] = fault
             else:
@@ -48,7 +48,7 @@ class ServerScript:
 
     def clear_faults(self) -> None:
         """Normal service again; also forgets answers not given yet."""
-        with self.changed:
+        with self._lock:
             self._standing.clear()
             self._answers.clear()
             for queue in self._faults.values():
@@ -56,23 +56,23 @@ class ServerScript:
 
     def answer_next_login(self, *codes: str) -> None:
         """The next log-ins get these return codes, whatever they say."""
-        with self.changed:
+        with self._lock:
             self._answers.extend(codes)
 
     def forget(self) -> None:
         """Loses all sessions: a relay that asks to continue hears "NO CONTINUE" and gets a
         fresh challenge."""
-        with self.changed:
+        with self._lock:
             self._sessions.clear()
 
     def take_fault(self, stage: str) -> Fault | None:
-        with self.changed:
+        with self._lock:
             queue = self._faults[stage]
             return queue.popleft() if queue else self._standing.get(stage)
 
     def judge_login(self, login: messages.LogIn, challenge: int) -> str:
         """The return code for a log-in; an accepted one becomes a known session."""
-        with self.changed:
+        with self._lock:
             session = (login.name, login.des_key)
             if self._answers:
                 code = self._answers.popleft()

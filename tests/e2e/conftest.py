@@ -99,7 +99,7 @@ def make_server() -> Iterator[Callable[..., ConnectionServer]]:
     for server in servers:
         server.close()
     for server in servers:
-        assert server.problems == []
+        assert server.record.problems == []
 
 
 @pytest.fixture
@@ -145,7 +145,7 @@ def make_relay(cluster: Cluster, server: ConnectionServer) -> Iterator[Callable[
         config = RelayConfig(**{k: v for k, v in options.items() if k in _CONFIG_NAMES})
         if not config.servers:
             config.servers = [using.address]
-            if using.tls_context is not None and config.server_tls_port is None:
+            if using.tls and config.server_tls_port is None:
                 config.server_tls_port = using.port
         schema = schema or cluster.new_schema()
         others = {k: v for k, v in options.items() if k not in _CONFIG_NAMES}
@@ -202,7 +202,7 @@ def _end_network(network: RelayNetwork) -> None:
             station.close()
         for node in network.nodes.values():
             ends.callback(node.relay.end_and_judge)
-    assert network.server.problems == []
+    assert network.server.record.problems == []
 
 
 @pytest.fixture
@@ -252,7 +252,7 @@ def route() -> Callable[..., None]:
     ) -> None:
         from_id = source if isinstance(source, int) else source.client_id
         to_id = to if isinstance(to, int) else to.client_id
-        relay.server.connect_route(from_id, to_id, msg_class)
+        relay.server.orders.connect_route(from_id, to_id, msg_class)
         relay.schema.wait_for_route((from_id, to_id, msg_class))
 
     return order

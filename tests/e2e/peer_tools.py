@@ -110,7 +110,7 @@ class StandInPeer:
 
     def join(self, relay, *, heartbeats: bool = True, **changes: object) -> Station:
         """Has the relay ordered to connect to us and welcomes it."""
-        relay.server.order_connect(self.order(**changes))
+        relay.server.orders.order_connect(self.order(**changes))
         link = self.accept_login(relay.server.relay_id)
         self.answer(link)
         relay.log.expect(f"debug: sending udp reg to other relay {self.id}")

@@ -69,7 +69,7 @@ def got_before_order_fence(
     """Waits until the relay has obeyed all orders so far; returns what `receiver` got until
     then."""
     fence = _fence_for(receiver)
-    server.send(fence)
+    server.orders.send(fence)
     return _until(fence, receiver, within_secs)
 
 
@@ -86,7 +86,7 @@ def line_count(relay: Relay, station: Station, text: str) -> int:
 def server_heard(server: ConnectionServer, since: int) -> list[messages.Message]:
     """What the server got, apart from heartbeats and arrivals of clients."""
     usual = (messages.Heartbeat, messages.ConnectConfirm)
-    heard = server.messages_of(messages.Message, since)
+    heard = server.record.messages_of(messages.Message, since)
     return [message for message in heard if not isinstance(message, usual)]
 
 

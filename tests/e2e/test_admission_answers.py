@@ -40,7 +40,7 @@ def test_a_refused_client_hears_unauthorized_and_then_the_end(tls, server, tls_r
     assert station.closed_by_peer()
     tls_relay.log.expect("client ID 5001 sent invalid ticket")
     assert tls_relay.log.count("authenticated ticket") == 0
-    assert server.messages_of(messages.ConnectConfirm) == []
+    assert server.record.messages_of(messages.ConnectConfirm) == []
 
 
 def test_the_steps_of_an_admission_are_logged_in_their_order(tls, server, tls_relay, make_station):
@@ -60,7 +60,7 @@ def test_the_steps_of_an_admission_are_logged_in_their_order(tls, server, tls_re
 
 def test_the_connection_server_is_told_of_an_admitted_client(tls, server, tls_relay, make_station):
     station = make_station(tls_relay, tls=tls)
-    confirm = server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    confirm = server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
     assert confirm.sender_id == server.relay_id
     assert wire.payload_of(confirm.received_image).startswith(b"%d~" % station.client_id)
 
@@ -71,8 +71,8 @@ def test_ids_of_the_whole_range_are_admitted(server, relay, make_station):
         station = make_station(relay, client_id=client_id)
         signed = client_id - (1 << 32) if client_id >> 31 else client_id
         relay.log.expect(f"authenticated ticket for client {signed}")
-        server.wait_for_type(messages.ConnectConfirm, client_id=signed)
-        server.send(messages.Chat("SERVER", b"hello", dest_id=client_id))
+        server.record.wait_for_type(messages.ConnectConfirm, client_id=signed)
+        server.orders.send(messages.Chat("SERVER", b"hello", dest_id=client_id))
         station.expect(messages.Chat, chat=b"hello")
 
 
@@ -87,7 +87,7 @@ def test_the_wavecast_status_follows_the_ok_where_the_feature_is_on(
         assert wire.payload_of(post.received_image) == b"WavecastServer~true~"
         assert post.sender_id == server.relay_id
     # Whatever else was sent at the log-in would come before this.
-    server.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
+    server.orders.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
     station.expect(messages.Chat, chat=b"hello")
 
 

@@ -40,7 +40,7 @@ def test_clients_on_descriptors_above_1024_are_served(tls, server, make_relay, r
                     encoder.expect(messages.Caption, caption=b"caption %d" % number)
             crowd.be_heard()
         # The earliest are there still, too.
-        server.send(messages.Chat("SERVER", b"hello", dest_id=crowd.stations[0].client_id))
+        server.orders.send(messages.Chat("SERVER", b"hello", dest_id=crowd.stations[0].client_id))
         crowd.stations[0].expect(messages.Chat, chat=b"hello")
 
 
@@ -51,7 +51,9 @@ def test_a_crowd_that_leaves_gives_all_descriptors_back(server, relay):
         clients = {station.client_id for station in crowd.stations}
         assert relay.open_descriptors() == held + _CROWD
     wait_until(
-        lambda: {one.client_id for one in server.messages_of(messages.LostConnection)} == clients,
+        lambda: {
+            one.client_id for one in server.record.messages_of(messages.LostConnection)
+        } == clients,
         20,
         "every client reported lost",
     )

@@ -44,7 +44,7 @@ def test_an_event_of_a_closed_connection_does_not_touch_its_successor(how, serve
 
 def _all_are_served(server, stations):
     for station in stations:
-        server.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
+        server.orders.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
     for station in stations:
         station.expect(messages.Chat, chat=b"hello")
 
@@ -120,6 +120,6 @@ def test_an_interrupted_wait_goes_on(server, relay, make_station):
         return relay.log.count(" - epoll error - Interrupted system call") >= 3
 
     wait_until(interrupt, 20, "three interrupted waits")
-    server.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
+    server.orders.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
     station.expect(messages.Chat, chat=b"hello")
     make_station(relay, source_ip=new_address())

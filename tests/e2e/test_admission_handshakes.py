@@ -127,7 +127,7 @@ def test_a_handshake_in_single_bytes_succeeds_and_the_login_behind_it_counts(
     last_bytes = handshake.complete()
     login = messages.RelayConnect(4001, server.ticket_for(4001)).frame()
     link.write(last_bytes + handshake.encrypt(login))
-    server.wait_for_type(messages.ConnectConfirm, client_id=4001)
+    server.record.wait_for_type(messages.ConnectConfirm, client_id=4001)
     tls_relay.log.expect_in_order(
         "Completed SSL handshake on socket ", "authenticated ticket for client 4001"
     )

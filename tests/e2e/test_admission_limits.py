@@ -96,7 +96,7 @@ def test_an_id_may_log_in_nine_times(server, relay, make_station):
         "client ID 4001 sent invalid ticket",
     )
     # The latest of those admitted is still served, and so are other ids.
-    server.send(messages.Chat("SERVER", b"hello", dest_id=4001))
+    server.orders.send(messages.Chat("SERVER", b"hello", dest_id=4001))
     stations[-1].expect(messages.Chat, chat=b"hello")
     make_station(relay, client_id=4002)
 

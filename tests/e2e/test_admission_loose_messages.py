@@ -154,4 +154,4 @@ def test_a_login_followed_by_the_end_of_the_stream_is_served_first(
     loose.expect(messages.Response, return_code="OK")
     assert encoder.receive_caption()[0] == b"AB"
     assert loose.closed_by_peer()
-    server.wait_for_type(messages.LostConnection, client_id=4001)
+    server.record.wait_for_type(messages.LostConnection, client_id=4001)

@@ -34,11 +34,11 @@ def test_the_replaced_id_is_confirmed_again_and_not_reported_lost(server, relay,
     older = make_station(relay, client_id=4001)
     make_station(relay, client_id=4001)
     assert older.closed_by_peer()
-    server.wait_for(lambda _: len(server.messages_of(messages.ConnectConfirm)) == 2)
+    server.record.wait_for(lambda _: len(server.record.messages_of(messages.ConnectConfirm)) == 2)
     # What was said about the older connection would have come before this.
     make_station(relay, client_id=4002)
-    server.wait_for_type(messages.ConnectConfirm, client_id=4002)
-    assert server.messages_of(messages.LostConnection) == []
+    server.record.wait_for_type(messages.ConnectConfirm, client_id=4002)
+    assert server.record.messages_of(messages.LostConnection) == []
 
 
 def test_the_newer_connection_wins_while_the_older_talks(server, relay, make_station, route):
@@ -59,5 +59,5 @@ def test_a_refused_login_does_not_touch_the_older_connection(server, relay, make
     older = make_station(relay, client_id=4001)
     newer = make_station(relay, login=False)
     newer.login(4001, server.ticket_for(4001, age_secs=400), expect="UNAUTHORIZED")
-    server.send(messages.Chat("SERVER", b"hello", dest_id=4001))
+    server.orders.send(messages.Chat("SERVER", b"hello", dest_id=4001))
     older.expect(messages.Chat, chat=b"hello")

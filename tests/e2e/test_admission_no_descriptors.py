@@ -101,8 +101,8 @@ def test_the_link_to_the_connection_server_outlives_the_shortage(small_relay, se
         client = crowd.admit(1, server)[0]
         crowd.connect(_LIMIT)
         small_relay.log.expect(_PLAIN)
-        server.connect_route(5, 6, messages.PIPE_CAPTION)
+        server.orders.connect_route(5, 6, messages.PIPE_CAPTION)
         small_relay.schema.wait_for_route((5, 6, messages.PIPE_CAPTION))
-        server.send(messages.Chat("SERVER", b"hello", dest_id=client.client_id))
+        server.orders.send(messages.Chat("SERVER", b"hello", dest_id=client.client_id))
         client.expect(messages.Chat, chat=b"hello")
         assert len(server.links) == 1

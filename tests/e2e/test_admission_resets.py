@@ -60,8 +60,8 @@ def test_while_the_answer_is_on_its_way(nothing_is_left, how, tls, tls_relay, se
         station.reset() if how == "reset" else station.close()
 
     def all_reported():
-        confirmed = [one.client_id for one in server.messages_of(messages.ConnectConfirm)]
-        lost = [one.client_id for one in server.messages_of(messages.LostConnection)]
+        confirmed = [one.client_id for one in server.record.messages_of(messages.ConnectConfirm)]
+        lost = [one.client_id for one in server.record.messages_of(messages.LostConnection)]
         return confirmed == lost or sorted(confirmed) == sorted(lost)
 
     gone = "Removing client table entry for address " + source
@@ -84,6 +84,6 @@ def test_with_the_login_unread_and_the_answer_refused(nothing_is_left, tls_relay
             link.reset()
     gone = "Removing client table entry for address " + source
     wait_until(lambda: tls_relay.log.count(gone) == _ROUNDS, 20, "all removed")
-    confirmed = {one.client_id for one in server.messages_of(messages.ConnectConfirm)}
+    confirmed = {one.client_id for one in server.record.messages_of(messages.ConnectConfirm)}
     for client_id in confirmed:
-        server.wait_for_type(messages.LostConnection, client_id=client_id)
+        server.record.wait_for_type(messages.LostConnection, client_id=client_id)

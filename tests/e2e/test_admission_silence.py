@@ -69,5 +69,5 @@ def test_a_late_login_is_still_in_time(relay, make_station):
     late.login(4001, relay.server.ticket_for(4001))
     late.start_heartbeats()
     assert early.closed_by_peer(_AT_MOST_SECS)
-    relay.server.send(messages.Chat("SERVER", b"hello", dest_id=4001))
+    relay.server.orders.send(messages.Chat("SERVER", b"hello", dest_id=4001))
     late.expect(messages.Chat, chat=b"hello")

@@ -31,6 +31,6 @@ def test_standard_input_does_not_matter(stdin, tls, server, make_relay):
         assert client.receives_nothing(2)
         assert (relay.cpu_secs() - used) / (time.monotonic() - began) < 0.1
         for station in crowd.stations:
-            server.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
+            server.orders.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
         for station in crowd.stations:
             station.receive_until(lambda got: isinstance(got, messages.Chat))

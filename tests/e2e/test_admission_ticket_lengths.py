@@ -89,4 +89,4 @@ def test_the_ids_of_the_header_do_not_matter(server, present):
     ticket = server.ticket_for(4001)
     login = messages.RelayConnect(4001, ticket, sender_id=77, dest_id=88)
     assert present(login.image()) == "OK"
-    server.wait_for_type(messages.ConnectConfirm, client_id=4001)
+    server.record.wait_for_type(messages.ConnectConfirm, client_id=4001)

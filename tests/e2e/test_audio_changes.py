@@ -54,7 +54,7 @@ def test_a_receiver_leaves_in_the_middle(relay, server, stream, receivers, how):
     sent += stream.say()
     _expect([first, last], sent)
     if how != "log out":
-        server.wait_for_type(LostConnection, client_id=leaver.client_id)
+        server.record.wait_for_type(LostConnection, client_id=leaver.client_id)
     else:
         relay.log.expect("Removing client table entry for address")
     leaver.audio(0).receive_waiting()
@@ -82,7 +82,7 @@ def test_a_source_leaves_and_another_goes_on(relay, make_station, route, server,
         route(relay, other.source, receiver, PIPE_AUDIO)
     _expect(receivers, stream.say(20))
     stream.source.hang_up()
-    server.wait_for_type(LostConnection, client_id=stream.source.client_id)
+    server.record.wait_for_type(LostConnection, client_id=stream.source.client_id)
     stream.say(20)
     _expect(receivers, other.say())
 
@@ -97,12 +97,12 @@ def test_routes_take_effect_at_once(relay, server, make_station, route, stream, 
     for gone in (first, newcomer):
         staying.remove(gone)
         key = (stream.source.client_id, gone.client_id, PIPE_AUDIO)
-        server.disconnect_route(*key)
+        server.orders.disconnect_route(*key)
         relay.schema.wait_for_routes(relay.schema.routes() - {key})
         _expect(staying, stream.say())
         assert gone.audio(0).receives_nothing(0.05)
     # An order away for any receiver empties the list.
-    server.disconnect_route(stream.source.client_id, 0, PIPE_AUDIO)
+    server.orders.disconnect_route(stream.source.client_id, 0, PIPE_AUDIO)
     relay.schema.wait_for_routes(set())
     stream.say(20)
     route(relay, stream.source, others[0], PIPE_AUDIO)
@@ -118,9 +118,9 @@ def test_routes_that_come_and_go_cost_the_others_nothing(
     key = (stream.source.client_id, guest.client_id, PIPE_AUDIO)
     sent = []
     for _ in range(20):
-        server.connect_route(*key)
+        server.orders.connect_route(*key)
         sent += stream.say(20)
-        server.disconnect_route(*key)
+        server.orders.disconnect_route(*key)
         sent += stream.say(20)
     _expect(receivers, sent)
     wait_until(lambda: key not in relay.schema.routes(), 5, "the last order obeyed")

@@ -23,7 +23,7 @@ def test_a_hundred_receivers_get_everything_in_order(relay, make_station, route)
         for _ in range(PER_ADDRESS)
     ]
     for receiver in receivers:
-        relay.server.connect_route(source.client_id, receiver.client_id, PIPE_AUDIO)
+        relay.server.orders.connect_route(source.client_id, receiver.client_id, PIPE_AUDIO)
     routes = {(source.client_id, receiver.client_id, PIPE_AUDIO) for receiver in receivers}
     relay.schema.wait_for_routes(routes, 20)
     for start in range(0, DATAGRAMS, 50):

@@ -68,7 +68,7 @@ def test_while_the_connection_server_is_away(relay, server, play):
         _wait_for_more(listener)
         server.wait_logged_in(20, number=links)
         _wait_for_more(listener)
-    assert server.messages_of(LostConnection) == []
+    assert server.record.messages_of(LostConnection) == []
 
 
 @pytest.mark.parametrize("mode", ["fast", "immediate"])
@@ -78,7 +78,7 @@ def test_while_the_database_is_away(make_relay, own_cluster, play, mode):
         own_cluster.query("CHECKPOINT")
         own_cluster.stop(mode)
         # The next order finds that out.
-        relay.server.connect_route(424242, 424243, PIPE_AUDIO)
+        relay.server.orders.connect_route(424242, 424243, PIPE_AUDIO)
         relay.log.expect("PostgreSQL database not connected!", 10)
         _wait_for_more(listener)
         own_cluster.start()
@@ -95,7 +95,7 @@ def test_while_hundreds_of_clients_come_and_go(make_relay, server, play):
                 gone += [one.client_id for one in crowd.admit(count, server)]
             _wait_for_more(listener, 1)
         for client_id in gone:
-            server.wait_for_type(LostConnection, client_id=client_id, within_secs=20)
+            server.record.wait_for_type(LostConnection, client_id=client_id, within_secs=20)
         _wait_for_more(listener)
     assert len(gone) == 360
 

@@ -43,7 +43,7 @@ def test_a_good_ticket_of_nobody_connected_is_of_no_use(
 def test_a_client_that_has_left_cannot_register(relay, server, make_station, station):
     other = make_station(relay, AudioStation)
     other.close()
-    server.wait_for_type(LostConnection, client_id=other.client_id)
+    server.record.wait_for_type(LostConnection, client_id=other.client_id)
     ticket = server.ticket_for(other.client_id)
     result = register(relay, station, ticket, 5, client_id=other.client_id)
     assert result.lines[1:] == [_NOT_CONNECTED.format(other.client_id)]
@@ -58,7 +58,7 @@ def test_a_registration_ends_with_its_connection(relay, server, make_station, ro
         route(relay, source, one, PIPE_AUDIO)
     for one in (receiver, source):
         one.hang_up()
-        server.wait_for_type(LostConnection, client_id=one.client_id)
+        server.record.wait_for_type(LostConnection, client_id=one.client_id)
     back = make_station(relay, AudioReceiver, client_id=receiver.client_id)
     again = make_station(relay, AudioSource, client_id=source.client_id)
     source.say(b"nobody's", PROGRAM)
@@ -145,8 +145,8 @@ def test_a_refusal_that_cannot_be_delivered_costs_nobody_else(relay, server, mak
         for _ in range(3):
             audio.register_raw(victim.client_id, b"bad")
         victim.reset()
-    server.wait_for_type(LostConnection, client_id=victim.client_id)
+    server.record.wait_for_type(LostConnection, client_id=victim.client_id)
     audio.register_raw(victim.client_id, b"bad")
     fence(relay, audio)
     assert register(relay, witness, server.ticket_for(witness.client_id)).taken
-    assert len(server.messages_of(LostConnection)) == 1
+    assert len(server.record.messages_of(LostConnection)) == 1

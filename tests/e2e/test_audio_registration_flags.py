@@ -70,7 +70,7 @@ def test_each_flag_does_its_part_and_no_other(relay, server, station, neighbours
 
 def test_a_call_back_asks_the_server_for_a_ticket(relay, server, station):
     register(relay, station, server.ticket_for(station.client_id), CALL_BACK, program=PROGRAM)
-    server.wait_for_type(TicketRequest, requested_id=station.client_id, request="UDP_REG")
+    server.record.wait_for_type(TicketRequest, requested_id=station.client_id, request="UDP_REG")
     # One that is refused asks for nothing.
     other = server.new_client_id()
     since = relay.log.mark()

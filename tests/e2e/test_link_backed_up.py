@@ -72,15 +72,15 @@ def test_a_server_that_does_not_read_loses_the_link_and_no_message_after_it(
 
     slow_server.resume_reading()
     link = slow_server.wait_logged_in(40, number=1)
-    slow_server.wait_for_type(messages.StatusKeyPost, 20, key=str(sent - 1))
+    slow_server.record.wait_for_type(messages.StatusKeyPost, 20, key=str(sent - 1))
     replayed = [
         int(one.message.key)
-        for one in slow_server.received
+        for one in slow_server.record.received
         if one.link is link and isinstance(one.message, messages.StatusKeyPost)
     ]
     # From the one that failed to the last, none missing and none twice.
     assert replayed == list(range(replayed[0], sent))
-    assert slow_server.messages_of(messages.LogIn)[-1].function == "CONTINUE"
+    assert slow_server.record.messages_of(messages.LogIn)[-1].function == "CONTINUE"
     captioner.caption(b"and after")
     assert encoder.receive_caption()[0] == b"and after"
 
@@ -92,7 +92,7 @@ def test_orders_that_came_before_the_link_backed_up_are_carried_out(
     relay = make_relay(using=server)
     stations = [make_station(relay) for _ in range(4)]
     server.pause_reading()
-    server.connect_route(5, 6, messages.PIPE_CHAT)
+    server.orders.connect_route(5, 6, messages.PIPE_CHAT)
     _fill_the_link(relay, stations)
     relay.schema.wait_for_routes({(5, 6, messages.PIPE_CHAT)})
     server.resume_reading()

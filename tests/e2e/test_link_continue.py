@@ -17,7 +17,7 @@ def _messages_on(server, link):
     """What came on one link, without heartbeats."""
     return [
         one.message
-        for one in server.received
+        for one in server.record.received
         if one.link is link and not isinstance(one.message, messages.Heartbeat)
     ]
 
@@ -52,7 +52,7 @@ def test_the_continued_session_tells_losses_then_clients_then_ports_then_what_wa
     relay = make_relay(using=any_server)
     first, lost, third = (make_station(relay) for _ in range(3))
     for station in (first, lost, third):
-        any_server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+        any_server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
     des_key = any_server.des_key
     any_server.close()
     relay.log.expect("Lost connection to CS!")
@@ -63,7 +63,7 @@ def test_the_continued_session_tells_losses_then_clients_then_ports_then_what_wa
     relay.log.expect("TRACE: connection to CS not active, 3 messages queued")
     any_server.start()
     link = any_server.wait_logged_in(20, number=1)
-    any_server.wait_for_type(messages.StatusKeyPost, value="2")
+    any_server.record.wait_for_type(messages.StatusKeyPost, value="2")
 
     login, *rest = _messages_on(any_server, link)
     assert (login.function, login.des_key) == ("CONTINUE", des_key)
@@ -85,7 +85,7 @@ def test_the_continued_session_tells_losses_then_clients_then_ports_then_what_wa
 
 
 def test_without_clients_only_the_losses_are_announced(server, relay):
-    server.end_links()
+    server.links.end()
     server.wait_logged_in(20, number=1)
     relay.log.expect("list may be up to 0 clients long")
     assert relay.log.count("identifying all") == 0
@@ -95,10 +95,12 @@ def test_without_clients_only_the_losses_are_announced(server, relay):
 def test_a_new_id_may_come_with_a_continued_session(server, relay, make_station):
     station = make_station(relay)
     server.relay_id = 5005
-    server.end_links()
+    server.links.end()
     server.wait_logged_in(20, number=1)
     relay.log.expect("assigned id number 5005")
-    server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id, sender_id=5005)
+    server.record.wait_for_type(
+        messages.ConnectConfirm, client_id=station.client_id, sender_id=5005
+    )
 
 
 @pytest.mark.parametrize("how", _LOSE)
@@ -114,7 +116,7 @@ def test_a_forgotten_session_drops_clients_routes_and_what_waited(
     captioner.send(messages.StatusKeyPost("of the", "old session"))
     captioner.send(messages.StatusKeyPost("of the", "old session"))
     relay.log.expect("TRACE: connection to CS not active, 2 messages queued")
-    any_server.forget()
+    any_server.script.forget()
     any_server.start()
     any_server.wait_logged_in(20, number=1)
     address = relay.config.servers[0]
@@ -131,19 +133,19 @@ def test_a_forgotten_session_drops_clients_routes_and_what_waited(
     for station in (captioner, encoder, loose):
         assert station.closed_by_peer()
     relay.schema.wait_for_routes(set())
-    functions = [one.function for one in any_server.messages_of(messages.LogIn)]
+    functions = [one.function for one in any_server.record.messages_of(messages.LogIn)]
     assert functions == ["RELAY", "CONTINUE", "RELAY"]
 
     # The new session works like the first, and the next loss continues it.
     fresh = make_station(relay, Captioner)
     fresh.send(messages.StatusKeyPost("of the", "new session"))
-    first_post = any_server.wait_for_type(messages.StatusKeyPost)
+    first_post = any_server.record.wait_for_type(messages.StatusKeyPost)
     assert first_post.value == "new session"
-    any_server.end_links(how)
+    any_server.links.end(how)
     any_server.wait_logged_in(20, number=2)
-    assert any_server.messages_of(messages.LogIn)[-1].function == "CONTINUE"
+    assert any_server.record.messages_of(messages.LogIn)[-1].function == "CONTINUE"
     fresh.send(messages.StatusKeyPost("still", "here"))
-    any_server.wait_for_type(messages.StatusKeyPost, value="here")
+    any_server.record.wait_for_type(messages.StatusKeyPost, value="here")
 
 
 def test_tickets_stay_good_through_a_new_session_for_the_key_is_the_process_own(
@@ -151,7 +153,7 @@ def test_tickets_stay_good_through_a_new_session_for_the_key_is_the_process_own(
 ):
     client_id = server.new_client_id()
     ticket = server.ticket_for(client_id)
-    server.forget()
-    server.end_links()
+    server.script.forget()
+    server.links.end()
     server.wait_logged_in(20, number=1)
     make_station(relay, login=False).login(client_id, ticket)

@@ -17,7 +17,7 @@ def _knows_it_is_connected(relay, server):
     """An order that arrives in the table proves it; orders given while it is not are lost."""
 
     def arrives():
-        server.connect_route(1, 2, messages.PIPE_CHAT)
+        server.orders.connect_route(1, 2, messages.PIPE_CHAT)
         return (1, 2, messages.PIPE_CHAT) in relay.schema.routes()
 
     wait_until(arrives, 20, "an order gets through to the table")
@@ -40,7 +40,7 @@ def test_routing_works_again_when_the_database_is_back(
     # What the relay knows by heart it goes on doing.
     captioner.caption(b"while down")
     assert encoder.receive_caption()[0] == b"while down"
-    server.connect_route(captioner.client_id, late.client_id, messages.PIPE_CAPTION)
+    server.orders.connect_route(captioner.client_id, late.client_id, messages.PIPE_CAPTION)
     relay.log.expect_in_order("Retrying connection to SQL", _DOWN, _DOWN, within_secs=10)
     # The order took the remembered route along: now this source reaches nobody.
     captioner.caption(b"to nobody")
@@ -67,7 +67,7 @@ def test_a_relay_without_database_neither_spins_nor_floods_its_log(
     relay = make_relay(schema=own_cluster.new_schema())
     station = make_station(relay)
     own_cluster.stop()
-    server.connect_route(1, 2, messages.PIPE_CHAT)
+    server.orders.connect_route(1, 2, messages.PIPE_CHAT)
     relay.log.expect(_DOWN, 10)
     since = relay.log.mark()
     beats = station.heartbeats_received
@@ -76,7 +76,7 @@ def test_a_relay_without_database_neither_spins_nor_floods_its_log(
     # ... there are about as many lines as seconds.
     assert 2 <= relay.log.count(_DOWN, since=since) <= 40
     station.send(messages.StatusKeyPost("still", "served"))
-    server.wait_for_type(messages.StatusKeyPost)
+    server.record.wait_for_type(messages.StatusKeyPost)
 
 
 def _heard(station):
@@ -88,7 +88,7 @@ def _heard(station):
 def test_a_relay_ends_in_order_without_its_database(own_cluster, server, make_relay):
     relay = make_relay(schema=own_cluster.new_schema())
     own_cluster.stop()
-    server.connect_route(1, 2, messages.PIPE_CHAT)
+    server.orders.connect_route(1, 2, messages.PIPE_CHAT)
     relay.log.expect(_DOWN, 10)
     assert relay.stop() == 0
     relay.log.expect("Cleaning up main method")
@@ -102,7 +102,7 @@ def test_a_terminated_database_session_is_replaced_without_a_stop(
         "postgres",
         "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = 'tessel'",
     )
-    server.connect_route(5, 6, messages.PIPE_CHAT)
+    server.orders.connect_route(5, 6, messages.PIPE_CHAT)
     relay.log.expect_in_order("Retrying connection to SQL", "ResetSQL successful")
-    server.connect_route(7, 8, messages.PIPE_CHAT)
+    server.orders.connect_route(7, 8, messages.PIPE_CHAT)
     relay.schema.wait_for_routes({(7, 8, messages.PIPE_CHAT)})

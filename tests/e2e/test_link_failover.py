@@ -38,13 +38,13 @@ def test_the_first_of_three_that_answers_is_kept(make_server, make_relay):
     servers = [make_server() for _ in range(3)]
     relay = make_relay(servers=[one.address for one in servers], using=servers[0])
     assert _attempts(relay) == [servers[0].address]
-    assert servers[1].links == servers[2].links == []
+    assert len(servers[1].links) == len(servers[2].links) == 0
 
 
 def test_a_silent_first_and_a_rude_second_leave_the_third(make_server, make_relay):
     first, second, third = (make_server() for _ in range(3))
-    first.fault("challenge", Fault("silence"), times=None)
-    second.fault("login", Fault("reset"), times=None)
+    first.script.fault("challenge", Fault("silence"), times=None)
+    second.script.fault("login", Fault("reset"), times=None)
     relay = make_relay(servers=[first.address, second.address, third.address], using=third)
     relay.log.expect_in_order(
         _ATTEMPT + first.address,
@@ -54,7 +54,7 @@ def test_a_silent_first_and_a_rude_second_leave_the_third(make_server, make_rela
         _ATTEMPT + third.address,
         f"Switched from server  to server {third.address}",
     )
-    assert len(third.messages_of(messages.LogIn)) == 1
+    assert len(third.record.messages_of(messages.LogIn)) == 1
 
 
 def test_an_unresolvable_name_keeps_its_place_and_is_tried_again(make_server, make_relay):
@@ -67,7 +67,7 @@ def test_an_unresolvable_name_keeps_its_place_and_is_tried_again(make_server, ma
         within_secs=40,
     )  # fmt: skip
     assert _attempts(relay) == []
-    assert backup.links == []
+    assert len(backup.links) == 0
 
 
 def test_a_name_that_resolves_is_as_good_as_an_address(
@@ -92,28 +92,28 @@ def test_a_session_is_continued_at_the_next_server_when_its_own_is_reset(
     make_server, make_relay, make_station
 ):
     first, second = make_server(), make_server()
-    second.continue_any = True
+    second.script.continue_any = True
     relay = make_relay(servers=[first.address, second.address], using=first)
     station = make_station(relay)
-    first.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
-    first.end_links("reset")
+    first.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    first.links.end("reset")
     second.wait_logged_in(within_secs=20)
     # The session is still the one that began at the first server.
     relay.log.expect(f"Successful continuation with server {first.address}")
-    login = second.messages_of(messages.LogIn)[0]
+    login = second.record.messages_of(messages.LogIn)[0]
     assert login.function == "CONTINUE"
     assert login.des_key == first.des_key
-    second.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
-    second.wait_for_type(messages.RelayPort)
+    second.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    second.record.wait_for_type(messages.RelayPort)
 
 
 def test_a_session_that_ended_in_order_is_continued_at_its_own_server(make_server, make_relay):
     first, second = make_server(), make_server()
     relay = make_relay(servers=[first.address, second.address], using=first)
-    first.end_links("close")
+    first.links.end("close")
     first.wait_logged_in(within_secs=20, number=1)
     relay.log.expect(f"Successful continuation with server {first.address}")
-    assert second.links == []
+    assert len(second.links) == 0
 
 
 def test_a_continuation_that_another_server_refuses_becomes_a_new_session_there(
@@ -130,5 +130,6 @@ def test_a_continuation_that_another_server_refuses_becomes_a_new_session_there(
         f"Switched from server {first.address} to server {second.address}",
         "Cancelled 1 client connections",
     )
-    assert [one.function for one in second.messages_of(messages.LogIn)] == ["CONTINUE", "RELAY"]
+    logins = second.record.messages_of(messages.LogIn)
+    assert [one.function for one in logins] == ["CONTINUE", "RELAY"]
     assert station.closed_by_peer()

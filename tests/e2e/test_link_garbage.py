@@ -61,7 +61,7 @@ def _wild_frames(dice, count, dest_id, without=()):
 def _serves_again(relay, server, links):
     """With a new link the relay obeys orders and serves clients as ever."""
     server.wait_logged_in(40, number=links)
-    server.connect_route(31337, 31338, messages.PIPE_CHAT)
+    server.orders.connect_route(31337, 31338, messages.PIPE_CHAT)
     relay.schema.wait_for_route((31337, 31338, messages.PIPE_CHAT))
 
 
@@ -71,7 +71,7 @@ def test_wild_frames_do_not_even_cost_the_link(seed, any_server, make_relay, mak
     relay = make_relay(using=any_server)
     station = make_station(relay)
     for _ in range(4):
-        any_server.send_raw(_wild_frames(dice, 150, station.client_id, _ENDS_THE_LINK))
+        any_server.orders.send_raw(_wild_frames(dice, 150, station.client_id, _ENDS_THE_LINK))
     _serves_again(relay, any_server, 0)
     assert len(any_server.links) == 1
     assert station.end_seen is None
@@ -88,10 +88,10 @@ def test_wild_frames_with_log_outs_and_challenges_leave_a_sound_relay(
         server.wait_logged_in(40, number=links)
         links = len(server.links)
         try:
-            server.send_raw(_wild_frames(dice, 300, station.client_id))
+            server.orders.send_raw(_wild_frames(dice, 300, station.client_id))
         except (PeerClosed, LabTimeout):
             pass  # it has heard enough
-        server.end_links(dice.choice(("close", "reset")))
+        server.links.end(dice.choice(("close", "reset")))
     _serves_again(relay, server, links)
 
 
@@ -101,11 +101,11 @@ def test_raw_noise_leaves_a_sound_relay(seed, any_server, make_relay, make_stati
     relay = make_relay(using=any_server)
     make_station(relay)
     try:
-        any_server.send_raw(dice.randbytes(200000))
+        any_server.orders.send_raw(dice.randbytes(200000))
     except (PeerClosed, LabTimeout):
         pass  # noise may well log the relay out
     links = len(any_server.links)
-    any_server.end_links("reset")
+    any_server.links.end("reset")
     _serves_again(relay, any_server, links)
 
 
@@ -120,7 +120,7 @@ def test_noise_in_place_of_a_login_step_is_survived(stage, any_server, make_rela
         wire.to_frame(wire.make_image(14, 0xFFFFFFFF, 0)[:3]),
     ]
     for noise in noises:
-        any_server.fault(stage, Fault("close", noise))
+        any_server.script.fault(stage, Fault("close", noise))
     relay = make_relay(using=any_server, ready=False)
     relay.wait_ready(60)
     _serves_again(relay, any_server, 1)

@@ -10,7 +10,7 @@ from lab.keys import public_pem_of
 def _refuses_to_log_in(relay, server):
     """Two attempts, so that the retry is seen too; nothing but the connection reaches the server."""
     for number in range(2):
-        server.wait_for_link("closed", 20, number=number)
+        server.links.wait_for("closed", 20, number=number)
     relay.log.expect_in_order(
         "error sending log in message",
         "Lost connection to CS!",
@@ -19,7 +19,7 @@ def _refuses_to_log_in(relay, server):
         "error sending log in message",
         within_secs=20,
     )
-    assert server.received == []
+    assert server.record.received == []
     assert relay.log.count("sent login- waiting for response") == 0
 
 
@@ -46,4 +46,4 @@ def test_a_refused_encryption_moves_on_to_the_next_server(make_server, make_rela
         f"Attempting connection to server {second.address}",
         within_secs=15,
     )
-    assert first.messages_of(messages.Message) == []
+    assert first.record.messages_of(messages.Message) == []

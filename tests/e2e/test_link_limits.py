@@ -24,7 +24,7 @@ def _image(type_code, length, sender_id, dest_id=0):
 
 
 def _still_routes(server, relay, row=(77, 78, 192)):
-    server.connect_route(*row)
+    server.orders.connect_route(*row)
     relay.schema.wait_for_route(row)
 
 
@@ -36,7 +36,7 @@ def test_messages_up_to_the_largest_size_reach_the_server_unchanged(
     station = make_station(relay)
     image = _image(10, length, station.client_id, 4000000000)
     station.send_image(image)
-    got = any_server.wait_for_type(messages.Opaque)
+    got = any_server.record.wait_for_type(messages.Opaque)
     padded = image if length % 2 else image + b"~"
     assert got.received_image == padded
 
@@ -47,7 +47,7 @@ def test_messages_up_to_the_largest_size_pass_from_the_server_to_a_client(
 ):
     station = make_station(relay, Station)
     image = _image(3, length, 1, station.client_id)
-    server.send_raw(wire.to_frame(image))
+    server.orders.send_raw(wire.to_frame(image))
     got = station.receive()
     assert got.received_image == (image if length % 2 else image + b"~")
 
@@ -61,9 +61,9 @@ def test_a_frame_longer_than_any_message_costs_neither_link_nor_client(
     for last in (b"~", b"x", b"\\", b"\0"):
         image = _image(10, 508, station.client_id) + last
         station.send_raw(bytes([255]) + image)
-        any_server.send_raw(bytes([255]) + _image(3, 508, 1, station.client_id) + last)
+        any_server.orders.send_raw(bytes([255]) + _image(3, 508, 1, station.client_id) + last)
     station.send(messages.StatusKeyPost("still", "connected"))
-    any_server.wait_for_type(messages.StatusKeyPost)
+    any_server.record.wait_for_type(messages.StatusKeyPost)
     _still_routes(any_server, relay)
     assert len(any_server.links) == 1
     assert relay.log.count("Lost connection") == 0
@@ -72,20 +72,20 @@ def test_a_frame_longer_than_any_message_costs_neither_link_nor_client(
 @pytest.mark.parametrize("sender_id", [0xFFFFFFFF, 0x80000000, 0xDEADBEEF])
 def test_orders_under_a_negative_sender_are_ignored(sender_id, server, relay):
     order = messages.RoutingUpdate("CONNECT", 5, 6, 192, sender_id=sender_id)
-    server.send(order)
+    server.orders.send(order)
     relay.log.expect(_INVALID.format(len(wire.to_frame(order.image())) - 1))
-    server.send(messages.LogOut("connserver", sender_id=sender_id))
-    server.send(messages.Challenge(9, sender_id=sender_id))
+    server.orders.send(messages.LogOut("connserver", sender_id=sender_id))
+    server.orders.send(messages.Challenge(9, sender_id=sender_id))
     _still_routes(server, relay)
     assert relay.schema.routes() == {(77, 78, 192)}
     assert relay.log.count("logged out by connserver") == 0
-    assert len(server.messages_of(messages.LogIn)) == 1
+    assert len(server.record.messages_of(messages.LogIn)) == 1
 
 
 @pytest.mark.parametrize("sender_id", [0, 1, 0x7FFFFFFF])
 def test_any_other_sender_is_as_good_as_the_next(sender_id, server, relay):
     order = messages.RoutingUpdate("CONNECT", 5, 6, 192, sender_id=sender_id)
-    server.send_raw(order.frame())
+    server.orders.send_raw(order.frame())
     relay.schema.wait_for_routes({(5, 6, 192)})
 
 
@@ -93,7 +93,7 @@ def test_any_other_sender_is_as_good_as_the_next(sender_id, server, relay):
 def test_images_shorter_than_a_header_are_ignored(length, server, relay):
     for type_code in (2, 14, 17, 3, 255):
         image = bytes([type_code]) + b"\1" * (length - 1)
-        server.send_raw(wire.to_frame(image))
+        server.orders.send_raw(wire.to_frame(image))
     relay.log.expect_in_order(*[_INVALID.format(length)] * 5)
     _still_routes(server, relay)
     assert relay.log.count(_INVALID.format(length)) == 5
@@ -101,7 +101,7 @@ def test_images_shorter_than_a_header_are_ignored(length, server, relay):
 
 
 def test_a_message_to_a_client_that_is_not_here_is_dropped_in_silence(server, relay):
-    server.send_raw(wire.to_frame(_image(3, 100, 1, 424242)))
+    server.orders.send_raw(wire.to_frame(_image(3, 100, 1, 424242)))
     _still_routes(server, relay)
     assert relay.log.count("424242") == 0
 
@@ -109,5 +109,5 @@ def test_a_message_to_a_client_that_is_not_here_is_dropped_in_silence(server, re
 def test_ids_at_the_ends_of_their_range_are_written_as_they_are(server, relay):
     rows = {(4294967295, 4294967294, 192), (2147483648, 1, 64), (1, 2147483648, 224)}
     for row in rows:
-        server.connect_route(*row)
+        server.orders.connect_route(*row)
     relay.schema.wait_for_routes(rows)

@@ -18,17 +18,17 @@ def any_server(request):
 
 def test_the_login_says_who_the_relay_is(any_server, make_relay):
     make_relay(using=any_server, company="Acme ~ Co", username="box 7", password="p\\w~")
-    login = any_server.messages_of(messages.LogIn)[0]
+    login = any_server.record.messages_of(messages.LogIn)[0]
     assert (login.agency, login.name, login.password) == ("Acme ~ Co", "box 7", "p\\w~")
     assert login.function == "RELAY"
-    assert login.login_number == any_server.link.challenge
+    assert login.login_number == any_server.links.newest.challenge
     assert len(login.des_key) == 8
     assert all(byte.bit_count() % 2 == 1 for byte in login.des_key), "DES keys have odd parity"
 
 
 def test_nothing_of_the_login_travels_in_clear(server, make_relay):
     make_relay(username="visible-name", password="visible-word")
-    image = server.messages_of(messages.LogIn)[0].received_image
+    image = server.record.messages_of(messages.LogIn)[0].received_image
     assert b"visible" not in image
     assert len(image) == 9 + 256  # the header and one cipher block
 
@@ -41,7 +41,7 @@ def test_the_steps_of_a_login_are_logged_in_order(any_server, make_relay):
         "initialized connection server reconnect timer at: ",
         f"Attempting connection to server {any_server.address}",
         "Finished non-blocking connect to connserver",
-        *(tls_steps if any_server.tls_context else []),
+        *(tls_steps if any_server.tls else []),
         "sent login- waiting for response",
         "debug: got response",
         "Server response: OK.",
@@ -57,7 +57,7 @@ def test_the_steps_of_a_login_are_logged_in_order(any_server, make_relay):
 
 def test_the_link_comes_from_the_address_that_the_relay_is_bound_to(any_server, make_relay):
     relay = make_relay(using=any_server)
-    assert any_server.link.peer[0] == relay.address
+    assert any_server.links.newest.peer[0] == relay.address
     relay.log.expect(f"Bind to local address {relay.address}")
 
 
@@ -65,7 +65,7 @@ def test_the_relay_port_message_tells_where_clients_connect(any_server, make_rel
     relay = make_relay(
         using=any_server, tls=True, public_address="192.0.2.7", private_address="10.1.2.3"
     )
-    port = any_server.wait_for_type(messages.RelayPort)
+    port = any_server.record.wait_for_type(messages.RelayPort)
     assert (port.tcp_port, port.udp_port) == (relay.tcp_port, relay.audio_port(0))
     assert port.tls_port == relay.tls_port
     assert port.address == address_value("192.0.2.7")
@@ -74,7 +74,7 @@ def test_the_relay_port_message_tells_where_clients_connect(any_server, make_rel
 
 
 def test_addresses_and_tls_port_that_are_not_configured_are_zero(server, relay):
-    port = server.wait_for_type(messages.RelayPort)
+    port = server.record.wait_for_type(messages.RelayPort)
     assert (port.address, port.private_address, port.tls_port) == (0, 0, 0)
 
 
@@ -89,7 +89,7 @@ def test_a_listen_address_that_is_none_is_reported_and_sent_as_zero(bad, server,
         f"ERROR: Failed to parse private listen address '{bad}' - invalid IP format. "
         "Private IP will not be sent to connserver."
     )
-    port = server.wait_for_type(messages.RelayPort)
+    port = server.record.wait_for_type(messages.RelayPort)
     assert (port.address, port.private_address) == (0, 0)
 
 
@@ -99,13 +99,13 @@ def test_a_key_whose_cipher_text_still_fits_a_message_works(make_server, make_re
     relay = make_relay(using=server, public_key=key.public_pem())
     relay.log.expect("RSA Size: 384")
     assert relay.log.count("ERROR") == 0
-    assert server.messages_of(messages.LogIn)[0].name == "relay"
+    assert server.record.messages_of(messages.LogIn)[0].name == "relay"
 
 
 def test_every_run_draws_a_des_key_of_its_own(server, make_relay):
     make_relay()
     make_relay()
-    first, second = server.messages_of(messages.LogIn)
+    first, second = server.record.messages_of(messages.LogIn)
     assert first.des_key != second.des_key
 
 
@@ -113,6 +113,6 @@ def test_the_id_of_the_response_is_the_sender_of_everything_after(
     server, relay, make_station, route
 ):
     station = make_station(relay)
-    confirm = server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
-    heartbeat = server.wait_for_type(messages.Heartbeat, within_secs=12)
+    confirm = server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    heartbeat = server.record.wait_for_type(messages.Heartbeat, within_secs=12)
     assert confirm.sender_id == heartbeat.sender_id == server.relay_id

@@ -16,7 +16,7 @@ def test_every_refusal_ends_the_attempt_and_the_same_server_is_tried_again(
 ):
     server, backup = make_server(), make_server()
     codes = ["UNAUTHORIZED", "NOT LOGGED IN"]
-    server.answer_next_login(*codes)
+    server.script.answer_next_login(*codes)
     relay = make_relay(using=server, servers=[server.address, backup.address])
     for code in codes:
         relay.log.expect_in_order(
@@ -25,13 +25,13 @@ def test_every_refusal_ends_the_attempt_and_the_same_server_is_tried_again(
             "connection to server failed with code -1...",
             "retrying",
         )
-    assert len(server.messages_of(messages.LogIn)) == 3
-    assert backup.links == []
+    assert len(server.record.messages_of(messages.LogIn)) == 3
+    assert len(backup.links) == 0
 
 
 @pytest.mark.parametrize("codes", [_REFUSALS[0::2], _REFUSALS[1::2], _UNKNOWN])
 def test_any_other_code_is_a_refusal(codes, server, make_relay):
-    server.answer_next_login(*codes)
+    server.script.answer_next_login(*codes)
     relay = make_relay(ready=False)
     relay.wait_ready(40)
     relay.log.expect_in_order(*["Server response: ", "Lost connection to CS!"] * len(codes))
@@ -41,7 +41,7 @@ def test_any_other_code_is_a_refusal(codes, server, make_relay):
 
 
 def test_a_refused_first_login_is_repeated_as_a_first_login(server, make_relay):
-    server.answer_next_login("UNAUTHORIZED", "NO CONTINUE")
+    server.script.answer_next_login("UNAUTHORIZED", "NO CONTINUE")
     relay = make_relay()
     relay.log.expect_in_order(
         "Server response: UNAUTHORIZED.",
@@ -50,17 +50,17 @@ def test_a_refused_first_login_is_repeated_as_a_first_login(server, make_relay):
         "sent login- waiting for response",
         "Server response: OK.",
     )
-    logins = server.messages_of(messages.LogIn)
+    logins = server.record.messages_of(messages.LogIn)
     assert [login.function for login in logins] == ["RELAY"] * 3
     assert len({login.des_key for login in logins}) == 1
     assert len(server.links) == 2, "a NO CONTINUE goes on on the same connection"
 
 
 def test_wrong_credentials_keep_the_relay_out(server, make_relay):
-    server.credentials = ("company", "relay", "right")
+    server.script.credentials = ("company", "relay", "right")
     relay = make_relay(password="wrong", ready=False)
     relay.log.expect_in_order(
         "Server response: UNAUTHORIZED.", "retrying", "Server response: UNAUTHORIZED."
     )
-    server.credentials = ("company", "relay", "wrong")
+    server.script.credentials = ("company", "relay", "wrong")
     relay.wait_ready()

@@ -9,7 +9,7 @@ from lab import messages
 def _losses_on(server, link):
     return [
         one.message.client_id
-        for one in server.received
+        for one in server.record.received
         if one.link is link and isinstance(one.message, messages.LostConnection)
     ]
 
@@ -18,13 +18,13 @@ def _reconnect(relay, server, while_down=lambda: None):
     """Loses the link, does `while_down`, and brings the server back; the new link, once the relay
     has said everything that it says at a log-in."""
     number = len(server.links)
-    since, said = relay.log.mark(), server.mark()
+    since, said = relay.log.mark(), server.record.mark()
     server.close()
     relay.log.expect("Lost connection to CS!", since=since)
     while_down()
     server.start()
     link = server.wait_logged_in(20, number=number)
-    server.wait_for_type(messages.RelayPort, since=said)
+    server.record.wait_for_type(messages.RelayPort, since=said)
     return link
 
 
@@ -41,7 +41,7 @@ def test_a_loss_while_the_link_is_down_is_told_once_afterwards(server, relay, ma
     assert _losses_on(server, link) == [leaving.client_id]
     second = _reconnect(relay, server)
     assert _losses_on(server, second) == []
-    server.wait_for_type(messages.ConnectConfirm, client_id=staying.client_id)
+    server.record.wait_for_type(messages.ConnectConfirm, client_id=staying.client_id)
 
 
 def test_a_loss_while_the_link_is_up_is_told_at_once_and_again_after_the_next_login(
@@ -49,7 +49,7 @@ def test_a_loss_while_the_link_is_up_is_told_at_once_and_again_after_the_next_lo
 ):
     leaving = make_station(relay)
     leaving.reset()
-    server.wait_for_type(messages.LostConnection, client_id=leaving.client_id)
+    server.record.wait_for_type(messages.LostConnection, client_id=leaving.client_id)
     relay.log.expect(f"removing socket for client {leaving.client_id}, and notifying CS")
     link = _reconnect(relay, server)
     assert _losses_on(server, link) == [leaving.client_id]
@@ -82,7 +82,7 @@ def test_a_client_that_came_back_is_confirmed_and_not_told_lost(server, relay, m
         "(1 instances)"
     )
     assert _losses_on(server, link) == [gone.client_id]
-    server.wait_for(
+    server.record.wait_for(
         lambda message: isinstance(message, messages.ConnectConfirm)
         and message.client_id == client.client_id
     )
@@ -94,8 +94,8 @@ def test_a_loss_whose_links_the_server_has_taken_down_is_not_told_again(
     source, leaving = make_station(relay), make_station(relay)
     route(relay, source, leaving, messages.PIPE_CAPTION)
     leaving.reset()
-    server.wait_for_type(messages.LostConnection, client_id=leaving.client_id)
-    server.disconnect_route(source.client_id, leaving.client_id, messages.PIPE_CAPTION)
+    server.record.wait_for_type(messages.LostConnection, client_id=leaving.client_id)
+    server.orders.disconnect_route(source.client_id, leaving.client_id, messages.PIPE_CAPTION)
     relay.log.expect(
         f"CS seems to have taken care of links for client {leaving.client_id}"
     )
@@ -111,8 +111,8 @@ def test_a_loss_stays_on_the_list_while_routes_of_the_client_are_left(
     for pipe in (messages.PIPE_CAPTION, messages.PIPE_CHAT):
         route(relay, source, leaving, pipe)
     leaving.reset()
-    server.wait_for_type(messages.LostConnection, client_id=leaving.client_id)
-    server.disconnect_route(source.client_id, leaving.client_id, messages.PIPE_CAPTION)
+    server.record.wait_for_type(messages.LostConnection, client_id=leaving.client_id)
+    server.orders.disconnect_route(source.client_id, leaving.client_id, messages.PIPE_CAPTION)
     relay.schema.wait_for_routes({(source.client_id, leaving.client_id, messages.PIPE_CHAT)})
     link = _reconnect(relay, server)
     assert _losses_on(server, link) == [leaving.client_id]

@@ -40,8 +40,8 @@ def test_a_batch_of_orders_before_the_end_of_the_link_is_carried_out(
     rows = set().union(*(rows for _, rows in batches))
     # Asleep, so that everything is there together with the end.
     relay.signal(signal.SIGSTOP)
-    any_server.send_raw(b"".join(frames for frames, _ in batches))
-    any_server.end_links(end)
+    any_server.orders.send_raw(b"".join(frames for frames, _ in batches))
+    any_server.links.end(end)
     relay.signal(signal.SIGCONT)
     relay.log.expect("Lost connection to CS!", 20)
     any_server.wait_logged_in(20, number=1)
@@ -56,19 +56,19 @@ def test_orders_are_carried_out_when_a_client_message_finds_the_link_broken(
     relay.signal(signal.SIGSTOP)
     for station in stations:
         station.send_all([messages.StatusKeyPost("key", "value")] * 20)
-    server.send_raw(frames)
-    server.end_links("reset")
+    server.orders.send_raw(frames)
+    server.links.end("reset")
     relay.signal(signal.SIGCONT)
     server.wait_logged_in(20, number=1)
     assert relay.schema.routes() == rows
 
 
 def test_a_record_larger_than_a_read_is_handled_without_further_data(tls_server, make_relay):
-    tls_server.heartbeat_secs = 0
+    tls_server.settings.heartbeat_secs = 0
     relay = make_relay(using=tls_server)
     frames, rows = _orders(16384 // len(_orders(1)[0]))
     assert 16000 < len(frames) <= 16384
-    tls_server.send_raw(frames)
+    tls_server.orders.send_raw(frames)
     # Well within the time after which anything else would wake the link up.
     relay.schema.wait_for_routes(rows, 8)
     assert len(tls_server.links) == 1
@@ -77,24 +77,24 @@ def test_a_record_larger_than_a_read_is_handled_without_further_data(tls_server,
 def test_an_order_in_two_halves_is_put_together(any_server, make_relay):
     relay = make_relay(using=any_server)
     frames, rows = _orders(2)
-    any_server.send_raw(frames[:-5])
+    any_server.orders.send_raw(frames[:-5])
     relay.schema.wait_for_route((100000, 9, 192))
-    any_server.send_raw(frames[-5:])
+    any_server.orders.send_raw(frames[-5:])
     relay.schema.wait_for_routes(rows)
 
 
 def test_the_half_of_an_order_at_the_end_of_a_link_is_forgotten_with_it(any_server, make_relay):
     relay = make_relay(using=any_server)
     frames, rows = _orders(2)
-    any_server.send_raw(frames[:-5])
-    any_server.end_links()
+    any_server.orders.send_raw(frames[:-5])
+    any_server.links.end()
     any_server.wait_logged_in(20, number=1)
-    any_server.connect_route(5, 9, 192)
+    any_server.orders.connect_route(5, 9, 192)
     relay.schema.wait_for_routes({(100000, 9, 192), (5, 9, 192)})
 
 
 def test_permissions_are_granted_and_denied_by_the_server(server, relay):
-    server.grant_video(11, 12)
+    server.orders.grant_video(11, 12)
     relay.log.expect("Video link permissions granted for 11 to 12")
-    server.deny_video(11, 12)
+    server.orders.deny_video(11, 12)
     relay.log.expect("Video link permissions denied for 11 to 12")

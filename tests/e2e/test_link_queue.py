@@ -19,7 +19,7 @@ def _post(number):
 
 def _posts(server, since=0):
     """The numbers of the posts that the server got, in order."""
-    return [int(one.value) for one in server.messages_of(messages.StatusKeyPost, since)]
+    return [int(one.value) for one in server.record.messages_of(messages.StatusKeyPost, since)]
 
 
 def _traces(relay, since=0):
@@ -76,16 +76,16 @@ def test_messages_of_several_clients_keep_their_order(server, relay, make_statio
     second.send(_post(3))
     relay.log.expect(_TRACE + "3 messages queued")
     _bring_back(relay, server)
-    server.wait_for_type(messages.StatusKeyPost, value="3")
+    server.record.wait_for_type(messages.StatusKeyPost, value="3")
     assert _posts(server) == [1, 2, 3]
-    senders = [one.sender_id for one in server.messages_of(messages.StatusKeyPost)]
+    senders = [one.sender_id for one in server.record.messages_of(messages.StatusKeyPost)]
     assert senders == [first.client_id, first.client_id, second.client_id]
 
 
 def test_the_kinds_that_are_never_held_are_gone(server, relay, make_station):
     station = make_station(relay)
     # A server that goes before it has read this has never heard of the station.
-    server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
     _lose_link(relay, server)
     for code in _NEVER_QUEUED:
         station.send(messages.Opaque(code, b"now or never~"))
@@ -97,11 +97,11 @@ def test_the_kinds_that_are_never_held_are_gone(server, relay, make_station):
     station.send(_post(2))
     relay.log.expect(_TRACE + "2 messages queued")
     _bring_back(relay, server)
-    server.wait_for_type(messages.StatusKeyPost, value="2")
-    kinds = [one.type_code for one in server.messages_of(messages.Message)]
+    server.record.wait_for_type(messages.StatusKeyPost, value="2")
+    kinds = [one.type_code for one in server.record.messages_of(messages.Message)]
     assert not set(kinds) & set(_NEVER_QUEUED)
-    assert len(server.messages_of(messages.LostConnection)) == 1
-    confirms = server.messages_of(messages.ConnectConfirm)
+    assert len(server.record.messages_of(messages.LostConnection)) == 1
+    confirms = server.record.messages_of(messages.ConnectConfirm)
     assert [one.client_id for one in confirms] == [station.client_id] * 2
 
 
@@ -109,7 +109,7 @@ def test_the_never_held_kinds_pass_while_the_link_is_up(server, relay, make_stat
     station = make_station(relay)
     for code in _NEVER_QUEUED:
         station.send(messages.Opaque(code, b"now or never~"))
-        server.wait_for(lambda message, code=code: message.type_code == code)
+        server.record.wait_for(lambda message, code=code: message.type_code == code)
 
 
 def test_a_log_out_while_the_link_is_down_is_told_later_and_is_no_loss(
@@ -120,8 +120,8 @@ def test_a_log_out_while_the_link_is_down_is_told_later_and_is_no_loss(
     station.logout()
     relay.log.expect(f"received logout from client {station.client_id}")
     _bring_back(relay, server)
-    server.wait_for_type(messages.LogOut, sender_id=station.client_id)
-    assert server.messages_of(messages.LostConnection) == []
+    server.record.wait_for_type(messages.LogOut, sender_id=station.client_id)
+    assert server.record.messages_of(messages.LostConnection) == []
 
 
 def test_the_largest_messages_wait_and_arrive_unchanged(server, relay, make_station):
@@ -138,7 +138,7 @@ def test_the_largest_messages_wait_and_arrive_unchanged(server, relay, make_stat
     relay.log.expect("TRACE: cleared CS queue to 0 messages", 20)
 
     def arrived():
-        return [one.received_image for one in server.messages_of(messages.Opaque)]
+        return [one.received_image for one in server.record.messages_of(messages.Opaque)]
 
     wait_until(lambda: len(arrived()) == len(images), 5, "all images")
     padded = [image + b"~" * (len(image) % 2 == 0) for image in images]
@@ -154,5 +154,5 @@ def test_many_thousand_messages_wait_without_bound(server, relay, make_station):
     relay.log.expect(_TRACE + "16385 messages queued", 20)
     _bring_back(relay, server)
     # Not by looking through all of them again and again, which would hold the server up.
-    server.wait_for_type(messages.StatusKeyPost, 60, value=str(count - 1))
+    server.record.wait_for_type(messages.StatusKeyPost, 60, value=str(count - 1))
     assert _posts(server) == list(range(count))

@@ -30,24 +30,24 @@ def test_clients_outlive_an_end_at_each_stage_of_the_way_back(
     route(relay, captioner, encoder, messages.PIPE_CAPTION)
     descriptors = relay.open_descriptors()
     for stage in _STAGES:
-        any_server.fault(stage, Fault(end))
-    any_server.end_links(end)
+        any_server.script.fault(stage, Fault(end))
+    any_server.links.end(end)
     for number in range(1, len(_STAGES) + 1):
-        any_server.wait_for_link("closed", _PER_ATTEMPT_SECS, number=number)
+        any_server.links.wait_for("closed", _PER_ATTEMPT_SECS, number=number)
         captioner.caption(b"in between %d" % number)
         assert encoder.receive_caption()[0] == b"in between %d" % number
     any_server.wait_logged_in(2 * _PER_ATTEMPT_SECS, number=len(_STAGES) + 1)
-    any_server.wait_for_type(messages.RelayPort, since=5)
+    any_server.record.wait_for_type(messages.RelayPort, since=5)
     wait_until(lambda: relay.open_descriptors() == descriptors, 5, "descriptors as before")
-    assert any_server.messages_of(messages.LogIn)[-1].function == "CONTINUE"
+    assert any_server.record.messages_of(messages.LogIn)[-1].function == "CONTINUE"
     if end == "close":
         relay.log.expect("failure in connecttoserver, disconnecting")
 
 
 def test_a_refused_continuation_is_tried_again(server, relay, make_station):
     station = make_station(relay)
-    server.answer_next_login("UNAUTHORIZED", "NOT LOGGED IN")
-    server.end_links()
+    server.script.answer_next_login("UNAUTHORIZED", "NOT LOGGED IN")
+    server.links.end()
     server.wait_logged_in(30, number=3)
     relay.log.expect_in_order(
         "Server response: UNAUTHORIZED.",
@@ -57,15 +57,15 @@ def test_a_refused_continuation_is_tried_again(server, relay, make_station):
         "Successful continuation with server",
     )
     station.send(messages.StatusKeyPost("still", "here"))
-    server.wait_for_type(messages.StatusKeyPost)
+    server.record.wait_for_type(messages.StatusKeyPost)
 
 
 def test_noise_on_the_way_back_is_survived(any_server, make_relay, make_station):
     relay = make_relay(using=any_server)
     station = make_station(relay)
     chat = messages.Chat("someone", b"too early", sender_id=1).frame()
-    any_server.fault("challenge", Fault("silence", chat))
-    any_server.end_links()
+    any_server.script.fault("challenge", Fault("silence", chat))
+    any_server.links.end()
     relay.log.expect_in_order(
         "E401: unexpected response to login from connection server",
         "failure in connecttoserver, disconnecting",
@@ -84,14 +84,14 @@ def test_a_server_that_is_gone_is_tried_at_every_tick_and_found_when_it_is_back(
     relay.log.expect_in_order(*["auto retrying connect to connection server"] * 3, within_secs=40)
     server.start()
     server.wait_logged_in(30, number=1)
-    server.wait_for_type(messages.RelayPort, since=3)
+    server.record.wait_for_type(messages.RelayPort, since=3)
     wait_until(lambda: relay.open_descriptors() == descriptors, 5, "descriptors as before")
 
 
 def test_a_link_reset_soon_after_the_attempt_is_not_stormed(server, relay):
     """The attempt is younger than a second: a throttle line, and the timers come back to it."""
     for number in range(1, 4):
-        server.end_links("reset")
+        server.links.end("reset")
         server.wait_logged_in(30, number=number)
     relay.log.expect("cleanbadsocket was on connection server")
     assert len(server.links) == 4

@@ -32,13 +32,13 @@ def test_a_log_out_by_the_server_ends_the_link_and_the_relay_comes_back(
     relay = make_relay(using=any_server)
     captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, captioner, encoder, messages.PIPE_CAPTION)
-    any_server.log_out_relay()
+    any_server.orders.log_out_relay()
     relay.log.expect_in_order("logged out by connserver", "Lost connection to CS!")
-    any_server.wait_for_link("closed")
+    any_server.links.wait_for("closed")
     captioner.caption(b"logged out")
     assert encoder.receive_caption()[0] == b"logged out"
     any_server.wait_logged_in(20, number=1)
-    assert any_server.messages_of(messages.LogIn)[-1].function == "CONTINUE"
+    assert any_server.record.messages_of(messages.LogIn)[-1].function == "CONTINUE"
     captioner.caption(b"in again")
     assert encoder.receive_caption()[0] == b"in again"
 
@@ -47,9 +47,9 @@ def test_orders_behind_a_log_out_are_not_those_of_this_session(any_server, make_
     relay = make_relay(using=any_server)
     before, rows = _orders(range(1000, 1020))
     behind, _ = _orders(range(5000, 5200))
-    any_server.send_raw(before + _log_out() + behind)
+    any_server.orders.send_raw(before + _log_out() + behind)
     any_server.wait_logged_in(20, number=1)
-    any_server.connect_route(5, 9, 192)
+    any_server.orders.connect_route(5, 9, 192)
     relay.schema.wait_for_route((5, 9, 192))
     assert relay.schema.routes() == rows | {(5, 9, 192)}
     assert relay.log.count("logged out by connserver") == 1
@@ -57,9 +57,9 @@ def test_orders_behind_a_log_out_are_not_those_of_this_session(any_server, make_
 
 def test_two_log_outs_in_one_batch_end_one_link(any_server, make_relay):
     relay = make_relay(using=any_server)
-    any_server.send_raw(_log_out() * 2)
+    any_server.orders.send_raw(_log_out() * 2)
     any_server.wait_logged_in(20, number=1)
-    any_server.connect_route(5, 9, 192)
+    any_server.orders.connect_route(5, 9, 192)
     relay.schema.wait_for_routes({(5, 9, 192)})
     relay.log.expect_in_order("Lost connection to CS!", "sending relay port message")
     assert relay.log.count("Lost connection to CS!") == 1
@@ -71,8 +71,8 @@ def test_a_challenge_out_of_place_is_answered_by_another_login(
 ):
     relay = make_relay(using=any_server)
     station = make_station(relay)
-    since = any_server.mark()
-    any_server.send_challenge(424242)
+    since = any_server.record.mark()
+    any_server.orders.send_challenge(424242)
     relay.log.expect_in_order(
         "INFO: challenge number recieved out of place, re-sending login",
         "sent login- waiting for response",
@@ -80,20 +80,22 @@ def test_a_challenge_out_of_place_is_answered_by_another_login(
         "Successful continuation with server",
         "sending relay port message",
     )
-    login = any_server.wait_for_type(messages.LogIn, since=since)
+    login = any_server.record.wait_for_type(messages.LogIn, since=since)
     assert (login.function, login.login_number) == ("CONTINUE", 424242)
-    any_server.wait_for_type(messages.ConnectConfirm, since=since, client_id=station.client_id)
-    any_server.wait_for_type(messages.RelayPort, since=since)
+    any_server.record.wait_for_type(
+        messages.ConnectConfirm, since=since, client_id=station.client_id
+    )
+    any_server.record.wait_for_type(messages.RelayPort, since=since)
     assert len(any_server.links) == 1
     station.send(messages.StatusKeyPost("still", "served"))
-    any_server.wait_for_type(messages.StatusKeyPost)
+    any_server.record.wait_for_type(messages.StatusKeyPost)
 
 
 def test_an_order_behind_a_challenge_out_of_place_is_unexpected_and_ends_the_link(
     server, relay
 ):
     frames, _ = _orders([5])
-    server.send_raw(messages.Challenge(7, sender_id=1).frame() + frames)
+    server.orders.send_raw(messages.Challenge(7, sender_id=1).frame() + frames)
     relay.log.expect_in_order(
         "INFO: challenge number recieved out of place, re-sending login",
         "E401: unexpected response to login from connection server",
@@ -108,9 +110,9 @@ def test_a_refused_login_after_a_challenge_out_of_place_ends_the_link_only(
     server, relay, make_station
 ):
     station = make_station(relay)
-    server.answer_next_login("UNAUTHORIZED")
-    server.send_challenge()
+    server.script.answer_next_login("UNAUTHORIZED")
+    server.orders.send_challenge()
     relay.log.expect_in_order("Server response: UNAUTHORIZED.", "Lost connection to CS!")
     server.wait_logged_in(20, number=1)
     station.send(messages.StatusKeyPost("still", "here"))
-    server.wait_for_type(messages.StatusKeyPost)
+    server.record.wait_for_type(messages.StatusKeyPost)

@@ -28,7 +28,7 @@ def test_a_silent_server_is_abandoned_and_the_session_continued_there(
         within_secs=_GIVEN_UP_SECS,
     )
     server.wait_logged_in(number=1)
-    assert backup.links == []
+    assert len(backup.links) == 0
     assert station.end_seen is None
 
 
@@ -43,19 +43,19 @@ def test_a_server_that_speaks_is_not_abandoned(server, relay):
 def _next_heartbeat(server, since):
     """Waits for one more heartbeat of the relay; the record up to it. One may be two ticks of the
     timers away."""
-    server.wait_for_type(messages.Heartbeat, 12, since=since)
-    return server.mark()
+    server.record.wait_for_type(messages.Heartbeat, 12, since=since)
+    return server.record.mark()
 
 
 def test_a_way_back_that_hangs_leads_to_the_next_server(make_server, make_relay, make_station):
     server, backup = make_server(), make_server()
-    backup.continue_any = True
+    backup.script.continue_any = True
     relay = make_relay(using=server, servers=[server.address, backup.address])
     station = make_station(relay)
     # A server that closes with something unread resets the link, which is another end.
-    server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
-    server.fault("challenge", Fault("silence"))
-    server.end_links()
+    server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    server.script.fault("challenge", Fault("silence"))
+    server.links.end()
     relay.log.expect_in_order(
         "abandoning connection with connserver - idle for ",
         "Lost connection to CS!",
@@ -63,7 +63,7 @@ def test_a_way_back_that_hangs_leads_to_the_next_server(make_server, make_relay,
         within_secs=2 * _GIVEN_UP_SECS,
     )
     backup.wait_logged_in()
-    backup.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    backup.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
 
 
 @contextlib.contextmanager
@@ -86,13 +86,13 @@ def test_a_connect_that_nobody_answers_leads_to_the_next_server(
     make_server, make_relay, make_station
 ):
     server, backup = make_server(), make_server()
-    backup.continue_any = True
+    backup.script.continue_any = True
     relay = make_relay(using=server, servers=[server.address, backup.address])
     station = make_station(relay)
-    server.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
+    server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
     server.stop_listening()
     with _plugged(server.address):
-        server.end_links()
+        server.links.end()
         relay.log.expect_in_order(
             f"Attempting connection to server {server.address}",
             "Lost connection to CS!",

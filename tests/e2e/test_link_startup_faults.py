@@ -32,7 +32,7 @@ def _gives_up_and_gets_in(relay, server, attempts):
 def test_silence_at_each_stage_is_given_up_after_five_seconds(any_server, make_relay):
     undisturbed = make_relay(using=any_server)
     for stage in _STAGES:
-        any_server.fault(stage, Fault("silence"))
+        any_server.script.fault(stage, Fault("silence"))
     relay = make_relay(using=any_server, ready=False)
     relay.wait_ready(40)
     any_server.wait_logged_in(number=1 + len(_STAGES))
@@ -49,7 +49,7 @@ def test_silence_at_each_stage_is_given_up_after_five_seconds(any_server, make_r
 @pytest.mark.parametrize("end", ["close", "reset"])
 def test_an_end_at_each_stage_is_survived(end, any_server, make_relay):
     for stage in _STAGES:
-        any_server.fault(stage, Fault(end))
+        any_server.script.fault(stage, Fault(end))
     relay = make_relay(using=any_server, ready=False)
     _gives_up_and_gets_in(relay, any_server, len(_STAGES))
     handshakes = relay.log.count("SSL handshake with CS failed, library callback above")
@@ -58,7 +58,7 @@ def test_an_end_at_each_stage_is_survived(end, any_server, make_relay):
         "WARNING: broken connection to connserver during initial connect stages : "
     )
     epoll_errors = relay.log.count("Epoll signaling error on CS connection")
-    assert handshakes == (1 if any_server.tls_context else 0)
+    assert handshakes == (1 if any_server.tls else 0)
     assert handshakes + broken + epoll_errors == len(_STAGES)
 
 
@@ -66,8 +66,8 @@ def test_an_unexpected_message_ends_the_attempt_with_its_bytes_in_the_log(
     any_server, make_relay
 ):
     chat = messages.Chat("someone", b"too early", sender_id=1).frame()
-    any_server.fault("challenge", Fault("silence", chat))
-    any_server.fault("login", Fault("silence", chat))
+    any_server.script.fault("challenge", Fault("silence", chat))
+    any_server.script.fault("login", Fault("silence", chat))
     relay = make_relay(using=any_server, ready=False)
     _gives_up_and_gets_in(relay, any_server, 2)
     assert relay.log.count("E401: unexpected response to login from connection server") == 2
@@ -76,7 +76,8 @@ def test_an_unexpected_message_ends_the_attempt_with_its_bytes_in_the_log(
 
 
 def test_a_response_before_the_challenge_is_unexpected(server, make_relay):
-    server.fault("challenge", Fault("silence", messages.Response(77, "OK", sender_id=1).frame()))
+    frame = messages.Response(77, "OK", sender_id=1).frame()
+    server.script.fault("challenge", Fault("silence", frame))
     relay = make_relay(ready=False)
     relay.log.expect("E401: unexpected response to login from connection server")
     _gives_up_and_gets_in(relay, server, 1)
@@ -84,14 +85,14 @@ def test_a_response_before_the_challenge_is_unexpected(server, make_relay):
 
 
 def test_bytes_that_are_no_handshake_end_the_attempt(tls_server, make_relay):
-    tls_server.fault("accept", Fault("silence", b"HTTP/1.1 400 Bad Request\r\n\r\n"))
+    tls_server.script.fault("accept", Fault("silence", b"HTTP/1.1 400 Bad Request\r\n\r\n"))
     relay = make_relay(using=tls_server, ready=False)
     relay.log.expect("SSL handshake with CS failed, library ")
     _gives_up_and_gets_in(relay, tls_server, 1)
 
 
 def test_a_frame_that_never_ends_is_given_up_like_silence(server, make_relay):
-    server.fault("challenge", Fault("silence", b"\xff" + b"x" * 100))
+    server.script.fault("challenge", Fault("silence", b"\xff" + b"x" * 100))
     relay = make_relay(ready=False)
     relay.log.expect("waiting for login response timed out", 20)
     _gives_up_and_gets_in(relay, server, 1)
@@ -99,8 +100,8 @@ def test_a_frame_that_never_ends_is_given_up_like_silence(server, make_relay):
 
 def test_heartbeats_before_the_challenge_and_before_the_answer_mean_nothing(server, make_relay):
     beats = messages.Heartbeat(sender_id=1).frame() * 3
-    server.fault("challenge", Fault("go on", beats))
-    server.fault("login", Fault("go on", beats))
+    server.script.fault("challenge", Fault("go on", beats))
+    server.script.fault("login", Fault("go on", beats))
     relay = make_relay()
     assert relay.log.count("E401") == 0
     assert len(server.links) == 1
@@ -108,7 +109,7 @@ def test_heartbeats_before_the_challenge_and_before_the_answer_mean_nothing(serv
 
 def test_a_zero_length_code_takes_what_was_read_behind_it_along(server, make_relay):
     challenge = messages.Challenge(1, sender_id=1).frame()
-    server.fault("challenge", Fault("silence", bytes(50) + challenge))
+    server.script.fault("challenge", Fault("silence", bytes(50) + challenge))
     relay = make_relay(ready=False)
     relay.log.expect("waiting for login response timed out", 20)
     assert relay.log.count("sent login") == 0
@@ -119,17 +120,17 @@ def test_a_challenge_behind_more_than_one_read_in_one_record_is_found(tls_server
     """Everything is inside the TLS session then, and nothing announces it."""
     beats = messages.Heartbeat(sender_id=1).frame() * 900
     challenge = messages.Challenge(12345, sender_id=1).frame()
-    tls_server.fault("challenge", Fault("silence", beats + challenge))
-    tls_server.answer_next_login("OK")
+    tls_server.script.fault("challenge", Fault("silence", beats + challenge))
+    tls_server.script.answer_next_login("OK")
     relay = make_relay(using=tls_server)
-    assert tls_server.messages_of(messages.LogIn)[0].login_number == 12345
+    assert tls_server.record.messages_of(messages.LogIn)[0].login_number == 12345
     assert relay.log.count("waiting for login response timed out") == 0
 
 
 def test_the_whole_answer_before_an_end_is_used(server, make_relay):
     """A challenge that arrives with the end of the stream still leads to a log-in attempt."""
     challenge = messages.Challenge(1, sender_id=1).frame()
-    server.fault("challenge", Fault("close", challenge))
+    server.script.fault("challenge", Fault("close", challenge))
     relay = make_relay(ready=False)
     relay.log.expect_in_order(
         "Finished non-blocking connect",
@@ -141,7 +142,7 @@ def test_the_whole_answer_before_an_end_is_used(server, make_relay):
 
 
 def test_a_relay_asked_to_end_while_it_waits_for_the_server_ends_in_order(server, make_relay):
-    server.fault("challenge", Fault("silence"), times=None)
+    server.script.fault("challenge", Fault("silence"), times=None)
     relay = make_relay(ready=False)
     relay.log.expect("Finished non-blocking connect to connserver")
     assert relay.stop() == 0

@@ -112,7 +112,7 @@ def test_a_hundred_receivers_hear_a_source_at_the_other_relay(network):
     receivers = [listening(network, "west", 4, source_ip=next(places)) for _ in range(100)]
     for receiver in receivers:
         ends = source.client_id, "east", receiver.client_id, "west"
-        network.server.route_across(*ends, PIPE_AUDIO)
+        network.server.orders.route_across(*ends, PIPE_AUDIO)
     routes = {(source.client_id, receiver.client_id, PIPE_AUDIO) for receiver in receivers}
     network["west"].schema.wait_for_routes(routes, 20)
     network["east"].schema.wait_for_routes({(source.client_id, 1001, PIPE_AUDIO)})

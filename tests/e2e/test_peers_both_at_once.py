@@ -18,7 +18,7 @@ _IDS = {"east": 1000, "west": 1001}
 
 def _order_both(network):
     for at, other in _OTHER.items():
-        network.server.join(at, other)
+        network.server.orders.join(at, other)
 
 
 def _links_between(network):

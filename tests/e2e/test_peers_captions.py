@@ -79,8 +79,8 @@ def test_video_crosses_by_the_permission_of_both_relays(network):
     network.join("east", "west")
     encoder, monitor = network.station(Encoder, at="east"), network.station(Monitor, at="west")
     network.route(encoder, monitor, messages.PIPE_VIDEO)
-    network.server.grant_video(encoder.client_id, 1001, "east")
-    network.server.grant_video(encoder.client_id, monitor.client_id, "west")
+    network.server.orders.grant_video(encoder.client_id, 1001, "east")
+    network.server.orders.grant_video(encoder.client_id, monitor.client_id, "west")
     for name in ("east", "west"):
         network[name].log.expect("Video link permissions granted for")
     frames = [bytes([65 + number]) * (300 + 900 * number) for number in range(5)]
@@ -98,21 +98,23 @@ def test_what_goes_to_the_server_does_not_cross(network):
     sender, receiver = network.station(Captioner, at="east"), network.station(Encoder, at="west")
     for pipe in (messages.PIPE_DIRECT, messages.PIPE_TO_SERVER, messages.PIPE_CAPTION):
         network.route(sender, receiver, pipe)
-    since = network.server.mark()
+    since = network.server.record.mark()
     sender.send(Opaque(9, b"direct", dest_id=receiver.client_id))
     sender.send(messages.StatusKeyPost("key", "value"))
-    network.server.wait_for_type(messages.StatusKeyPost, since=since, relay="east", key="key")
+    record = network.server.record
+    record.wait_for_type(messages.StatusKeyPost, since=since, relay="east", key="key")
     sender.caption(b"fence")
     assert receiver.receive_caption()[0] == b"fence"
-    assert network.server.messages_of(messages.StatusKeyPost, since, relay="west") == []
+    assert record.messages_of(messages.StatusKeyPost, since, relay="west") == []
 
 
 def test_the_relay_logs_in_with_its_own_id_and_is_confirmed(network):
     """At the server the opener appears as a client of the other relay, and there alone."""
-    order = network.server.connect_order("east", "west")
+    order = network.server.orders.connect_order("east", "west")
     assert read_ticket(order.ticket, network.known("west").des_key)[0] == 1000
-    since = network.server.mark()
+    since = network.server.record.mark()
     network.join("east", "west")
-    network.server.wait_for_type(messages.ConnectConfirm, relay="west", client_id=1000, since=since)
-    assert network.server.messages_of(messages.ConnectConfirm, since, relay="east") == []
+    record = network.server.record
+    record.wait_for_type(messages.ConnectConfirm, relay="west", client_id=1000, since=since)
+    assert record.messages_of(messages.ConnectConfirm, since, relay="east") == []
     assert network["west"].log.count("authenticated ticket for client 1000") == 1

@@ -27,7 +27,7 @@ def fixture_network(make_network):
 def _chain(network, source_id, receiver_id, pipe):
     """Routes source -> west -> north -> receiver, which no sound server orders."""
     for at, to_id in (("east", WEST), ("west", NORTH), ("north", receiver_id)):
-        network.server.connect_route(source_id, to_id, pipe, at)
+        network.server.orders.connect_route(source_id, to_id, pipe, at)
         network[at].schema.wait_for_route((source_id, to_id, pipe))
 
 
@@ -38,7 +38,7 @@ def test_a_message_is_not_passed_on_to_a_third_relay(network, pipe):
     near, far = network.station(Encoder, at="west"), network.station(Encoder, at="north")
     source = captioner.client_id
     _chain(network, source, far.client_id, pipe)
-    network.server.connect_route(source, near.client_id, pipe, "west")
+    network.server.orders.connect_route(source, near.client_id, pipe, "west")
     network["west"].schema.wait_for_route((source, near.client_id, pipe))
 
     def message(text):
@@ -55,7 +55,7 @@ def test_a_message_is_not_passed_on_to_a_third_relay(network, pipe):
     network["west"].schema.wait_for_routes({(source, near.client_id, pipe)})
     assert network["east"].schema.routes() == {(source, WEST, pipe)}
     # The direct way works, and what comes by it is the first that the far station gets.
-    network.server.connect_route(source, NORTH, pipe, "east")
+    network.server.orders.connect_route(source, NORTH, pipe, "east")
     network["east"].schema.wait_for_route((source, NORTH, pipe))
     captioner.send(message(b"direct"))
     assert b"direct" in far.receive().received_image
@@ -70,7 +70,7 @@ def test_audio_is_not_passed_on_to_a_third_relay(network):
     near = network.station(AudioReceiver, at="west")
     far = network.station(AudioReceiver, at="north")
     _chain(network, source.client_id, far.client_id, PIPE_AUDIO)
-    network.server.connect_route(source.client_id, near.client_id, PIPE_AUDIO, "west")
+    network.server.orders.connect_route(source.client_id, near.client_id, PIPE_AUDIO, "west")
     network["west"].schema.wait_for_route((source.client_id, near.client_id, PIPE_AUDIO))
     speaking = source.go_on_air(network["east"].relay, network.known("east").ticket_for, program=2)
     for receiver, at in ((near, "west"), (far, "north")):
@@ -83,7 +83,7 @@ def test_audio_is_not_passed_on_to_a_third_relay(network):
         "locally."
     )
     network["west"].schema.wait_for_routes({(source.client_id, near.client_id, PIPE_AUDIO)})
-    network.server.connect_route(source.client_id, NORTH, PIPE_AUDIO, "east")
+    network.server.orders.connect_route(source.client_id, NORTH, PIPE_AUDIO, "east")
     network["east"].schema.wait_for_route((source.client_id, NORTH, PIPE_AUDIO))
     said = speaking.send(b"direct")
     far.audio(2).expect(said)
@@ -97,7 +97,7 @@ def test_two_relays_that_route_to_each_other_pass_nothing_round(network):
     source = captioner.client_id
     network.route(captioner, encoder, PIPE_CAPTION)
     for at, to_id in (("west", EAST), ("north", EAST), ("west", NORTH)):
-        network.server.connect_route(source, to_id, PIPE_CAPTION, at)
+        network.server.orders.connect_route(source, to_id, PIPE_CAPTION, at)
         network[at].schema.wait_for_route((source, to_id, PIPE_CAPTION))
     for text in (b"one", b"two", b"three"):
         captioner.caption(text)

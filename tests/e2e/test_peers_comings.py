@@ -100,12 +100,12 @@ def fixture_traffic(network):
 
 @pytest.mark.parametrize("how", ["killed", "ended"])
 def test_a_peer_that_goes_comes_back_under_its_id(network, traffic, how):
-    server, since, marks = network.server, network.server.mark(), network.mark()
+    server, since, marks = network.server, network.server.record.mark(), network.mark()
     if how == "killed":
         network.kill("west")
     else:
         assert network["west"].relay.stop() == 0
-    server.wait_for_type(LostConnection, since=since, relay="east", client_id=1001)
+    server.record.wait_for_type(LostConnection, since=since, relay="east", client_id=1001)
     traffic.far.close()
     assert network.restart("west").id == 1001
     network.wait_joined("east", "west", since=marks)
@@ -119,9 +119,9 @@ def test_a_peer_that_goes_comes_back_under_its_id(network, traffic, how):
 def test_a_peer_that_stands_still_is_given_up_and_comes_back(network, traffic):
     """Past the 15 s of silence: the relay that lives goes on and reports the loss. The other finds
     its links gone when it wakes up, and all find together again."""
-    server, since, marks = network.server, network.server.mark(), network.mark()
+    server, since, marks = network.server, network.server.record.mark(), network.mark()
     with network["west"].relay.stopped():
-        server.wait_for_type(LostConnection, 30, since=since, relay="east", client_id=1001)
+        server.record.wait_for_type(LostConnection, 30, since=since, relay="east", client_id=1001)
         network["east"].log.expect("Dropping connect to client ID 1001, socket ")
         traffic.far.close()
     network.wait_logged_in("west", 40)

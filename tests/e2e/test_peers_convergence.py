@@ -33,7 +33,8 @@ def _use_up_log_ins(network, at, client_id, count=9):
 
 
 def _requests(network):
-    return [len(network.server.messages_of(TicketRequest, relay=at)) for at in ("east", "west")]
+    record = network.server.record
+    return [len(record.messages_of(TicketRequest, relay=at)) for at in ("east", "west")]
 
 
 def _prepare_plain(network):
@@ -46,15 +47,15 @@ def _prepare_used_up(network):
 
 
 def _prepare_late(network):
-    network.server.answers.delay_secs = 4.0
+    network.server.ticket_issuer.delay_secs = 4.0
 
 
 def _prepare_very_late(network):
-    network.server.answers.delay_secs = 7.0
+    network.server.ticket_issuer.delay_secs = 7.0
 
 
 def _prepare_bad(network):
-    network.server.answers.bad_tickets = 1
+    network.server.ticket_issuer.bad_tickets = 1
 
 
 _CASES = [_prepare_plain, _prepare_used_up, _prepare_late, _prepare_very_late, _prepare_bad]
@@ -72,7 +73,7 @@ def test_two_relays_come_to_have_all_programs_both_ways(make_network, fec):
 def _converge(network, prepare):
     prepare(network)
     since = network.mark()
-    network.server.keep_joined("east", "west")
+    network.server.orders.keep_joined("east", "west")
     network.wait_joined("east", "west", since=since)
     end = Deadline(_CONVERGED_SECS)
     # The relays' timers know nothing of patience.
@@ -82,7 +83,9 @@ def _converge(network, prepare):
     _play_all_programs(network)
     # A fifth request must not come.
     with pytest.raises(LabTimeout):
-        network.server.wait_for(lambda _: max(_requests(network)) > _REQUESTS, _left(watched))
+        network.server.record.wait_for(
+            lambda _: max(_requests(network)) > _REQUESTS, _left(watched)
+        )
     assert max(_requests(network)) <= _REQUESTS, prepare.__name__
     assert max(_requests(network)) >= 1, prepare.__name__
 
@@ -113,25 +116,26 @@ def test_a_server_that_never_answers_is_asked_four_times(make_relay, server, mak
     with StandInPeer(server.new_client_id()) as peer:
         link = peer.join(relay)
         peer.receive_count(6)
-        since = server.mark()
+        record = server.record
+        since = record.mark()
         for _ in range(6):
             peer.answer(link, "UDP UNAUTHORIZED")
         relay.log.expect(f"relay-to-relay ticket rejected by {peer.id}")
         for number in range(_REQUESTS):
-            server.wait_for(lambda _: len(server.messages_of(TicketRequest, since)) > number, 15)
-        asked = [one for one in server.received[since:] if isinstance(one.message, TicketRequest)]
+            record.wait_for(lambda _: len(record.messages_of(TicketRequest, since)) > number, 15)
+        asked = [one for one in record.received[since:] if isinstance(one.message, TicketRequest)]
         times = [one.at for one in asked]
         assert all(after - before > 5.5 for before, after in zip(times, times[1:]))
-        request = server.messages_of(TicketRequest, since)[0]
+        request = record.messages_of(TicketRequest, since)[0]
         assert (request.requested_id, request.request) == (peer.id, "UDP_REG")
         with pytest.raises(LabTimeout):
-            server.wait_for_type(TicketRequest, _QUIET_SECS / patient(1), since=server.mark())
-        assert len(server.messages_of(TicketRequest, since)) == _REQUESTS
+            record.wait_for_type(TicketRequest, _QUIET_SECS / patient(1), since=record.mark())
+        assert len(record.messages_of(TicketRequest, since)) == _REQUESTS
         assert peer.heard_within(0.1) == [], "no ticket, no registration"
         link.send(messages.Opaque(9, b"still a peer", sender_id=5, dest_id=station.client_id))
         assert station.receive().raw_payload.startswith(b"still a peer")
         # A ticket that comes after all is used at once.
-        server.order_connect(peer.order("UDP_REG"))
+        server.orders.order_connect(peer.order("UDP_REG"))
         peer.receive_count(6)
         got_before_fence(station, station)
 
@@ -140,17 +144,19 @@ def test_a_refused_registration_is_answered_and_leads_to_a_new_ticket(make_netwo
     """Over the connection: the refusing relay says so, the other one asks for a ticket and
     registers with it."""
     network = make_network()
-    network.server.answers.enabled = False
-    network.server.join("east", "west")
+    network.server.ticket_issuer.enabled = False
+    network.server.orders.join("east", "west")
     network.wait_joined("east", "west")
     join_log.wait_registered(network["west"].log, 1000, 0, 10)
-    since, marks = network.server.mark(), network.mark()
-    network.server.order_udp_registration("east", "west", bad_ticket=True)
+    since, marks = network.server.record.mark(), network.mark()
+    network.server.orders.order_udp_registration("east", "west", bad_ticket=True)
     refused = "udp registration ticket not accepted from ID 1000"
     network["west"].log.expect(refused, since=marks["west"])
     network["east"].log.expect("relay-to-relay ticket rejected by 1001", since=marks["east"])
-    network.server.wait_for_type(TicketRequest, 15, since=since, relay="east", requested_id=1001)
-    network.server.answers.enabled = True
-    network.server.order_udp_registration("east", "west")
-    network.server.order_udp_registration("west", "east")
+    network.server.record.wait_for_type(
+        TicketRequest, 15, since=since, relay="east", requested_id=1001
+    )
+    network.server.ticket_issuer.enabled = True
+    network.server.orders.order_udp_registration("east", "west")
+    network.server.orders.order_udp_registration("west", "east")
     join_log.wait_registered(network["east"].log, 1001, 0, _CONVERGED_SECS)

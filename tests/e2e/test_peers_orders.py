@@ -18,8 +18,8 @@ def _obeyed(relay, station):
 
 def test_an_order_to_itself_makes_no_socket(relay, server, peer, bystanders):
     held = relay.open_descriptors()
-    server.order_connect(peer.order(connect_to_id=1000))
-    server.join("relay", "relay")
+    server.orders.order_connect(peer.order(connect_to_id=1000))
+    server.orders.join("relay", "relay")
     _obeyed(relay, bystanders[0])
     relay.log.expect_in_order(
         "got ticket for relay peer 1000",
@@ -35,16 +35,17 @@ def test_a_repeated_order_for_a_connected_peer_confirms_it_again(relay, server, 
     """And makes no second socket, nor does it touch the first. The same holds of a peer that
     connected to us, which becomes a peer by it."""
     link = peer.join(relay)
-    held, since = relay.open_descriptors(), server.mark()
-    server.order_connect(peer.order())
+    held, since = relay.open_descriptors(), server.record.mark()
+    server.orders.order_connect(peer.order())
     line = f"WARNING: already connected to relay id {peer.id}, not initiating new connection"
     relay.log.expect(line)
-    server.wait_for_type(ConnectConfirm, since=since, client_id=peer.id)
+    server.record.wait_for_type(ConnectConfirm, since=since, client_id=peer.id)
     _obeyed(relay, bystanders[0])
     assert relay.open_descriptors() == held and peer.nobody_connects()
-    assert link.receives_nothing(0.2) and not server.messages_of(LostConnection, since)
-    server.order_connect(peer.order())
-    wait_until(lambda: len(server.messages_of(ConnectConfirm, since)) == 2, 5, "confirmed again")
+    assert link.receives_nothing(0.2) and not server.record.messages_of(LostConnection, since)
+    server.orders.order_connect(peer.order())
+    record = server.record
+    wait_until(lambda: len(record.messages_of(ConnectConfirm, since)) == 2, 5, "confirmed again")
 
 
 @pytest.mark.parametrize(
@@ -54,7 +55,7 @@ def test_a_repeated_order_for_a_connected_peer_confirms_it_again(relay, server, 
 def test_an_order_with_another_request_is_named_and_ignored(
     relay, server, peer, bystanders, request_code, shown
 ):
-    server.order_connect(peer.order(request=request_code))
+    server.orders.order_connect(peer.order(request=request_code))
     _obeyed(relay, bystanders[0])
     relay.log.expect(f"got ticket for relay peer {peer.id}")
     line = relay.log.expect("connect order net message had request code: ")
@@ -64,7 +65,7 @@ def test_an_order_with_another_request_is_named_and_ignored(
 
 def test_to_register_with_an_unknown_relay_does_nothing(relay, server, peer, bystanders):
     held = relay.open_descriptors()
-    server.order_connect(peer.order("UDP_REG"))
+    server.orders.order_connect(peer.order("UDP_REG"))
     _obeyed(relay, bystanders[0])
     relay.log.expect(f"got ticket for relay peer {peer.id}")
     assert relay.open_descriptors() == held and peer.nobody_connects()
@@ -79,8 +80,8 @@ def test_a_refused_connect_leaves_nothing_for_the_next_on_its_descriptor(
     held = relay.open_descriptors()
     for _ in range(3):
         with StandInPeer(server.new_client_id(), tcp_port=free_port()) as absent:
-            since, log_since = server.mark(), relay.log.mark()
-            server.order_connect(absent.order())
+            since, log_since = server.record.mark(), relay.log.mark()
+            server.orders.order_connect(absent.order())
             relay.log.expect_in_order(
                 f"debug: connecting with relay peer {absent.id} on tcp port {absent.tcp_port}",
                 "cleaning up socket fd ",
@@ -94,6 +95,6 @@ def test_a_refused_connect_leaves_nothing_for_the_next_on_its_descriptor(
             assert newcomer.closed_by_peer()
             wait_until(lambda: relay.open_descriptors() == held, 5, "the newcomer is gone")
             assert newcomer.receives_nothing(0.0), "it got the log-in that was not for it"
-            assert server.messages_of(LostConnection, since) == []
-            assert server.messages_of(ConnectConfirm, since) == []
+            assert server.record.messages_of(LostConnection, since) == []
+            assert server.record.messages_of(ConnectConfirm, since) == []
             assert line_count(relay, bystanders[0], "successfully initiated") == 0

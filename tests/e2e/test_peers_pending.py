@@ -51,24 +51,24 @@ def test_an_address_that_never_answers_is_given_up_after_five_seconds(
     with FullListener() as full, FullListener() as other:
         silent = StandInPeer(server.new_client_id(), address=full.address, tcp_port=full.port)
         with silent:
-            server.order_connect(silent.order())
-            server.order_connect(silent.order(ticket=b"another ticket~~"))
+            server.orders.order_connect(silent.order())
+            server.orders.order_connect(silent.order(ticket=b"another ticket~~"))
             _obeyed(relay, bystanders[0])
             assert relay.open_descriptors() == held + 1
             moved = StandInPeer(silent.id, address=other.address, tcp_port=other.port)
             with moved:
-                server.order_connect(moved.order())
+                server.orders.order_connect(moved.order())
                 _obeyed(relay, bystanders[0])
             assert relay.open_descriptors() == held + 1
             tries = f"debug: connecting with relay peer {silent.id} on tcp port "
             assert line_count(relay, bystanders[0], tries) == 2
-            since = server.mark()
+            since = server.record.mark()
             relay.log.expect(
                 f"Failed to reach out to relay {other.address} in 5 seconds, cancelling attempt", 15
             )
             assert relay.log.count(f"Failed to reach out to relay {full.address}") == 0
             wait_until(lambda: relay.open_descriptors() == held, 5, "the descriptor is gone")
-            assert server.messages_of(LostConnection, since) == []
+            assert server.record.messages_of(LostConnection, since) == []
             newcomer = make_station(relay)
             assert got_before_fence(newcomer, newcomer) == []
             assert line_count(relay, bystanders[0], "successfully initiated") == 0
@@ -79,8 +79,8 @@ def test_an_order_while_the_connect_is_pending_brings_the_newer_ticket(
 ):
     """Two orders that the relay reads at once: one connection, one log-in, the later ticket."""
     with relay.stopped():
-        server.order_connect(peer.order())
-        server.order_connect(peer.order(ticket=b"the newer ticket"))
+        server.orders.order_connect(peer.order())
+        server.orders.order_connect(peer.order(ticket=b"the newer ticket"))
     link = peer.accept()
     login = link.expect(messages.RelayConnect, client_id=1000)
     peer.answer(link)

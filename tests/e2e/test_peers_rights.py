@@ -49,15 +49,15 @@ def test_a_peer_is_called_back_for_the_program_that_asks(
     link = make_station(relay, client_id=peer.id, source_ip=peer.address)
     link.send(Caption(b"too early", sender_id=bystanders[0].client_id))
     relay.log.expect(f"Message with invalid sender id string {bystanders[0].client_id} and len ")
-    since = server.mark()
+    since = server.record.mark()
     peer.register(relay, 4, RECEIVE | SEND | CALL_BACK)
     relay.log.expect(f"debug: performing udp registration callback to client {peer.id}")
-    request = server.wait_for_type(messages.TicketRequest, since=since, requested_id=peer.id)
+    request = server.record.wait_for_type(messages.TicketRequest, since=since, requested_id=peer.id)
     assert request.request == "UDP_REG"
     link.send(Caption(b"in time", sender_id=bystanders[0].client_id))
     assert bystanders[1].receive_caption()[0] == b"in time"
     with pytest.raises(LabTimeout):
         peer.receive(0.2)
-    server.order_connect(peer.order("UDP_REG"))
+    server.orders.order_connect(peer.order("UDP_REG"))
     heard = peer.receive_count(6)
     assert {one.program for one in heard} == set(audio_wire.PROGRAMS)

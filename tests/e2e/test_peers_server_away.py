@@ -48,13 +48,15 @@ def test_traffic_goes_on_without_the_server(network, crossing, how):
         network[name].log.expect("Lost connection to CS!")
     for number in range(20):
         crossing(b"without %d" % number)
-    since = server.mark()
+    since = server.record.mark()
     network.start_server()
     for name, peer_id in (("east", 1001), ("west", 1000)):
         for client_id in {peer_id, *clients[name]}:
-            server.wait_for_type(ConnectConfirm, 10, since=since, relay=name, client_id=client_id)
+            server.record.wait_for_type(
+                ConnectConfirm, 10, since=since, relay=name, client_id=client_id
+            )
         network[name].log.expect("identifying all 5 currently connected clients to connserver")
-    assert server.messages_of(LostConnection, since) == []
+    assert server.record.messages_of(LostConnection, since) == []
     crossing(b"behind")
 
 
@@ -65,10 +67,10 @@ def test_a_peer_lost_meanwhile_is_reported_on_the_servers_return(network, crossi
     network["east"].log.expect("Lost connection to CS!")
     network.kill("west")
     network["east"].log.expect("Connection lost to user 1001 at")
-    since, marks = server.mark(), network.mark()
+    since, marks = server.record.mark(), network.mark()
     network["west"].relay.start()
     network.start_server()
-    server.wait_for_type(LostConnection, 20, since=since, relay="east", client_id=1001)
+    server.record.wait_for_type(LostConnection, 20, since=since, relay="east", client_id=1001)
     assert network.known("west").id == 1001
     network.join("east", "west")
     network.wait_audio_joined("east", "west", since=marks)

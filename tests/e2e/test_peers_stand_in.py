@@ -16,12 +16,12 @@ def test_a_peer_that_says_nothing_is_dropped_and_reported(relay, server, peer, b
     """It accepted the connection and stays silent; 15 s of silence end it like any client. Its
     place is then free for the next order."""
     held = relay.open_descriptors()
-    server.order_connect(peer.order())
+    server.orders.order_connect(peer.order())
     link = peer.accept_login(1000)
-    since = server.mark()
+    since = server.record.mark()
     farewell = link.expect(messages.Chat, 40)
     assert farewell.name == "SERVER" and link.closed_by_peer()
-    server.wait_for_type(LostConnection, since=since, client_id=peer.id)
+    server.record.wait_for_type(LostConnection, since=since, client_id=peer.id)
     relay.log.expect(f"Dropping connect to client ID {peer.id}, socket ")
     wait_until(lambda: relay.open_descriptors() == held, 5, "the descriptor is gone")
     peer.join(relay)
@@ -32,39 +32,39 @@ def test_a_peer_that_says_nothing_is_dropped_and_reported(relay, server, peer, b
 @pytest.mark.parametrize("code", ["UNAUTHORIZED", "NOT LOGGED IN", "REDIRECT"])
 def test_a_refusal_of_the_log_in_is_told_and_makes_no_peer(relay, server, peer, bystanders, code):
     """The connection stays until the other end closes it; no audio is registered."""
-    since = server.mark()
-    server.order_connect(peer.order())
+    since = server.record.mark()
+    server.orders.order_connect(peer.order())
     link = peer.accept_login(1000)
     peer.answer(link, code)
     relay.log.expect(f"recieved response message with code {code} from client {peer.id}")
     bystanders[0].send(Caption(b"fence"))
     assert bystanders[1].receive_caption()[0] == b"fence"
-    assert peer.heard_within(0.2) == [] and server.messages_of(LostConnection, since) == []
+    assert peer.heard_within(0.2) == [] and server.record.messages_of(LostConnection, since) == []
     link.send(Caption(b"of another", sender_id=bystanders[0].client_id))
     relay.log.expect(f"Message with invalid sender id string {bystanders[0].client_id} and len ")
     link.close()
-    server.wait_for_type(LostConnection, since=since, client_id=peer.id)
+    server.record.wait_for_type(LostConnection, since=since, client_id=peer.id)
 
 
 def test_the_same_refusal_ends_a_marked_peer(relay, server, peer, bystanders):
     link = peer.join(relay)
-    since = server.mark()
+    since = server.record.mark()
     peer.answer(link, "UNAUTHORIZED")
     assert link.closed_by_peer()
-    server.wait_for_type(LostConnection, since=since, client_id=peer.id)
+    server.record.wait_for_type(LostConnection, since=since, client_id=peer.id)
     relay.log.expect(f"recieved response message with code UNAUTHORIZED from client {peer.id}")
 
 
 @pytest.mark.parametrize("how", ["close", "reset"])
 @pytest.mark.parametrize("answered", [False, True], ids=["unanswered", "answered"])
 def test_a_peer_that_leaves_at_once_is_reported(relay, server, peer, bystanders, how, answered):
-    held, since = relay.open_descriptors(), server.mark()
-    server.order_connect(peer.order())
+    held, since = relay.open_descriptors(), server.record.mark()
+    server.orders.order_connect(peer.order())
     link = peer.accept_login(1000)
     if answered:
         peer.answer(link)
     link.reset() if how == "reset" else link.close()
-    server.wait_for_type(LostConnection, since=since, client_id=peer.id)
+    server.record.wait_for_type(LostConnection, since=since, client_id=peer.id)
     wait_until(lambda: relay.open_descriptors() == held, 5, "the descriptor is gone")
     assert got_before_order_fence(server, bystanders[0]) == []
     peer.join(relay)
@@ -72,15 +72,15 @@ def test_a_peer_that_leaves_at_once_is_reported(relay, server, peer, bystanders,
 
 def test_a_peer_that_closes_before_the_log_in_leaves_nothing(relay, server, peer, bystanders):
     """The relay finds the connection made and ended in one."""
-    held, since = relay.open_descriptors(), server.mark()
+    held, since = relay.open_descriptors(), server.record.mark()
     with relay.stopped():
-        server.order_connect(peer.order())
-        server.order_connect(peer.order(connect_to_id=0))
+        server.orders.order_connect(peer.order())
+        server.orders.order_connect(peer.order(connect_to_id=0))
     peer.accept().reset()
     peer.accept().reset()
     wait_until(lambda: relay.open_descriptors() == held, 5, "the descriptor is gone")
     assert got_before_order_fence(server, bystanders[0]) == []
-    confirmed = {one.client_id for one in server.messages_of(ConnectConfirm, since)}
+    confirmed = {one.client_id for one in server.record.messages_of(ConnectConfirm, since)}
     assert not confirmed & {peer.id, 0}
 
 
@@ -89,7 +89,7 @@ def test_garbage_of_a_peer_harms_nobody(relay, server, peer, bystanders):
     for marked in (False, True):
         link = peer.join(relay) if marked else None
         if link is None:
-            server.order_connect(peer.order())
+            server.orders.order_connect(peer.order())
             link = peer.accept_login(1000)
         for sender in (peer.id, 0xFFFFFFFF, 0, bystanders[0].client_id + 1000000):
             for type_code in range(256):
@@ -100,5 +100,5 @@ def test_garbage_of_a_peer_harms_nobody(relay, server, peer, bystanders):
         link.send_raw(b"\xff" * 300)
         link.send_image(wire.make_image(0, peer.id, 0, b"~~~~"))
         link.close()
-        server.wait_for_type(LostConnection, client_id=peer.id)
+        server.record.wait_for_type(LostConnection, client_id=peer.id)
         got_before_fence(bystanders[0], bystanders[0])

@@ -20,12 +20,12 @@ def test_the_log_in_is_the_relays_id_with_the_orders_ticket(relay, peer):
     """Nothing before it and nothing behind it; odd bytes of the ticket are escaped, and a ticket
     has up to 64 bytes."""
     ticket = (b"~\\\x00\xff" * 16)[:64]
-    relay.server.order_connect(peer.order(ticket=ticket))
+    relay.server.orders.order_connect(peer.order(ticket=ticket))
     link = peer.accept()
     image = wire.make_image(19, 1000, 0, b"1000~" + wire.escape(ticket) + b"~")
     assert link.receive().received_image == wire.to_frame(image)[1:]
     peer.answer(link)
-    relay.server.send(messages.Chat("SERVER", b"fence", dest_id=peer.id))
+    relay.server.orders.send(messages.Chat("SERVER", b"fence", dest_id=peer.id))
     link.expect(messages.Chat, chat=b"fence")
     relay.log.expect(f"Non-blocking connection to relay {peer.address} successfully initiated")
 
@@ -110,8 +110,8 @@ def test_audio_to_a_peer_goes_to_its_address_and_the_orders_base(
     assert (heard.channel, heard.program, heard.datagram) == (0, 0, said)
     assert heard.source == (relay.address, relay.audio_port(0))
     with StandInPeer(peer.id, address=peer.address, tcp_port=peer.tcp_port) as moved:
-        relay.server.order_connect(moved.order())
-        server.wait_for_type(messages.ConnectConfirm, client_id=peer.id)
+        relay.server.orders.order_connect(moved.order())
+        server.record.wait_for_type(messages.ConnectConfirm, client_id=peer.id)
         said = source.say(b"to the new place")
         assert moved.receive().datagram == said
         assert peer.heard_within(0.2) == []
@@ -131,7 +131,7 @@ def test_a_registration_from_an_error_correction_socket_moves_no_audio(
         since = relay.log.mark()
         peer.register(relay, 1, channel=channel)
         relay.log.expect(f"from source {peer.id}, program_idx 1, addr {peer.address}", since=since)
-    server.send(messages.Chat("SERVER", b"fence", dest_id=peer.id))
+    server.orders.send(messages.Chat("SERVER", b"fence", dest_id=peer.id))
     link.expect(messages.Chat, chat=b"fence")
     for channel in CHANNELS:
         said = source.say(b"on %d" % channel, 1, channel)

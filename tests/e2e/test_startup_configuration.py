@@ -121,4 +121,4 @@ def test_a_login_too_long_for_a_message_is_never_sent_in_clear(make_relay, serve
     relay.log.expect("error sending log in message", 20)
     assert relay.log.count("RSA encryption failed") >= 1
     relay.stop()
-    assert server.received == []
+    assert server.record.received == []

@@ -44,7 +44,7 @@ def test_the_first_login_may_be_interrupted(make_relay, server):
 
 
 def test_waiting_for_a_silent_server_may_be_interrupted(make_relay, server):
-    server.fault("challenge", Fault("silence"), times=None)
+    server.script.fault("challenge", Fault("silence"), times=None)
     relay = make_relay(ready=False)
     relay.log.expect("Finished non-blocking connect to connserver", 20)
     assert relay.stop(4) == 0

@@ -59,7 +59,7 @@ def test_a_public_key_too_long_for_a_login_is_reported(make_relay, server):
         "RSA Size: 512", "RSA encryption failed", "error sending log in message", within_secs=20
     )
     relay.stop()
-    assert server.received == []
+    assert server.record.received == []
 
 
 def test_a_busy_port_is_retried_until_the_process_is_told_to_end(make_relay):

@@ -16,7 +16,7 @@ TAKEN_CARE_OF = "CS seems to have taken care of links for client {}"
 
 
 def losses(server, client_id, since=0):
-    lost = server.messages_of(LostConnection, since)
+    lost = server.record.messages_of(LostConnection, since)
     return [one for one in lost if one.client_id == signed32(client_id)]
 
 
@@ -25,12 +25,12 @@ def test_an_absent_destination_is_confirmed_once_per_id_in_a_row(relay, make_sta
     first, second = 900001, 4000000000
     orders = [first, first, first, second, second, first]
     for number, to_id in enumerate(orders):
-        server.connect_route(100 + number, to_id, PIPE_CAPTION)
+        server.orders.connect_route(100 + number, to_id, PIPE_CAPTION)
     # A destination that is here makes the relay forget nothing.
-    server.connect_route(100, station.client_id, PIPE_CAPTION)
-    server.connect_route(200, first, PIPE_CAPTION)
+    server.orders.connect_route(100, station.client_id, PIPE_CAPTION)
+    server.orders.connect_route(200, first, PIPE_CAPTION)
     got_before_order_fence(server, station)
-    server.wait_for(lambda _: len(losses(server, first)) == 2)
+    server.record.wait_for(lambda _: len(losses(server, first)) == 2)
     assert len(losses(server, second)) == 1
     assert losses(server, station.client_id) == []
     assert line_count(relay, station, ABSENT.format(first)) == 2
@@ -44,8 +44,8 @@ def test_an_absent_destination_is_confirmed_once_per_id_in_a_row(relay, make_sta
 def test_a_route_ordered_before_its_destination_arrives_works_then(relay, make_station):
     captioner = make_station(relay, Captioner)
     late_id = relay.server.new_client_id()
-    relay.server.connect_route(captioner.client_id, late_id, PIPE_CAPTION)
-    relay.server.wait_for_type(LostConnection, client_id=late_id)
+    relay.server.orders.connect_route(captioner.client_id, late_id, PIPE_CAPTION)
+    relay.server.record.wait_for_type(LostConnection, client_id=late_id)
     captioner.caption(b"\x41\x41")
     relay.log.expect(f"cache miss for source {captioner.client_id} type 192, now sending to 1")
     encoder = make_station(relay, Encoder, client_id=late_id)
@@ -57,37 +57,37 @@ def test_a_lost_client_is_confirmed_with_its_last_row(relay, make_station):
     server, other = relay.server, make_station(relay)
     gone = make_station(relay, Captioner)
     lost_id, other_id = gone.client_id, other.client_id
-    server.connect_route(other_id, lost_id, PIPE_CAPTION)
-    server.connect_route(other_id, lost_id, PIPE_CHAT)
-    server.connect_route(lost_id, other_id, PIPE_CAPTION)
+    server.orders.connect_route(other_id, lost_id, PIPE_CAPTION)
+    server.orders.connect_route(other_id, lost_id, PIPE_CHAT)
+    server.orders.connect_route(lost_id, other_id, PIPE_CAPTION)
     got_before_order_fence(server, other)
     gone.close()
-    server.wait_for_type(LostConnection, client_id=lost_id)
+    server.record.wait_for_type(LostConnection, client_id=lost_id)
     confirmed = TAKEN_CARE_OF.format(lost_id)
 
-    server.disconnect_route(other_id, lost_id, PIPE_CAPTION)
-    server.disconnect_route(0, lost_id, PIPE_CHAT)
+    server.orders.disconnect_route(other_id, lost_id, PIPE_CAPTION)
+    server.orders.disconnect_route(0, lost_id, PIPE_CHAT)
     got_before_order_fence(server, other)
     assert relay.schema.routes() == {(lost_id, other_id, PIPE_CAPTION)}
     assert line_count(relay, other, confirmed) == 0  # it is still a source
 
-    server.disconnect_route(lost_id, 0, PIPE_CAPTION)
+    server.orders.disconnect_route(lost_id, 0, PIPE_CAPTION)
     got_before_order_fence(server, other)
     assert relay.schema.routes() == set()
     # The order named no destination, so it is that of nobody that was looked at.
     assert line_count(relay, other, confirmed) == 0
 
-    server.disconnect_route(other_id, lost_id, PIPE_CAPTION)
+    server.orders.disconnect_route(other_id, lost_id, PIPE_CAPTION)
     relay.log.expect_in_order(FORGOTTEN.format(lost_id) + " (1 instances)", confirmed)
-    server.disconnect_route(other_id, lost_id, PIPE_CAPTION)
+    server.orders.disconnect_route(other_id, lost_id, PIPE_CAPTION)
     got_before_order_fence(server, other)
     assert line_count(relay, other, confirmed) == 1
 
 
 def test_a_client_that_is_here_is_not_confirmed(relay, make_station):
     one, two = make_station(relay), make_station(relay)
-    relay.server.connect_route(one.client_id, two.client_id, PIPE_CAPTION)
-    relay.server.disconnect_route(one.client_id, two.client_id, PIPE_CAPTION)
+    relay.server.orders.connect_route(one.client_id, two.client_id, PIPE_CAPTION)
+    relay.server.orders.disconnect_route(one.client_id, two.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, one)
     assert line_count(relay, one, TAKEN_CARE_OF.format(two.client_id)) == 0
     assert losses(relay.server, two.client_id) == []

@@ -51,9 +51,9 @@ def test_a_burst_arrives_whole_and_in_order(tls_relay, make_station, route, rece
     for got in send_and_collect(sender, burst, receivers, ending):
         assert got == expected
     if ending == "finished":
-        lost = tls_relay.server.wait_for_type(LostConnection)
+        lost = tls_relay.server.record.wait_for_type(LostConnection)
         assert lost.client_id == sender.client_id
-    assert len(tls_relay.server.messages_of(LostConnection)) == (ending == "finished")
+    assert len(tls_relay.server.record.messages_of(LostConnection)) == (ending == "finished")
 
 
 @pytest.mark.parametrize("tls", KINDS, ids=["plain", "tls"])
@@ -108,7 +108,7 @@ def test_a_burst_of_the_server_reaches_clients_in_order(tls_relay, receivers):
     ]
     for message in sent:
         message.sender_id = 1
-    tls_relay.server.send_raw(b"".join(wire.to_frame(message.image()) for message in sent))
+    tls_relay.server.orders.send_raw(b"".join(wire.to_frame(message.image()) for message in sent))
     for index, receiver in enumerate(receivers):
         expected = [arriving_image(message) for message in sent[index::4]]
         assert images(receiver.receive_count(1000, within_secs=20)) == expected

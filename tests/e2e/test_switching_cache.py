@@ -74,7 +74,7 @@ def test_an_order_invalidates_its_own_key_only(relay, captioner, encoder, make_s
     captioner.send(Chat("captioner", b"no route"))
     assert got_before_fence(captioner, encoder) == []
 
-    relay.server.disconnect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
+    relay.server.orders.disconnect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, encoder)
     assert captions_through(captioner, encoder) == 0
     assert captions_through(other, encoder) == 1
@@ -87,12 +87,12 @@ def test_an_order_invalidates_its_own_key_only(relay, captioner, encoder, make_s
 def test_an_order_without_source_leaves_cached_routes_alone(relay, captioner, encoder, route):
     route(relay, captioner, encoder, PIPE_CAPTION)
     assert captions_through(captioner, encoder) == 1
-    relay.server.disconnect_route(0, encoder.client_id, PIPE_CAPTION)
+    relay.server.orders.disconnect_route(0, encoder.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, encoder)
     assert relay.schema.routes() == set()
     assert captions_through(captioner, encoder, 3) == 3
     # Any order for the key itself ends that, also one that changes no row.
-    relay.server.disconnect_route(captioner.client_id, 1, PIPE_CAPTION)
+    relay.server.orders.disconnect_route(captioner.client_id, 1, PIPE_CAPTION)
     got_before_order_fence(relay.server, encoder)
     assert captions_through(captioner, encoder, 3) == 0
 

@@ -51,7 +51,7 @@ def order_until_delivered(relay, captioner, encoder):
     """The first orders may come before the relay has found its database again."""
     deadline = Deadline(10)
     while True:
-        relay.server.connect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
+        relay.server.orders.connect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
         got_before_order_fence(relay.server, encoder)
         if delivered(captioner, encoder):
             return
@@ -74,7 +74,7 @@ def test_cached_routes_go_on_and_new_ones_wait_for_an_order(
     line = f"cache miss for source {unknown.client_id} type 192, now sending to 0 clients"
     relay.log.expect(line)
     # An order that cannot be carried out costs the key its cached route too.
-    server.disconnect_route(known.client_id, 424242, PIPE_CAPTION)
+    server.orders.disconnect_route(known.client_id, 424242, PIPE_CAPTION)
     got_before_order_fence(server, encoder)
     assert not delivered(known, encoder)
     relay.log.expect("PostgreSQL database not connected!")
@@ -87,7 +87,7 @@ def test_cached_routes_go_on_and_new_ones_wait_for_an_order(
     assert {(c.client_id, encoder.client_id, PIPE_CAPTION) for c in captioners} == (
         relay.schema.routes()
     )
-    assert server.messages_of(LostConnection) == []
+    assert server.record.messages_of(LostConnection) == []
 
 
 def test_a_restart_between_two_messages_is_not_noticed(relay, own_cluster, captioners, encoder):
@@ -110,7 +110,7 @@ def test_clients_come_and_go_without_a_database(
         newcomer = make_station(relay, Captioner)
         assert not delivered(newcomer, encoder)
         newcomer.close()
-        relay.server.wait_for_type(LostConnection, client_id=newcomer.client_id)
+        relay.server.record.wait_for_type(LostConnection, client_id=newcomer.client_id)
     assert delivered(captioners[0], encoder)
 
 
@@ -122,6 +122,6 @@ def test_a_statement_that_fails_does_not_cost_the_connection(relay, captioners, 
     assert line_count(relay, encoder, "Retrying connection to SQL") == 0
     relay.schema.query("ALTER TABLE elsewhere RENAME TO iopatch")
     assert not delivered(captioners[0], encoder)
-    relay.server.connect_route(captioners[0].client_id, encoder.client_id, PIPE_CAPTION)
+    relay.server.orders.connect_route(captioners[0].client_id, encoder.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, encoder)
     assert delivered(captioners[0], encoder)

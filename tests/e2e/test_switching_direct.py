@@ -55,12 +55,12 @@ def test_a_client_may_send_to_itself(relay, make_station):
 @pytest.mark.parametrize("dest_id", [0, 1, 1000, 424242, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF])
 def test_an_absent_destination_is_silent(relay, make_station, dest_id):
     sender, receiver = make_station(relay), make_station(relay)
-    mark, lines = relay.server.mark(), lines_so_far(relay, sender)
+    mark, lines = relay.server.record.mark(), lines_so_far(relay, sender)
     for code in DIRECT_TYPES:
         sender.send(Opaque(code, b"to nobody~", dest_id=dest_id))
     assert got_before_fence(sender, receiver) == []
     assert lines_so_far(relay, sender) == lines
-    relay.server.heartbeat()
+    relay.server.orders.heartbeat()
     got_before_order_fence(relay.server, receiver)
     assert server_heard(relay.server, mark) == []
 
@@ -68,7 +68,7 @@ def test_an_absent_destination_is_silent(relay, make_station, dest_id):
 def test_a_destination_that_left_is_absent(relay, make_station):
     sender, receiver, leaver = (make_station(relay) for _ in range(3))
     leaver.close()
-    relay.server.wait_for_type(messages.LostConnection, client_id=leaver.client_id)
+    relay.server.record.wait_for_type(messages.LostConnection, client_id=leaver.client_id)
     sender.send(Opaque(9, b"too late~", dest_id=leaver.client_id))
     assert got_before_fence(sender, receiver) == []
 
@@ -88,7 +88,7 @@ def test_messages_of_the_server_go_to_the_client_in_their_header(tls_relay, make
         *(Opaque(t, b"~", dest_id=receiver.client_id) for t in (4, 6, 8, 13, 33, 160, 224, 254)),
     ]
     for message in sent:
-        server.send(message)
+        server.orders.send(message)
     assert images(got_before_order_fence(server, receiver)) == [arriving_image(m) for m in sent]
     assert got_before_order_fence(server, bystander) == []
     assert line_count(relay, bystander, "cache miss") == 0
@@ -98,15 +98,15 @@ def test_messages_of_the_server_for_nobody_here_are_dropped(relay, make_station)
     receiver, server = make_station(relay), relay.server
     lines = lines_so_far(relay, receiver)
     for dest_id in (0, 1, 999999, 0xFFFFFFFF):
-        server.send(messages.Chat("SERVER", b"anyone?", dest_id=dest_id))
+        server.orders.send(messages.Chat("SERVER", b"anyone?", dest_id=dest_id))
     assert got_before_order_fence(server, receiver) == []
     assert lines_so_far(relay, receiver) == lines
 
 
 def test_a_message_of_the_server_with_an_invalid_sender_is_ignored(relay, make_station):
     receiver, server = make_station(relay), relay.server
-    server.send(messages.Chat("x", b"y", dest_id=receiver.client_id, sender_id=0xFFFFFFFF))
-    server.send_raw(bytes([3]) + b"short")
+    server.orders.send(messages.Chat("x", b"y", dest_id=receiver.client_id, sender_id=0xFFFFFFFF))
+    server.orders.send_raw(bytes([3]) + b"short")
     assert got_before_order_fence(server, receiver) == []
     text = "Connserver message with invalid sender id string and len {} received, ignoring"
     relay.log.expect_in_order(text.format(13), text.format(5))
@@ -116,10 +116,10 @@ def test_clients_talk_to_the_server_past_all_routes(relay, make_station, route):
     client, other = make_station(relay, Captioner), make_station(relay, Encoder)
     for msg_class in (224, 128):
         route(relay, client, other, msg_class)
-    mark = relay.server.mark()
+    mark = relay.server.record.mark()
     sent = [Opaque(code, b"for the server~") for code in (8, 10, 13, 224, 254)]
     client.send_all(sent)
     for message in sent:
-        got = relay.server.wait_for_type(Opaque, since=mark, code=message.code)
+        got = relay.server.record.wait_for_type(Opaque, since=mark, code=message.code)
         assert got.received_image == arriving_image(message)
     assert got_before_fence(client, other) == []

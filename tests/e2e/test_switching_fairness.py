@@ -1,5 +1,5 @@
-"""Nobody pays for somebody else's haste or sloth: a sender that floods does not starve others, and
-a receiver that does not read is dropped without the others noticing."""
+"""A sender that floods does not starve others, and a receiver that does not read is dropped without
+the others noticing."""
 
 from __future__ import annotations
 
@@ -65,11 +65,11 @@ def test_a_receiver_that_does_not_read_is_dropped_alone(tls_relay, make_station,
     relay = tls_relay
     captioner = make_station(relay, Captioner)
     readers = [make_station(relay, Encoder) for _ in range(20)]
-    sloth = make_station(relay, Encoder, tls=tls, receive_buffer=4096)
-    for receiver in (*readers[:10], sloth, *readers[10:]):
+    stopped = make_station(relay, Encoder, tls=tls, receive_buffer=4096)
+    for receiver in (*readers[:10], stopped, *readers[10:]):
         route(relay, captioner, receiver, PIPE_CAPTION)
     drains = [Drain(reader) for reader in readers]
-    lost = f"removing socket for client {sloth.client_id}, and notifying CS"
+    lost = f"removing socket for client {stopped.client_id}, and notifying CS"
     frames, slowest, length = [], 0.0, 0
     try:
         # Until the kernel's buffers are full; they hold some megabytes.
@@ -85,8 +85,8 @@ def test_a_receiver_that_does_not_read_is_dropped_alone(tls_relay, make_station,
         assert relay.log.count(lost) == 1
         assert slowest < patient(NOTICEABLE_SECS)
         relay.log.expect("TCP message send failed in SwitchPacket - rc=")
-        relay.server.wait_for_type(LostConnection, client_id=sloth.client_id)
-        assert len(relay.server.messages_of(LostConnection)) == 1
+        relay.server.record.wait_for_type(LostConnection, client_id=stopped.client_id)
+        assert len(relay.server.record.messages_of(LostConnection)) == 1
         # The others go on, and got all there was.
         last = arriving_image(captioner.caption(b"last"))
         for drain in drains:
@@ -95,7 +95,7 @@ def test_a_receiver_that_does_not_read_is_dropped_alone(tls_relay, make_station,
     finally:
         for drain in drains:
             drain.close()
-    sloth.close()
-    again = make_station(relay, Encoder, client_id=sloth.client_id)
+    stopped.close()
+    again = make_station(relay, Encoder, client_id=stopped.client_id)
     captioner.caption(b"back")
     assert len(got_before_fence(captioner, again)) == 1

@@ -28,7 +28,7 @@ def encoders(tls_relay, make_station):
 
 def connect(relay, captioner, encoders):
     for encoder in encoders:
-        relay.server.connect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
+        relay.server.orders.connect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, captioner)
 
 

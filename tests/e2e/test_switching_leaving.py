@@ -24,14 +24,14 @@ def test_a_log_out_before_the_end_is_a_log_out(tls_relay, make_station, how, tls
         leaver.logout()
         getattr(leaver, how)()
     for leaver in leavers:
-        log_out = server.wait_for_type(LogOut, sender_id=leaver.client_id)
+        log_out = server.record.wait_for_type(LogOut, sender_id=leaver.client_id)
         assert log_out.name == leaver.name
         relay.log.expect(f"received logout from client {leaver.client_id}")
     # One more client of the same kind: by now the ends have been seen too.
     last = make_station(relay, Station, tls=tls)
     assert got_before_fence(last, last) == []
-    assert server.messages_of(LostConnection) == []
-    ids = [m.sender_id for m in server.messages_of(LogOut)]
+    assert server.record.messages_of(LostConnection) == []
+    ids = [m.sender_id for m in server.record.messages_of(LogOut)]
     assert sorted(ids) == sorted(leaver.client_id for leaver in leavers)
 
 
@@ -45,8 +45,8 @@ def test_what_follows_a_log_out_is_not_handled(tls_relay, make_station, route, t
     assert captioner.closed_by_peer()
     assert images(got_before_fence(encoder, encoder)) == [arriving_image(first)]
     encoder.send(messages.Opaque(224, b"after that~"))
-    relay.server.wait_for_type(messages.Opaque, code=224)
-    assert [m.name for m in relay.server.messages_of(LogOut)] == ["captioner"]
+    relay.server.record.wait_for_type(messages.Opaque, code=224)
+    assert [m.name for m in relay.server.record.messages_of(LogOut)] == ["captioner"]
 
 
 @pytest.mark.parametrize("how", ["close", "reset"])
@@ -61,7 +61,7 @@ def test_captions_before_the_end_are_delivered(tls_relay, make_station, route, h
         captioner.send_all(sent)
         getattr(captioner, how)()
         assert images(encoder.receive_count(100)) == [arriving_image(m) for m in sent]
-        relay.server.wait_for_type(LostConnection, client_id=captioner.client_id)
+        relay.server.record.wait_for_type(LostConnection, client_id=captioner.client_id)
 
 
 def test_half_a_message_at_the_end_is_nothing(relay, make_station, route):
@@ -70,9 +70,9 @@ def test_half_a_message_at_the_end_is_nothing(relay, make_station, route):
     whole = Caption(b"\x41\x41", sender_id=captioner.client_id)
     captioner.send_raw(whole.frame() + LogOut("x", sender_id=captioner.client_id).frame()[:-1])
     captioner.close()
-    relay.server.wait_for_type(LostConnection, client_id=captioner.client_id)
+    relay.server.record.wait_for_type(LostConnection, client_id=captioner.client_id)
     assert images(got_before_fence(encoder, encoder)) == [arriving_image(whole)]
-    assert relay.server.messages_of(LogOut) == []
+    assert relay.server.record.messages_of(LogOut) == []
 
 
 def test_a_newer_login_ends_the_older_in_the_middle_of_its_messages(relay, make_station, route):
@@ -90,7 +90,7 @@ def test_a_newer_login_ends_the_older_in_the_middle_of_its_messages(relay, make_
     assert got[:-1] == flooded[: len(got) - 1]
     relay.log.expect(f"closing older connection with ID {older.client_id}")
     # The connection that took over is not the one that ended.
-    assert relay.server.messages_of(LostConnection) == []
+    assert relay.server.record.messages_of(LostConnection) == []
 
 
 def test_a_log_out_ends_the_connection(relay, make_station):

@@ -34,13 +34,13 @@ def test_silent_clients_are_dropped_with_a_word(tls_relay, make_station):
             messages.Chat.TYPE, relay.server.relay_id, 0, b"SERVER~" + FAREWELL + b"~~"
         )
         assert station.closed_by_peer()
-        relay.server.wait_for_type(LostConnection, client_id=station.client_id)
+        relay.server.record.wait_for_type(LostConnection, client_id=station.client_id)
         line = relay.log.expect(f"Dropping connect to client ID {station.client_id}, socket ")
         idle = re.search(r", 127\.0\.0\.1 - idle for (\d+) seconds$", line)
         # The first tick behind 15 seconds of silence; one more where the machine slept through it.
         assert idle is not None and 16 <= int(idle.group(1)) <= 23
     assert got_before_fence(beating, beating) == []
-    assert len(relay.server.messages_of(LostConnection)) == 3
+    assert len(relay.server.record.messages_of(LostConnection)) == 3
     again = make_station(relay, Station, client_id=silent[0].client_id)
     relay.log.expect(f"Removed recently lost message on client {again.client_id}")
 
@@ -94,7 +94,7 @@ def test_a_client_may_send_so_much_between_two_heartbeats(tls_relay, make_statio
             break
     relay.log.expect(line)
     relay.log.expect(f"removing socket for client {client.client_id}, and notifying CS")
-    relay.server.wait_for_type(LostConnection, client_id=client.client_id)
+    relay.server.record.wait_for_type(LostConnection, client_id=client.client_id)
     assert client.closed_by_peer()
     assert got_before_fence(other, other) == []
 
@@ -106,4 +106,4 @@ def test_a_message_too_many_does_not_hide_in_small_ones(relay, make_station):
     with contextlib.suppress(PeerClosed):  # the rest of it may find the connection ended
         client.send_raw(frame * (2 * LIMIT // len(frame) + 1000), within_secs=60)
     relay.log.expect(f"WARNING: input TCP count on client {client.client_id} over limit : ", 20)
-    relay.server.wait_for_type(LostConnection, client_id=client.client_id)
+    relay.server.record.wait_for_type(LostConnection, client_id=client.client_id)

@@ -103,7 +103,7 @@ def test_a_mixture_keeps_its_order_for_each_destination(
     for pipe, kind in zip((PIPE_CAPTION, PIPE_CHAT, PIPE_VIDEO), hears):
         for receiver in hears[kind]:
             route(relay, sender, receiver, pipe)
-            server.grant_video(sender.client_id, receiver.client_id)
+            server.orders.grant_video(sender.client_id, receiver.client_id)
     got_before_order_fence(server, sender)
     burst = mixture(random.Random(44), receivers)
     in_one_write(sender, burst)
@@ -119,7 +119,7 @@ def test_a_mixture_keeps_its_order_for_each_destination(
     assert sender.closed_by_peer()
     for receiver in receivers:
         assert got_before_fence(receivers[0], receiver) == []
-    server.wait_for_type(LogOut, sender_id=sender.client_id)
-    told = [m for m in server.messages_of(Message) if isinstance(m, (StatusKeyPost, LogOut))]
+    server.record.wait_for_type(LogOut, sender_id=sender.client_id)
+    told = [m for m in server.record.messages_of(Message) if isinstance(m, (StatusKeyPost, LogOut))]
     own = [m for m in burst if isinstance(m, (StatusKeyPost, LogOut))]
     assert images(told) == [arriving_image(message) for message in own]

@@ -40,27 +40,27 @@ def test_an_unknown_request_only_invalidates_its_key(relay, one, near, request_c
     row = (one.client_id, near.client_id, PIPE_CAPTION)
     relay.schema.query(f"INSERT INTO iopatch (clientfrom, clientto, msgclass) VALUES {row}")
     assert not reached(one, near)
-    relay.server.send(messages.RoutingUpdate(request_code, *row))
+    relay.server.orders.send(messages.RoutingUpdate(request_code, *row))
     assert obeyed(relay, near) == {row}
     assert reached(one, near)
 
 
 def test_ids_use_all_32_bits_and_classes_are_signed(relay, one):
-    relay.server.connect_route(4294967295, 3000000000, PIPE_CAPTION)
-    relay.server.connect_route(2147483648, one.client_id, -5)
+    relay.server.orders.connect_route(4294967295, 3000000000, PIPE_CAPTION)
+    relay.server.orders.connect_route(2147483648, one.client_id, -5)
     assert obeyed(relay, one) == {
         (4294967295, 3000000000, PIPE_CAPTION),
         (2147483648, one.client_id, -5),
     }
-    relay.server.disconnect_route(4294967295, 3000000000, PIPE_CAPTION)
-    relay.server.disconnect_route(0, one.client_id, -5)
+    relay.server.orders.disconnect_route(4294967295, 3000000000, PIPE_CAPTION)
+    relay.server.orders.disconnect_route(0, one.client_id, -5)
     assert obeyed(relay, one) == set()
 
 
 def test_a_malformed_order_is_survived(relay, one, near):
     for payload in (b"", b"~", b"CONNECT", b"CONNECT~x~y~z~", b"DISCONNECT~" + b"9" * 480):
-        relay.server.send(messages.Opaque(messages.RoutingUpdate.TYPE, payload))
+        relay.server.orders.send(messages.Opaque(messages.RoutingUpdate.TYPE, payload))
     assert obeyed(relay, near) <= {(0, 0, 0)}
-    relay.server.connect_route(one.client_id, near.client_id, PIPE_CAPTION)
+    relay.server.orders.connect_route(one.client_id, near.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, one)
     assert reached(one, near)

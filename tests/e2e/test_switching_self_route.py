@@ -45,7 +45,7 @@ def test_a_client_that_does_not_hear_itself_is_dropped(
     sender = make_station(relay, Captioner)
     route(relay, sender, listener, PIPE_CAPTION)
     send_until_dropped(talker)
-    relay.server.wait_for_type(LostConnection, 15, client_id=talker.client_id)
+    relay.server.record.wait_for_type(LostConnection, 15, client_id=talker.client_id)
     relay.log.expect("TCP message send failed in SwitchPacket - rc=")
     dropped = f"removing socket for client {talker.client_id}, and notifying CS"
     assert line_count(relay, sender, dropped) == 1

@@ -38,7 +38,7 @@ def stays_with(relay, forger, encoder):
     """The forger's own messages pass as before, and nobody was reported lost."""
     sent = arriving_image(forger.caption(b"\x41\x42"))
     assert images(got_before_fence(forger, encoder)) == [sent]
-    assert relay.server.messages_of(messages.LostConnection) == []
+    assert relay.server.record.messages_of(messages.LostConnection) == []
 
 
 @pytest.mark.parametrize("name", ["victim", "relay", "nobody", "0", "2^31", "2^32-1"])
@@ -47,7 +47,7 @@ def test_a_message_under_a_foreign_id_is_ignored(relay, victim, forger, encoder,
         "victim": victim.client_id, "relay": relay.server.relay_id, "nobody": 987654, "0": 0,
         "2^31": 1 << 31, "2^32-1": 0xFFFFFFFF,
     }[name]  # fmt: skip
-    mark = relay.server.mark()
+    mark = relay.server.record.mark()
     kinds = (
         Caption(b"\x58\x58"),
         Opaque(9, b"direct~", dest_id=encoder.client_id),

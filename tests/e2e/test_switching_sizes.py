@@ -45,17 +45,17 @@ def test_the_largest_message_reaches_every_kind_of_destination(any_relay, make_s
 
     to_server = Opaque(224, LARGEST_PAYLOAD)
     sender.send(to_server)
-    got = server.wait_for_type(Opaque, code=224)
+    got = server.record.wait_for_type(Opaque, code=224)
     assert got.received_image == arriving_image(to_server)
     for receiver in receivers[:2]:
         direct = Opaque(9, LARGEST_PAYLOAD, dest_id=receiver.client_id)
         sender.send(direct)
         assert images([receiver.receive()]) == [arriving_image(direct)]
         from_server = Opaque(3, LARGEST_PAYLOAD, dest_id=receiver.client_id)
-        server.send(from_server)
+        server.orders.send(from_server)
         assert images([receiver.receive()]) == [arriving_image(from_server)]
     # No connection paid for any of this.
-    assert server.messages_of(messages.LostConnection) == []
+    assert server.record.messages_of(messages.LostConnection) == []
     assert len(server.links) == 1
 
 
@@ -80,13 +80,13 @@ def test_an_image_that_cannot_be_framed_again_costs_nobody_anything(relay, make_
     for code, dest_id in ((5, 0), (9, receiver.client_id), (224, 0), (0, 0), (12, 0)):
         sender.send_image(wire.make_image(code, sender.client_id, dest_id, full))
     server = relay.server
-    server.send_raw(wire.to_frame(wire.make_image(3, 1, receiver.client_id, full)))
+    server.orders.send_raw(wire.to_frame(wire.make_image(3, 1, receiver.client_id, full)))
     assert got_before_order_fence(server, receiver) == []
     sent = arriving_image(sender.caption(b"\x41\x42"))
     assert images(got_before_fence(sender, receiver)) == [sent]
     assert len(server.links) == 1
-    assert server.messages_of(messages.LostConnection) == []
-    assert server.messages_of(Opaque) == []
+    assert server.record.messages_of(messages.LostConnection) == []
+    assert server.record.messages_of(Opaque) == []
 
 
 def test_a_message_without_payload_is_switched(relay, make_station, route):

@@ -24,7 +24,7 @@ MOST_CHUNKS = 100
 pytestmark = pytest.mark.skipif(not LoopTracer.supported(), reason="unknown kind of processor")
 
 
-class Sloth(Encoder):
+class StoppedEncoder(Encoder):
     """Its small segments and window make the kernel keep little for it."""
 
     @classmethod
@@ -69,12 +69,12 @@ def test_it_is_waited_for_once(tls_relay, make_station, readers, tls):
     relay = tls_relay
     stations, drains = readers
     captioner = make_station(relay, Captioner, heartbeats=False)
-    sloth = make_station(relay, Sloth, tls=tls)
+    stopped = make_station(relay, StoppedEncoder, tls=tls)
     middle = READERS // 2
-    for receiver in (*stations[:middle], sloth, *stations[middle:]):
-        relay.server.connect_route(captioner.client_id, receiver.client_id, PIPE_CAPTION)
+    for receiver in (*stations[:middle], stopped, *stations[middle:]):
+        relay.server.orders.connect_route(captioner.client_id, receiver.client_id, PIPE_CAPTION)
     got_before_order_fence(relay.server, captioner)
-    lost = f"removing socket for client {sloth.client_id}, and notifying CS"
+    lost = f"removing socket for client {stopped.client_id}, and notifying CS"
     # The route is looked up once, in a database.
     frames, calls = [arriving_image(captioner.caption(b"first"))], []
     for drain in drains:
@@ -94,7 +94,7 @@ def test_it_is_waited_for_once(tls_relay, make_station, readers, tls):
         calls += calls_for(tracer, READERS)
     frames += [arriving_image(message) for message in chunk]
     assert calls.count("poll") == 1
-    relay.server.wait_for_type(LostConnection, client_id=sloth.client_id)
+    relay.server.record.wait_for_type(LostConnection, client_id=stopped.client_id)
     for drain in drains:
         drain.wait_for_image(frames[-1], 20)
         assert drain.images() == frames

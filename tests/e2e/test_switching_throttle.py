@@ -34,7 +34,7 @@ def test_a_slow_viewer_gets_whole_frames_and_is_not_dropped(tls_relay, make_stat
     slow = make_station(relay, Monitor, tls=tls, receive_buffer=16384)
     for viewer in (slow, quick):
         route(relay, camera, viewer, PIPE_VIDEO)
-        relay.server.grant_video(camera.client_id, viewer.client_id)
+        relay.server.orders.grant_video(camera.client_id, viewer.client_id)
     # Enlarges the buffers as the first message of a pair does, which holds more than a frame.
     got_before_order_fence(relay.server, quick)
     received, sent = [], []
@@ -63,4 +63,4 @@ def test_a_slow_viewer_gets_whole_frames_and_is_not_dropped(tls_relay, make_stat
     assert rows >= 2
     assert line_count(relay, quick, THROTTLING.format(slow.client_id)) == rows
     assert line_count(relay, quick, THROTTLING.format(quick.client_id)) == 0
-    assert relay.server.messages_of(LostConnection) == []
+    assert relay.server.record.messages_of(LostConnection) == []

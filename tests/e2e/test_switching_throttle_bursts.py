@@ -31,7 +31,7 @@ def test_a_frame_behind_a_burst_waits_for_nobody(tls_relay, make_station, route,
     route(relay, camera, slow, PIPE_CAPTION)
     for viewer in (slow, quick):
         route(relay, camera, viewer, PIPE_VIDEO)
-        relay.server.grant_video(camera.client_id, viewer.client_id)
+        relay.server.orders.grant_video(camera.client_id, viewer.client_id)
     got_before_order_fence(relay.server, quick)
     captions = [Caption(b"%04d" % n + b"x" * (CAPTION_LEN - 4)) for n in range(CAPTIONS)]
     camera.send_all([*video(1, camera), *captions, *video(2, camera)], within_secs=20)

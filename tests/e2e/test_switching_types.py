@@ -53,11 +53,11 @@ def test_every_type_byte_goes_its_way(tls_relay, make_station, route, tls):
     # Routes that must not be asked: these pipes lead elsewhere.
     for msg_class in (96, 224, -1):
         route(relay, sender, routed[0], msg_class)
-    server.grant_video(sender.client_id, routed[64].client_id)
+    server.orders.grant_video(sender.client_id, routed[64].client_id)
     got_before_order_fence(server, direct)
 
     ways = {way: [] for way in (*ROUTED_CLASSES, DIRECT, SERVER, NOWHERE)}
-    mark = server.mark()
+    mark = server.record.mark()
     for type_byte in range(256):
         if type_byte not in RELAYS_OWN:
             message = message_of(type_byte, direct)
@@ -68,7 +68,7 @@ def test_every_type_byte_goes_its_way(tls_relay, make_station, route, tls):
         assert images(got_before_fence(sender, receiver)) == ways[msg_class], msg_class
     assert images(got_before_fence(sender, direct)) == ways[DIRECT]
     last = ways[SERVER][-1]
-    server.wait_for(lambda message: message.received_image == last, since=mark)
+    server.record.wait_for(lambda message: message.received_image == last, since=mark)
     assert images(server_heard(server, mark)) == ways[SERVER]
     assert [len(way) for way in ways.values()] == [19, 32, 32, 33, 33, 34, 34, 35, 1]
 

@@ -67,24 +67,24 @@ def test_only_video_messages_need_permission(relay, camera, viewer):
 
 def test_the_server_grants_and_denies(relay, camera, viewer):
     server, pair = relay.server, (camera.client_id, viewer.client_id)
-    server.grant_video(*pair)
+    server.orders.grant_video(*pair)
     got_before_order_fence(server, viewer)
     assert frames_seen(camera, viewer, 5) == 5
     relay.log.expect("Video link permissions granted for {} to {}".format(*pair))
     for code in ("UNAUTHORIZED", "NOT LOGGED IN", "no such code"):
-        server.deny_video(*pair, code)
+        server.orders.deny_video(*pair, code)
         got_before_order_fence(server, viewer)
         assert frames_seen(camera, viewer, 5) == 0
     denied = "Video link permissions denied for {} to {}".format(*pair)
     assert line_count(relay, viewer, denied) == 3
-    server.grant_video(*pair)
+    server.orders.grant_video(*pair)
     got_before_order_fence(server, viewer)
     assert frames_seen(camera, viewer, 5) == 5
 
 
 def test_a_denial_concerns_one_direction(relay, camera, viewer, route):
     route(relay, viewer, camera, PIPE_VIDEO)
-    relay.server.deny_video(viewer.client_id, camera.client_id)
+    relay.server.orders.deny_video(viewer.client_id, camera.client_id)
     got_before_order_fence(relay.server, viewer)
     assert frames_seen(camera, viewer, 3) == 2
     assert frames_seen(viewer, camera, 3) == 0
@@ -92,16 +92,16 @@ def test_a_denial_concerns_one_direction(relay, camera, viewer, route):
 
 @pytest.mark.parametrize("who", ["camera", "viewer"])
 def test_permissions_end_with_either_client(relay, camera, viewer, make_station, who):
-    relay.server.deny_video(camera.client_id, viewer.client_id)
+    relay.server.orders.deny_video(camera.client_id, viewer.client_id)
     got_before_order_fence(relay.server, viewer)
     assert frames_seen(camera, viewer, 2) == 0
     if who == "camera":
         camera.close()
-        relay.server.wait_for_type(LostConnection, client_id=camera.client_id)
+        relay.server.record.wait_for_type(LostConnection, client_id=camera.client_id)
         camera = make_station(relay, Encoder, client_id=camera.client_id)
     else:
         viewer.close()
-        relay.server.wait_for_type(LostConnection, client_id=viewer.client_id)
+        relay.server.record.wait_for_type(LostConnection, client_id=viewer.client_id)
         viewer = make_station(relay, Monitor, client_id=viewer.client_id)
     assert frames_seen(camera, viewer, 3) == 2
 

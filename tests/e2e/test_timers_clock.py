@@ -36,7 +36,7 @@ def test_every_tick_brings_clients_and_server_a_heartbeat(relay, make_station):
     station = make_station(relay)
     station.show_heartbeats = True
     station.receive_until(_is_heartbeat, 2 * _TICK_SECS)
-    since = relay.server.mark()
+    since = relay.server.record.mark()
     began = time.monotonic()
     late = []
     for _ in range(_TICKS):
@@ -48,7 +48,7 @@ def test_every_tick_brings_clients_and_server_a_heartbeat(relay, make_station):
     assert max(late) < 2, late
     # Not more often; and no tick but one that a slow machine has slept through is missing.
     assert _TICKS * _TICK_SECS - 2 < took < (_TICKS + 1) * _TICK_SECS + 2
-    heard = relay.server.messages_of(messages.Heartbeat, since)
+    heard = relay.server.record.messages_of(messages.Heartbeat, since)
     assert _TICKS - 1 <= len(heard) <= _TICKS + 2
     station.show_heartbeats = False
     assert got_before_fence(station, station) == []

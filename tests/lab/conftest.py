@@ -18,7 +18,7 @@ def two_relay_server():
     """A connection server without problems in the end."""
     with ConnectionServer() as server:
         yield server
-    assert server.problems == []
+    assert server.record.problems == []
 
 
 @pytest.fixture
@@ -32,10 +32,10 @@ def log_in():
         relays.append(relay)
         number = {"east": 1, "west": 2}.get(name, 3)
         relay.port = messages.RelayPort(10000 + number, 20000 + number, public_address, 443)
-        known = server.find_relay(name)
+        known = server.relays.find(name)
         logins = 1 + (len(known.logins) if known else 0)
         assert relay.log_in(server, function) == "OK"
-        server.wait_relay(name, logins=logins)
+        server.relays.wait_for(name, logins=logins)
         return relay
 
     yield make

@@ -17,7 +17,7 @@ from lab.waiting import LabTimeout
 def fixture_server():
     with ConnectionServer(key=keys.shared_server_key(2048)) as server:
         yield server
-        assert server.problems == []
+        assert server.record.problems == []
 
 
 def test_a_relay_logs_in_and_is_known_by_its_id(server):
@@ -26,7 +26,7 @@ def test_a_relay_logs_in_and_is_known_by_its_id(server):
         link = server.wait_logged_in()
         assert relay.client_id == server.relay_id
         assert link.login.name == "relay" and link.login.function == "RELAY"
-        port = server.wait_for_type(messages.RelayPort, tcp_port=9736)
+        port = server.record.wait_for_type(messages.RelayPort, tcp_port=9736)
         assert port.sender_id == server.relay_id
 
 
@@ -36,9 +36,9 @@ def test_a_relay_logs_in_over_tls(tmp_path):
         with StandInRelay.at(server, tls=True) as relay:
             assert relay.log_in(server) == "OK"
             server.wait_logged_in()
-            server.connect_route(1, 2, messages.PIPE_CAPTION)
+            server.orders.connect_route(1, 2, messages.PIPE_CAPTION)
             relay.expect(messages.RoutingUpdate, request="CONNECT", from_id=1, to_id=2)
-        server.wait_for_link("closed")
+        server.links.wait_for("closed")
 
 
 def test_tickets_are_made_with_the_key_of_the_login(server):
@@ -68,26 +68,26 @@ def test_a_known_session_is_continued_and_a_forgotten_one_is_not(server):
     with StandInRelay.at(server) as relay:
         relay.log_in(server)
         server.wait_logged_in()
-        server.send_challenge()
+        server.orders.send_challenge()
         assert relay.log_in(server, "CONTINUE") == "OK"
-        server.forget()
-        server.send_challenge()
+        server.script.forget()
+        server.orders.send_challenge()
         assert relay.log_in(server, "CONTINUE") == "NO CONTINUE"
         assert relay.log_in(server) == "OK"
 
 
 def test_scripted_answers_come_in_order(server):
-    server.answer_next_login("UNAUTHORIZED", "OK")
+    server.script.answer_next_login("UNAUTHORIZED", "OK")
     with StandInRelay.at(server) as relay:
         assert relay.log_in(server) == "UNAUTHORIZED"
-        server.send_challenge()
+        server.orders.send_challenge()
         assert relay.log_in(server) == "OK"
 
 
 @pytest.mark.parametrize("stage", ["accept", "challenge", "login", "port"])
 @pytest.mark.parametrize("how", ["close", "reset"])
 def test_a_link_ends_at_any_stage(server, stage, how):
-    server.fault(stage, Fault(how))
+    server.script.fault(stage, Fault(how))
     try:
         with StandInRelay.at(server) as relay:
             relay.log_in(server)
@@ -97,7 +97,7 @@ def test_a_link_ends_at_any_stage(server, stage, how):
         # The reset of a connection that was only just accepted may strike the connect itself.
         assert isinstance(error, PeerClosed) or stage in ("accept", "challenge")
         end = error
-    server.wait_for_link("closed")
+    server.links.wait_for("closed")
     rude = isinstance(end, (PeerReset, ConnectionResetError))
     # At "accept" a log-in on its way may meet a closed socket, which answers with a reset.
     assert rude == (how == "reset") or stage == "accept"
@@ -106,8 +106,8 @@ def test_a_link_ends_at_any_stage(server, stage, how):
 
 
 def test_silence_and_garbage(server):
-    server.fault("accept", Fault("silence"))
-    server.fault("challenge", Fault("go on", data=messages.Heartbeat().frame()))
+    server.script.fault("accept", Fault("silence"))
+    server.script.fault("challenge", Fault("go on", data=messages.Heartbeat().frame()))
     with StandInRelay.at(server) as silent, StandInRelay.at(server) as relay:
         relay.show_heartbeats = True
         relay.expect(messages.Heartbeat)
@@ -117,11 +117,11 @@ def test_silence_and_garbage(server):
 
 
 def test_a_standing_fault_lasts_until_cleared(server):
-    server.fault("login", Fault("close"), times=None)
+    server.script.fault("login", Fault("close"), times=None)
     for _ in range(2):
         with StandInRelay.at(server) as relay, pytest.raises(PeerClosed):
             relay.log_in(server)
-    server.clear_faults()
+    server.script.clear_faults()
     with StandInRelay.at(server) as relay:
         assert relay.log_in(server) == "OK"
 
@@ -133,7 +133,7 @@ def test_a_server_that_stops_listening_refuses_and_comes_back_at_its_address(ser
         server.stop_listening()
         with pytest.raises(ConnectionRefusedError):
             StandInRelay.at(server)
-        server.heartbeat()
+        server.orders.heartbeat()
         server.restart("reset")
         assert relay.closed_by_peer()
     with StandInRelay.at(server) as relay:
@@ -148,9 +148,9 @@ def test_a_paused_server_lets_the_link_back_up():
         chat = messages.Chat("relay", b"x" * 400).frame()
         with pytest.raises(LabTimeout):
             relay.send_raw(chat * 50000, within_secs=0.3)
-        mark = server.mark()
+        mark = server.record.mark()
         server.resume_reading()
-        server.wait_for_type(messages.Chat, since=mark)
+        server.record.wait_for_type(messages.Chat, since=mark)
 
 
 def test_waits_say_what_was_received_instead(server):
@@ -158,20 +158,20 @@ def test_waits_say_what_was_received_instead(server):
         relay.log_in(server)
         server.wait_logged_in()
         with pytest.raises(LabTimeout, match="RelayPort"):
-            server.wait_for_type(messages.Chat, within_secs=0.1)
+            server.record.wait_for_type(messages.Chat, within_secs=0.1)
 
 
 def test_a_relay_that_breaks_the_stream_is_a_problem_on_record():
     with ConnectionServer() as server, StandInRelay.at(server) as relay:
         relay.send_raw(b"\0")
         assert relay.closed_by_peer()
-        server.wait_for_link("closed")
-        assert "length code 0" in server.problems[0]
+        server.links.wait_for("closed")
+        assert "length code 0" in server.record.problems[0]
 
 
 def test_closing_twice_and_with_a_handshake_under_way_is_quick(tmp_path):
     server = ConnectionServer(port=0, certificate=keys.write_certificate(tmp_path)).start()
     with socket.create_connection((server.address, server.port)):
-        server.wait_for_link("accept")
+        server.links.wait_for("accept")
         server.close()
     server.close()

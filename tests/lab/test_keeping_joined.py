@@ -19,20 +19,20 @@ def fixture_pair(two_relay_server, log_in):
     """The server and two relays, joined once, by the plan."""
     server = two_relay_server
     east, west = log_in(server, "east"), log_in(server, "west")
-    server.keep_joined("east", "west")
+    server.orders.keep_joined("east", "west")
     east.expect(messages.ConnectOrder, connect_to_id=WEST, request="CONNECT")
     west.send(messages.ConnectConfirm(EAST))
-    server.wait_joined("east", "west")
+    server.relays.wait_joined("east", "west")
     return server, east, west
 
 
 def _times(server):
-    return [one.at for one in server.sent_orders]
+    return [one.at for one in server.orders.sent_orders]
 
 
 def test_the_first_join_waits_until_both_are_there(two_relay_server, log_in):
     server = two_relay_server
-    server.keep_joined("east", "west")
+    server.orders.keep_joined("east", "west")
     east = log_in(server, "east")
     assert east.receives_nothing(0.2)
     west = log_in(server, "west")
@@ -57,7 +57,7 @@ def test_a_reported_loss_joins_again_with_spacing(pair, who):
 def test_losses_without_end_bring_one_order_a_second(pair):
     server, east, west = pair
     start = time.monotonic()
-    while len(server.sent_orders) < 4:
+    while len(server.orders.sent_orders) < 4:
         west.send(messages.LostConnection(EAST))
         assert time.monotonic() - start < 20
         time.sleep(0.01)
@@ -70,7 +70,7 @@ def test_the_loss_of_others_means_nothing(pair):
     server, east, west = pair
     west.send(messages.LostConnection(2001))
     east.send(messages.LostConnection(EAST))
-    server.wait_for_type(messages.LostConnection, client_id=EAST)
+    server.record.wait_for_type(messages.LostConnection, client_id=EAST)
     assert east.receives_nothing(1.2)
 
 
@@ -89,15 +89,15 @@ def test_a_relay_that_continues_is_left_in_peace(pair, log_in):
     east.reset()
     again = log_in(server, "east", "CONTINUE", des_key=east.des_key)
     assert again.receives_nothing(1.2)
-    assert len(server.sent_orders) == 1
+    assert len(server.orders.sent_orders) == 1
 
 
 def test_a_loss_during_an_absence_is_made_good_after_it(pair, log_in):
     server, east, west = pair
     east.reset()
-    wait_until(lambda: not server.relay("east").logged_in, 5)
+    wait_until(lambda: not server.relays["east"].logged_in, 5)
     west.send(messages.LostConnection(EAST))
-    server.wait_for_type(messages.LostConnection)
+    server.record.wait_for_type(messages.LostConnection)
     again = log_in(server, "east", "CONTINUE", des_key=east.des_key)
     again.expect(messages.ConnectOrder, connect_to_id=WEST)
 
@@ -106,7 +106,7 @@ def test_an_order_without_effect_is_repeated(two_relay_server, log_in, monkeypat
     monkeypatch.setattr(server_plan, "RETRY_SECS", 1.5)
     server = two_relay_server
     east, _ = log_in(server, "east"), log_in(server, "west")
-    server.keep_joined("east", "west")
+    server.orders.keep_joined("east", "west")
     for _ in range(3):
         east.expect(messages.ConnectOrder, connect_to_id=WEST)
     first, second, third = _times(server)
@@ -115,7 +115,7 @@ def test_an_order_without_effect_is_repeated(two_relay_server, log_in, monkeypat
 
 def test_a_pair_no_longer_kept_stays_apart(pair):
     server, east, west = pair
-    server.stop_keeping_joined("west", "east")
+    server.orders.stop_keeping_joined("west", "east")
     west.send(messages.LostConnection(EAST))
     assert east.receives_nothing(1.2)
 
@@ -124,14 +124,14 @@ def test_kept_routes_are_sent_now_and_in_every_new_session(two_relay_server, log
     server = two_relay_server
     east, west = log_in(server, "east"), log_in(server, "west")
     for _ in range(2):
-        server.route_across(2001, "east", 2002, "west", messages.PIPE_AUDIO, keep=True)
-    server.keep_route(2001, 2003, messages.PIPE_CAPTION, "east")
+        server.orders.route_across(2001, "east", 2002, "west", messages.PIPE_AUDIO, keep=True)
+    server.orders.keep_route(2001, 2003, messages.PIPE_CAPTION, "east")
     route_east = messages.RoutingUpdate("CONNECT", 2001, WEST, 64, sender_id=1)
     near = messages.RoutingUpdate("CONNECT", 2001, 2003, 192, sender_id=1)
     assert east.receive_count(2) == [route_east, near]
     east.reset()
     with log_in(server, "east", "CONTINUE", des_key=east.des_key) as continued:
-        server.drop_route(2001, 2003, messages.PIPE_CAPTION, "east")
+        server.orders.drop_route(2001, 2003, messages.PIPE_CAPTION, "east")
         continued.expect(messages.RoutingUpdate, request="DISCONNECT", to_id=2003)
     with log_in(server, "east") as again:
         assert again.receive() == route_east
@@ -144,9 +144,9 @@ def test_a_route_ordered_during_an_absence_is_sent_after_it(two_relay_server, lo
     server = two_relay_server
     east = log_in(server, "east")
     east.reset()
-    wait_until(lambda: not server.relay("east").logged_in, 5)
-    server.keep_route(2001, 2002, messages.PIPE_CAPTION, "east")
-    server.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
+    wait_until(lambda: not server.relays["east"].logged_in, 5)
+    server.orders.keep_route(2001, 2002, messages.PIPE_CAPTION, "east")
+    server.orders.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
     again = log_in(server, "east", "CONTINUE", des_key=east.des_key)
     again.expect(messages.RoutingUpdate, request="CONNECT", to_id=2002)
     again.expect(messages.RoutingUpdate, to_id=server.roster.id_of("west"))
@@ -154,7 +154,7 @@ def test_a_route_ordered_during_an_absence_is_sent_after_it(two_relay_server, lo
 
 def test_a_server_that_was_away_takes_up_its_plan_again(pair, log_in):
     server, east, west = pair
-    server.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
+    server.orders.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
     east.expect(messages.RoutingUpdate, to_id=WEST)
     server.restart("reset")
     assert east.closed_by_peer() and west.closed_by_peer()
@@ -167,7 +167,7 @@ def test_a_server_that_was_away_takes_up_its_plan_again(pair, log_in):
 
 def test_a_server_in_its_stead_knows_ids_plan_and_sessions(pair, log_in):
     server, east, west = pair
-    server.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
+    server.orders.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
     east.expect(messages.RoutingUpdate, to_id=WEST)
     client_id = server.new_client_id()
     with ConnectionServer(stands_in_for=server) as backup:
@@ -182,4 +182,4 @@ def test_a_server_in_its_stead_knows_ids_plan_and_sessions(pair, log_in):
         assert read_ticket(order.ticket, west.des_key)[0] == EAST
         fresh = log_in(backup, "east")
         fresh.expect(messages.RoutingUpdate, from_id=2001, to_id=WEST)
-        assert backup.problems == []
+        assert backup.record.problems == []

@@ -33,7 +33,7 @@ def test_a_caption_crosses_and_all_processes_end(cluster, tls):
     with Network(cluster, tls=tls, binary=FAKE) as network:
         captioner = network.station(Captioner)
         encoder = network.station(Encoder, heartbeats=True)
-        network.server.wait_for_type(messages.ConnectConfirm, client_id=encoder.client_id)
+        network.server.record.wait_for_type(messages.ConnectConfirm, client_id=encoder.client_id)
         network.route(captioner, encoder, messages.PIPE_CAPTION)
         captioner.caption(b"\x14\x20AB~\\\x14\x2f")
         data, texts = encoder.receive_caption()

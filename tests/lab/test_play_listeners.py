@@ -54,7 +54,7 @@ def test_what_is_no_caption_is_an_error_of_the_listener(network):
     listener = CaptionListener(network, "encoder 1", "west")
     try:
         network.kill("east")
-        wait_until(lambda: network.server.relay("west").clients, 5, "the listener is confirmed")
+        wait_until(lambda: network.server.relays["west"].clients, 5, "the listener is confirmed")
         assert not listener.error
         listener._station._inbox.append(messages.Chat("me", b"text"))
         wait_until(lambda: "expected Caption" in listener.error, 5, "the error is noted")

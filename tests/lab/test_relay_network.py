@@ -45,7 +45,7 @@ def test_a_caption_crosses_two_relays_and_stays_at_one(cluster, tls):
         network.known("west").wait_for_type(messages.ConnectConfirm, client_id=far.client_id)
         assert network.known("west").clients == {1000, far.client_id}
         pids = [network[name].relay.pid for name in ("east", "west")]
-        assert network.server.problems == []
+        assert network.server.record.problems == []
     for pid in pids:
         assert not Path(f"/proc/{pid}").exists()
 
@@ -104,7 +104,7 @@ def test_a_server_goes_and_comes_back_and_is_replaced(cluster):
         late = network.station(Encoder, at="west")
         network.route(captioner, late, messages.PIPE_CAPTION)
         _passes(captioner, late, b"late")
-        assert network.backup.sent_orders == []
+        assert network.backup.orders.sent_orders == []
 
 
 def test_without_a_backup_there_is_nothing_to_replace_the_server(cluster):
