@@ -41,7 +41,7 @@ _TURN_SECS = 0.05
 
 
 class Play:
-    """One performance. What faults may use stands first."""
+    """One performance, as faults know it (lab.play_faults.Performance)."""
 
     cast: Cast
     newcomer: Listener

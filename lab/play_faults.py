@@ -9,16 +9,18 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable
-from typing import TYPE_CHECKING, Protocol
+from typing import Protocol
 
 from lab import messages
+from lab.cluster import Cluster
+from lab.play_archive import Archive
+from lab.play_cast import Cast
+from lab.play_listeners import Listener
 from lab.play_screen import say
-from lab.play_summary import Interruption
+from lab.play_summary import Interruption, Outcome
+from lab.relay_network import RelayNetwork
 from lab.relay_nodes import READY_SECS
 from lab.waiting import LabTimeout, wait_until
-
-if TYPE_CHECKING:
-    from lab.play import Play
 
 #: A shorter run leaves no time before the fault for anything to be seen.
 LEAST_SECS = 10.0
@@ -33,6 +35,27 @@ _RETRY_SECS = 25.0
 _DELIVERED_SECS = 10.0
 
 
+class Performance(Protocol):
+    """What a fault uses of the performance that it disturbs."""
+
+    cluster: Cluster
+    network: RelayNetwork
+    archive: Archive
+    cast: Cast
+    #: The encoder whose route is ordered only after the fault, if the fault wants one.
+    newcomer: Listener
+    outcome: Outcome
+
+    def wait(self, seconds: float) -> None:
+        """Lets the play go on for that long."""
+
+    def wait_share(self, share: float) -> None:
+        """Lets the play go on until this share of its time is over."""
+
+    def route_newcomer(self) -> None:
+        """Orders the newcomer's route."""
+
+
 class Fault(Protocol):
     """A fault by name."""
 
@@ -45,14 +68,14 @@ class Fault(Protocol):
     def touches(self, at: str) -> bool:
         """Whether listeners at a relay may lose something."""
 
-    def play(self, play: Play) -> None:
+    def play(self, play: Performance) -> None:
         """Does it; notes in the outcome what was away for how long."""
 
 
 class _Stopwatch:
     """Notes how long something was away."""
 
-    def __init__(self, play: Play, what: str) -> None:
+    def __init__(self, play: Performance, what: str) -> None:
         self._play, self._what = play, what
         self._began = time.monotonic()
 
@@ -83,7 +106,7 @@ class ServerFault:
     def touches(self, at: str) -> bool:
         return False
 
-    def play(self, play: Play) -> None:
+    def play(self, play: Performance) -> None:
         network = play.network
         play.wait_share(0.2)
         say("connserver", "is stopped: no relay has a connection server now")
@@ -99,7 +122,7 @@ class ServerFault:
         play.route_newcomer()
 
     @staticmethod
-    def _await_continued(play: Play, watch: _Stopwatch, wait: Callable[[], object]) -> None:
+    def _await_continued(play: Performance, watch: _Stopwatch, wait: Callable[[], object]) -> None:
         secs = watch.wait_for(wait)
         if secs is None:
             return
@@ -121,7 +144,7 @@ class PeerFault:
     def touches(self, at: str) -> bool:
         return at == "west"
 
-    def play(self, play: Play) -> None:
+    def play(self, play: Performance) -> None:
         network = play.network
         play.wait_share(0.25)
         since = network.mark()
@@ -154,7 +177,7 @@ class DatabaseFault:
     def touches(self, at: str) -> bool:
         return False
 
-    def play(self, play: Play) -> None:
+    def play(self, play: Performance) -> None:
         play.wait_share(0.25)
         say("database", "is stopped")
         watch = _Stopwatch(play, "PostgreSQL, stopped and started again")
@@ -171,7 +194,7 @@ class DatabaseFault:
         play.route_newcomer()
 
     @staticmethod
-    def _let_relays_notice(play: Play) -> None:
+    def _let_relays_notice(play: Performance) -> None:
         """A relay finds its database gone when it next needs it, and that order is lost: here it
         is one for chats, which nobody sends."""
         since = play.network.mark()
@@ -182,7 +205,7 @@ class DatabaseFault:
             say(name, "finds the database gone and goes on with the routes it remembers")
 
     @staticmethod
-    def _all_connected(play: Play) -> bool:
+    def _all_connected(play: Performance) -> bool:
         sql = (
             "SELECT count(*) FROM pg_stat_activity "
             "WHERE datname = 'tessel' AND pid <> pg_backend_pid()"
@@ -201,7 +224,7 @@ class ArchiveFault:
     def touches(self, at: str) -> bool:
         return False
 
-    def play(self, play: Play) -> None:
+    def play(self, play: Performance) -> None:
         endpoint = play.archive.endpoint
         play.wait_share(0.25)
         since = play.network["east"].log.mark()
@@ -219,7 +242,7 @@ class ArchiveFault:
             say("archive", f"is delivered to again after {secs:.1f} s")
 
     @staticmethod
-    def _see_retries(play: Play, since: int) -> None:
+    def _see_retries(play: Performance, since: int) -> None:
         """Returns when the relay that archives has failed often enough."""
         log = play.network["east"].log
         for count in range(1, _RETRIES + 1):
