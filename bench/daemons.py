@@ -11,11 +11,11 @@ from pathlib import Path
 
 from bench.cells import FLAT_OUT, RELAY_FEW, RELAY_OTHER, Cell
 from bench.pinning import DAEMON_CORE, on_core
-from lab import addresses
-from lab.cluster import Cluster
-from lab.keys import shared_server_key, write_certificate
-from lab.relay import Relay
-from lab.relay_config import RelayConfig
+from lab.database.cluster import Cluster
+from lab.protocol.keys import shared_server_key, write_certificate
+from lab.relay.config import RelayConfig
+from lab.relay.relay import Relay
+from lab.support import addresses
 
 ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build" / "bench" / "bin"

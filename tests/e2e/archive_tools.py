@@ -9,12 +9,12 @@ from pathlib import Path
 
 from scripted_endpoint import Post
 
-from lab import archive_json
-from lab.messages import PIPE_CAPTION
-from lab.relay import Relay
-from lab.stations import Captioner, Encoder
-from lab.stopwatch import Stopwatch
-from lab.waiting import patient
+from lab.archive import posted_json
+from lab.protocol.messages import PIPE_CAPTION
+from lab.relay.relay import Relay
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.stopwatch import Stopwatch
+from lab.support.waiting import patient
 
 #: What a caption may take through a relay; on an idle machine it is under a millisecond.
 NOTICEABLE_SECS = 1.0
@@ -71,7 +71,7 @@ def make_lines(relay, make_station, route, count: int) -> list[CaptionLine]:
 
 def archived(posts: Iterable[Post], source: int) -> list[tuple[float, bytes]]:
     """The captions of field 1 that posts hold of a source, as they were said, with their times."""
-    payloads = [archive_json.read(post.body) for post in posts]
+    payloads = [posted_json.read(post.body) for post in posts]
     return [
         (record.time, bytes(byte & 0x7F for byte in record.data))
         for payload in payloads

@@ -12,10 +12,10 @@ from collections.abc import Callable, Iterable
 
 from switching_tools import LOAD_REPORT, got_before_order_fence
 
-from lab import messages
-from lab.audio_socket import AudioSocket
-from lab.audio_stations import AudioReceiver, AudioSource, AudioStation
-from lab.relay import Relay
+from lab.audio.audio_socket import AudioSocket
+from lab.protocol import messages
+from lab.relay.relay import Relay
+from lab.stations.audio_stations import AudioReceiver, AudioSource, AudioStation
 
 REFUSED = "UDP UNAUTHORIZED"
 _fence_flags = itertools.count(100_000)

@@ -17,20 +17,20 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
-from lab.addresses import new_address  # noqa: E402
-from lab.cluster import Cluster, Schema  # noqa: E402
-from lab.connection_server import ConnectionServer  # noqa: E402
-from lab.keys import Certificate, write_certificate  # noqa: E402
-from lab.messages import PIPE_CAPTION  # noqa: E402
-from lab.pytest_relay_log import pytest_runtest_makereport  # noqa: E402, F401
-from lab.pytest_scheduling import (  # noqa: E402, F401
+from lab.database.cluster import Cluster, Schema  # noqa: E402
+from lab.network.relay_network import RelayNetwork  # noqa: E402
+from lab.protocol.keys import Certificate, write_certificate  # noqa: E402
+from lab.protocol.messages import PIPE_CAPTION  # noqa: E402
+from lab.pytest_plugins.relay_log import pytest_runtest_makereport  # noqa: E402, F401
+from lab.pytest_plugins.scheduling import (  # noqa: E402, F401
     pytest_collection_modifyitems,
     pytest_xdist_make_scheduler,
 )
-from lab.relay import Relay  # noqa: E402
-from lab.relay_config import RelayConfig  # noqa: E402
-from lab.relay_network import RelayNetwork  # noqa: E402
-from lab.stations import Captioner, Encoder, Station  # noqa: E402
+from lab.relay.config import RelayConfig  # noqa: E402
+from lab.relay.relay import Relay  # noqa: E402
+from lab.server.connection_server import ConnectionServer  # noqa: E402
+from lab.stations.caption_stations import Captioner, Encoder, Station  # noqa: E402
+from lab.support.addresses import new_address  # noqa: E402
 from peer_tools import StandInPeer  # noqa: E402
 from scripted_endpoint import Answer, ScriptedEndpoint  # noqa: E402
 

@@ -8,12 +8,12 @@ from pathlib import Path
 from audio_tools import listening, on_air
 from switching_tools import got_before_order_fence, in_threads, line_count
 
-from lab.audio_player import ClipListener, ClipPlayer
-from lab.audio_socket import AudioSocket
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION
-from lab.stations import Captioner, Encoder
-from lab.stopwatch import Stopwatch
-from lab.waiting import patient, wait_until
+from lab.audio.audio_socket import AudioSocket
+from lab.audio.clip_player import ClipListener, ClipPlayer
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.stopwatch import Stopwatch
+from lab.support.waiting import patient, wait_until
 
 DATAGRAMS = 60_000
 PROGRAM = 5

@@ -13,14 +13,15 @@ import time
 from collections import deque
 from typing import NamedTuple
 
-from lab import audio_wire, messages
-from lab.addresses import new_address
-from lab.audio_wire import CHANNELS, PROGRAMS, RELAY_CHANNEL_STEP
-from lab.channel import Channel
-from lab.stations import Station
-from lab.tickets import address_value
-from lab.udp import UdpRow
-from lab.waiting import Deadline, LabTimeout, patient
+from lab.audio import audio_wire
+from lab.audio.audio_wire import CHANNELS, PROGRAMS, RELAY_CHANNEL_STEP
+from lab.audio.udp_row import UdpRow
+from lab.protocol import messages
+from lab.protocol.tickets import address_value
+from lab.stations.caption_stations import Station
+from lab.support.addresses import new_address
+from lab.support.channel import Channel
+from lab.support.waiting import Deadline, LabTimeout, patient
 
 
 class PeerHeard(NamedTuple):

@@ -16,9 +16,9 @@ from http import HTTPStatus
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from typing import NamedTuple
 
-from lab import archive_json
-from lab.addresses import free_port, new_address
-from lab.waiting import LabTimeout, patient
+from lab.archive import posted_json
+from lab.support.addresses import free_port, new_address
+from lab.support.waiting import LabTimeout, patient
 
 #: A relay looks after its archive every 15 seconds; captions of up to two such periods wait.
 PASS_SECS = 40.0
@@ -50,9 +50,9 @@ class Post(NamedTuple):
     body: bytes
 
     @property
-    def payload(self) -> archive_json.Payload:
+    def payload(self) -> posted_json.Payload:
         """What it says, to the byte as relays write it."""
-        return archive_json.read(self.body)
+        return posted_json.read(self.body)
 
 
 class _Handler(BaseHTTPRequestHandler):

@@ -13,11 +13,11 @@ import threading
 import time
 from collections.abc import Callable, Iterable
 
-from lab import messages, wire
-from lab.connection_server import ConnectionServer
-from lab.relay import Relay
-from lab.stations import Station
-from lab.waiting import Deadline, LabTimeout, patient, wait_until
+from lab.protocol import messages, wire
+from lab.relay.relay import Relay
+from lab.server.connection_server import ConnectionServer
+from lab.stations.caption_stations import Station
+from lab.support.waiting import Deadline, LabTimeout, patient, wait_until
 
 #: A type that relays deliver to the destination in the header.
 TYPE_DIRECT = 9

@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages, wire
+from lab.protocol import messages, wire
 
 
 @pytest.fixture(params=["plain", "tls"])

@@ -4,9 +4,9 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages
-from lab.crowd import Crowd
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.stations.crowd import Crowd
+from lab.support.waiting import wait_until
 
 _CROWD = 1550
 _WAVE = 155

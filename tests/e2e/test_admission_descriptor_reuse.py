@@ -7,10 +7,11 @@ import random
 
 import pytest
 
-from lab import channel, messages
-from lab.addresses import new_address
-from lab.crowd import Crowd, source_addresses
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.stations.crowd import Crowd, source_addresses
+from lab.support import channel
+from lab.support.addresses import new_address
+from lab.support.waiting import wait_until
 
 _PAIRS = 12
 

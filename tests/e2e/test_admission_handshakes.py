@@ -6,7 +6,8 @@ import ssl
 
 import pytest
 
-from lab import channel, messages, wire
+from lab.protocol import messages, wire
+from lab.support import channel
 
 _FAILED = "SSL handshake failed on socket "
 

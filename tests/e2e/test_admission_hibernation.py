@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import pytest
 
-from lab import channel
+from lab.support import channel
 
 _AWAY_SECS = 3
 _ASLEEP = (

@@ -6,9 +6,10 @@ import time
 
 import pytest
 
-from lab import channel, messages
-from lab.addresses import new_address
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.support import channel
+from lab.support.addresses import new_address
+from lab.support.waiting import wait_until
 
 _CONNECTS = 99
 _LOGINS = 9

@@ -5,8 +5,8 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages, wire
-from lab.stations import Captioner, Encoder
+from lab.protocol import messages, wire
+from lab.stations.caption_stations import Captioner, Encoder
 
 _BUDGET = 20000
 _EARLIER_LOGIN = "log in net message recieved from tessel1 client"

@@ -8,10 +8,10 @@ from pathlib import Path
 
 import pytest
 
-from lab import messages
-from lab.crowd import Crowd
-from lab.stations import Captioner, Encoder
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.stations.crowd import Crowd
+from lab.support.waiting import wait_until
 
 _LIMIT = 64
 _EMFILE = 24

@@ -4,9 +4,10 @@ from __future__ import annotations
 
 import pytest
 
-from lab import channel, messages
-from lab.addresses import new_address
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.support import channel
+from lab.support.addresses import new_address
+from lab.support.waiting import wait_until
 
 pytestmark = pytest.mark.threads
 

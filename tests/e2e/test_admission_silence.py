@@ -4,8 +4,9 @@ from __future__ import annotations
 
 import time
 
-from lab import channel, messages
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.support import channel
+from lab.support.waiting import wait_until
 
 _TIME_OUT_SECS = 15
 #: The timers run every 4 seconds; the rest is for slow machines.

@@ -8,8 +8,8 @@ import time
 
 import pytest
 
-from lab import messages
-from lab.crowd import Crowd
+from lab.protocol import messages
+from lab.stations.crowd import Crowd
 
 
 def _kind_of_descriptor(relay, number):

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages, wire
+from lab.protocol import messages, wire
 
 _IMPROPER = "ticket rejected: improper length"
 

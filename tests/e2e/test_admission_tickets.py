@@ -10,7 +10,7 @@ import time
 
 import pytest
 
-from lab import messages, tickets
+from lab.protocol import messages, tickets
 
 _ATTEMPTS = 30
 _MISMATCH = "Client login ticket rejected for registration info mismatch"

@@ -6,7 +6,7 @@ import pytest
 from archive_tools import assert_archived, make_lines
 from scripted_endpoint import PASS_SECS
 
-from lab.archive_endpoint import ArchiveEndpoint
+from lab.archive.endpoint import ArchiveEndpoint
 
 
 @pytest.fixture

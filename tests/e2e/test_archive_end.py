@@ -9,11 +9,11 @@ import pytest
 from archive_tools import make_lines
 from scripted_endpoint import PASS_SECS, Answer
 
-from lab.addresses import new_address
-from lab.messages import Caption
-from lab.stations import Captioner
-from lab.stopwatch import Stopwatch
-from lab.waiting import patient, wait_until
+from lab.protocol.messages import Caption
+from lab.stations.caption_stations import Captioner
+from lab.support.addresses import new_address
+from lab.support.stopwatch import Stopwatch
+from lab.support.waiting import patient, wait_until
 
 pytestmark = pytest.mark.threads
 

@@ -5,9 +5,9 @@ from __future__ import annotations
 import pytest
 from archive_tools import assert_archived, make_lines, private_bytes
 
-from lab.messages import Caption, Heartbeat
-from lab.stations import Captioner
-from lab.waiting import Deadline
+from lab.protocol.messages import Caption, Heartbeat
+from lab.stations.caption_stations import Captioner
+from lab.support.waiting import Deadline
 
 #: Once between heartbeats of the relay, which come every 4 seconds: it drops no client for that.
 BURST, CHUNK = 60_000, 2_000

@@ -4,9 +4,9 @@ from __future__ import annotations
 
 from archive_tools import CaptionLine, assert_archived
 
-from lab.messages import PIPE_CAPTION, Caption
-from lab.relay_config import RelayConfig
-from lab.stations import Captioner, Encoder
+from lab.protocol.messages import PIPE_CAPTION, Caption
+from lab.relay.config import RelayConfig
+from lab.stations.caption_stations import Captioner, Encoder
 
 
 def test_each_relay_archives_its_own_stations_alone(make_network, make_endpoint):

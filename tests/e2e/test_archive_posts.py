@@ -9,7 +9,7 @@ import pytest
 from archive_tools import TICK_SECS, archived, assert_archived, make_lines
 from switching_tools import line_count
 
-from lab.messages import Caption
+from lab.protocol.messages import Caption
 
 pytestmark = pytest.mark.threads
 

@@ -9,9 +9,9 @@ from archive_tools import archived, assert_archived, make_lines
 from scripted_endpoint import PASS_SECS, Answer
 from switching_tools import got_before_fence
 
-from lab.messages import Caption
-from lab.stations import Captioner
-from lab.waiting import patient
+from lab.protocol.messages import Caption
+from lab.stations.caption_stations import Captioner
+from lab.support.waiting import patient
 
 RETRY = "Consecutive retry errors: {}"
 ISSUE = "WARNING: Archive posting issue - "

@@ -8,9 +8,9 @@ import pytest
 from archive_tools import archived, assert_archived, make_lines, private_bytes
 from scripted_endpoint import Answer
 
-from lab.messages import Caption
-from lab.stations import Captioner
-from lab.tracer import LoopTracer
+from lab.protocol.messages import Caption
+from lab.stations.caption_stations import Captioner
+from lab.support.tracer import LoopTracer
 
 #: What memory may grow by while bodies of hundreds of megabytes come.
 GROWTH_BYTES = 24 << 20

@@ -9,7 +9,7 @@ import pytest
 from archive_tools import assert_archived, make_lines
 from scripted_endpoint import PASS_SECS, Answer
 
-from lab.waiting import patient
+from lab.support.waiting import patient
 
 pytestmark = pytest.mark.long
 

@@ -9,8 +9,8 @@ import pytest
 from audio_tools import listening, on_air
 from switching_tools import got_before_order_fence
 
-from lab.messages import PIPE_AUDIO, AudioConfirm
-from lab.tracer import LoopTracer
+from lab.protocol.messages import PIPE_AUDIO, AudioConfirm
+from lab.support.tracer import LoopTracer
 
 PROGRAM = 3
 CONFIRMED = 300

@@ -8,10 +8,10 @@ import itertools
 import pytest
 from audio_tools import listening, on_air
 
-from lab.addresses import new_address
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.messages import PIPE_AUDIO, LostConnection
-from lab.waiting import wait_until
+from lab.protocol.messages import PIPE_AUDIO, LostConnection
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.support.addresses import new_address
+from lab.support.waiting import wait_until
 
 BURST = 200
 

@@ -8,9 +8,9 @@ import contextlib
 import pytest
 from audio_tools import listening, on_air
 
-from lab.audio_player import ClipListener, ClipPlayer
-from lab.audio_wire import CHANNELS
-from lab.messages import PIPE_AUDIO
+from lab.audio.audio_wire import CHANNELS
+from lab.audio.clip_player import ClipListener, ClipPlayer
+from lab.protocol.messages import PIPE_AUDIO
 
 SECONDS = 3
 #: An encoder of 20 ms packets.

@@ -7,8 +7,8 @@ import pytest
 from audio_tools import on_air, register
 from switching_tools import got_before_order_fence
 
-from lab.audio_stations import AudioSource
-from lab.messages import AudioConfirm
+from lab.protocol.messages import AudioConfirm
+from lab.stations.audio_stations import AudioSource
 
 CONFIRMED = 300
 

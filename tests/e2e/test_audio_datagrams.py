@@ -10,11 +10,11 @@ import struct
 import pytest
 from audio_tools import listening, on_air
 
-from lab import audio_wire
-from lab.addresses import new_address
-from lab.audio_socket import AudioSocket
-from lab.audio_stations import AudioSource
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION
+from lab.audio import audio_wire
+from lab.audio.audio_socket import AudioSocket
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION
+from lab.stations.audio_stations import AudioSource
+from lab.support.addresses import new_address
 
 
 @pytest.fixture

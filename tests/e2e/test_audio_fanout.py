@@ -4,10 +4,10 @@ from __future__ import annotations
 
 from audio_tools import listening, on_air
 
-from lab.addresses import new_address
-from lab.audio_socket import AudioSocket
-from lab.audio_stations import AudioStation
-from lab.messages import PIPE_AUDIO
+from lab.audio.audio_socket import AudioSocket
+from lab.protocol.messages import PIPE_AUDIO
+from lab.stations.audio_stations import AudioStation
+from lab.support.addresses import new_address
 
 RECEIVERS = 100
 PER_ADDRESS = 50

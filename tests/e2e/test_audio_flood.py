@@ -17,9 +17,9 @@ from flood_tools import (
     settle,
 )
 
-from lab import audio_wire
-from lab.addresses import new_address
-from lab.audio_stations import AudioStation
+from lab.audio import audio_wire
+from lab.stations.audio_stations import AudioStation
+from lab.support.addresses import new_address
 
 #: Discarded datagrams until one is reported, that one included.
 PER_REPORT = 1002

@@ -18,10 +18,10 @@ from flood_tools import (
     settle,
 )
 
-from lab import audio_wire
-from lab.addresses import new_address
-from lab.audio_stations import AudioStation
-from lab.messages import PIPE_AUDIO
+from lab.audio import audio_wire
+from lab.protocol.messages import PIPE_AUDIO
+from lab.stations.audio_stations import AudioStation
+from lab.support.addresses import new_address
 
 TOLD_PER_SEC = 200
 

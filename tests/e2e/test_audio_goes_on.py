@@ -10,11 +10,11 @@ import pytest
 from audio_tools import listening, on_air
 from switching_tools import in_threads
 
-from lab.audio_player import ClipListener, ClipPlayer
-from lab.crowd import Crowd
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION, LostConnection
-from lab.stations import Captioner, Encoder
-from lab.waiting import patient
+from lab.audio.clip_player import ClipListener, ClipPlayer
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.stations.crowd import Crowd
+from lab.support.waiting import patient
 
 #: A gap that nobody who listens would miss.
 NOTICEABLE_SECS = 1.0

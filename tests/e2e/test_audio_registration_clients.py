@@ -6,10 +6,10 @@ from __future__ import annotations
 import pytest
 from audio_tools import fence, listening, on_air, outcome, register
 
-from lab.addresses import new_address
-from lab.audio_socket import AudioSocket
-from lab.audio_stations import AudioReceiver, AudioSource, AudioStation
-from lab.messages import PIPE_AUDIO, LostConnection
+from lab.audio.audio_socket import AudioSocket
+from lab.protocol.messages import PIPE_AUDIO, LostConnection
+from lab.stations.audio_stations import AudioReceiver, AudioSource, AudioStation
+from lab.support.addresses import new_address
 
 PROGRAM = 1
 _NOT_CONNECTED = (

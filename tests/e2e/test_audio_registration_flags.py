@@ -9,8 +9,8 @@ from __future__ import annotations
 import pytest
 from audio_tools import REFUSED, listening, on_air, register
 
-from lab.audio_stations import AudioStation
-from lab.messages import PIPE_AUDIO, TicketRequest
+from lab.protocol.messages import PIPE_AUDIO, TicketRequest
+from lab.stations.audio_stations import AudioStation
 
 RECEIVE, CALL_BACK, SEND = 1, 2, 4
 PROGRAM = 3

@@ -6,9 +6,9 @@ from __future__ import annotations
 import pytest
 from audio_tools import REFUSED, fence, listening, on_air, outcome, register
 
-from lab import audio_wire
-from lab.audio_stations import AudioStation
-from lab.messages import PIPE_AUDIO, RelayConnect
+from lab.audio import audio_wire
+from lab.protocol.messages import PIPE_AUDIO, RelayConnect
+from lab.stations.audio_stations import AudioStation
 
 _REGISTRATION = RelayConnect.TYPE
 _ARRIVED = "UDP registration messages from source"

@@ -11,8 +11,8 @@ import time
 import pytest
 from audio_tools import REFUSED, register
 
-from lab.audio_stations import AudioStation
-from lab.waiting import wait_until
+from lab.stations.audio_stations import AudioStation
+from lab.support.waiting import wait_until
 
 _ATTEMPTS = 30
 _LOGINS = 9

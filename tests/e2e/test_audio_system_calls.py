@@ -7,9 +7,9 @@ import time
 import pytest
 from audio_tools import listening, on_air
 
-from lab.messages import PIPE_AUDIO, Heartbeat
-from lab.tracer import LoopTracer
-from lab.waiting import Deadline
+from lab.protocol.messages import PIPE_AUDIO, Heartbeat
+from lab.support.tracer import LoopTracer
+from lab.support.waiting import Deadline
 
 DATAGRAMS = 290
 RECEIVERS = 10

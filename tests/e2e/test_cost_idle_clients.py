@@ -13,12 +13,12 @@ import time
 import pytest
 from audio_tools import listening, on_air
 
-from lab.audio_socket import AudioSocket
-from lab.crowd import Crowd
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION, Heartbeat
-from lab.stations import Captioner, Encoder
-from lab.tracer import LoopTracer, TooManySteps
-from lab.waiting import Deadline, wait_until
+from lab.audio.audio_socket import AudioSocket
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION, Heartbeat
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.stations.crowd import Crowd
+from lab.support.tracer import LoopTracer, TooManySteps
+from lab.support.waiting import Deadline, wait_until
 
 FEW, MANY = 10, 5000
 WAVE = 250

@@ -9,14 +9,15 @@ from pathlib import Path
 
 import pytest
 
-from lab import audio_player, play_cast, run
-from lab.archive_endpoint import ArchiveEndpoint
-from lab.play import Play
-from lab.play_archive import Archive
-from lab.play_faults import LEAST_SECS
-from lab.play_speakers import CaptionSpeaker
-from lab.relay import Relay, binary_path
-from lab.waiting import LabTimeout
+from lab.archive.endpoint import ArchiveEndpoint
+from lab.audio import clip_player
+from lab.play import cast, run
+from lab.play.archive import Archive
+from lab.play.faults import LEAST_SECS
+from lab.play.play import Play
+from lab.play.speakers import CaptionSpeaker
+from lab.relay.relay import Relay, binary_path
+from lab.support.waiting import LabTimeout
 
 ROOT = Path(__file__).resolve().parents[2]
 GOOD = "Nothing was lost or changed."
@@ -25,7 +26,7 @@ FLOWS = 9
 
 def begin(*options):
     return subprocess.Popen(
-        [sys.executable, "-m", "lab.run", *options],
+        [sys.executable, "-m", "lab.play.run", *options],
         cwd=ROOT,
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
@@ -128,9 +129,9 @@ def fails(capsys, seconds=2, fault=""):
 
 
 def test_a_missing_route_is_noticed(monkeypatch, capsys):
-    route = play_cast.Cast.route
+    route = cast.Cast.route
     monkeypatch.setattr(
-        play_cast.Cast, "route", lambda cast, to: to.name == "receiver 2" or route(cast, to)
+        cast.Cast, "route", lambda cast, to: to.name == "receiver 2" or route(cast, to)
     )
     shown = fails(capsys)
     assert "receiver 2, sound: 100 LOST" in shown and "receiver 1, sound: " not in shown
@@ -151,12 +152,12 @@ def test_a_relay_that_dies_is_noticed(monkeypatch, capsys):
 
 
 def test_a_changed_datagram_is_noticed(monkeypatch, capsys):
-    sent = audio_player.ClipPlayer.sent
+    sent = clip_player.ClipPlayer.sent
 
     def other(player, channel=0):
         return [b"?" + one if n == 9 else one for n, one in enumerate(sent(player, channel))]
 
-    monkeypatch.setattr(audio_player.ClipPlayer, "sent", other)
+    monkeypatch.setattr(clip_player.ClipPlayer, "sent", other)
     shown = fails(capsys)
     assert shown.count("1 CHANGED") == shown.count("1 LOST OR CHANGED") == 6
 

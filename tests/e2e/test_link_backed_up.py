@@ -7,10 +7,10 @@ import itertools
 
 import pytest
 
-from lab import messages
-from lab.addresses import new_address
-from lab.stations import Captioner, Encoder
-from lab.waiting import Deadline
+from lab.protocol import messages
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.addresses import new_address
+from lab.support.waiting import Deadline
 
 _BROKEN = "socket broken sending message to connection server!"
 #: Messages of one client in a row.

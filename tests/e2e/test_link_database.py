@@ -6,9 +6,9 @@ from __future__ import annotations
 import pytest
 from switching_tools import line_count
 
-from lab import messages
-from lab.stations import Captioner, Encoder
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.waiting import wait_until
 
 _DOWN = "PostgreSQL database not connected!"
 

@@ -2,9 +2,9 @@
 
 from __future__ import annotations
 
-from lab import messages
-from lab.addresses import new_address
-from lab.connection_server import Fault
+from lab.protocol import messages
+from lab.server.connection_server import Fault
+from lab.support.addresses import new_address
 
 _ATTEMPT = "Attempting connection to server "
 _UNRESOLVED = "gethostbyname failed: invalid server."

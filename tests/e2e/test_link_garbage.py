@@ -7,10 +7,10 @@ import random
 
 import pytest
 
-from lab import messages, wire
-from lab.channel import PeerClosed
-from lab.connection_server import Fault
-from lab.waiting import LabTimeout
+from lab.protocol import messages, wire
+from lab.server.connection_server import Fault
+from lab.support.channel import PeerClosed
+from lab.support.waiting import LabTimeout
 
 #: A log-out ends the link and a challenge begins a new login: these have tests of their own.
 _ENDS_THE_LINK = (messages.LogOut.TYPE, messages.Challenge.TYPE)

@@ -3,8 +3,8 @@ goes on trying."""
 
 from __future__ import annotations
 
-from lab import messages
-from lab.keys import public_pem_of
+from lab.protocol import messages
+from lab.protocol.keys import public_pem_of
 
 
 def _refuses_to_log_in(relay, server):

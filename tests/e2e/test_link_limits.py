@@ -5,8 +5,8 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages, wire
-from lab.stations import Station
+from lab.protocol import messages, wire
+from lab.stations.caption_stations import Station
 
 _INVALID = "Connserver message with invalid sender id string and len {} received, ignoring message"
 

@@ -5,9 +5,9 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages
-from lab.keys import shared_server_key
-from lab.tickets import address_value
+from lab.protocol import messages
+from lab.protocol.keys import shared_server_key
+from lab.protocol.tickets import address_value
 
 
 @pytest.fixture(params=["plain", "tls"])

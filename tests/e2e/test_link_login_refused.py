@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages
+from lab.protocol import messages
 
 _REFUSALS = [code for code in messages.RETURN_CODES if code not in ("OK", "NO CONTINUE")]
 _UNKNOWN = ["BRAND NEW CODE", "", "11", "-1", "~" * 30, "%s%n"]

@@ -3,7 +3,7 @@ after a reconnect, and which are not."""
 
 from __future__ import annotations
 
-from lab import messages
+from lab.protocol import messages
 
 
 def _losses_on(server, link):

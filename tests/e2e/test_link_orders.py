@@ -7,7 +7,7 @@ import signal
 
 import pytest
 
-from lab import messages
+from lab.protocol import messages
 
 _MANY = 300
 

@@ -5,8 +5,8 @@ from __future__ import annotations
 
 from switching_tools import got_before_fence
 
-from lab import messages, wire
-from lab.waiting import wait_until
+from lab.protocol import messages, wire
+from lab.support.waiting import wait_until
 
 _TRACE = "TRACE: connection to CS not active, "
 #: Types that mean nothing to a server that was not there.

@@ -5,10 +5,10 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages
-from lab.connection_server import Fault
-from lab.stations import Captioner, Encoder
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.server.connection_server import Fault
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.waiting import wait_until
 
 _STAGES = ("accept", "challenge", "login")
 #: One attempt at each tick of the relay's timers.

@@ -5,8 +5,8 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages
-from lab.stations import Captioner, Encoder
+from lab.protocol import messages
+from lab.stations.caption_stations import Captioner, Encoder
 
 
 @pytest.fixture(params=["plain", "tls"])

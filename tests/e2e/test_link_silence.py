@@ -6,9 +6,9 @@ from __future__ import annotations
 import contextlib
 import socket
 
-from lab import messages
-from lab.addresses import new_address
-from lab.connection_server import PLAIN_PORT, Fault
+from lab.protocol import messages
+from lab.server.connection_server import PLAIN_PORT, Fault
+from lab.support.addresses import new_address
 
 #: Fifteen seconds of silence and a tick of the timers.
 _GIVEN_UP_SECS = 30

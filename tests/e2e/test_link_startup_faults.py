@@ -6,9 +6,9 @@ from __future__ import annotations
 
 import pytest
 
-from lab import messages
-from lab.connection_server import Fault
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.server.connection_server import Fault
+from lab.support.waiting import wait_until
 
 _STAGES = ("accept", "challenge", "login")
 

@@ -6,13 +6,13 @@ import contextlib
 
 import pytest
 
-from lab import ogg_opus
-from lab.audio_listener import ClipListener
-from lab.audio_player import CLIP, ClipPlayer
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.audio_wire import CHANNELS, PROGRAMS
-from lab.crowd import source_addresses
-from lab.messages import PIPE_AUDIO
+from lab.audio.audio_wire import CHANNELS, PROGRAMS
+from lab.audio.clip_listener import ClipListener
+from lab.audio.clip_player import CLIP, ClipPlayer
+from lab.media import ogg_opus
+from lab.protocol.messages import PIPE_AUDIO
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.stations.crowd import source_addresses
 
 _SECS = 1.5
 

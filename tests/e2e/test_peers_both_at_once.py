@@ -6,11 +6,11 @@ import signal
 
 import pytest
 
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.audio_wire import PROGRAMS
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION
-from lab.stations import Captioner, Encoder
-from lab.waiting import wait_until
+from lab.audio.audio_wire import PROGRAMS
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.waiting import wait_until
 
 _OTHER = {"east": "west", "west": "east"}
 _IDS = {"east": 1000, "west": 1001}

@@ -5,10 +5,10 @@ from __future__ import annotations
 import pytest
 from switching_tools import arriving_image, got_before_fence
 
-from lab import messages
-from lab.messages import Caption, Chat, Opaque
-from lab.stations import Captioner, Encoder, Monitor, video_pages
-from lab.tickets import read_ticket
+from lab.protocol import messages
+from lab.protocol.messages import Caption, Chat, Opaque
+from lab.protocol.tickets import read_ticket
+from lab.stations.caption_stations import Captioner, Encoder, Monitor, video_pages
 
 #: Types that go by routes, with their pipe types; the last ones are known by their top bits.
 ROUTED = [(3, 128), (5, 192), (6, 160), (7, 192), (128, 128), (160, 160), (200, 192), (33, 32)]

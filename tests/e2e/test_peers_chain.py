@@ -5,10 +5,11 @@ from __future__ import annotations
 
 import pytest
 
-from lab import audio_wire, messages
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION, PIPE_CHAT
-from lab.stations import Captioner, Encoder
+from lab.audio import audio_wire
+from lab.protocol import messages
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION, PIPE_CHAT
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.stations.caption_stations import Captioner, Encoder
 
 NAMES = ("east", "west", "north")
 EAST, WEST, NORTH = 1000, 1001, 1002

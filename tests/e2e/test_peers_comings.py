@@ -9,13 +9,13 @@ import threading
 import pytest
 from switching_tools import got_before_fence
 
-from lab import messages
-from lab.audio_listener import ClipListener
-from lab.audio_player import ClipPlayer
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION, LostConnection
-from lab.stations import Captioner, Encoder
-from lab.waiting import Deadline, LabTimeout
+from lab.audio.clip_listener import ClipListener
+from lab.audio.clip_player import ClipPlayer
+from lab.protocol import messages
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION, LostConnection
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.waiting import Deadline, LabTimeout
 
 _PROGRAM = 3
 

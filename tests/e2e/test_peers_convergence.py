@@ -7,12 +7,13 @@ import pytest
 from peer_tools import StandInPeer
 from switching_tools import got_before_fence, in_threads
 
-from lab import join_log, messages
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.audio_wire import PROGRAMS
-from lab.messages import PIPE_AUDIO, TicketRequest
-from lab.stations import Station
-from lab.waiting import Deadline, LabTimeout, patient
+from lab.audio.audio_wire import PROGRAMS
+from lab.protocol import messages
+from lab.protocol.messages import PIPE_AUDIO, TicketRequest
+from lab.relay import join_log
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.stations.caption_stations import Station
+from lab.support.waiting import Deadline, LabTimeout, patient
 
 pytestmark = pytest.mark.long
 

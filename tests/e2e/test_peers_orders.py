@@ -6,9 +6,9 @@ import pytest
 from peer_tools import StandInPeer
 from switching_tools import got_before_order_fence, line_count
 
-from lab.addresses import free_port
-from lab.messages import ConnectConfirm, LostConnection
-from lab.waiting import wait_until
+from lab.protocol.messages import ConnectConfirm, LostConnection
+from lab.support.addresses import free_port
+from lab.support.waiting import wait_until
 
 
 def _obeyed(relay, station):

@@ -7,10 +7,10 @@ import socket
 from peer_tools import StandInPeer
 from switching_tools import got_before_fence, got_before_order_fence, line_count
 
-from lab import messages
-from lab.addresses import new_address
-from lab.messages import LostConnection
-from lab.waiting import wait_until
+from lab.protocol import messages
+from lab.protocol.messages import LostConnection
+from lab.support.addresses import new_address
+from lab.support.waiting import wait_until
 
 
 def _obeyed(relay, station):

@@ -5,11 +5,12 @@ from __future__ import annotations
 import pytest
 from switching_tools import line_count
 
-from lab import audio_wire, messages
-from lab.audio_wire import CALL_BACK, RECEIVE, SEND
-from lab.messages import Caption
-from lab.stations import Captioner
-from lab.waiting import LabTimeout
+from lab.audio import audio_wire
+from lab.audio.audio_wire import CALL_BACK, RECEIVE, SEND
+from lab.protocol import messages
+from lab.protocol.messages import Caption
+from lab.stations.caption_stations import Captioner
+from lab.support.waiting import LabTimeout
 
 LIMIT = 6_000_000
 

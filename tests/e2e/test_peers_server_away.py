@@ -4,10 +4,10 @@ from __future__ import annotations
 
 import pytest
 
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.audio_wire import PROGRAMS
-from lab.messages import PIPE_AUDIO, PIPE_CAPTION, ConnectConfirm, LostConnection
-from lab.stations import Captioner, Encoder
+from lab.audio.audio_wire import PROGRAMS
+from lab.protocol.messages import PIPE_AUDIO, PIPE_CAPTION, ConnectConfirm, LostConnection
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.stations.caption_stations import Captioner, Encoder
 
 
 @pytest.fixture(name="crossing")

@@ -5,9 +5,9 @@ from __future__ import annotations
 import pytest
 from switching_tools import got_before_fence, got_before_order_fence
 
-from lab import messages, wire
-from lab.messages import Caption, ConnectConfirm, LostConnection
-from lab.waiting import wait_until
+from lab.protocol import messages, wire
+from lab.protocol.messages import Caption, ConnectConfirm, LostConnection
+from lab.support.waiting import wait_until
 
 LIMIT = 6_000_000
 

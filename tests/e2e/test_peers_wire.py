@@ -7,11 +7,12 @@ import socket
 import pytest
 from peer_tools import StandInPeer
 
-from lab import audio_wire, messages, wire
-from lab.addresses import new_address
-from lab.audio_stations import AudioReceiver, AudioSource
-from lab.audio_wire import CALL_BACK, CHANNELS, PROGRAMS, RECEIVE, SEND
-from lab.messages import PIPE_AUDIO
+from lab.audio import audio_wire
+from lab.audio.audio_wire import CALL_BACK, CHANNELS, PROGRAMS, RECEIVE, SEND
+from lab.protocol import messages, wire
+from lab.protocol.messages import PIPE_AUDIO
+from lab.stations.audio_stations import AudioReceiver, AudioSource
+from lab.support.addresses import new_address
 
 ALL_FLAGS = RECEIVE | CALL_BACK | SEND
 

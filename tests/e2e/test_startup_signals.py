@@ -6,7 +6,7 @@ import signal
 
 import pytest
 
-from lab.connection_server import Fault
+from lab.server.connection_server import Fault
 
 pytestmark = pytest.mark.threads
 

@@ -6,7 +6,7 @@ import socket
 
 import pytest
 
-from lab.keys import ServerKey
+from lab.protocol.keys import ServerKey
 
 pytestmark = pytest.mark.threads
 

@@ -5,9 +5,9 @@ from __future__ import annotations
 
 from switching_tools import got_before_order_fence, line_count
 
-from lab.message import signed32
-from lab.messages import PIPE_CAPTION, PIPE_CHAT, LostConnection
-from lab.stations import Captioner, Encoder
+from lab.protocol.message import signed32
+from lab.protocol.messages import PIPE_CAPTION, PIPE_CHAT, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder
 
 ABSENT = "Got a routing insert request for client ID {}, but it's not currently one connected to"
 AND_SO = " this relay. Re-confirming that to conn server"

@@ -6,9 +6,9 @@ from __future__ import annotations
 import pytest
 from switching_tools import arriving_image, got_before_fence, images, in_threads
 
-from lab import messages, wire
-from lab.messages import PIPE_CAPTION, Caption, LostConnection
-from lab.stations import Captioner, Encoder
+from lab.protocol import messages, wire
+from lab.protocol.messages import PIPE_CAPTION, Caption, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder
 
 pytestmark = pytest.mark.threads
 

@@ -12,8 +12,8 @@ from switching_tools import (
     line_count,
 )
 
-from lab.messages import PIPE_CAPTION, PIPE_CHAT, Chat
-from lab.stations import Captioner, Encoder
+from lab.protocol.messages import PIPE_CAPTION, PIPE_CHAT, Chat
+from lab.stations.caption_stations import Captioner, Encoder
 
 
 @pytest.fixture

@@ -14,9 +14,9 @@ from switching_tools import (
     line_count,
 )
 
-from lab.messages import PIPE_CAPTION, LostConnection
-from lab.stations import Captioner, Encoder
-from lab.waiting import Deadline
+from lab.protocol.messages import PIPE_CAPTION, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.waiting import Deadline
 
 
 @pytest.fixture

@@ -14,9 +14,9 @@ from switching_tools import (
     server_heard,
 )
 
-from lab import messages
-from lab.messages import Opaque
-from lab.stations import Captioner, Encoder, Station
+from lab.protocol import messages
+from lab.protocol.messages import Opaque
+from lab.stations.caption_stations import Captioner, Encoder, Station
 
 IGNORED = "Message with invalid sender id string"
 DIRECT_TYPES = [9, 11, 0x60, 0x61, 0x6A, 0x70, 0x7F]

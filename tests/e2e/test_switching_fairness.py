@@ -6,10 +6,10 @@ from __future__ import annotations
 import pytest
 from switching_tools import Drain, arriving_image, got_before_fence, in_threads
 
-from lab.messages import PIPE_CAPTION, Caption, LostConnection
-from lab.stations import Captioner, Encoder
-from lab.stopwatch import Stopwatch
-from lab.waiting import patient
+from lab.protocol.messages import PIPE_CAPTION, Caption, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.stopwatch import Stopwatch
+from lab.support.waiting import patient
 
 #: What a caption may take at most while the relay has much else to do. On an idle machine it is
 #: well under a millisecond.

@@ -14,8 +14,8 @@ from switching_tools import (
     line_count,
 )
 
-from lab.messages import PIPE_CAPTION, Caption, Opaque
-from lab.stations import Captioner, Encoder
+from lab.protocol.messages import PIPE_CAPTION, Caption, Opaque
+from lab.stations.caption_stations import Captioner, Encoder
 
 ENCODERS = 50
 

@@ -9,11 +9,11 @@ import random
 import pytest
 from switching_tools import Drain, arriving_image, got_before_fence, images
 
-from lab import wire
-from lab.channel import PeerClosed
-from lab.messages import PIPE_CAPTION, Heartbeat, LogOut, Opaque, Response
-from lab.stations import Captioner, Encoder, Station
-from lab.waiting import LabTimeout
+from lab.protocol import wire
+from lab.protocol.messages import PIPE_CAPTION, Heartbeat, LogOut, Opaque, Response
+from lab.stations.caption_stations import Captioner, Encoder, Station
+from lab.support.channel import PeerClosed
+from lab.support.waiting import LabTimeout
 
 CLASSES = (0, 32, 64, 128, 160, 192)
 #: A log-out or the answer of a relay would change what the client is; other tests send those.

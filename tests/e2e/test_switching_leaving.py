@@ -6,9 +6,9 @@ from __future__ import annotations
 import pytest
 from switching_tools import arriving_image, got_before_fence, images
 
-from lab import messages
-from lab.messages import PIPE_CAPTION, Caption, LogOut, LostConnection
-from lab.stations import Captioner, Encoder, Station
+from lab.protocol import messages
+from lab.protocol.messages import PIPE_CAPTION, Caption, LogOut, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder, Station
 
 pytestmark = pytest.mark.threads
 

@@ -8,10 +8,10 @@ import re
 import pytest
 from switching_tools import got_before_fence, line_count
 
-from lab import messages, wire
-from lab.channel import PeerClosed
-from lab.messages import Heartbeat, LostConnection, Opaque
-from lab.stations import Captioner, Encoder, Station
+from lab.protocol import messages, wire
+from lab.protocol.messages import Heartbeat, LostConnection, Opaque
+from lab.stations.caption_stations import Captioner, Encoder, Station
+from lab.support.channel import PeerClosed
 
 LIMIT = 6_000_000
 FAREWELL = b"Your client has been timed out by its relay\r\n"

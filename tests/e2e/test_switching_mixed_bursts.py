@@ -15,7 +15,7 @@ from switching_tools import (
     in_threads,
 )
 
-from lab.messages import (
+from lab.protocol.messages import (
     PIPE_CAPTION,
     PIPE_CHAT,
     PIPE_VIDEO,
@@ -26,7 +26,7 @@ from lab.messages import (
     Opaque,
     StatusKeyPost,
 )
-from lab.stations import Encoder, Monitor, video_pages
+from lab.stations.caption_stations import Encoder, Monitor, video_pages
 
 KINDS = [False, True]
 #: The payload of a segment on the loopback interface.

@@ -5,9 +5,9 @@ from __future__ import annotations
 import pytest
 from switching_tools import arriving_image, got_before_fence, got_before_order_fence, images
 
-from lab import messages
-from lab.messages import PIPE_CAPTION
-from lab.stations import Captioner, Encoder
+from lab.protocol import messages
+from lab.protocol.messages import PIPE_CAPTION
+from lab.stations.caption_stations import Captioner, Encoder
 
 
 @pytest.fixture

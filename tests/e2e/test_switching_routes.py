@@ -12,9 +12,9 @@ from switching_tools import (
     line_count,
 )
 
-from lab import messages
-from lab.messages import PIPE_CAPTION, PIPE_CHAT
-from lab.stations import Captioner, Encoder
+from lab.protocol import messages
+from lab.protocol.messages import PIPE_CAPTION, PIPE_CHAT
+from lab.stations.caption_stations import Captioner, Encoder
 
 
 @pytest.fixture

@@ -6,10 +6,10 @@ from __future__ import annotations
 import pytest
 from switching_tools import arriving_image, got_before_fence, images, line_count
 
-from lab.channel import PeerClosed
-from lab.messages import PIPE_CAPTION, Caption, LostConnection
-from lab.stations import Captioner, Encoder
-from lab.waiting import LabTimeout
+from lab.protocol.messages import PIPE_CAPTION, Caption, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.channel import PeerClosed
+from lab.support.waiting import LabTimeout
 
 
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])

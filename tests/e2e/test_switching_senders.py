@@ -6,10 +6,10 @@ from __future__ import annotations
 import pytest
 from switching_tools import arriving_image, got_before_fence, images, line_count, server_heard
 
-from lab import messages
-from lab.message import signed32
-from lab.messages import PIPE_CAPTION, Caption, Opaque
-from lab.stations import Captioner, Encoder
+from lab.protocol import messages
+from lab.protocol.message import signed32
+from lab.protocol.messages import PIPE_CAPTION, Caption, Opaque
+from lab.stations.caption_stations import Captioner, Encoder
 
 IGNORED = (
     "Message with invalid sender id string {} and len {} passed from client {}, ignoring message"

@@ -5,9 +5,9 @@ from __future__ import annotations
 import pytest
 from switching_tools import arriving_image, got_before_fence, got_before_order_fence, images
 
-from lab import messages, wire
-from lab.messages import PIPE_CAPTION, Opaque
-from lab.stations import Captioner, Encoder
+from lab.protocol import messages, wire
+from lab.protocol.messages import PIPE_CAPTION, Opaque
+from lab.stations.caption_stations import Captioner, Encoder
 
 IGNORED = "Message with invalid sender id string {} and len {} passed from client {}, ignoring"
 #: No byte of it reads as text, a delimiter or an escape everywhere.

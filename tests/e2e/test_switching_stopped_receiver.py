@@ -8,12 +8,12 @@ import socket
 import pytest
 from switching_tools import Drain, arriving_image, got_before_order_fence, line_count
 
-from lab.addresses import new_address
-from lab.channel import Channel, client_tls_context
-from lab.messages import PIPE_CAPTION, Caption, LostConnection
-from lab.stations import Captioner, Encoder
-from lab.tracer import LoopTracer
-from lab.waiting import patient
+from lab.protocol.messages import PIPE_CAPTION, Caption, LostConnection
+from lab.stations.caption_stations import Captioner, Encoder
+from lab.support.addresses import new_address
+from lab.support.channel import Channel, client_tls_context
+from lab.support.tracer import LoopTracer
+from lab.support.waiting import patient
 
 READERS = 99
 PER_ADDRESS = 50

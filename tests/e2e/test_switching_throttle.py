@@ -5,9 +5,9 @@ from __future__ import annotations
 import pytest
 from switching_tools import got_before_fence, got_before_order_fence, line_count
 
-from lab.messages import PIPE_VIDEO, LostConnection, VideoFeedback
-from lab.stations import Encoder, Monitor
-from lab.waiting import Deadline
+from lab.protocol.messages import PIPE_VIDEO, LostConnection, VideoFeedback
+from lab.stations.caption_stations import Encoder, Monitor
+from lab.support.waiting import Deadline
 
 THROTTLING = "INFO: throttling video frames to client {} due to its outstanding TCP buffer size"
 PAGES = 60

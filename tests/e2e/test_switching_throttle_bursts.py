@@ -6,8 +6,8 @@ from __future__ import annotations
 import pytest
 from switching_tools import got_before_fence, got_before_order_fence, images, line_count
 
-from lab.messages import PIPE_CAPTION, PIPE_VIDEO, Caption
-from lab.stations import Encoder, Monitor, video_pages
+from lab.protocol.messages import PIPE_CAPTION, PIPE_VIDEO, Caption
+from lab.stations.caption_stations import Encoder, Monitor, video_pages
 
 THROTTLING = "INFO: throttling video frames to client {} due to its outstanding TCP buffer size"
 #: Half as much again as a frame may find waiting.

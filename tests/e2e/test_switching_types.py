@@ -13,9 +13,9 @@ from switching_tools import (
     server_heard,
 )
 
-from lab import messages
-from lab.messages import LogOut, Opaque, Response
-from lab.stations import Station
+from lab.protocol import messages
+from lab.protocol.messages import LogOut, Opaque, Response
+from lab.stations.caption_stations import Station
 
 ROUTED_CLASSES = (0, 32, 64, 128, 160, 192)
 DIRECT, SERVER, NOWHERE = "direct", "server", "nowhere"

@@ -11,9 +11,9 @@ from switching_tools import (
     line_count,
 )
 
-from lab import messages
-from lab.messages import PIPE_VIDEO, LostConnection
-from lab.stations import Encoder, Monitor, video_pages
+from lab.protocol import messages
+from lab.protocol.messages import PIPE_VIDEO, LostConnection
+from lab.stations.caption_stations import Encoder, Monitor, video_pages
 
 
 @pytest.fixture

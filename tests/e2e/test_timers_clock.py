@@ -9,7 +9,7 @@ import time
 import pytest
 from switching_tools import got_before_fence
 
-from lab import messages
+from lab.protocol import messages
 
 pytestmark = pytest.mark.long
 

@@ -9,8 +9,8 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from stand_in_relay import StandInRelay  # noqa: E402
 
-from lab import messages  # noqa: E402
-from lab.connection_server import ConnectionServer  # noqa: E402
+from lab.protocol import messages  # noqa: E402
+from lab.server.connection_server import ConnectionServer  # noqa: E402
 
 
 @pytest.fixture

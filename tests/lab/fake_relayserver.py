@@ -20,11 +20,11 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from cryptography.hazmat.primitives import serialization  # noqa: E402
 
-from lab import keys, messages, tickets, wire  # noqa: E402
-from lab.channel import Channel, PeerClosed  # noqa: E402
-from lab.pgwire import PgConnection, SqlError  # noqa: E402
-from lab.stations import Station  # noqa: E402
-from lab.waiting import LabTimeout, wait_until  # noqa: E402
+from lab.database.pgwire import PgConnection, SqlError  # noqa: E402
+from lab.protocol import keys, messages, tickets, wire  # noqa: E402
+from lab.stations.caption_stations import Station  # noqa: E402
+from lab.support.channel import Channel, PeerClosed  # noqa: E402
+from lab.support.waiting import LabTimeout, wait_until  # noqa: E402
 
 FAULT = os.environ.get("FAKE_RELAY_FAULT", "")
 DES_KEY = os.urandom(8)

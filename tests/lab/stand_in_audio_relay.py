@@ -9,13 +9,13 @@ import socket
 import threading
 from collections.abc import Callable
 
-from lab import messages, wire
-from lab.addresses import new_address
-from lab.audio_wire import CHANNELS, PROGRAMS, RECEIVE, SEND
-from lab.channel import Channel, PeerClosed
-from lab.process_log import ProcessLog
-from lab.station import Station
-from lab.udp import UdpRow
+from lab.audio.audio_wire import CHANNELS, PROGRAMS, RECEIVE, SEND
+from lab.audio.udp_row import UdpRow
+from lab.protocol import messages, wire
+from lab.stations.station import Station
+from lab.support.addresses import new_address
+from lab.support.channel import Channel, PeerClosed
+from lab.support.process_log import ProcessLog
 
 
 class StandInAudioRelay:

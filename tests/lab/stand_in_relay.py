@@ -4,9 +4,9 @@ from __future__ import annotations
 
 import os
 
-from lab import messages, wire
-from lab.connection_server import ConnectionServer
-from lab.stations import Station
+from lab.protocol import messages, wire
+from lab.server.connection_server import ConnectionServer
+from lab.stations.caption_stations import Station
 
 
 class StandInRelay(Station):

@@ -1,0 +1,1 @@
+"""A private PostgreSQL cluster, and a client to look into it."""

@@ -1,0 +1,1 @@
+"""One relay or several joined ones with everything around them, ready in two lines."""

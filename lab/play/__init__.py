@@ -1,0 +1,1 @@
+"""The demonstration that ./dev run shows."""

@@ -1,0 +1,1 @@
+"""The wire protocol of stations, relays and connection servers: messages, tickets, keys."""

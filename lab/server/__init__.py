@@ -1,0 +1,1 @@
+"""The stand-in connection server, with scripted faults, a record and orders."""

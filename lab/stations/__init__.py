@@ -1,0 +1,1 @@
+"""The clients of a relay: captioners, encoders, monitors, audio sources and receivers."""

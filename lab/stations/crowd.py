@@ -1,0 +1,96 @@
+"""Many connections at once, from as many addresses as a relay's limit per address asks for.
+
+Nothing here waits for one connection before it opens the next, so a crowd comes as fast as the
+machine allows. Its members say nothing of their own: see to it (`be_heard`) that they are heard
+within the relay's time limits, which a crowd on a busy machine comes to sooner than one may think.
+"""
+
+from __future__ import annotations
+
+import resource
+from collections.abc import Iterator
+
+from lab.protocol import messages
+from lab.server.connection_server import ConnectionServer
+from lab.stations.station import Station
+from lab.support.addresses import new_address
+
+#: Relays refuse the 100th connection of an address; some room is left for tests.
+PER_ADDRESS = 60
+
+
+def raise_descriptor_limit() -> None:
+    """Lets this process hold as many descriptors as it may."""
+    _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+
+
+def source_addresses() -> Iterator[str]:
+    """Addresses to connect from, each as often as a relay admits it."""
+    while True:
+        address = new_address()
+        for _ in range(PER_ADDRESS):
+            yield address
+
+
+class Crowd:
+    """Stations that come and go together. Use as a context manager, or call `close`."""
+
+    def __init__(
+        self, address: str, port: int, *, tls: bool = False, sources: Iterator[str] | None = None
+    ) -> None:
+        """`sources` are the addresses to connect from, for crowds that share them."""
+        raise_descriptor_limit()
+        self._where = (address, port)
+        self._tls = tls
+        self._sources = sources or source_addresses()
+        self.stations: list[Station] = []
+
+    def __enter__(self) -> Crowd:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def connect(self, count: int) -> list[Station]:
+        """`count` more connections, without a word."""
+        new = [
+            Station.connect(*self._where, source_ip=next(self._sources), tls=self._tls)
+            for _ in range(count)
+        ]
+        self.stations += new
+        return new
+
+    @staticmethod
+    def log_in(stations: list[Station], server: ConnectionServer, within_secs: float = 10) -> None:
+        """Logs all in under new ids: every ticket is sent before the first answer is read."""
+        for station in stations:
+            Crowd.send_login(station, server)
+        for station in stations:
+            station.expect(messages.Response, within_secs, return_code="OK")
+
+    @staticmethod
+    def send_login(station: Station, server: ConnectionServer, client_id: int = 0) -> None:
+        """Sends one log-in and does not wait for the answer."""
+        station.client_id = client_id or server.new_client_id()
+        ticket = server.ticket_for(station.client_id)
+        station.send(messages.RelayConnect(station.client_id, ticket))
+
+    def admit(self, count: int, server: ConnectionServer, at_a_time: int = 200) -> list[Station]:
+        """`count` more stations that are logged in."""
+        new: list[Station] = []
+        while len(new) < count:
+            wave = self.connect(min(at_a_time, count - len(new)))
+            self.log_in(wave, server)
+            new += wave
+        return new
+
+    def be_heard(self) -> None:
+        """A heartbeat of everyone."""
+        for station in self.stations:
+            station.send(messages.Heartbeat())
+
+    def close(self) -> None:
+        for station in self.stations:
+            station.close()
+        self.stations.clear()
