@@ -1,7 +1,7 @@
-"""A network in a box: everything a relay talks to, in Python, on loopback addresses.
+"""A network in a box: everything a relay communicates with, in Python, on loopback addresses.
 
-The wire protocol is written here a second time, independently of the C++ sources, so that the
-two implementations check each other. Nothing in this package prints except lab.play.
+The wire protocol is implemented here a second time, independently of the C++ sources, so that
+the two implementations check each other. Nothing in this package prints except lab.play.
 
 From the bottom up; a folder imports only from those above it:
 
@@ -16,5 +16,5 @@ From the bottom up; a folder imports only from those above it:
     archive         a web server that takes what relays archive, and a reader of that
     network         all of the above put together in two lines, for one relay or several joined ones
     play            the demonstration that ./dev run shows
-    pytest_plugins  relay logs in the report of a failed test, the dealing out of tests
+    pytest_plugins  relay logs in the report of a failed test, the distribution of tests
 """

@@ -7,7 +7,7 @@
         bodies = [post.body for post in endpoint.posts()]
 
 Each instance has a temporary folder, a loopback address and a port of its own. Root starts the
-server as www-data from the first: it needs no rights, and what it stores needs no others.
+server as www-data: it needs no other rights, and neither do the files that it stores.
 """
 
 from __future__ import annotations
@@ -36,7 +36,7 @@ _MODULES = (
     "mpm_event", "authn_core", "authn_file", "authz_core", "authz_user", "auth_digest", "alias",
     "cgi", "env",
 )  # fmt: skip
-#: Every address is the archive's, whatever is appended to it.
+#: Every path is served by the archive, whatever is appended to it.
 _CONFIGURATION = """
 ServerRoot "{folder}"
 ServerName {address}
@@ -59,11 +59,11 @@ SetEnv ARCHIVE_FOLDER "{folder}/posts"
 
 
 class Post(NamedTuple):
-    """One body that was posted, with what is known of its request."""
+    """One posted body, with what is known about its request."""
 
     #: When it was stored, in seconds since 1970.
     arrived: float
-    #: The address without the server's part, with the query.
+    #: Path and query of the request.
     uri: str
     content_type: str
     user: str
@@ -72,8 +72,8 @@ class Post(NamedTuple):
 
 class ArchiveEndpoint:
     """Use as a context manager, or call `start` and `close`; between them `stop` and `start` at
-    the same place. Start it from the main thread: the kernel kills the server when the thread
-    that started it is gone, so that none outlives us."""
+    the same address. Start it from the main thread: the kernel kills the server when the thread
+    that started it ends, so that it does not outlive this process."""
 
     def __init__(self, user: str = "archivist", password: str = "to keep captions") -> None:
         self.user, self.password = user, password
@@ -84,7 +84,7 @@ class ArchiveEndpoint:
             prefix="tessel-archive-", ignore_cleanup_errors=True
         )
         self.folder = Path(self._folder.name)
-        self._furnish()
+        self._write_files()
 
     @property
     def url(self) -> str:
@@ -110,10 +110,10 @@ class ArchiveEndpoint:
         if not PROGRAM.is_file():
             raise FileNotFoundError(f"no {PROGRAM}: it is in the package apache2-bin")
         (self.folder / "pid").unlink(missing_ok=True)
-        # -X: one process, which we can end for sure; no children outlive it.
+        # -X: a single process, so that ending it leaves no children.
         command = [*_as_account(), str(PROGRAM), "-X", "-f", str(self.folder / "apache.conf")]
         with open(self._log_file(), "ab") as log:
-            # A session of its own: Ctrl-C at our terminal is for us, we stop the server.
+            # A session of its own: Ctrl-C at our terminal must not reach it, we stop the server.
             self._process = subprocess.Popen(
                 command,
                 cwd=self.folder,
@@ -130,7 +130,7 @@ class ArchiveEndpoint:
         return self
 
     def stop(self, within_secs: float = 5.0) -> None:
-        """Ends the server; connections to it break. What it stored stays."""
+        """Ends the server; connections to it break. What it stored is kept."""
         if self._process is None:
             return
         if self._process.poll() is None:
@@ -156,8 +156,8 @@ class ArchiveEndpoint:
     def running(self) -> bool:
         return self._process is not None and self._process.poll() is None
 
-    def _furnish(self) -> None:
-        """Writes everything that the server needs into its folder."""
+    def _write_files(self) -> None:
+        """Writes the files that the server needs into its folder."""
         secret = f"{self.user}:{REALM}:{self.password}".encode()
         line = f"{self.user}:{REALM}:{hashlib.md5(secret).hexdigest()}\n"
         (self.folder / "users").write_text(line)
@@ -168,7 +168,7 @@ class ArchiveEndpoint:
             folder=self.folder, address=self.address, port=self.port, realm=REALM
         )
         (self.folder / "apache.conf").write_text(configuration)
-        # A copy: the account of the server may not be allowed to look into our folder.
+        # A copy: the server's account may not be allowed to read our folder.
         shutil.copyfile(store.__file__, self.folder / "store")
         (self.folder / "store").chmod(0o755)
         self._posts_folder().mkdir()
@@ -186,7 +186,7 @@ class ArchiveEndpoint:
         except OSError:
             return False
 
-    # -- findings --------------------------------------------------------------------------
+    # -- results ---------------------------------------------------------------------------
 
     def posts(self) -> list[Post]:
         """What was stored so far, in order of arrival."""
@@ -198,7 +198,7 @@ class ArchiveEndpoint:
         return self.posts()
 
     def log_text(self) -> str:
-        """What the server complained of."""
+        """The server's error log."""
         return self._log_file().read_text(errors="replace")
 
     def _posts_folder(self) -> Path:
@@ -209,8 +209,8 @@ class ArchiveEndpoint:
 
 
 def _as_account() -> list[str]:
-    """What to put before the server's command. A change of account by the server itself would
-    let it outlive us."""
+    """What to put before the server's command. If the server itself changed its account, it would
+    outlive this process."""
     prefix = ["setpriv", "--pdeathsig", "KILL"]
     if os.geteuid() == 0:
         prefix += ["--reuid", ACCOUNT, "--regid", ACCOUNT, "--clear-groups"]

@@ -1,11 +1,11 @@
-"""What a relay posts to its archive endpoint: reading it, and what captions have to become in it.
+"""What a relay posts to its archive endpoint: parsing it, and what captions become in it.
 
     payload = archive_json.read(body)
     payload.feed_id, [record.data for record in payload.records]
     archive_json.renderings(captions) == [record.data for record in payload.of_field(1)]
 
-The body is JSON but for one thing: the ends of lines in the blocks of captions stand unescaped in
-its strings. A reader that is told to bear that, like `json.loads(text, strict=False)`, takes it.
+The body is JSON with one exception: the line ends in the blocks of captions are not escaped in its
+strings. A parser told to tolerate that, like `json.loads(text, strict=False)`, accepts it.
 """
 
 from __future__ import annotations
@@ -24,23 +24,23 @@ _RECORD = re.compile(r"(\d+\.\d{3})\t((?:[0-9a-f]{4} )*[0-9a-f]{4})\r\n\r\n")
 
 
 class BadPayload(AssertionError):
-    """A body that is not what relays post, to the byte."""
+    """A body that differs from what relays post, in at least a byte."""
 
 
 class Record(NamedTuple):
     """The bytes of one field of one caption."""
 
     field: int
-    #: When the relay took the caption, in seconds since 1970, to the millisecond (cut off).
+    #: When the relay received the caption, in seconds since 1970, truncated to the millisecond.
     time: float
-    #: As transmitted: with parity, completed to pairs.
+    #: As transmitted: with parity, padded to pairs.
     data: bytes
 
 
 class Payload(NamedTuple):
     """One body."""
 
-    #: When it was made, seconds since 1970, and how long after the one before.
+    #: When it was made, seconds since 1970, and how long after the previous one.
     time: int
     duration: int
     #: The id of the station that sent the captions.
@@ -57,7 +57,7 @@ class Payload(NamedTuple):
 
 
 def read(body: bytes) -> Payload:
-    """Takes a body apart. BadPayload unless every byte of it is as relays write it."""
+    """Parses a body. BadPayload unless every byte of it is as relays write it."""
     try:
         text = body.decode("ascii")
         outer = json.loads(text, strict=False)
@@ -86,7 +86,7 @@ def read_block(block: str, field: int) -> list[Record]:
 
 
 def write(payload: Payload) -> bytes:
-    """The body that a relay makes of it."""
+    """The body that a relay makes from it."""
     s1_data, s2_data = (write_block(payload.of_field(field)) for field in _FIELDS)
     return (
         f'{{"time" : {payload.time},"dur" : {payload.duration},"feedID" : "{payload.feed_id}",'
@@ -100,18 +100,18 @@ def write_block(records: Iterable[Record]) -> str:
     return "".join(f"{one.time:.3f}\t{one.data.hex(' ', 2)}\r\n\r\n" for one in records)
 
 
-# -- what captions have to become ----------------------------------------------------------
+# -- what captions become ------------------------------------------------------------------
 
 
 def odd_parity_8(byte: int) -> int:
-    """A byte of the network as the archive has it: with bit 7 set when the others have an even
-    number of ones. Bit 7 of field 2 is never taken away."""
+    """A byte of the network as archived: with bit 7 set when the others have an even number of
+    ones. Bit 7 of field 2 is never cleared."""
     return byte if (byte & 0x7F).bit_count() % 2 else byte | 0x80
 
 
 class Keeper:
-    """What a relay keeps of the captions of one source, in the order in which they come. It
-    remembers which field was erased last: erasing once more is not kept."""
+    """What a relay keeps of the captions of one source, in order of arrival. It remembers which
+    field was erased last: erasing it again is not kept."""
 
     def __init__(self) -> None:
         self._erased = {1: False, 2: False}
@@ -129,12 +129,12 @@ class Keeper:
 
 
 def field_of(byte: int) -> int:
-    """The field that a byte of the network belongs to."""
+    """The field that a network byte belongs to."""
     return 2 if byte & 0x80 else 1
 
 
 def rendering(kept: bytes, field: int) -> bytes:
-    """The data of the record that kept bytes become, empty when none are of that field."""
+    """The data of the record for kept bytes, empty when none belong to that field."""
     data = bytes(odd_parity_8(byte) for byte in kept if field_of(byte) == field)
     return data + b"\x80" if len(data) % 2 else data
 
@@ -142,8 +142,8 @@ def rendering(kept: bytes, field: int) -> bytes:
 def renderings(
     captions: Iterable[bytes], field: int = 1, keeper: Keeper | None = None
 ) -> list[bytes]:
-    """The data of the records of a field that a source's captions have to become, in order.
-    The first caption is its first one, unless `keeper` has seen others."""
+    """The data of the records of a field for a source's captions, in order. The first caption is
+    the source's first one, unless `keeper` has seen others."""
     keeper = keeper or Keeper()
     made = [rendering(keeper.keep(caption), field) for caption in captions]
     return [data for data in made if data]

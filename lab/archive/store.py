@@ -1,9 +1,9 @@
 #!/usr/bin/python3 -IS
-"""Stores one posted body: the program that lab.archive.endpoint has its web server run.
+"""Stores one posted body: the CGI program of the web server in lab.archive.endpoint.
 
-The folder is named by the environment. A file appears there under its final name only when it is
-complete; names are in order of arrival. First line: what is known of the request, as JSON; the
-body follows as it came.
+The environment names the folder. A file gets its final name there only when it is complete; names
+sort in order of arrival. First line: what is known about the request, as JSON; the body follows
+unchanged.
 """
 
 import json
@@ -16,7 +16,7 @@ ABOUT = {"uri": "REQUEST_URI", "content_type": "CONTENT_TYPE", "user": "REMOTE_U
 
 def store(folder: str, body: bytes) -> None:
     about = {name: os.environ.get(variable, "") for name, variable in ABOUT.items()}
-    # The order by a clock that nobody sets.
+    # Ordered by a clock that is never set back.
     name = f"{time.monotonic_ns():020d}-{os.getpid()}"
     unready, ready = (os.path.join(folder, name + end) for end in (".part", ".post"))
     with open(unready, "xb") as file:

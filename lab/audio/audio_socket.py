@@ -3,7 +3,7 @@
     audio = AudioSocket(relay, program=2, client_id=2001)
     audio.register(2001, ticket, receive=True, send=True)
     sent = audio.send(b"sound")
-    audio.expect(sent)                # when a route leads back to us
+    audio.expect(sent)                # when a route leads back to this socket
 """
 
 from __future__ import annotations
@@ -23,7 +23,7 @@ _SEND_SECS = 5.0
 
 
 class AudioPorts(Protocol):
-    """What an audio socket has to know of a relay."""
+    """What an audio socket needs to know about a relay."""
 
     @property
     def address(self) -> str: ...
@@ -32,7 +32,7 @@ class AudioPorts(Protocol):
 
 @dataclasses.dataclass(frozen=True)
 class AudioAddress:
-    """A relay known by address and first audio port only."""
+    """A relay known only by its address and first audio port."""
 
     address: str
     base_port: int
@@ -42,7 +42,7 @@ class AudioAddress:
 
 
 class Heard(NamedTuple):
-    """A datagram as it came in; `at` in seconds of the monotonic clock."""
+    """A datagram as received; `at` in seconds of the monotonic clock."""
 
     datagram: bytes
     source: tuple[str, int]
@@ -68,7 +68,7 @@ class AudioSocket:
         fec: bool = True,
     ) -> None:
         """`client_id` marks what is sent. `port` asks for that one and no other. Without `fec`
-        copies for the ports above are not heard, and may reach whoever else has these."""
+        copies for the ports above are not received, and may reach another process there."""
         self.relay = relay
         self.program = program
         self.client_id = client_id
@@ -95,8 +95,8 @@ class AudioSocket:
 
     @property
     def overflows(self) -> int:
-        """How many datagrams our own kernel dropped because we did not read them in time, not
-        by the relay's fault; known from the next datagram on that is read."""
+        """How many datagrams our own kernel dropped because they were not read in time, which is
+        not the relay's fault; known from the next datagram on that is read."""
         return self._row.overflows
 
     # -- sending ---------------------------------------------------------------------------
@@ -111,7 +111,7 @@ class AudioSocket:
         callback: bool = False,
         channel: int = 0,
     ) -> bytes:
-        """Sends a registration and returns it; nothing on the wire answers one that is good.
+        """Sends a registration and returns it; a good one is not answered.
         From now on this socket marks what it sends with `client_id`."""
         self.client_id = client_id
         flags = RECEIVE * receive | SEND * send | CALL_BACK * callback
@@ -128,18 +128,18 @@ class AudioSocket:
         tail: bytes = b"",
         channel: int = 0,
     ) -> bytes:
-        """Sends a registration as odd as you like; see audio_wire.registration."""
+        """Sends a registration that may be malformed; see audio_wire.registration."""
         datagram = audio_wire.registration(
             client_id, ticket, flags, marked_id=marked_id, terminator=terminator, tail=tail
         )
         return self.send_raw(datagram, channel)
 
     def send(self, payload: bytes, channel: int = 0) -> bytes:
-        """Sends sound and returns the datagram."""
+        """Sends audio and returns the datagram."""
         return self.send_raw(audio_wire.audio_datagram(self.client_id, payload), channel)
 
     def send_burst(self, payloads: Iterable[bytes], channel: int = 0) -> list[bytes]:
-        """Sends many as fast as it goes; the datagrams."""
+        """Sends many as fast as possible; returns the datagrams."""
         datagrams = [audio_wire.audio_datagram(self.client_id, one) for one in payloads]
         for datagram in datagrams:
             self.send_raw(datagram, channel)
@@ -158,7 +158,7 @@ class AudioSocket:
         return self.receive_heard(within_secs, channel).datagram
 
     def receive_heard(self, within_secs: float = 5.0, channel: int = 0) -> Heard:
-        """Like `receive`, with all that is known of it."""
+        """Like `receive`, with source and time."""
         deadline = Deadline(within_secs)
         while not self._inbox[channel]:
             if not self._fill(deadline):
@@ -176,7 +176,7 @@ class AudioSocket:
         return [inbox.popleft().datagram for _ in range(count)]
 
     def receive_waiting(self, within_secs: float = 0.0) -> list[Heard]:
-        """All that is there, of all channels; waits for a first one."""
+        """All datagrams received so far, of all channels; waits for a first one."""
         if not any(self._inbox.values()):
             self._fill(Deadline(within_secs))
         heard = [one for inbox in self._inbox.values() for one in inbox]
@@ -185,7 +185,7 @@ class AudioSocket:
         return heard
 
     def expect(self, datagram: bytes, within_secs: float = 5.0, channel: int = 0) -> None:
-        """The next datagram of a channel has to be this one, out of the relay's port for it."""
+        """The next datagram of a channel has to be this one, from the relay's port for it."""
         heard = self.receive_heard(within_secs, channel)
         if heard.datagram != datagram:
             raise AssertionError(f"{self}: expected {datagram!r}, heard {heard}")
@@ -193,12 +193,12 @@ class AudioSocket:
             raise AssertionError(f"{self}: expected it from {self.relay_address(channel)}: {heard}")
 
     def receives_nothing(self, for_secs: float = 0.3) -> bool:
-        """True when no channel hears anything for so long. Prefer a datagram that must come
-        later: only that proves that an earlier one was not on its way."""
+        """True when no channel receives anything for that long. Prefer a datagram that must come
+        later: only that proves that an earlier one was not still in transit."""
         return not any(self._inbox.values()) and not self._fill(Deadline(for_secs))
 
     def _fill(self, deadline: Deadline) -> bool:
-        """Reads what is there, waiting for a first datagram; false when none came."""
+        """Reads what has arrived, waiting for a first datagram; false when none came."""
         ready = self._row.wait(deadline.left())
         for channel in ready:
             for datagram, source in self._row.drain(channel):

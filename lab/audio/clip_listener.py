@@ -1,4 +1,4 @@
-"""Listens to a program for as long as it takes, and judges what arrived."""
+"""Receives a program in the background and compares what arrived with what was sent."""
 
 from __future__ import annotations
 
@@ -10,21 +10,21 @@ from lab.audio.audio_socket import AudioSocket, Heard
 from lab.protocol import wire
 from lab.support.waiting import Deadline, LabTimeout
 
-#: How soon the thread sees that it is to stop.
+#: How soon the thread notices that it has to stop.
 _POLL_SECS = 0.05
 
 
 @dataclasses.dataclass(frozen=True)
 class Verdict:
-    """What became of a row of datagrams."""
+    """What became of a series of datagrams."""
 
     sent: int
     received: int
     #: Received, but equal to nothing that was sent.
     changed: int
-    #: Sent, and nothing came in its place, not even something changed.
+    #: Sent, and nothing arrived in its place, not even changed.
     lost: int
-    #: Received behind one that was sent later.
+    #: Received after one that was sent later.
     out_of_order: int
     #: Received more often than sent.
     duplicates: int
@@ -33,15 +33,14 @@ class Verdict:
 
     @property
     def perfect(self) -> bool:
-        """Everything arrived unchanged, once, in order; true of nothing at all only if nothing
-        was sent."""
+        """Everything arrived unchanged, once, in order; if nothing arrived, nothing was sent."""
         return self.received == self.sent and not (
             self.changed or self.lost or self.out_of_order or self.duplicates
         )
 
 
 def judge(sent: list[bytes], arrived: list[Heard]) -> Verdict:
-    """Compares byte for byte what was sent with what arrived."""
+    """Compares what was sent with what arrived, byte by byte."""
     awaited: defaultdict[bytes, deque[int]] = defaultdict(deque)
     for index, datagram in enumerate(sent):
         awaited[datagram].append(index)
@@ -71,8 +70,8 @@ def judge(sent: list[bytes], arrived: list[Heard]) -> Verdict:
 
 
 class ClipListener:
-    """Collects the datagrams of an audio socket in a thread of its own, from its making to
-    `close`; meanwhile nobody else reads the socket."""
+    """Collects the datagrams of an audio socket in a thread of its own, from its construction
+    to `close`; meanwhile nothing else may read the socket."""
 
     def __init__(self, audio: AudioSocket) -> None:
         self.audio = audio
@@ -89,7 +88,7 @@ class ClipListener:
         self.close()
 
     def close(self) -> None:
-        """Stops collecting, when all that is there now has been read; the socket stays open."""
+        """Stops collecting once all that has arrived is read; the socket stays open."""
         self._stop = True
         self._thread.join(10)
 
@@ -105,8 +104,8 @@ class ClipListener:
                 return
 
     def arrived(self, channel: int = 0, marked_id: int | None = None) -> list[Heard]:
-        """What came so far on a channel; of one sender, if its id is given."""
-        # The prefix as a whole: a datagram with any other is not that sender's.
+        """What arrived so far on a channel; only from one sender, if its id is given."""
+        # The whole prefix: a datagram with any other is not from that sender.
         prefix = b"" if marked_id is None else wire.to_datagram(b"", marked_id)
         with self._changed:
             return [
@@ -123,7 +122,7 @@ class ClipListener:
         channel: int = 0,
         marked_id: int | None = None,
     ) -> None:
-        """Waits until so many have come; LabTimeout when they do not."""
+        """Waits until `count` have arrived; LabTimeout when they do not."""
         deadline = Deadline(within_secs)
         with self._changed:
             while (got := len(self.arrived(channel, marked_id))) < count:
@@ -136,5 +135,5 @@ class ClipListener:
     def verdict(
         self, sent: list[bytes], *, channel: int = 0, marked_id: int | None = None
     ) -> Verdict:
-        """Judges what came so far on a channel, by all senders or one of them."""
+        """Judges what arrived so far on a channel, from all senders or one of them."""
         return judge(sent, self.arrived(channel, marked_id))

@@ -1,4 +1,4 @@
-"""Plays a clip of speech into a relay at its real pace, as a live source does.
+"""Plays a clip of speech into a relay in real time, as a live source does.
 
     player = ClipPlayer(source.audio(2), seconds=5, fec=True)
     with ClipListener(receiver.audio(2)) as listener:
@@ -22,19 +22,19 @@ from lab.media import ogg_opus
 
 __all__ = ["CLIP", "ClipListener", "ClipPlayer", "Verdict", "schedule"]
 
-#: How it was made stands in the folder's README.md.
+#: The README.md beside it says how it was made.
 CLIP = Path(__file__).resolve().parents[1] / "media" / "clips" / "welcome.opus"
 
 
 class Cue(NamedTuple):
-    """A packet and when it goes out, in seconds from the start."""
+    """A packet and when it is sent, in seconds from the start."""
 
     at: float
     packet: bytes
 
 
 def schedule(packets: list[ogg_opus.Packet], seconds: float) -> list[Cue]:
-    """The packets to send within `seconds`: the clip, repeated or cut short."""
+    """The packets to send within `seconds`: the clip, repeated or truncated."""
     cues: list[Cue] = []
     if not packets:
         return cues
@@ -51,7 +51,7 @@ def schedule(packets: list[ogg_opus.Packet], seconds: float) -> list[Cue]:
 class ClipPlayer:
     """Sends a clip through an audio socket that is registered to send.
 
-    No two datagrams are alike: each packet travels as RTP with a number and a time. With `fec`
+    No two datagrams are equal: each packet is sent as RTP with a number and a time. With `fec`
     channel 1 carries the parity of each packet and the one before, channel 2 that of each
     packet and the second before.
     """
@@ -71,7 +71,7 @@ class ClipPlayer:
             seconds = sum(packet.seconds for packet in packets)
         self.seconds = seconds
         self.cues = schedule(packets, seconds)
-        #: By how much the latest packet of all missed its time.
+        #: How late the latest packet was sent.
         self.worst_lateness_secs = 0.0
         self._channels = audio_wire.CHANNELS if fec else audio_wire.CHANNELS[:1]
         self._sent: dict[int, list[bytes]] = {channel: [] for channel in audio_wire.CHANNELS}
@@ -85,14 +85,14 @@ class ClipPlayer:
         return list(self._sent[channel])
 
     def times(self) -> list[float]:
-        """When each packet sent so far went out, on all its channels (monotonic seconds)."""
+        """When each packet so far was sent, on all its channels (monotonic seconds)."""
         return list(self._times)
 
     # -- playing ---------------------------------------------------------------------------
 
     def play(self) -> None:
-        """Plays to the end, or until `stop`, in the calling thread. A packet that comes late
-        moves no other: all times count from the start."""
+        """Plays to the end, or until `stop`, in the calling thread. A late packet
+        delays no other: all times count from the start."""
         start = time.monotonic()
         for number, cue in enumerate(self.cues):
             if self._stop.wait(max(0.0, start + cue.at - time.monotonic())):
@@ -102,7 +102,7 @@ class ClipPlayer:
             self._times.append(now)
             for channel, payload in self._payloads(number):
                 datagram = audio_wire.audio_datagram(self.audio.client_id, payload)
-                # Noted first: whoever hears it finds it here.
+                # Noted first, so that it is here when it arrives.
                 self._sent[channel].append(datagram)
                 self.audio.send_raw(datagram, channel)
         self._stop.wait(max(0.0, start + self.seconds - time.monotonic()))
@@ -128,17 +128,17 @@ class ClipPlayer:
     def _run(self) -> None:
         try:
             self.play()
-        except Exception as error:  # kept for whoever waits for the end
+        except Exception as error:  # raised again by finish()
             self._error = error
 
     def finish(self) -> None:
-        """Waits until the thread has played to the end; raises what ended it before that."""
+        """Waits until the thread has played to the end; raises the error that ended it early."""
         if self._thread is not None:
             self._thread.join()
         if self._error is not None:
             raise self._error
 
     def stop(self) -> None:
-        """Ends the play early."""
+        """Stops playing early."""
         self._stop.set()
         self.finish()

@@ -1,4 +1,4 @@
-"""UDP sockets in rows of ports, with room for bursts and a count of what the kernel dropped."""
+"""UDP sockets at evenly spaced ports, with room for bursts and a count of kernel drops."""
 
 from __future__ import annotations
 
@@ -12,10 +12,10 @@ from collections.abc import Iterable, Iterator
 #: Below the range from which the kernel takes ports for outgoing connections.
 _PORT_RANGE = range(12000, 30000)
 _BIND_ATTEMPTS = 200
-#: Room for some thousand datagrams, so that a burst is not lost at our own door.
+#: Room for some thousand datagrams, so that a burst is not lost in our own receive buffer.
 _RECEIVE_BUFFER = 8 << 20
 _MAX_DATAGRAM = 65535
-#: At most so many are read in one go, so that an endless flow does not hold the reader.
+#: The most datagrams read in one go, so that an endless flow does not block the reader.
 _READ_AT_ONCE = 2000
 #: Socket options of Linux that Python does not name: a receive buffer beyond the limit for
 #: ordinary users; a note of how many datagrams found the buffer full.
@@ -33,7 +33,7 @@ def _prepare(sock: socket.socket) -> None:
 
 
 def _bind_all(address: str, ports: Iterable[int]) -> list[socket.socket]:
-    """Sockets bound to all of `ports`; OSError and none if one is taken."""
+    """Sockets bound to all of `ports`; OSError, and none bound, if one is taken."""
     with contextlib.ExitStack() as undo:
         bound = []
         for port in ports:
@@ -46,11 +46,11 @@ def _bind_all(address: str, ports: Iterable[int]) -> list[socket.socket]:
 
 
 class UdpRow:
-    """Sockets bound to ports with equal steps between them; by its index each is named below."""
+    """Sockets bound to ports at given steps; each is named by its index below."""
 
     def __init__(self, address: str, steps: Iterable[int], first_port: int = 0) -> None:
         """`steps` are added to the first port, which is `first_port` (OSError when that or one
-        of the others is taken) or any that suits."""
+        of the others is taken), or one chosen at random where all are free."""
         steps = list(steps)
         self.sockets = self._bind_somewhere(address, steps, first_port)
         self._overflows = [0] * len(self.sockets)
@@ -76,11 +76,11 @@ class UdpRow:
         return sum(self._overflows)
 
     def wait(self, secs: float) -> list[int]:
-        """Which sockets can be read; empty when none can in time."""
+        """Which sockets are readable; empty when none is in time."""
         return sorted(self._index_of[fd] for fd, _ in self._poll.poll(max(0.0, secs) * 1000))
 
     def drain(self, index: int) -> Iterator[tuple[bytes, tuple[str, int]]]:
-        """What has come to a socket, with where it came from."""
+        """The datagrams waiting at a socket, each with its source."""
         sock = self.sockets[index]
         for _ in range(_READ_AT_ONCE):
             try:

@@ -1,6 +1,6 @@
-"""A private PostgreSQL cluster on 127.0.0.1, and a schema of its own in it for every relay.
+"""A private PostgreSQL cluster on 127.0.0.1, with a separate schema for every relay.
 
-Relays connect to host 127.0.0.1, database "tessel", user "postgres", always. PGPORT leads them to
+Relays always connect to host 127.0.0.1, database "tessel", user "postgres". PGPORT directs them to
 our cluster, and PGOPTIONS with a search_path gives each relay its own table `iopatch`, so that
 one cluster serves many relays at once.
 """
@@ -29,7 +29,7 @@ USER = "postgres"
 _STOP_SIGNALS = {
     "smart": signal.SIGTERM, "fast": signal.SIGINT, "immediate": signal.SIGQUIT,
 }
-# Nothing here has to survive a power cut; and a relay holds its connection as long as it lives.
+# Nothing here has to survive a power cut; and a relay keeps its connection while it runs.
 _SETTINGS = {
     "listen_addresses": HOST, "unix_socket_directories": "", "max_connections": "200",
     "fsync": "off", "synchronous_commit": "off", "full_page_writes": "off",
@@ -40,16 +40,16 @@ _SETTINGS = {
 
 def _as_postgres() -> list[str]:
     """What to put before a command of PostgreSQL: its programs refuse to run as root, and the
-    server is to end with us even when we are killed."""
+    server has to end with this process even when that is killed."""
     prefix = ["setpriv", "--pdeathsig", "INT"]
     if os.geteuid() == 0:
         prefix += ["--reuid", USER, "--regid", USER, "--init-groups"]
     return prefix
 
 
-def _see_to_its_end(process: subprocess.Popen[bytes]) -> None:
-    """Waits for a process that is not wanted any more: killed at once, it would leave helpers
-    that go on writing into the folder that we remove."""
+def _wait_for_exit(process: subprocess.Popen[bytes]) -> None:
+    """Waits for a process that is no longer wanted: killed at once, it would leave child processes
+    that keep writing to the folder we remove."""
     try:
         process.communicate(timeout=patient(10))
     except subprocess.TimeoutExpired:
@@ -65,7 +65,7 @@ def _free_port() -> int:
 
 @dataclasses.dataclass
 class Schema:
-    """One relay's part of the cluster: `env` is for the relay's environment."""
+    """One relay's schema in the cluster: `env` is for the relay's environment."""
 
     cluster: Cluster
     name: str
@@ -92,10 +92,10 @@ class Schema:
 
 
 class Cluster:
-    """A cluster of our own in a temporary folder, gone after `close`.
+    """A private cluster in a temporary folder, removed by `close`.
 
-    Start it from the main thread: the kernel ends the server when the thread that started it is
-    gone, which is how it ends when we are killed.
+    Start it from the main thread: the kernel ends the server when the thread that started it
+    ends, so that it ends even when this process is killed.
     """
 
     def __init__(self) -> None:
@@ -164,7 +164,7 @@ class Cluster:
             *_as_postgres(), str(BIN / "initdb"), "-D", str(self._folder / "data"), "-U", USER,
             "--auth=trust", "--no-sync", "--encoding=UTF8", "--locale=C.UTF-8",
         ]  # fmt: skip
-        # A session of its own: Ctrl-C at our terminal would leave its helpers at work.
+        # A session of its own: Ctrl-C at our terminal would leave its child processes running.
         process = subprocess.Popen(
             command,
             cwd=self._folder,
@@ -176,13 +176,13 @@ class Cluster:
         try:
             output = process.communicate(timeout=patient(60))[0]
         except BaseException:
-            _see_to_its_end(process)
+            _wait_for_exit(process)
             raise
         if process.returncode != 0:
             raise RuntimeError(f"initdb failed: {output.decode(errors='replace')}")
 
     def _launch(self) -> None:
-        """Starts the server; the first time, another port is tried when ours was taken."""
+        """Starts the server; the first time, another port is tried when one was taken."""
         first_time = self.port == 0
         for attempt in range(3):
             if first_time:
@@ -201,7 +201,7 @@ class Cluster:
         for name, value in settings.items():
             command += ["-c", f"{name}={value}"]
         with open(self._log_file(), "ab") as log:
-            # A session of its own: Ctrl-C at our terminal is for us, we stop the server.
+            # A session of its own: Ctrl-C at our terminal must not reach it, we stop the server.
             self._process = subprocess.Popen(
                 command,
                 cwd=self._folder,
@@ -243,7 +243,7 @@ class Cluster:
         return {"PGPORT": str(self.port)}
 
     def new_schema(self) -> Schema:
-        """A schema of its own, with the route table in it, for one more relay."""
+        """A new schema with a route table, for one more relay."""
         name = f"relay_{next(self._numbers)}"
         self.query(f"CREATE SCHEMA {name}")
         schema = Schema(self, name, {**self.env, "PGOPTIONS": f"-c search_path={name}"})

@@ -1,6 +1,6 @@
-"""A few lines of the PostgreSQL protocol: one connection, simple queries, text results.
+"""The minimum of the PostgreSQL protocol: one connection, simple queries, text results.
 
-Enough to look into a table many times a second without starting a program for each look.
+Enough to read a table many times a second without starting a program for each query.
 """
 
 from __future__ import annotations
@@ -76,7 +76,7 @@ class PgConnection:
             if kind == b"D":
                 rows.append(_data_row(body))
             elif kind == b"R" and _INTEGER.unpack_from(body)[0] != 0:
-                raise SqlError("the server wants a password")
+                raise SqlError("the server requires a password")
             elif kind == b"E":
                 failure = _error_text(body)
                 if failure.startswith("FATAL"):
@@ -103,6 +103,6 @@ def _data_row(body: bytes) -> Row:
 
 
 def _error_text(body: bytes) -> str:
-    """Severity and message out of the tagged strings of an error."""
+    """Severity and message from the tagged strings of an error."""
     parts = {part[:1]: part[1:].decode(errors="replace") for part in body.split(b"\0") if part}
     return f"{parts.get(b'V', parts.get(b'S', ''))}: {parts.get(b'M', '')}"

@@ -1,7 +1,7 @@
 """CEA-608 caption bytes as text: the basic character set, pop-on and roll-up captions.
 
 Inside the caption network bit 7 of a byte is the field tag (clear: field 1), not parity; in files
-it is odd parity. The decoder looks at the low seven bits only and so reads both.
+it is odd parity. The decoder uses only the low seven bits, so it reads both.
 """
 
 from __future__ import annotations
@@ -70,7 +70,7 @@ class Decoder:
     def _take(self, first: int, second: int, texts: list[str]) -> None:
         if 0x10 <= first <= 0x1F:
             control = (first, second)
-            # Control codes are sent twice, for noisy lines; the second one means nothing.
+            # Control codes are sent twice, for noisy lines; the second one has no effect.
             if control == self._last_control:
                 self._last_control = None
                 return
@@ -94,7 +94,7 @@ class Decoder:
         elif control == BACKSPACE:
             self._text = self._text[:-1]
         elif control[1] >= 0x40 and self._text and not self._text.endswith(" "):
-            # A position code starts a new row: to the eye, a word break.
+            # A position code starts a new row: visually, a word break.
             self._text += " "
 
     def _complete(self, texts: list[str]) -> None:

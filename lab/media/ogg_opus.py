@@ -1,5 +1,5 @@
-"""Opus packets out of an Ogg file (RFC 3533, RFC 7845), strictly: one stream, sound checksums,
-no holes.
+"""Opus packets from an Ogg file (RFC 3533, RFC 7845), strictly: one stream, valid checksums, no
+gaps.
 
     for packet in ogg_opus.read(Path("welcome.opus")):
         packet.data, packet.seconds
@@ -20,12 +20,12 @@ _MAX_PACKET_SECS = 0.12
 
 
 class OggError(Exception):
-    """A file that is not a sound Ogg file with one Opus stream."""
+    """Not a valid Ogg file with one Opus stream."""
 
 
 @dataclasses.dataclass(frozen=True)
 class Packet:
-    """One Opus packet and how long it sounds."""
+    """One Opus packet and its duration."""
 
     data: bytes
     seconds: float
@@ -45,7 +45,7 @@ _CRC_TABLE = _make_crc_table()
 
 
 def page_crc(page: bytes) -> int:
-    """The checksum of a page whose own checksum field counts as zero."""
+    """The checksum of a page, with its checksum field taken as zero."""
     crc = 0
     for byte in page[:22] + bytes(4) + page[26:]:
         crc = (crc << 8 & 0xFFFFFFFF) ^ _CRC_TABLE[crc >> 24 ^ byte]
@@ -62,7 +62,7 @@ class _Page:
 
 
 def _pages(data: bytes) -> Iterator[_Page]:
-    """The pages of a file, one right behind the other."""
+    """The pages of a file, back to back."""
     position = 0
     while position < len(data):
         if len(data) - position < _PAGE_HEADER.size:
@@ -93,9 +93,9 @@ def _check_order(pages: list[_Page]) -> None:
         if page.number != index:
             raise OggError(f"page {index} is missing")
         if bool(page.flags & _FIRST) != (index == 0):
-            raise OggError(f"page {index} has a wrong mark of the beginning")
+            raise OggError(f"page {index} has a wrong first-page flag")
         if bool(page.flags & _LAST) != (index == len(pages) - 1):
-            raise OggError(f"page {index} has a wrong mark of the end")
+            raise OggError(f"page {index} has a wrong last-page flag")
 
 
 def _packets(pages: list[_Page]) -> Iterator[bytes]:
@@ -104,7 +104,7 @@ def _packets(pages: list[_Page]) -> Iterator[bytes]:
     open_ended = False
     for page in pages:
         if bool(page.flags & _CONTINUED) != open_ended:
-            raise OggError(f"page {page.number} does not fit to the one before")
+            raise OggError(f"page {page.number} does not continue the one before")
         position = 0
         for length in page.lacing:
             packet += page.body[position : position + length]
@@ -127,7 +127,7 @@ def _frame_secs(config: int) -> float:
 
 
 def packet_secs(packet: bytes) -> float:
-    """How long an Opus packet sounds, by its first bytes."""
+    """The duration of an Opus packet, by its first bytes."""
     if not packet:
         raise OggError("an empty Opus packet")
     kind = packet[0] & 3
@@ -150,7 +150,7 @@ def parse(data: bytes) -> list[Packet]:
     if packets[0][8] >> 4 != 0:
         raise OggError(f"Opus header version {packets[0][8]}")
     if not packets[1].startswith(_TAGS_MAGIC):
-        raise OggError("the Opus header has no tags behind it")
+        raise OggError("the Opus header is not followed by tags")
     return [Packet(packet, packet_secs(packet)) for packet in packets[2:]]
 
 

@@ -1,11 +1,11 @@
-"""Caption files in the .scc form: a time code, a tab, pairs of bytes in hexadecimal.
+"""Caption files in .scc format: a time code, a tab, pairs of bytes in hexadecimal.
 
     Scenarist_SCC V1.0
 
     00:00:01:15	9420 9420 94ae 94ae 9470 9470 c8e5 6c6c ef80 942f 942f
 
 A time code counts hours, minutes, seconds and frames; ";" before the frames says that the count
-skips numbers (drop frame) to keep up with the clock. Bytes carry odd parity in bit 7.
+skips numbers (drop frame) to match the clock. Bytes carry odd parity in bit 7.
 """
 
 from __future__ import annotations
@@ -27,7 +27,7 @@ _TEXT_ROWS = (0x70, 0x50)
 
 
 class SccError(Exception):
-    """A file that is not a sound .scc file."""
+    """Not a valid .scc file."""
 
 
 @dataclasses.dataclass(frozen=True)
@@ -43,7 +43,7 @@ def seconds_of(hours: int, minutes: int, seconds: int, frames: int, drop_frame: 
     total_minutes = hours * 60 + minutes
     count = (total_minutes * 60 + seconds) * 30 + frames
     if drop_frame:
-        # Two numbers are skipped at each minute but every tenth.
+        # Two numbers are skipped each minute except every tenth.
         count -= 2 * (total_minutes - total_minutes // 10)
     return count / FRAME_RATE
 

@@ -1,4 +1,4 @@
-"""A relay with everything around it: database, connection server, stations.
+"""One relay with everything around it: database, connection server, stations.
 
     with Cluster() as cluster, Network(cluster) as network:
         captioner = network.station(Captioner)
@@ -41,8 +41,8 @@ class Network:
         **relay_options: object,
     ) -> None:
         """`tls` encrypts the link to the connection server and lets stations use TLS.
-        `server` is used as it is given, and started here. `env` is added to the relay's
-        environment. More options go to Relay."""
+        `server` replaces the default one, and is started here. `env` is added to the relay's
+        environment. Other options go to Relay."""
         self.tls = tls
         self.schema = cluster.new_schema()
         self._folder = tempfile.TemporaryDirectory(prefix="tessel-lab-")
@@ -84,7 +84,7 @@ class Network:
         return self
 
     def close(self) -> None:
-        """Takes everything down, stations first."""
+        """Shuts everything down, stations first."""
         for station in self.stations:
             station.close()
         self.stations.clear()
@@ -108,7 +108,7 @@ class Network:
         heartbeats: bool = False,
         **options: object,
     ) -> S:
-        """A station with a client id of its own, logged in with a fresh ticket."""
+        """A station logged in with a fresh ticket, under a new client id by default."""
         station = self.connect(kind, **options)
         client_id = self.server.new_client_id() if client_id is None else client_id
         station.login(client_id, self.server.ticket_for(client_id))
@@ -117,13 +117,13 @@ class Network:
         return station
 
     def route(self, source: Station | int, to: Station | int, msg_class: int) -> None:
-        """Has the connection server order a route; returns when it is in force."""
+        """Has the connection server order a route; returns when it is in effect."""
         from_id, to_id = _id_of(source), _id_of(to)
         self.server.orders.connect_route(from_id, to_id, msg_class)
         self.schema.wait_for_route((from_id, to_id, msg_class))
 
     def unroute(self, source: Station | int, to: Station | int, msg_class: int) -> None:
-        """Has the route ordered away; returns when it is out of the table."""
+        """Has the route ordered removed; returns when it is out of the table."""
         route = (_id_of(source), _id_of(to), msg_class)
         self.server.orders.disconnect_route(*route)
         self.schema.wait_for_routes(self.schema.routes() - {route})

@@ -26,22 +26,22 @@ _AUDIO_SECS = 30.0
 
 
 class RelayNetwork(RelayNodes):
-    """Joins its relays, and stations to them."""
+    """Joins its relays, and connects stations to them."""
 
     def __init__(self, *arguments: object, **options: object) -> None:
-        """As of RelayNodes."""
+        """Arguments as of RelayNodes."""
         super().__init__(*arguments, **options)
         self._homes: dict[int, str] = {}
 
-    # -- relays among themselves -----------------------------------------------------------
+    # -- joined relays ---------------------------------------------------------------------
 
     def mark(self) -> dict[str, int]:
         """A point in all logs, for `since`."""
         return {name: node.log.mark() for name, node in self.nodes.items()}
 
     def join(self, opener: str, peer: str, *, keep: bool = False, audio: bool = False) -> None:
-        """Has two relays joined and waits until they and the server know; `keep`: joined again
-        whenever they part; `audio`: waits for the registrations of all programs too."""
+        """Joins two relays and waits until they and the server know; `keep`: joins them again
+        after every loss; `audio`: waits for the registrations of all programs too."""
         since, server = self.mark(), self.server_of(opener)
         told = server.record.mark()
         if keep:
@@ -61,7 +61,7 @@ class RelayNetwork(RelayNodes):
         *,
         since: dict[str, int] | None = None,
     ) -> None:
-        """Waits until `peer` has admitted `opener` and `opener` has heard so, since a mark."""
+        """Waits until `peer` has admitted `opener` and told it so, since a mark."""
         since = since or {}
         ends = []
         for name in (opener, peer):
@@ -105,7 +105,7 @@ class RelayNetwork(RelayNodes):
         heartbeats: bool = True,
         **options: object,
     ) -> S:
-        """A station logged in to a relay with a fresh ticket, under a new id or one it had."""
+        """A station logged in to a relay with a fresh ticket, under a new client id by default."""
         station = self.connect(kind, at=at, **options)
         client_id = self.server.new_client_id() if client_id is None else client_id
         station.login(client_id, self.ticket_for(client_id, at))
@@ -119,14 +119,14 @@ class RelayNetwork(RelayNodes):
         return self.known(at).ticket_for(client_id)
 
     def home_of(self, station: Station | int) -> str:
-        """The relay at which a station logged in last."""
+        """The relay to which a station logged in last."""
         return self._homes[_id_of(station)]
 
     def route(
         self, source: Station | int, to: Station | int, msg_class: int, *, keep: bool = False
     ) -> None:
         """Has a route ordered between stations at the same relay or two joined ones; returns
-        when it is in force. `keep`: it comes back with every new session of a relay."""
+        when it is in effect. `keep`: it is ordered again in every new session of a relay."""
         from_id, to_id = _id_of(source), _id_of(to)
         first, last = self.home_of(from_id), self.home_of(to_id)
         server = self.server_of(first)
@@ -139,7 +139,7 @@ class RelayNetwork(RelayNodes):
         self.wait_routed(from_id, to_id, msg_class)
 
     def wait_routed(self, source: Station | int, to: Station | int, msg_class: int) -> None:
-        """Waits until the route is in the table of each relay on the way."""
+        """Waits until the route is in the table of each relay on the path."""
         from_id, to_id = _id_of(source), _id_of(to)
         first, last = self.home_of(from_id), self.home_of(to_id)
         self[last].schema.wait_for_route((from_id, to_id, msg_class))

@@ -1,6 +1,6 @@
-"""Relays by name with a connection server for all of them, and what may befall them.
+"""Relays by name at one connection server, and their failures.
 
-The ground that lab.network.relay_network stands on: making, starting, killing, bringing back.
+The base of lab.network.relay_network: makes, starts, kills and restarts relays and servers.
 """
 
 from __future__ import annotations
@@ -42,7 +42,7 @@ class Node:
 
 
 class RelayNodes:
-    """Relays by name, a connection server for all of them, perhaps a second one."""
+    """Relays by name, a connection server for all of them, and a backup server if wanted."""
 
     def __init__(
         self,
@@ -58,10 +58,10 @@ class RelayNodes:
         env: dict[str, str] | None = None,
         **relay_options: object,
     ) -> None:
-        """`tls` encrypts the links to the servers and lets stations use TLS. `backup` puts a
-        second server into the relays' lists, which is started by `replace_server`. `configs`
-        holds configurations by name, for what is to differ; more options go to Relay, which
-        `make_relay` makes."""
+        """`tls` encrypts the links to the servers and lets stations use TLS. `backup` adds a
+        second server to the relays' lists, which is started by `replace_server`. `configs`
+        holds configurations by name, where they differ from the default; other options go to
+        `make_relay`."""
         self.tls = tls
         self._folder = tempfile.TemporaryDirectory(prefix="tessel-lab-")
         self._certificate = self._make_certificate() if tls else None
@@ -72,7 +72,7 @@ class RelayNodes:
         for name in names:
             config = self._configure(name, (configs or {}).get(name), fec)
             schema = cluster.new_schema()
-            self.server.roster.id_of(name)  # Ids in the order of the names.
+            self.server.roster.id_of(name)  # Assigns ids in the order of the names.
             relay = make_relay(
                 config, env={**schema.env, **(env or {})}, binary=binary, tls=tls, **relay_options
             )
@@ -124,7 +124,7 @@ class RelayNodes:
         return self
 
     def close(self) -> None:
-        """Takes everything down, stations first."""
+        """Shuts everything down, stations first."""
         for station in self.stations:
             station.close()
         self.stations.clear()
@@ -134,10 +134,10 @@ class RelayNodes:
             server.close()
         self._folder.cleanup()
 
-    # -- what befalls it -------------------------------------------------------------------
+    # -- failures --------------------------------------------------------------------------
 
     def server_of(self, name: str) -> ConnectionServer:
-        """The server at which a relay is logged in; the first when it is at none."""
+        """The server at which a relay is logged in; the first server when it is at none."""
         for server in self._servers():
             known = server.relays.find(name)
             if known is not None and known.logged_in:
@@ -145,15 +145,15 @@ class RelayNodes:
         return self.server
 
     def known(self, name: str) -> KnownRelay:
-        """A relay as its present server sees it."""
+        """A relay as its current server knows it."""
         return self.server_of(name).relays[name]
 
     def kill(self, name: str) -> None:
-        """Ends a relay by force; its stations are on their own."""
+        """Kills a relay; its stations lose their connections."""
         self.nodes[name].relay.kill()
 
     def restart(self, name: str) -> KnownRelay:
-        """Starts a relay that has ended, at its old place, and waits for its log-in."""
+        """Starts a relay that has ended, at the same address, and waits for its log-in."""
         relay = self.nodes[name].relay
         mark, before = relay.log.mark(), self._login_count(name)
         relay.start()
@@ -184,18 +184,18 @@ class RelayNodes:
             raise LabTimeout(f"{late}; {self.server_of(name)}") from None
 
     def stop_server(self, how: str = "close") -> None:
-        """The server goes away with all its links; `start_server` brings it back."""
+        """Stops the server and ends all its links; `start_server` brings it back."""
         self.server.close(how)
 
     def start_server(self) -> None:
-        """The server comes back with its sessions; returns when all relays have."""
+        """Starts the server again with its sessions; returns when all relays are logged in."""
         self.server.start()
         for name in self.nodes:
             self.wait_logged_in(name)
 
     def replace_server(self, how: str = "reset") -> None:
-        """The server goes away and the backup takes its place; returns when all relays are
-        logged in there."""
+        """Stops the server and starts the backup in its place; returns when all relays are logged
+        in there."""
         if self.backup is None:
             raise RuntimeError("this network has no backup server")
         if self.tls:

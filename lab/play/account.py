@@ -1,4 +1,4 @@
-"""Compares what was sent with what arrived, and says where something is missing and for how long.
+"""Compares what was sent with what arrived, and finds where items are missing and for how long.
 
     account = compare(sent, arrived)
     account.good, account.lost, account.gaps
@@ -22,7 +22,7 @@ class Item(NamedTuple):
 
 @dataclasses.dataclass(frozen=True)
 class Gap:
-    """Items sent one after the other that did not arrive. Times are monotonic seconds."""
+    """Consecutive items that did not arrive. Times are monotonic seconds."""
 
     lost: int
     #: When the one before them was sent (minus infinity if there is none), and the first of them.
@@ -30,13 +30,13 @@ class Gap:
     sent_from: float
     #: The arrival of the one before them, or `sent_from` if there is none.
     began: float
-    #: The arrival of the one after them; None if nothing came any more.
+    #: The arrival of the one after them; None if nothing else arrived.
     ended: float | None
 
 
 @dataclasses.dataclass(frozen=True)
 class Account:
-    """What became of a row of items."""
+    """What became of a series of items."""
 
     sent: int
     #: Sent and arrived unchanged.
@@ -45,22 +45,22 @@ class Account:
     changed: int
     #: Arrived again.
     repeated: int
-    #: Arrived behind one that was sent later.
+    #: Arrived after one that was sent later.
     out_of_order: int
     #: In the order of sending.
     gaps: tuple[Gap, ...]
-    #: The longest way from the sender to the receiver.
+    #: The longest time from the sender to the receiver.
     slowest_secs: float
 
     @property
     def lost(self) -> int:
-        """How many of the sent ones did not arrive, or not unchanged."""
+        """How many of the sent ones did not arrive unchanged."""
         return sum(gap.lost for gap in self.gaps)
 
 
 class _Matcher:
-    """Finds what an arrival is. Captions repeat themselves, round by round of the clip: an
-    arrival is the latest equal one that had been sent by then."""
+    """Identifies an arrival. Captions repeat with every round of the clip: an arrival is the
+    latest equal one that had been sent by then."""
 
     def __init__(self, sent: list[Item]) -> None:
         self._sent = sent
@@ -76,7 +76,7 @@ class _Matcher:
 
 
 def compare(sent: list[Item], arrived: Iterable[Item], awaited_from: float = 0.0) -> Account:
-    """Both in order of time. What was sent before `awaited_from` may arrive and need not."""
+    """Both in order of time. What was sent before `awaited_from` may or may not arrive."""
     matcher = _Matcher(sent)
     came_at: dict[int, float] = {}
     changed = repeated = out_of_order = 0

@@ -1,7 +1,7 @@
-"""The caption archive of the demonstration: all relays post there what their stations caption.
+"""The caption archive of the demonstration: all relays post the captions of their stations there.
 
-Each relay has an address of its own at the web server, which tells who posted what: captions are
-archived by the relay that has them from their captioner, not by the one that has them from it.
+Each relay posts to its own path at the web server, which tells who posted what: captions are
+archived by the relay of their captioner, not by the relay that gets them from that one.
 """
 
 from __future__ import annotations
@@ -19,13 +19,13 @@ from lab.relay.config import RelayConfig
 NAME = "archive"
 #: How far the archived times may be from those of sending.
 WITHIN_SECS = 1.0
-#: How old captions have to be to be posted, at the next of the checks that relays make every 15 s.
+#: How old captions have to be for relays to post them at the next of their checks every 15 s.
 _INTERVAL_SECS = 1
 _TURN_SECS = 0.1
 
 
 class Archive:
-    """Runs the web server from `with` to its end and tells of every post that it stored."""
+    """Runs the web server while it is entered, and reports every post that is stored."""
 
     def __init__(self, endpoint: ArchiveEndpoint | None = None) -> None:
         self.endpoint = endpoint or ArchiveEndpoint()
@@ -38,7 +38,7 @@ class Archive:
         except BaseException:
             self.endpoint.close()
             raise
-        say(NAME, f"stands at {self.endpoint.url} (digest authentication)")
+        say(NAME, f"listens at {self.endpoint.url} (digest authentication)")
         self._thread.start()
         return self
 
@@ -48,7 +48,7 @@ class Archive:
         self.endpoint.close()
 
     def config(self, relay: str) -> RelayConfig:
-        """What makes a relay archive here."""
+        """The settings that make a relay archive here."""
         return RelayConfig(
             archive_endpoint=f"{self.endpoint.url}/{relay}",
             archive_interval_secs=_INTERVAL_SECS,
@@ -59,23 +59,22 @@ class Archive:
     # -- what is in it ---------------------------------------------------------------------
 
     def holds(self, count: int) -> bool:
-        """Whether it has at least so many captions."""
+        """Whether it has at least `count` captions."""
         return len(self.arrived()) >= count
 
     def arrived(self) -> list[Item]:
-        """The captions in the order in which they stand there, with their archived times
-        (seconds since 1970)."""
+        """The captions in archived order, with their archived times (seconds since 1970)."""
         payloads = [posted_json.read(post.body) for post in self.endpoint.posts()]
         return [Item(one.time, one.data) for payload in payloads for one in payload.records]
 
     def account(self, sent: list[Item], zero: float) -> Account:
-        """Compares it with what was sent by the clock (seconds since 1970). In the account,
-        times count from `zero`."""
+        """Compares it with what was sent (seconds since 1970). In the account, times count from
+        `zero`."""
         rows = (awaited(sent), self.arrived())
         return compare(*([Item(one.at - zero, one.data) for one in row] for row in rows))
 
-    def strangers(self, relay: str, client_id: int) -> list[str]:
-        """What is there though it is not from this relay or not of this client, in words."""
+    def unexpected_posts(self, relay: str, client_id: int) -> list[str]:
+        """Descriptions of posts that are not from this relay or not of this client."""
         found = []
         for post in self.endpoint.posts():
             feed_id = posted_json.read(post.body).feed_id
@@ -100,7 +99,7 @@ def poster_of(post: Post) -> str:
 
 
 def words(post: Post) -> str:
-    """A post on the screen."""
+    """The line on the screen for a post."""
     try:
         payload = posted_json.read(post.body)
     except posted_json.BadPayload as error:
@@ -108,12 +107,12 @@ def words(post: Post) -> str:
     count = len(payload.records)
     captions = "1 caption" if count == 1 else f"{count} captions"
     who = f"of client {payload.feed_id} from {poster_of(post)}"
-    return f"takes  {captions} {who}, {len(post.body)} bytes"
+    return f"stores {captions} {who}, {len(post.body)} bytes"
 
 
 def awaited(sent: list[Item]) -> list[Item]:
-    """What captions sent in field 1 have to become in the archive, which cuts times off after
-    the millisecond."""
+    """What captions sent in field 1 become in the archive, which truncates times to the
+    millisecond."""
     keeper = posted_json.Keeper()
     items = [
         Item(math.floor(one.at * 1000) / 1000, posted_json.rendering(keeper.keep(one.data), 1))

@@ -14,7 +14,7 @@ from lab.stations.caption_stations import Captioner
 
 
 class Cast:
-    """Logs the stations in and has them routed; they listen from then on, until `close`."""
+    """Logs the stations in and orders their routes; they listen from then on, until `close`."""
 
     def __init__(self, network: RelayNetwork) -> None:
         self.listeners: list[Listener] = []
@@ -26,7 +26,7 @@ class Cast:
             say(station.name, f"logged in to relay {self._home} as client {station.client_id}")
 
     def enter(self) -> None:
-        """Everybody takes his place."""
+        """Puts the source on the air and adds a listener of each kind at every relay."""
         self.source.go_on_air(
             self._network[self._home].relay,
             lambda client_id: self._network.ticket_for(client_id, self._home),
@@ -52,6 +52,6 @@ class Cast:
         say("connserver", f"ordered the {what} of {source.name} to {listener.name}")
 
     def close(self) -> None:
-        """The listeners leave; the others go with the network."""
+        """Closes the listeners; the network closes the others."""
         for listener in self.listeners:
             listener.close()

@@ -1,8 +1,8 @@
-"""What `--fault` does to the network in the middle of a performance.
+"""What `--fault` does to the network halfway through a performance.
 
-Each fault is played in the main thread (processes live only as long as the thread that started
-them) and returns when what it broke is whole again, as far as the network tells; whether captions
-and audio flow is judged from what arrived.
+Each fault runs in the main thread (processes live only as long as the thread that started them)
+and returns when what it broke is restored, as far as the network tells; whether captions and audio
+flow is judged from what arrived.
 """
 
 from __future__ import annotations
@@ -22,16 +22,16 @@ from lab.play.summary import Interruption, Outcome
 from lab.protocol import messages
 from lab.support.waiting import LabTimeout, wait_until
 
-#: A shorter run leaves no time before the fault for anything to be seen.
+#: A shorter run leaves no time to observe anything before the fault.
 LEAST_SECS = 10.0
-#: How long the server, the relay or the database stays away.
+#: How long the server, the relay or the database is down.
 _AWAY_SECS = 3.0
 _JOINED_SECS = 30.0
-#: How often a relay is to fail to post, far fewer times than make it give something up; and how
-#: long that may take: it looks every 15 s whether there is something to post.
+#: How often a relay has to fail to post, far fewer times than make it discard anything; and how
+#: long that may take: it checks every 15 s for captions to post.
 _RETRIES = 2
 _RETRY_SECS = 25.0
-#: How long the first delivery may take when the archive is back: relays try every 2 s.
+#: How long the first delivery may take when the archive is back: relays retry every 2 s.
 _DELIVERED_SECS = 10.0
 
 
@@ -60,20 +60,20 @@ class Fault(Protocol):
     """A fault by name."""
 
     name: str
-    #: Whether the relays need a second server to go to.
+    #: Whether the relays need a backup server.
     wants_backup: bool
-    #: Whether an encoder more is needed, whose route is ordered only after the fault.
+    #: Whether an extra encoder is needed, whose route is ordered only after the fault.
     wants_newcomer: bool
 
     def touches(self, at: str) -> bool:
         """Whether listeners at a relay may lose something."""
 
     def play(self, play: Performance) -> None:
-        """Does it; notes in the outcome what was away for how long."""
+        """Applies it; notes in the outcome what was down for how long."""
 
 
 class _Stopwatch:
-    """Notes how long something was away."""
+    """Notes how long something was down."""
 
     def __init__(self, play: Performance, what: str) -> None:
         self._play, self._what = play, what
@@ -85,7 +85,7 @@ class _Stopwatch:
         return secs
 
     def wait_for(self, wait: Callable[[], object]) -> float | None:
-        """How long it took until `wait` was over; None, and noted as a failure, if in vain."""
+        """How long `wait` took; None, and noted as a failure, if it timed out."""
         try:
             wait()
         except LabTimeout as error:
@@ -97,7 +97,7 @@ class _Stopwatch:
 
 class ServerFault:
     """The connection server stops, comes back with its sessions, and is replaced by a backup,
-    whose orders have to take effect. Captions and audio go on all the time."""
+    whose orders have to take effect. Captions and audio are not interrupted."""
 
     name = "cs"
     wants_backup = True
@@ -116,8 +116,8 @@ class ServerFault:
         say("connserver", "is started again")
         self._await_continued(play, watch, network.start_server)
         play.wait_share(0.55)
-        say("connserver", f"goes for good; the backup at {network.backup.address} takes its place")
-        watch = _Stopwatch(play, "the connection server, replaced by another")
+        say("connserver", f"is stopped for good, replaced by the one at {network.backup.address}")
+        watch = _Stopwatch(play, "the connection server, replaced by the backup")
         self._await_continued(play, watch, network.replace_server)
         play.route_newcomer()
 
@@ -135,7 +135,7 @@ class ServerFault:
 
 class PeerFault:
     """The second relay is killed and started again; the server joins it to the first one again
-    and gives it its routes, its stations come back. Nobody at the first relay notices."""
+    and orders its routes, its stations reconnect. Stations at the first relay are unaffected."""
 
     name = "peer"
     wants_backup = False
@@ -167,8 +167,8 @@ class PeerFault:
 
 
 class DatabaseFault:
-    """PostgreSQL stops and comes back. Routes that the relays know by heart go on; an order that
-    comes when the database is back has to take effect at once."""
+    """PostgreSQL stops and comes back. Routes that the relays have cached stay in effect; an order
+    sent when the database is back has to take effect at once."""
 
     name = "db"
     wants_backup = False
@@ -187,7 +187,7 @@ class DatabaseFault:
         say("database", "is started again")
         play.cluster.start()
         secs = watch.wait_for(
-            lambda: wait_until(lambda: self._all_connected(play), READY_SECS, "both are back")
+            lambda: wait_until(lambda: self._all_connected(play), READY_SECS, "both connected")
         )
         if secs is not None:
             say("database", f"has both relays again after {secs:.1f} s")
@@ -195,14 +195,14 @@ class DatabaseFault:
 
     @staticmethod
     def _let_relays_notice(play: Performance) -> None:
-        """A relay finds its database gone when it next needs it, and that order is lost: here it
-        is one for chats, which nobody sends."""
+        """A relay notices the loss of its database when it next needs it, and that order is lost:
+        here it is one for chats, which are never sent."""
         since = play.network.mark()
         chat = (play.cast.captioner.client_id, play.newcomer.client_id, messages.PIPE_CHAT)
         for name, node in play.network.nodes.items():
             play.network.server.orders.connect_route(*chat, name)
             node.log.expect("Retrying connection to SQL", READY_SECS, since=since[name])
-            say(name, "finds the database gone and goes on with the routes it remembers")
+            say(name, "has lost the database and continues with the routes in its cache")
 
     @staticmethod
     def _all_connected(play: Performance) -> bool:
@@ -214,8 +214,8 @@ class DatabaseFault:
 
 
 class ArchiveFault:
-    """The archive's web server stops, for so long that a relay fails to post and fails again, and
-    comes back. The relay keeps what it could not post and delivers it then."""
+    """The archive's web server stops until a relay has failed to post twice, and comes back. The
+    relay keeps what it could not post and delivers it then."""
 
     name = "archive"
     wants_backup = False
@@ -228,7 +228,7 @@ class ArchiveFault:
         endpoint = play.archive.endpoint
         play.wait_share(0.25)
         since = play.network["east"].log.mark()
-        say("archive", "is stopped: nobody takes what relays post")
+        say("archive", "is stopped: relays cannot post")
         watch = _Stopwatch(play, "the archive's web server, stopped and started again")
         endpoint.stop()
         try:
@@ -239,7 +239,7 @@ class ArchiveFault:
             endpoint.start()
         secs = watch.wait_for(lambda: endpoint.wait_posts(before + 1, _DELIVERED_SECS))
         if secs is not None:
-            say("archive", f"is delivered to again after {secs:.1f} s")
+            say("archive", f"receives posts again after {secs:.1f} s")
 
     @staticmethod
     def _see_retries(play: Performance, since: int) -> None:
@@ -247,7 +247,7 @@ class ArchiveFault:
         log = play.network["east"].log
         for count in range(1, _RETRIES + 1):
             log.expect(f"Consecutive retry errors: {count}", _RETRY_SECS, since=since)
-            say("east", f"cannot reach the archive (failure {count} in a row), tries again in 2 s")
+            say("east", f"cannot reach the archive (failure {count} in a row), retries in 2 s")
 
 
 _FAULTS = (ServerFault(), PeerFault(), DatabaseFault(), ArchiveFault())

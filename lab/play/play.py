@@ -1,4 +1,4 @@
-"""The performance: captions and speech cross two joined relays, undisturbed or with a fault.
+"""The performance: captions and speech cross two joined relays, with or without a fault.
 
     with Cluster() as cluster:
         outcome = Play(cluster, binary, seconds=20).perform()
@@ -25,17 +25,17 @@ from lab.play.speakers import CaptionSpeaker
 from lab.play.summary import Flow, Outcome
 from lab.support.waiting import Deadline, LabTimeout, patient
 
-#: The first one has captioner and source, the second one is the one that a fault kills.
+#: The captioner and the source are at the first one; the second one is killed by a fault.
 RELAYS = ("east", "west")
 #: Relays that join may need several periods of the limit on log-ins until all audio is registered.
 _JOIN_SECS = 60.0
-#: How long a run may take beyond its time until everything flows again after a fault.
+#: How long a run may take beyond its time until all traffic flows again after a fault.
 _MORE_SECS = 40.0
-#: How long it has to be seen to flow then.
+#: How long it is watched flowing then.
 _AFTER_SECS = 3.0
-#: How long captions and datagrams may still be on their way after the last one was sent.
+#: How long captions and datagrams may be in transit after the last one was sent.
 _ARRIVAL_SECS = 5.0
-#: How long captions may be on their way to the archive, for which the relay looks every 15 s.
+#: How long captions may take to the archive, for which the relay checks every 15 s.
 _ARCHIVE_SECS = 25.0
 _TURN_SECS = 0.05
 
@@ -71,7 +71,7 @@ class Play:
         self._seconds = seconds
 
     def wait(self, seconds: float) -> None:
-        """Lets the play go on for so long."""
+        """Lets the play go on for that long."""
         time.sleep(max(0.0, seconds))
 
     def wait_share(self, share: float) -> None:
@@ -79,7 +79,7 @@ class Play:
         self.wait(self.outcome.start + share * self._seconds - time.monotonic())
 
     def route_newcomer(self) -> None:
-        """From now on the encoder that came without a route is to get every caption."""
+        """Orders a route to the encoder that has none; it has to get every caption from now on."""
         self._try("the new route", lambda: self.cast.route(self.newcomer))
         self.newcomer.awaited_from = time.monotonic()
 
@@ -88,7 +88,7 @@ class Play:
     def perform(self) -> Outcome:
         """All of it, from the start of the network to its end."""
         with self.archive, self.network:
-            self._tell_who_stands_where()
+            self._show_addresses()
             self._join()
             self.cast = Cast(self.network)
             try:
@@ -102,10 +102,10 @@ class Play:
                 self.cast.close()
         return self.outcome
 
-    def _tell_who_stands_where(self) -> None:
+    def _show_addresses(self) -> None:
         network = self.network
         how = "TLS" if network.tls else "plain TCP"
-        say("connserver", f"stands at {network.server.address}:{network.server.port} ({how})")
+        say("connserver", f"listens at {network.server.address}:{network.server.port} ({how})")
         for name, node in network.nodes.items():
             port = node.relay.tls_port if network.tls else node.relay.tcp_port
             where = f"{node.relay.address}:{port} ({how})"
@@ -123,13 +123,13 @@ class Play:
     # -- the play --------------------------------------------------------------------------
 
     def _play(self) -> None:
-        # Only a fault may make it longer.
+        # Only a fault may extend it.
         longest = self._seconds + (2 * patient(_MORE_SECS) if self._fault is not None else 0)
         self._captions = CaptionSpeaker(self.cast.captioner, longest)
         self._clip = ClipPlayer(self.cast.source.audio(PROGRAM), seconds=longest, fec=True)
         self.outcome.start = time.monotonic()
         for listener in self.cast.listeners:
-            listener.start_telling()
+            listener.start_reporting()
         try:
             self._captions.start()
             self._clip.start()
@@ -138,23 +138,23 @@ class Play:
                 self._wait_until_all_flows()
             self.wait_share(1)
             if self._fault is None:
-                # Its last packet may be due a little later than our own time is over.
+                # Its last packet may be due slightly after the end of the play.
                 self._try("source", self._clip.finish)
         finally:
             for who, speaker in (("captioner", self._captions), ("source", self._clip)):
                 self._try(who, speaker.stop)
 
     def _wait_until_all_flows(self) -> None:
-        """Returns in vain after a while: the summary then tells what does not flow."""
+        """Gives up after a while: the summary then tells what does not flow."""
         since, deadline = time.monotonic(), Deadline(_MORE_SECS)
-        while not all(one.heard_since(since) for one in self.cast.listeners):
+        while not all(one.received_since(since) for one in self.cast.listeners):
             if deadline.passed():
                 return
             self.wait(_TURN_SECS)
         self.wait(_AFTER_SECS)
 
     def _try(self, what: str, action: Callable[[], object]) -> None:
-        """What fails is part of the outcome."""
+        """Notes a failure as part of the outcome."""
         try:
             action()
         except (OSError, AssertionError) as error:
@@ -187,7 +187,7 @@ class Play:
         self.outcome.problems += [f"relay {name}: {line}" for line in relay.sanitizer_reports()]
 
     def _wait_for_the_last(self) -> None:
-        """Waits until every listener has what was sent last, if that comes at all."""
+        """Waits until every listener has what was sent last, if it arrives at all."""
         deadline = Deadline(_ARRIVAL_SECS)
         for listener in self.cast.listeners:
             for flow in listener.flows:
@@ -198,10 +198,10 @@ class Play:
                     self.wait(_TURN_SECS)
 
     def _wait_for_the_archive(self) -> None:
-        """Waits until as many captions are archived as have to be, if they ever are."""
+        """Waits until all captions due are archived, if they ever are."""
         count, deadline = len(awaited(self._captions.sent_by_clock())), Deadline(_ARCHIVE_SECS)
         if not self.archive.holds(count):
-            say(NAME, "is waited for: relays look every 15 s whether there is something to post")
+            say(NAME, "is not complete yet: relays check every 15 s for captions to post")
         while not self.archive.holds(count) and not deadline.passed():
             self.wait(_TURN_SECS)
 
@@ -227,7 +227,7 @@ class Play:
             self.outcome.flows.append(Flow(listener.name, name, account, touched))
         if listener.error:
             self.outcome.problems.append(f"{listener.name}: {listener.error}")
-        if listener.partings and not touched:
+        if listener.losses and not touched:
             self.outcome.problems.append(f"{listener.name}: its connection broke")
 
     def _judge_archive(self) -> None:
@@ -235,4 +235,5 @@ class Play:
         account = self.archive.account(self._captions.sent_by_clock(), zero)
         flow = Flow(NAME, "captions", account, within_secs=patient(WITHIN_SECS))
         self.outcome.flows.append(flow)
-        self.outcome.problems += self.archive.strangers(RELAYS[0], self.cast.captioner.client_id)
+        client_id = self.cast.captioner.client_id
+        self.outcome.problems += self.archive.unexpected_posts(RELAYS[0], client_id)

@@ -1,19 +1,19 @@
-"""The demonstration: captions and speech cross two joined relays before your eyes.
+"""The demonstration: captions and speech cross two joined relays, shown live.
 
     python3 -m lab.play.run [--seconds N] [--tls] [--fault cs|peer|db|archive] [--binary PATH]
 
 Starts a private database, a connection server and two relays, which the server has joined. At the
-first relay a captioner plays a caption file at its real pace and a source plays a clip of speech,
-with error correction; at both an encoder prints the captions that it reads, and an audio receiver
-says how much it hears. Both relays archive the captions of their stations at a web server. Ends
-with status 0 only if every caption and every datagram arrived unchanged and in order at all of
-them, and every caption in the archive, with its time. Leaves nothing running.
+first relay a captioner plays a caption file in real time and a source plays a clip of speech, with
+error correction; at both an encoder prints the captions that it reads, and an audio receiver
+prints how much it receives. Both relays archive the captions of their stations at a web server.
+Exits with status 0 only if every caption and every datagram arrived unchanged and in order at all
+of them, and every caption in the archive, with its time. Leaves nothing running.
 
-With --fault something breaks in the middle: the connection server stops, comes back and is
+With --fault something breaks halfway through: the connection server stops, comes back and is
 replaced (cs), the second relay is killed and started again (peer), PostgreSQL is restarted (db),
-the archive's web server stays away until posting to it has failed twice (archive).
-Then status 0 says that everything flowed again by itself, and that nothing was lost but by
-listeners at a killed relay. Such a run goes on beyond its time until everything flows.
+the archive's web server is down until posting to it has failed twice (archive). Status 0 then means
+that all traffic resumed by itself, and that nothing was lost except by listeners at a killed relay.
+Such a run continues beyond its time until all traffic flows.
 """
 
 from __future__ import annotations
@@ -38,16 +38,16 @@ _LOG_LINES = 15
 
 
 def run(seconds: float, tls: bool, fault: str, binary: Path) -> bool:
-    """Performs and prints the summary; true when all went well."""
+    """Runs the demonstration and prints the summary; true when it succeeded."""
     with Cluster() as cluster:
         say("database", f"PostgreSQL runs at 127.0.0.1:{cluster.port}")
         play = Play(cluster, binary, seconds=seconds, tls=tls, fault=FAULTS.get(fault))
         good = False
         try:
             outcome = play.perform()
-            held_up_secs = patient(summary.HELD_UP_SECS)
-            print("", *summary.lines(outcome, held_up_secs), sep="\n")
-            good = not summary.complaints(outcome, held_up_secs)
+            delay_secs = patient(summary.DELAY_SECS)
+            print("", *summary.lines(outcome, delay_secs), sep="\n")
+            good = not summary.complaints(outcome, delay_secs)
         except (AssertionError, OSError) as error:
             print(f"\nThe demonstration failed: {error}")
         if not good:
@@ -59,9 +59,11 @@ def run(seconds: float, tls: bool, fault: str, binary: Path) -> bool:
 def _parse() -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="lab.play.run", description=__doc__.splitlines()[0])
     parser.add_argument("--seconds", type=float, default=20, help="how long to play (20)")
-    parser.add_argument("--tls", action="store_true", help="encrypt all but the link of relays")
     parser.add_argument(
-        "--fault", choices=sorted(FAULTS), default="", help="what is to break in the middle"
+        "--tls", action="store_true", help="encrypt all but the connection between the relays"
+    )
+    parser.add_argument(
+        "--fault", choices=sorted(FAULTS), default="", help="what breaks halfway through"
     )
     parser.add_argument("--binary", help="the relay (build/release/bin/relayserver)")
     options = parser.parse_args()
@@ -71,7 +73,7 @@ def _parse() -> argparse.Namespace:
 
 
 def _interrupt(*_: object) -> None:
-    """Asked to end in whichever way, everything is taken down first, without being disturbed."""
+    """Shuts everything down first, ignoring further signals."""
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, signal.SIG_IGN)
     raise KeyboardInterrupt
@@ -84,14 +86,14 @@ def main() -> int:
     if not binary.is_file():
         print(f"There is no relay at {binary}; build it first.", file=sys.stderr)
         return 1
-    # A terminal without these letters is to see question marks, not our end.
+    # A terminal without these letters shows question marks instead of ending the run.
     sys.stdout.reconfigure(errors="replace")
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, _interrupt)
     try:
         return 0 if run(options.seconds, options.tls, options.fault, binary) else 1
     except KeyboardInterrupt:
-        print("\nInterrupted; everything is taken down.")
+        print("\nInterrupted; everything has been shut down.")
         return 130
     except (AssertionError, OSError, RuntimeError) as error:
         print(f"The demonstration failed: {error}", file=sys.stderr)

@@ -9,7 +9,7 @@ _screen = threading.Lock()
 
 
 def say(who: str, text: str) -> None:
-    """One line on the screen: the time, who speaks, what. Safe from any thread."""
+    """Prints one line: the time, who, what. Safe from any thread."""
     now = time.time()
     clock = time.strftime("%H:%M:%S", time.localtime(now)) + f".{int(now * 1000) % 1000:03d}"
     with _screen:

@@ -1,4 +1,4 @@
-"""The captioner of the demonstration: plays a caption file at its real pace.
+"""The captioner of the demonstration: plays a caption file in real time.
 
 The audio source beside it is a lab.audio.clip_player.ClipPlayer.
 """
@@ -15,12 +15,12 @@ from lab.play.screen import say
 from lab.stations.caption_stations import Captioner
 
 CLIP = Path(__file__).resolve().parents[1] / "media" / "clips" / "welcome.scc"
-#: Silence between the last caption of the clip and its next round.
+#: The pause between the last caption of the clip and its next round.
 _PAUSE_SECS = 1.5
 
 
 def schedule(cues: list[scc.Cue], seconds: float) -> list[scc.Cue]:
-    """The cues to play within `seconds`: the clip, repeated or cut short."""
+    """The cues to play within `seconds`: the clip, repeated or truncated."""
     round_secs = cues[-1].seconds + _PAUSE_SECS
     played: list[scc.Cue] = []
     start = 0.0
@@ -36,7 +36,7 @@ class CaptionSpeaker:
     """Sends captions in a thread of its own, from `start` to `stop`."""
 
     def __init__(self, captioner: Captioner, seconds: float) -> None:
-        """`seconds`: how long to play if nobody stops it."""
+        """`seconds`: how long to play unless stopped."""
         self._captioner = captioner
         self._cues = schedule(scc.read(CLIP), seconds)
         self._sent: list[Item] = []
@@ -49,7 +49,7 @@ class CaptionSpeaker:
         self._thread.start()
 
     def stop(self) -> None:
-        """Ends the play; raises what ended it before that."""
+        """Stops playing; raises the error that ended it early."""
         self._stop.set()
         if self._thread.ident is not None:
             self._thread.join()
@@ -61,13 +61,13 @@ class CaptionSpeaker:
         return list(self._sent)
 
     def sent_by_clock(self) -> list[Item]:
-        """The same, with times of the clock on the wall: seconds since 1970."""
+        """The same, with wall-clock times: seconds since 1970."""
         return list(self._sent_by_clock)
 
     def _run(self) -> None:
         try:
             self._play()
-        except Exception as error:  # kept for whoever waits for the end
+        except Exception as error:  # raised again by stop()
             self._error = error
 
     def _play(self) -> None:
@@ -76,11 +76,11 @@ class CaptionSpeaker:
         for cue in self._cues:
             if self._stop.wait(max(0.0, start + cue.seconds - time.monotonic())):
                 return
-            # In a file bit 7 is parity; in the network it tells the field.
+            # In a file bit 7 is parity; in the network it denotes the field.
             data = cea608.strip_parity(cue.data)
             for text in decoder.feed(data):
                 say(self._captioner.name, f"writes {text}")
-            # Noted first: whoever reads it finds it here.
+            # Noted first, so that it is here when it arrives.
             self._sent_by_clock.append(Item(time.time(), data))
             self._sent.append(Item(time.monotonic(), data))
             self._captioner.caption(data)

@@ -1,4 +1,4 @@
-"""Judges a performance and puts it into words."""
+"""Judges a performance and describes the result."""
 
 from __future__ import annotations
 
@@ -7,22 +7,22 @@ from collections.abc import Iterable, Iterator
 
 from lab.play.account import Account, Gap
 
-#: What comes this late in a run with a fault was interrupted, though it was not lost.
-HELD_UP_SECS = 3.0
-#: What was sent this long before or after a fault struck may still arrive or be lost by it.
+#: What arrives later than this in a run with a fault was interrupted, though it was not lost.
+DELAY_SECS = 3.0
+#: What was sent this long before or after a fault may still arrive or be lost by it.
 _STRIKING_SECS = 2.0
 
 
 @dataclasses.dataclass(frozen=True)
 class Flow:
-    """One row of items as one listener had it."""
+    """One series of items at one listener."""
 
     listener: str
     name: str
     account: Account
     #: Whether the fault may interrupt it.
     touched: bool = False
-    #: How long after sending its items may claim to have come; None: they only have to come.
+    #: How long after sending its items may be dated; None: they only have to arrive.
     within_secs: float | None = None
 
     def __str__(self) -> str:
@@ -31,13 +31,13 @@ class Flow:
 
 @dataclasses.dataclass(frozen=True)
 class Interruption:
-    """A part of the network that a fault took away, and for how long; None: for good."""
+    """A part of the network that a fault took down, and for how long; None: for good."""
 
     what: str
     secs: float | None
 
     def __str__(self) -> str:
-        away = "did not come back" if self.secs is None else f"whole again after {self.secs:.1f} s"
+        away = "did not come back" if self.secs is None else f"restored after {self.secs:.1f} s"
         return f"{self.what}: {away}"
 
 
@@ -49,7 +49,7 @@ class Outcome:
     fault: str = ""
     #: When the play began (monotonic seconds).
     start: float = 0.0
-    #: When the fault struck what it touches.
+    #: When the fault struck the part that it affects.
     struck: float = 0.0
     #: How much of each flow was sent.
     sent: dict[str, int] = dataclasses.field(default_factory=dict)
@@ -61,7 +61,7 @@ class Outcome:
     statuses: dict[str, int] = dataclasses.field(default_factory=dict)
 
     def note_problem(self, what: str, error: Exception) -> None:
-        """Notes what failed, once, without the logs that the lab's errors bring along."""
+        """Notes what failed, once, without the logs that the lab's errors include."""
         words = str(error).splitlines() or [type(error).__name__]
         problem = f"{what}: {words[0]}"
         if problem not in self.problems:
@@ -71,10 +71,10 @@ class Outcome:
 # -- judgement -----------------------------------------------------------------------------
 
 
-def complaints(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> list[str]:
-    """Why a performance was no success; nothing for a good one."""
-    found = [] if outcome.flows else ["nobody listened"]
-    limit = held_up_secs if outcome.fault else float("inf")
+def complaints(outcome: Outcome, delay_secs: float = DELAY_SECS) -> list[str]:
+    """Why a performance failed; empty for a good one."""
+    found = [] if outcome.flows else ["there was no listener"]
+    limit = delay_secs if outcome.fault else float("inf")
     for flow in outcome.flows:
         wrong = [*_wrong_with_any(flow.account)]
         if flow.within_secs is not None:
@@ -93,22 +93,22 @@ def complaints(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> list[str
 
 def _wrong_with_any(account: Account) -> Iterator[str]:
     if account.sent == 0:
-        yield "nothing was sent in so short a time"
+        yield "nothing was sent in such a short time"
     if account.changed:
         yield f"{account.changed} CHANGED"
     if account.repeated:
-        yield f"{account.repeated} came TWICE"
+        yield f"{account.repeated} DUPLICATED"
     if account.out_of_order:
         yield f"{account.out_of_order} OUT OF ORDER"
 
 
 def _wrong_when_touched(account: Account, struck: float) -> Iterator[str]:
-    """One interruption is what the fault is there for, if it begins when the fault strikes."""
+    """One interruption is expected, if it begins when the fault strikes."""
     if not account.gaps:
         return
     first, last = account.gaps[0], account.gaps[-1]
     if last.ended is None:
-        yield "did NOT FLOW AGAIN"
+        yield "did NOT RESUME"
     elif len(account.gaps) > 1:
         yield f"was interrupted {len(account.gaps)} TIMES"
     if first.sent_from < struck - _STRIKING_SECS:
@@ -117,35 +117,35 @@ def _wrong_when_touched(account: Account, struck: float) -> Iterator[str]:
         yield "was interrupted LONG AFTER THE FAULT"
 
 
-def _wrong_when_untouched(account: Account, held_up_secs: float) -> Iterator[str]:
+def _wrong_when_untouched(account: Account, delay_secs: float) -> Iterator[str]:
     if account.lost:
         yield f"{account.lost} LOST OR CHANGED"
-    if account.slowest_secs > held_up_secs:
-        yield f"HELD UP for {account.slowest_secs:.1f} s"
+    if account.slowest_secs > delay_secs:
+        yield f"DELAYED by {account.slowest_secs:.1f} s"
 
 
 def _wrong_with_times(account: Account, within_secs: float) -> Iterator[str]:
     if account.lost:
         yield f"{account.lost} LOST OR CHANGED"
     if account.slowest_secs > within_secs:
-        yield f"noted up to {account.slowest_secs:.1f} s TOO LATE"
+        yield f"dated up to {account.slowest_secs:.1f} s TOO LATE"
 
 
 # -- words ---------------------------------------------------------------------------------
 
 
-def lines(outcome: Outcome, held_up_secs: float = HELD_UP_SECS) -> Iterator[str]:
-    """The summary. The last line of a good one tells so."""
+def lines(outcome: Outcome, delay_secs: float = DELAY_SECS) -> Iterator[str]:
+    """The summary. The last line of a good one says so."""
     yield "Sent: " + ", ".join(f"{count} {_noun(name)}" for name, count in outcome.sent.items())
     yield from _table(outcome.flows)
     if outcome.fault:
         yield from _interrupted(outcome)
-    wrong = complaints(outcome, held_up_secs)
+    wrong = complaints(outcome, delay_secs)
     if wrong:
-        yield "This was NO SUCCESS:"
+        yield "The demonstration FAILED:"
         yield from (f"  {words}" for words in wrong)
     elif any(flow.account.gaps for flow in outcome.flows):
-        yield "All of it flowed again by itself; what the fault does not touch lost nothing."
+        yield "All traffic resumed by itself; nothing was lost beyond what the fault affects."
     else:
         yield "Nothing was lost or changed."
 
@@ -155,31 +155,31 @@ def _noun(flow: str) -> str:
 
 
 def _table(flows: Iterable[Flow]) -> Iterator[str]:
-    heads = ("awaited", "unchanged", "lost", "changed", "twice", "misplaced", "slowest")
+    heads = ("expected", "unchanged", "lost", "changed", "duplicate", "reordered", "slowest")
     yield f"{'':<20}" + "".join(f"{head:>11}" for head in heads)
     for flow in flows:
         one = flow.account
-        # What came changed counts as lost too: what was sent in its place did not come.
+        # What arrived changed counts as lost too: what was sent in its place did not arrive.
         counts = (one.sent, one.good, one.lost, one.changed, one.repeated, one.out_of_order)
         slowest = f"{one.slowest_secs * 1000:.0f} ms"
         yield f"{str(flow):<20}" + "".join(f"{cell:>11}" for cell in (*counts, slowest))
 
 
 def _interrupted(outcome: Outcome) -> Iterator[str]:
-    yield "What was interrupted:"
+    yield "Interruptions:"
     for interruption in outcome.interruptions:
         yield f"  {interruption}"
     gaps = [(flow, gap) for flow in outcome.flows for gap in flow.account.gaps]
     for flow, gap in gaps:
         yield f"  {flow}: {_gap_words(gap, outcome.start)}"
     if not gaps:
-        yield "  no caption and no datagram"
+        yield "  no captions, no datagrams"
 
 
 def _gap_words(gap: Gap, start: float) -> str:
     if gap.ended is None:
         return f"{gap.lost} lost from second {gap.began - start:.1f} on, to the end"
     return (
-        f"{gap.lost} lost, nothing came for {gap.ended - gap.began:.1f} s, "
-        f"again from second {gap.ended - start:.1f} on"
+        f"{gap.lost} lost, nothing arrived for {gap.ended - gap.began:.1f} s, "
+        f"resumed at second {gap.ended - start:.1f}"
     )

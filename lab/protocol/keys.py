@@ -15,7 +15,7 @@ from cryptography.x509.oid import NameOID
 
 from lab.protocol import messages, wire
 
-# The log-in is encrypted with OAEP over SHA-1, for the mask as well; both ends are bound to it.
+# The log-in is encrypted with OAEP over SHA-1, for the mask as well; the protocol fixes both.
 _OAEP = padding.OAEP(
     mgf=padding.MGF1(algorithm=hashes.SHA1()),  # noqa: S303
     algorithm=hashes.SHA1(),  # noqa: S303
@@ -37,7 +37,7 @@ class ServerKey:
         )
 
     def private_pem(self) -> bytes:
-        """The private key as PEM, "BEGIN RSA PRIVATE KEY", for a server that is no Python."""
+        """The private key as PEM, "BEGIN RSA PRIVATE KEY", for a server not written in Python."""
         return self._private.private_bytes(
             serialization.Encoding.PEM,
             serialization.PrivateFormat.TraditionalOpenSSL,
@@ -45,7 +45,7 @@ class ServerKey:
         )
 
     def encrypt(self, plain: bytes) -> bytes:
-        """What a relay does with its log-in payload."""
+        """Encrypts as a relay does its log-in payload."""
         return self._private.public_key().encrypt(plain, _OAEP)
 
     def decrypt_login(self, image: bytes) -> messages.LogIn:
@@ -62,8 +62,8 @@ class ServerKey:
 
 
 def public_pem_of(bits: int) -> bytes:
-    """A public key of so many bits that nobody has the private key of, as PEM. It costs nothing,
-    while to draw a pair of 4096 bits takes minutes on a busy machine."""
+    """A public key of `bits` bits without a private key, as PEM. It costs nothing, while generating
+    a pair of 4096 bits takes minutes on a busy machine."""
     odd = int.from_bytes(b"\xa5" * (bits // 8), "big")
     return (
         rsa.RSAPublicNumbers(65537, odd)
@@ -76,7 +76,7 @@ def public_pem_of(bits: int) -> bytes:
 
 @functools.lru_cache(maxsize=None)
 def shared_server_key(bits: int = 2048) -> ServerKey:
-    """A key pair made once per process: drawing one takes a noticeable time."""
+    """A key pair made once per process: generating one takes noticeable time."""
     return ServerKey(bits)
 
 

@@ -17,7 +17,7 @@ _UNSIGNED = re.compile(rb"\s*([+-]?)(0[xX][0-9a-fA-F]+|0[0-7]*|[1-9]\d*)")
 
 
 def signed32(value: int) -> int:
-    """`value` as a signed 32-bit number sees it; client ids travel so in some messages."""
+    """`value` as a signed 32-bit number, the form of client ids in some messages."""
     return (value + 0x80000000) % 0x100000000 - 0x80000000
 
 
@@ -114,7 +114,7 @@ class Message:
         return wire.join_fields(self.fields())
 
     def image(self) -> bytes:
-        """The image; WireError when the payload is too long, for nothing is cut off here."""
+        """The image; WireError when the payload is too long, as nothing is truncated here."""
         payload = self.payload()
         if len(payload) > wire.MAX_PAYLOAD_LEN:
             raise wire.WireError(f"{type(self).__name__}: payload of {len(payload)} bytes")
@@ -149,7 +149,7 @@ def parse(image: bytes) -> Message:
 
 @dataclasses.dataclass
 class Opaque(Message):
-    """A message of any type with any payload, also of known types when a test wants bad bytes."""
+    """A message of any type with any payload, even of known types, to send bad bytes."""
 
     code: int = -1
     raw_payload: bytes = b""

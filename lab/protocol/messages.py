@@ -1,6 +1,6 @@
 """Every message type as a dataclass, and the code tables.
 
-Codes (return code, request code, function) are kept as the text that travels, so a test sees
+Codes (return code, request code, function) are kept as transmitted text, so a test sees
 exactly what came over the wire; the tables below give their numbers. `sender_id` and `dest_id`
 are header fields and are given by keyword. `received_image` holds the bytes a message was parsed
 from and takes no part in comparisons.
@@ -33,7 +33,7 @@ PIPE_VIDEO = 64
 PIPE_AUDIO = 64
 PIPE_TO_SERVER = 224
 
-#: Message types that relays switch by type alone; send them as Opaque(TYPE_..., payload).
+#: Message types that relays switch by type only; send them as Opaque(TYPE_..., payload).
 TYPE_CAPTION_COMMAND = 6
 TYPE_MULTIPLE_CAPTION_COMMAND = 160
 
@@ -194,7 +194,7 @@ class RelayPort(Message):
 
     @classmethod
     def from_payload(cls, payload: bytes, **header: Any) -> RelayPort:
-        """Older senders leave the address empty and then mean nothing by what follows."""
+        """Older senders leave the address empty; what follows it then has no meaning."""
         port = super().from_payload(payload, **header)
         texts = wire.split_fields(payload)
         if len(texts) < 3 or not texts[2]:

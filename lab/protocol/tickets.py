@@ -1,6 +1,6 @@
 """Log-in tickets: 16 bytes (client id, address, time stamp, padding) under the relay's DES key.
 
-A relay draws its DES key at every start and sends it to the connection server inside its log-in;
+A relay generates a DES key at every start and sends it to the connection server inside its log-in;
 the connection server encrypts tickets with it in ECB mode, 8 bytes at a time.
 """
 

@@ -1,9 +1,9 @@
 """The byte level of the protocol: message images, fields, stream frames, datagrams.
 
 An image is a 9-byte header (type, sender id, destination id; little-endian) and a payload of at
-most 499 bytes. The payload is a row of fields, each ended by "~"; backslash, "~" and NUL inside
-a field are preceded by a backslash. In a TCP stream an image of odd length 2*L - 1 follows its
-length code L; an image of even length is padded with one "~" first.
+most 499 bytes. The payload is a sequence of fields, each ended by "~"; backslash, "~" and NUL
+inside a field are preceded by a backslash. In a TCP stream an image of odd length 2*L - 1 follows
+its length code L; an image of even length is padded with one "~" first.
 """
 
 from __future__ import annotations
@@ -33,7 +33,7 @@ class WireError(Exception):
 
 
 def escape(raw: bytes) -> bytes:
-    """The field text `raw` as it stands between delimiters."""
+    """The field text `raw` as written between delimiters."""
     return _SPECIAL.sub(rb"\\\g<0>", raw)
 
 
@@ -105,10 +105,10 @@ class FrameReader:
         self._buffer += data
 
     def __iter__(self) -> Iterator[bytes]:
-        """The complete images held so far, each given out once.
+        """The complete images held so far, each returned once.
 
-        A length code of 0 is never sent by a sound peer, so it raises WireError here instead of
-        being skipped: the lab wants to see such a fault.
+        A correct peer never sends a length code of 0, so it raises WireError here instead of
+        being skipped: the lab has to detect such a fault.
         """
         while self._buffer:
             if self._buffer[0] == 0:

@@ -1,1 +1,1 @@
-"""Hooks for pytest: relay logs in the report of a failed test, the dealing out of tests."""
+"""Hooks for pytest: relay logs in the report of a failed test, the distribution of tests."""

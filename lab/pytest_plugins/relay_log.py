@@ -1,6 +1,6 @@
 """Shows the logs of the relays under test in the report of a failed test.
 
-A conftest.py takes the hook in with:
+A conftest.py installs the hook with:
 
     from lab.pytest_plugins.relay_log import pytest_runtest_makereport
 """
@@ -17,7 +17,7 @@ from lab.relay.relay import recent_relays
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item: pytest.Item, call: Any) -> Generator[None, Any, None]:
-    """Relays that a test has closed on its way out are shown too; they are forgotten with it."""
+    """Relays that the test has closed are shown too; they are forgotten after it."""
     outcome = yield
     report = outcome.get_result()
     if report.failed:

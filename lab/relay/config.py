@@ -1,4 +1,4 @@
-"""What a relay is started with: every configuration key, as text for its configuration file."""
+"""A relay's configuration: every key, rendered as the text of its configuration file."""
 
 from __future__ import annotations
 

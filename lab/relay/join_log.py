@@ -1,4 +1,4 @@
-"""What the logs of two relays say about how they are joined."""
+"""What the logs of two relays say about their connection."""
 
 from __future__ import annotations
 
@@ -11,9 +11,9 @@ from lab.support.waiting import Deadline, wait_until
 PROGRAMS = range(6)
 
 _REFUSED = "udp registration ticket not accepted"
-#: Said of a registration that was taken, if it asks for one in return.
+#: Logged for an accepted registration that asks for one in return.
 _CALLED_BACK = "performing udp registration callback"
-#: The refusal of a registration stands this close behind its announcement.
+#: The refusal of a registration follows its announcement within this many lines.
 _REFUSAL_LINES = 4
 
 
@@ -26,7 +26,7 @@ def wait_admitted(
     peer_since: int,
     within_secs: float,
 ) -> None:
-    """Waits until the peer has admitted the opener and the opener has heard so."""
+    """Waits until the peer has admitted the opener and the opener has been told."""
     deadline = Deadline(within_secs)
     admitted = f"authenticated ticket for client {signed32(opener_id)}"
     peer_log.expect(admitted, deadline.left(), since=peer_since)
@@ -41,7 +41,7 @@ def wait_registered(
     within_secs: float,
     programs: Iterable[int] = PROGRAMS,
 ) -> None:
-    """Waits until the relay with this log has taken a peer's registrations for `programs`."""
+    """Waits until the relay with this log has accepted a peer's registrations for `programs`."""
     deadline = Deadline(within_secs)
     for program in programs:
         if program == 0:
@@ -50,13 +50,13 @@ def wait_registered(
             text = f"Client {peer_id} registered to {how} audio program {program} at"
             log.expect(text, deadline.left(), since=since)
     if 0 in programs:
-        # To be marked as a peer is to be on program 0: a registration changes no more than the
-        # address, and only a refusal would be told.
+        # A peer is on program 0 from the start: its registration changes only the address, and
+        # only a refusal would be logged.
         what = f"program 0 of {peer_id} is registered"
-        wait_until(lambda: program_0_taken(log.lines[since:], peer_id), deadline.left(), what)
+        wait_until(lambda: program_0_accepted(log.lines[since:], peer_id), deadline.left(), what)
 
 
-def program_0_taken(lines: list[str], peer_id: int) -> bool:
+def program_0_accepted(lines: list[str], peer_id: int) -> bool:
     """Whether a peer's registration for program 0 came and was not refused."""
     came = f"UDP registration messages from source {peer_id}, program_idx 0,"
     for index, line in enumerate(lines):

@@ -26,7 +26,7 @@ _SANITIZER_WORDS = (
     "WARNING: ThreadSanitizer", "SUMMARY: UndefinedBehaviorSanitizer",
 )  # fmt: skip
 
-#: The latest relays, closed ones too, for whoever prints logs when a test fails.
+#: The latest relays, including closed ones, whose logs are shown when a test fails.
 recent_relays: deque["Relay"] = deque(maxlen=32)
 
 
@@ -41,7 +41,7 @@ class Relay:
     By default it binds to a loopback address of its own, with free ports, logs to its standard
     output (-d), which `log` holds line by line together with its standard error, and finds the
     public key that lab.server.connection_server uses by default. Start it from the main thread: the
-    kernel kills it when the thread that started it is gone, so that no relay outlives us.
+    kernel kills it when the thread that started it ends, so that no relay outlives this process.
     """
 
     def __init__(
@@ -134,7 +134,7 @@ class Relay:
         command = ["setpriv", "--pdeathsig", "KILL", *self._wrapper]
         if self._stdin == "closed":
             command += ["sh", "-c", 'exec "$0" "$@" <&-']
-        # A session of its own: Ctrl-C at our terminal is for us, we end the relay in order.
+        # A session of its own: Ctrl-C at our terminal must not reach it, we end the relay.
         self._process = subprocess.Popen(
             [*command, str(self.binary), *self.arguments],
             cwd=self.folder,
@@ -148,8 +148,8 @@ class Relay:
         return self
 
     def _environment(self) -> dict[str, str]:
-        # Settings of the surroundings must not lead the relay to another database than ours, nor
-        # what it archives to a proxy.
+        # The caller's environment must not direct the relay to another database, or its posts to
+        # a proxy.
         kept = {
             name: value
             for name, value in os.environ.items()
@@ -167,7 +167,7 @@ class Relay:
         return self._process is not None and self._process.poll() is None
 
     def wait_ready(self, within_secs: float = 20.0, *, since: int = 0) -> Relay:
-        """Waits for the log-in to the connection server, from which on clients are served."""
+        """Waits for the log-in to the connection server, after which clients are served."""
         self.log.expect("sending relay port message", within_secs, since=since)
         return self
 
@@ -177,7 +177,7 @@ class Relay:
 
     @contextlib.contextmanager
     def stopped(self) -> Iterator[None]:
-        """Holds the process still, so that what happens meanwhile meets it all at once."""
+        """Stops the process, so that it finds everything that happens meanwhile at once."""
         self.signal(signal.SIGSTOP)
         try:
             wait_until(lambda: self._stat_fields()[0] == "T", 5, "the process stopped")
@@ -202,8 +202,8 @@ class Relay:
         return self.wait_exit(within_secs)
 
     def kill(self, within_secs: float = 10.0) -> int:
-        """Ends the process without a chance to leave in order; `start` brings the relay back
-        under the same name, address and ports."""
+        """Kills the process; `start` brings the relay back under the same name, address and
+        ports."""
         self.signal(signal.SIGKILL)
         return self.wait_exit(within_secs)
 
@@ -228,7 +228,7 @@ class Relay:
     # -- findings --------------------------------------------------------------------------
 
     def sanitizer_reports(self) -> list[str]:
-        """Lines in which a sanitizer accuses the relay; none in a good run."""
+        """Lines in which a sanitizer reports an error; none in a good run."""
         return [line for line in self.log.lines if any(w in line for w in _SANITIZER_WORDS)]
 
     def cpu_secs(self) -> float:
@@ -237,10 +237,10 @@ class Relay:
         return (int(user_ticks) + int(system_ticks)) / os.sysconf("SC_CLK_TCK")
 
     def _stat_fields(self) -> list[str]:
-        """What the kernel tells of the process: the fields behind its name, which may hold
-        blanks."""
+        """The fields of the process's stat file that follow its name, which may contain
+        spaces."""
         return Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
 
     def open_descriptors(self) -> int:
-        """How many descriptors the process holds."""
+        """How many descriptors the process has open."""
         return len(os.listdir(f"/proc/{self.pid}/fd"))

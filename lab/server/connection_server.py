@@ -4,10 +4,10 @@ Serves any number of relays, told apart by their log-in names. Its parts:
 
     server.script.fault("login", Fault(then="reset"))     # faults, answers to log-ins
     server.record.wait_for_type(messages.LostConnection)  # what relays sent
-    server.relays["east"].udp_port                        # the relays themselves
-    server.orders.route_across(...)                       # what they are told
+    server.relays["east"].udp_port                        # the relays it knows
+    server.orders.route_across(...)                       # orders to them
     server.links[0].stage                                 # their connections
-    server.ticket_issuer.enabled                          # how requests for tickets are met
+    server.ticket_issuer.enabled                          # answers to requests for tickets
     server.settings.heartbeat_secs                        # how links are served
 """
 
@@ -61,7 +61,7 @@ class ConnectionServer:
         early while reading is paused. The first relay gets `relay_id`, the next the following.
         A server that stands in for another knows its ids and its plan and lets every relay
         continue its session."""
-        # One condition for all parts: who waits for one sees the others in the same state.
+        # One condition for all parts: a thread that waits on one sees the others in step.
         self.changed = changed = threading.Condition()
         self.address = address or new_address()
         self.port = port
@@ -102,8 +102,8 @@ class ConnectionServer:
         self.close()
 
     def start(self) -> ConnectionServer:
-        """Listens. Also after `close` or `stop_listening`: the same server comes back, with
-        its sessions and its record."""
+        """Listens. Also after `close` or `stop_listening`: the same server comes back with its
+        sessions and its record."""
         listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         try:
             listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -140,7 +140,7 @@ class ConnectionServer:
         self.links.end(how)
 
     def restart(self, how: str = "close") -> None:
-        """Goes away and comes back at the same address at once."""
+        """Closes and starts again at the same address at once."""
         self.close(how)
         self.start()
 
@@ -180,7 +180,7 @@ class ConnectionServer:
 
     @property
     def relay_id(self) -> int:
-        """The id of the first relay; a change holds from the next log-in on."""
+        """The id of the first relay; a change takes effect at the next log-in."""
         return self.roster.first_id
 
     @relay_id.setter

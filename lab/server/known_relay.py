@@ -27,7 +27,7 @@ class KnownRelay:
         self.logins: list[messages.LogIn] = []
         self.links: list[ServerLink] = []
         self.port: messages.RelayPort | None = None
-        #: The ids it has confirmed and not lost since it last started afresh.
+        #: The ids it has confirmed and not lost since its session began.
         self.clients: set[int] = set()
 
     @property
@@ -61,33 +61,33 @@ class KnownRelay:
 
     @property
     def address(self) -> str:
-        """Where others reach it: its public address if it told one, else where its link
-        comes from."""
+        """Where others reach it: its public address if it announced one, else the source
+        address of its link."""
         if self.port is not None and self.port.address:
             return socket.inet_ntoa(struct.pack("<I", self.port.address))
         if not self.links:
             raise LabTimeout(f"relay {self.name!r} has not logged in")
         return self.links[-1].peer[0]
 
-    def _told_port(self) -> messages.RelayPort:
+    def _announced_port(self) -> messages.RelayPort:
         if self.port is None:
-            raise LabTimeout(f"relay {self.name!r} has not told its ports")
+            raise LabTimeout(f"relay {self.name!r} has not announced its ports")
         return self.port
 
     @property
     def tcp_port(self) -> int:
-        return self._told_port().tcp_port
+        return self._announced_port().tcp_port
 
     @property
     def udp_port(self) -> int:
         """The base of its UDP ports."""
-        return self._told_port().udp_port
+        return self._announced_port().udp_port
 
     @property
     def tls_port(self) -> int:
-        return self._told_port().tls_port
+        return self._announced_port().tls_port
 
-    # -- dealings with it ------------------------------------------------------------------
+    # -- exchanges with it -----------------------------------------------------------------
 
     def send(self, message: messages.Message) -> None:
         """Sends on its newest link."""
@@ -106,7 +106,7 @@ class KnownRelay:
         return self._record.wait_for_type(kind, within_secs, relay=self.name, **values)
 
     def note(self, message: messages.Message) -> None:
-        """Takes in what the relay tells about itself and its clients."""
+        """Updates what is known from what the relay reports about itself and its clients."""
         if isinstance(message, messages.RelayPort):
             self.port = message
         elif isinstance(message, messages.ConnectConfirm):

@@ -42,7 +42,7 @@ class ServerLink:
         self.relay_name = ""
         self.challenge = 0
         self.peer = peer
-        #: How the connection is to be ended, "close" or "reset"; "" while it is not.
+        #: How the thread has to end the connection, "close" or "reset"; "" while it must not.
         self.end_wanted = ""
         self._changed = changed
         self._sock = sock
@@ -90,7 +90,7 @@ class ServerLink:
 
     def _stop_handshake(self) -> None:
         try:
-            # Not SSLSocket.shutdown, which takes the session from under the other thread.
+            # Not SSLSocket.shutdown, which drops the TLS session while the other thread uses it.
             socket.socket.shutdown(self._sock, socket.SHUT_RDWR)
         except OSError:
             pass
@@ -130,7 +130,7 @@ class ServerLink:
         """The TLS handshake; PeerClosed when the link was asked to end before it."""
         self._sock.settimeout(_HANDSHAKE_SECS)
         tls = context.wrap_socket(self._sock, server_side=True, do_handshake_on_connect=False)
-        # Known as our socket first, so that end() can stop the handshake.
+        # Stored before the handshake, so that end() can stop it.
         self._sock = tls
         if self.end_wanted:
             raise PeerClosed("ended before the handshake")
@@ -146,12 +146,11 @@ class ServerLink:
         return self._channel.read(within_secs)
 
     def _finish(self) -> None:
-        rude = self.end_wanted == "reset"
         if self._channel is None:
             try:
                 self._channel = Channel(self._sock)
             except (OSError, ssl.SSLError, ValueError):
                 self._sock.close()
         if self._channel is not None:
-            self._channel.reset() if rude else self._channel.close()
+            self._channel.reset() if self.end_wanted == "reset" else self._channel.close()
         self.set_stage("closed")

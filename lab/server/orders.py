@@ -1,11 +1,11 @@
-"""What a stand-in connection server tells its relays: routes, permissions, whom to connect to.
+"""What a stand-in connection server orders: routes, permissions, connections between relays.
 
 Without `relay` an order goes to the newest link. Relays are named as in lab.server.relays.
 
     server.orders.join("east", "west")                       # east connects to west
-    server.orders.join("east", "west", tcp_port=1)           # an odd order
+    server.orders.join("east", "west", tcp_port=1)           # a malformed order
     server.orders.route_across(2001, "east", 2002, "west", messages.PIPE_CAPTION)
-    server.orders.keep_joined("east", "west")                # again whenever they part
+    server.orders.keep_joined("east", "west")                # and again after each loss
 """
 
 from __future__ import annotations
@@ -72,7 +72,7 @@ class ServerOrders:
         self.send(messages.Heartbeat(), relay)
 
     def log_out_relay(self, name: str = "connserver", relay: RelayName | None = None) -> None:
-        """Tells the relay that its session is over; `name` stands in the message."""
+        """Tells the relay that its session is over; `name` is the name in the message."""
         self.send(messages.LogOut(name), relay)
 
     def grant_video(self, from_id: int, to_id: int, relay: RelayName | None = None) -> None:
@@ -94,7 +94,7 @@ class ServerOrders:
     def disconnect_route(
         self, from_id: int, to_id: int, msg_class: int, relay: RelayName | None = None
     ) -> None:
-        """Orders a route away; an id of 0 means any."""
+        """Orders a route removed; an id of 0 means any."""
         self.send(messages.RoutingUpdate("DISCONNECT", from_id, to_id, msg_class), relay)
 
     def route_across(
@@ -108,7 +108,7 @@ class ServerOrders:
         keep: bool = False,
     ) -> None:
         """Orders a route from a client of one relay to a client of another: at the source's
-        relay towards the other relay, there towards the client. `keep`: as keep_route does."""
+        relay to the other relay, and there to the client. `keep`: as keep_route does."""
         first, last = self._relays[source_at], self._relays[to_at]
         if keep:
             self.keep_route(source_id, to_id, msg_class, last)
@@ -128,7 +128,7 @@ class ServerOrders:
         self.send_kept_routes(name)
 
     def drop_route(self, from_id: int, to: int | str, msg_class: int, relay: RelayName) -> None:
-        """Orders a kept route away and keeps it no longer."""
+        """Orders a kept route removed and stops keeping it."""
         name = relay if isinstance(relay, str) else self._relays[relay].name
         with self._plan.lock:
             self._plan.routes.pop(KeptRoute(name, from_id, to, msg_class), None)
@@ -179,19 +179,19 @@ class ServerOrders:
         address: str = "",
         **changes: Any,
     ) -> messages.ConnectOrder:
-        """An order for `opener` that names `peer`, with a fresh ticket under the peer's key.
+        """An order for `opener` to connect to `peer`, with a fresh ticket under the peer's key.
         A bad ticket is under another key. `changes` replace fields of the order."""
-        who, whom = self._relays[opener], self._relays[peer]
-        key = bytes(byte ^ 0x5A for byte in whom.des_key) if bad_ticket else whom.des_key
-        ticket = make_ticket(who.id, key, age_secs=ticket_age_secs, address=who.address)
+        source, target = self._relays[opener], self._relays[peer]
+        key = bytes(byte ^ 0x5A for byte in target.des_key) if bad_ticket else target.des_key
+        ticket = make_ticket(source.id, key, age_secs=ticket_age_secs, address=source.address)
         order = messages.ConnectOrder(
-            whom.id,
-            address_value(address or whom.address),
-            whom.tcp_port,
+            target.id,
+            address_value(address or target.address),
+            target.tcp_port,
             ticket,
             request,
-            whom.udp_port,
-            whom.tls_port,
+            target.udp_port,
+            target.tls_port,
         )
         return dataclasses.replace(order, **changes)
 
@@ -200,7 +200,7 @@ class ServerOrders:
     ) -> messages.ConnectOrder:
         """Sends a connect order of any kind."""
         link = self._link_to(relay)
-        # Noted first: whoever has seen the order arrive finds it here.
+        # Noted first, so that it is here when the order arrives.
         sent = SentOrder(link.relay_name, order, time.monotonic())
         self.sent_orders.append(sent)
         try:
@@ -217,7 +217,7 @@ class ServerOrders:
     def order_udp_registration(
         self, relay: RelayName, peer: RelayName, **changes: Any
     ) -> messages.ConnectOrder:
-        """Orders `relay` to register its UDP addresses with `peer` afresh."""
+        """Orders `relay` to register its UDP addresses with `peer` again."""
         order = self.connect_order(relay, peer, **{"request": "UDP_REG", **changes})
         return self.order_connect(order, relay)
 
@@ -232,7 +232,7 @@ class ServerOrders:
             self._changed.notify_all()
 
     def stop_keeping_joined(self, opener: RelayName, peer: RelayName) -> None:
-        """Leaves two relays to themselves; what joins them now stays."""
+        """Stops keeping two relays joined; an existing connection stays."""
         names = [one if isinstance(one, str) else self._relays[one].name for one in (opener, peer)]
         with self._plan.lock:
             kept = self._plan.pair(*names)

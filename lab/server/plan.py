@@ -1,4 +1,4 @@
-"""What a connection server is to keep up by itself: joined relays, routes.
+"""What a connection server maintains by itself: joined relays, routes.
 
 Servers that stand in for one another share a plan, as they share the roster.
 """
@@ -10,7 +10,7 @@ import threading
 
 #: No pair is ordered together more often than this.
 SPACING_SECS = 1.0
-#: Relays give an outgoing connection 5 seconds and report no failure: then it is our turn.
+#: Relays give an outgoing connection 5 seconds and report no failure: then we retry.
 RETRY_SECS = 6.0
 
 
@@ -25,16 +25,16 @@ class KeptPair:
     due_at: float = 0.0
 
     def other(self, name: str) -> str:
-        """The other relay of the pair; "" when `name` is none of them."""
+        """The other relay of the pair; "" when `name` is neither of them."""
         return {self.opener: self.peer, self.peer: self.opener}.get(name, "")
 
     def part(self, now: float) -> None:
-        """They are known to be apart: the next order is due as soon as the spacing allows."""
+        """They have lost each other: the next order is due as soon as the spacing allows."""
         self.joined = False
         self.due_at = max(now, self.ordered_at + SPACING_SECS)
 
     def order(self, now: float) -> None:
-        """An order goes out."""
+        """An order is sent."""
         self.ordered_at = now
         self.due_at = now + RETRY_SECS
 
@@ -54,12 +54,12 @@ class ServerPlan:
 
     def __init__(self) -> None:
         self.lock = threading.Lock()
-        #: Held while kept routes are sent, so that nothing overtakes them.
+        #: Held while kept routes are sent, so that they stay in order.
         self.sending = threading.Lock()
         self.pairs: list[KeptPair] = []
         #: With the number of the relay's session in which the route was sent last.
         self.routes: dict[KeptRoute, int] = {}
 
     def pair(self, opener: str, peer: str) -> KeptPair | None:
-        """The pair of these two, whoever opens."""
+        """The pair of these two relays, in either role."""
         return next((one for one in self.pairs if {one.opener, one.peer} == {opener, peer}), None)

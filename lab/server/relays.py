@@ -70,7 +70,7 @@ class ServerRelays:
         return relay_id
 
     def note(self, message: messages.Message, link: ServerLink) -> None:
-        """Takes in what the relay on a link, if one has logged in there, tells about itself."""
+        """Has the relay that logged in on a link, if any, updated by a message from it."""
         with self._changed:
             relay = self._relays.get(link.relay_name)
             if relay is not None:

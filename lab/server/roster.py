@@ -1,4 +1,4 @@
-"""Who a relay or client is at the stand-in connection servers: ids by name, sessions."""
+"""The ids of relays by name, new ids for clients, and the sessions of relays."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ class RelayRoster:
         self._lock = threading.Lock()
 
     def id_of(self, name: str) -> int:
-        """The id of the relay that logs in as `name`, now and for ever."""
+        """The id of the relay that logs in as `name`; it never changes."""
         with self._lock:
             if name not in self._ids:
                 self._ids[name] = self._next_id()
@@ -39,7 +39,7 @@ class RelayRoster:
         return next(one for one in itertools.count(self.first_id + 1) if one not in taken)
 
     def assign(self, name: str, relay_id: int) -> None:
-        """Gives a relay an id of the test's choice, before it logs in."""
+        """Gives a relay a chosen id, before it logs in."""
         with self._lock:
             self._ids[name] = relay_id
 
@@ -47,7 +47,7 @@ class RelayRoster:
         return next(self._client_ids)
 
     def begin_session(self, name: str) -> None:
-        """Counts a log-in that continues nothing: the relay starts with empty tables."""
+        """Counts a log-in that continues no session: the relay starts with empty tables."""
         with self._lock:
             self._sessions[name] = self.session(name) + 1
 

@@ -1,4 +1,4 @@
-"""How the stand-in connection server judges log-ins, and the faults that a test has it play."""
+"""How the stand-in connection server judges log-ins, and the faults that a test scripts."""
 
 from __future__ import annotations
 
@@ -25,31 +25,31 @@ class ServerScript:
 
     def __init__(self, continue_any: bool = False) -> None:
         self._lock = threading.Lock()
-        #: Log-ins are checked against this (agency, name, password), or a set of such, if given.
+        #: Log-ins are checked against this (agency, name, password), or a set of them, if given.
         self.credentials: tuple[str, str, str] | set[tuple[str, str, str]] | None = None
         #: Lets a relay continue a session that it began at another server.
         self.continue_any = continue_any
         self._sessions: set[tuple[str, bytes]] = set()
         self._answers: deque[str] = deque()
         self._faults: dict[str, deque[Fault]] = {stage: deque() for stage in STAGES}
-        self._standing: dict[str, Fault] = {}
+        self._permanent: dict[str, Fault] = {}
 
     def fault(self, stage: str, fault: Fault, times: int | None = 1) -> None:
-        """Plays `fault` at the next `times` occasions of `stage`; None: until cleared.
+        """Applies `fault` the next `times` times that `stage` is reached; None: until cleared.
 
         Stages: "accept" (before the TLS handshake), "challenge" (instead of sending it),
         "login" (instead of an answer), "port" (when the relay port arrives).
         """
         with self._lock:
             if times is None:
-                self._standing[stage] = fault
+                self._permanent[stage] = fault
             else:
                 self._faults[stage].extend([fault] * times)
 
     def clear_faults(self) -> None:
-        """Normal service again; also forgets answers not given yet."""
+        """Normal service again; also discards answers not given yet."""
         with self._lock:
-            self._standing.clear()
+            self._permanent.clear()
             self._answers.clear()
             for queue in self._faults.values():
                 queue.clear()
@@ -60,15 +60,15 @@ class ServerScript:
             self._answers.extend(codes)
 
     def forget(self) -> None:
-        """Loses all sessions: a relay that asks to continue hears "NO CONTINUE" and gets a
-        fresh challenge."""
+        """Loses all sessions: a relay that asks to continue gets "NO CONTINUE" and a fresh
+        challenge."""
         with self._lock:
             self._sessions.clear()
 
     def take_fault(self, stage: str) -> Fault | None:
         with self._lock:
             queue = self._faults[stage]
-            return queue.popleft() if queue else self._standing.get(stage)
+            return queue.popleft() if queue else self._permanent.get(stage)
 
     def judge_login(self, login: messages.LogIn, challenge: int) -> str:
         """The return code for a log-in; an accepted one becomes a known session."""

@@ -53,7 +53,7 @@ class ServerSession:
         self._last_heartbeat = time.monotonic()
 
     def run(self) -> None:
-        """Serves the link until either side wants it to end."""
+        """Serves the link until either side ends it."""
         try:
             if self._begin():
                 self._serve()
@@ -116,7 +116,7 @@ class ServerSession:
         try:
             login = self._settings.key.decrypt_login(image)
         except ValueError:
-            # In clear, or under another key: recorded as it came, answered with a refusal.
+            # Unencrypted, or under another key: recorded as it came, answered with a refusal.
             self._note(messages.Opaque(1, image[9:], received_image=image))
             self._link.send(messages.Response(0, "UNAUTHORIZED"))
             return
@@ -132,14 +132,14 @@ class ServerSession:
             self._link.send_challenge()
 
     def _note(self, message: messages.Message, stage: str = "") -> None:
-        """Takes note of a message together with the stage that it brings the link to, if any."""
+        """Records a message together with the stage that it brings the link to, if any."""
         with self._changed:
             self._link.stage = stage or self._link.stage
             self._relays.note(message, self._link)
             self._record.add(message, self._link)
 
     def _fault_takes_over(self, stage: str) -> bool:
-        """Plays the fault scripted for `stage`, if any; true when it replaces normal work."""
+        """Applies the fault scripted for `stage`, if any; true when it replaces the normal step."""
         fault = self._script.take_fault(stage)
         if fault is None:
             return False

@@ -1,6 +1,6 @@
-"""What a stand-in connection server does by itself, following the record of what relays send.
+"""What a stand-in connection server does by itself, in response to what relays send.
 
-Keeps relays joined and routes in force as the plan says, and has requests for tickets answered.
+Keeps relays joined and routes in force as the plan says, and answers requests for tickets.
 """
 
 from __future__ import annotations
@@ -36,7 +36,7 @@ class ServerUpkeep:
         tickets: TicketIssuer,
         changed: threading.Condition,
     ) -> None:
-        """`changed` tells of news in the record and in the plan."""
+        """`changed` announces changes of the record and the plan."""
         self._record = record
         self._relays = relays
         self._orders = orders
@@ -81,7 +81,7 @@ class ServerUpkeep:
             self._join_due(time.monotonic())
 
     def _wait_for_work(self) -> list[Received]:
-        """What was received meanwhile, as soon as there is something or something is due."""
+        """What was received meanwhile; returns as soon as that or anything due is there."""
         received = self._record.received
         with self._changed:
             while not self._stopping and self._seen == len(received):
@@ -102,7 +102,7 @@ class ServerUpkeep:
         return min(times) - time.monotonic() if times else None
 
     def _can_join(self, pair: KeptPair) -> bool:
-        """Whether a pair is apart and both its relays are logged in here."""
+        """Whether a pair is disconnected and both its relays are logged in here."""
         relays = [self._relays.find(name) for name in (pair.opener, pair.peer)]
         return not pair.joined and all(one is not None and one.logged_in for one in relays)
 

@@ -1,4 +1,4 @@
-"""Stations that speak and stations that listen: clients of a relay with audio sockets.
+"""Audio sources and receivers: clients of a relay with audio sockets.
 
     source = AudioSource.connect(relay.address, relay.tcp_port)
     source.login(source_id, server.ticket_for(source_id))
@@ -6,7 +6,7 @@
     receiver.listen(relay, server.ticket_for, program=2)
     receiver.audio(2).expect(source.say(b"hello", program=2))     # once there is a route
 
-A ticket is bytes, or a callable that makes one for a client id. Relays take nine tickets of an
+A ticket is bytes, or a callable that makes one for a client id. Relays accept nine tickets of an
 id within ten seconds; the log-in and every registration, good or bad, use up one each.
 """
 
@@ -25,13 +25,13 @@ from lab.support.waiting import Deadline
 
 Ticket = bytes | Callable[[int], bytes]
 
-#: Flags that no relay takes: the refusal shows that all that was sent before was seen.
-_ILL_FORMED = 8
+#: Flags that every relay refuses: the refusal shows that it has seen all that was sent before.
+_MALFORMED = 8
 _REFUSAL = "UDP UNAUTHORIZED"
 
 
 class LoggingRelay(AudioPorts, Protocol):
-    """A relay whose log we see."""
+    """A relay whose log can be read."""
 
     log: ProcessLog
 
@@ -50,8 +50,8 @@ class AudioStation(Station):
         return self._audio[program]
 
     def open_audio(self, relay: AudioPorts, program: int = 0, **options: object) -> AudioSocket:
-        """Opens the socket of a program at the address of the station's connection; nothing is
-        sent. One that is open is replaced: the station has moved. Options go to AudioSocket."""
+        """Opens the socket of a program at the address of the station's connection; sends
+        nothing. An open one is replaced: the station has moved. Options go to AudioSocket."""
         options = {"address": self.local_address[0], **options}
         moved = AudioSocket(relay, program, client_id=self.client_id, **options)
         if program in self._audio:
@@ -69,9 +69,9 @@ class AudioStation(Station):
         send: bool = False,
         within_secs: float = 5.0,
     ) -> AudioSocket:
-        """Registers for a program, opening its socket if need be, and waits until the relay
-        has dealt with it. A relay with a log has to say there that it took the registration; a
-        repeated one says only that it came."""
+        """Registers for a program, opening its socket if necessary, and waits until the relay
+        has handled it. A relay with a log has to log there that it accepted the registration;
+        for a repeated one it logs only the arrival."""
         audio = self._audio.get(program) or self.open_audio(relay, program)
         ticket = ticket if isinstance(ticket, bytes) else ticket(self.client_id)
         log = getattr(relay, "log", None)
@@ -97,15 +97,15 @@ class AudioStation(Station):
         self._in_force |= {(program, flag) for flag in (RECEIVE, SEND) if flags & flag}
 
     def prove_seen(self, audio: AudioSocket, within_secs: float = 5.0) -> None:
-        """Returns when the relay has dealt with all that was sent to it from `audio` on channel
-        0: an ill-formed registration goes behind it, and its refusal comes over our connection.
-        Uses up no ticket. Does not tell whether a registration before was taken."""
-        audio.register_raw(self.client_id, flags=_ILL_FORMED)
+        """Returns when the relay has handled all that was sent to it from `audio` on channel 0: a
+        malformed registration follows it, and its refusal comes over the TCP connection. Uses
+        up no ticket. Does not tell whether an earlier registration was accepted."""
+        audio.register_raw(self.client_id, flags=_MALFORMED)
         self.expect_refusal(within_secs)
 
     def expect_refusal(self, within_secs: float = 5.0) -> messages.Response:
-        """The relay's word, over our connection, that it did not take a registration. Other
-        messages that come before stay in the inbox."""
+        """The relay's refusal of a registration, over the TCP connection. Other messages that
+        come before it stay in the inbox."""
         deadline = Deadline(within_secs)
         seen = 0
         while True:
@@ -128,7 +128,7 @@ class AudioStation(Station):
 
 
 class AudioSource(AudioStation):
-    """Sends sound."""
+    """Sends audio."""
 
     def go_on_air(
         self, relay: AudioPorts, ticket: Ticket, program: int = 0, within_secs: float = 5.0
@@ -142,7 +142,7 @@ class AudioSource(AudioStation):
 
 
 class AudioReceiver(AudioStation):
-    """Hears sound."""
+    """Receives audio."""
 
     def listen(
         self, relay: AudioPorts, ticket: Ticket, program: int = 0, within_secs: float = 5.0

@@ -1,4 +1,4 @@
-"""The kinds of stations that a caption network has.
+"""The stations of a caption network: captioner, encoder, monitor.
 
     captioner = Captioner.connect(relay.address, relay.tcp_port)
     captioner.login(client_id, server.ticket_for(client_id))
@@ -14,7 +14,7 @@ from lab.support.channel import Channel
 
 __all__ = ["Captioner", "Encoder", "Monitor", "Station", "video_pages"]
 
-#: Pages of a video frame as senders cut them.
+#: The length of the pages into which senders cut a video frame.
 _VIDEO_PAGE_LEN = 400
 
 
@@ -52,13 +52,13 @@ class Monitor(Station):
 
     def receive_video(self, within_secs: float = 5.0) -> tuple[int, bytes]:
         """Sequence number and bytes of the next whole frame; AssertionError when its pages
-        are not all there, in order."""
+        are incomplete or out of order."""
         first = self.expect(messages.VideoFeedback, within_secs, page=1)
         frame = first.video
         for number in range(2, first.total_pages + 1):
             page = self.expect(messages.VideoFeedback, within_secs, page=number)
             if page.sequence != first.sequence:
-                raise AssertionError(f"page {number} is of another frame: {page}")
+                raise AssertionError(f"page {number} belongs to another frame: {page}")
             frame += page.video
         return first.sequence, frame
 
@@ -66,7 +66,7 @@ class Monitor(Station):
 def video_pages(
     frame: bytes, sequence: int = 0, video_format: str = "jpeg", sender_id: int = 0
 ) -> list[messages.VideoFeedback]:
-    """A video frame cut into pages. Plain bytes: escapes double and may not fit."""
+    """A video frame cut into pages. For bytes that need no escape: escaped ones may not fit."""
     cuts = range(0, max(len(frame), 1), _VIDEO_PAGE_LEN)
     total = len(cuts)
     return [

@@ -1,8 +1,8 @@
-"""Many connections at once, from as many addresses as a relay's limit per address asks for.
+"""Many connections at once, from as many addresses as a relay's limit per address requires.
 
-Nothing here waits for one connection before it opens the next, so a crowd comes as fast as the
-machine allows. Its members say nothing of their own: see to it (`be_heard`) that they are heard
-within the relay's time limits, which a crowd on a busy machine comes to sooner than one may think.
+Nothing here waits for one connection before it opens the next, so a crowd connects as fast as the
+machine allows. Its members send nothing by themselves: call `send_heartbeats` within the relay's
+time limits, which a crowd on a busy machine reaches sooner than expected.
 """
 
 from __future__ import annotations
@@ -20,13 +20,13 @@ PER_ADDRESS = 60
 
 
 def raise_descriptor_limit() -> None:
-    """Lets this process hold as many descriptors as it may."""
+    """Raises the soft limit on descriptors of this process to the hard limit."""
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
 
 
 def source_addresses() -> Iterator[str]:
-    """Addresses to connect from, each as often as a relay admits it."""
+    """Addresses to connect from, each as often as a relay accepts it."""
     while True:
         address = new_address()
         for _ in range(PER_ADDRESS):
@@ -53,7 +53,7 @@ class Crowd:
         self.close()
 
     def connect(self, count: int) -> list[Station]:
-        """`count` more connections, without a word."""
+        """`count` more connections, not logged in."""
         new = [
             Station.connect(*self._where, source_ip=next(self._sources), tls=self._tls)
             for _ in range(count)
@@ -71,7 +71,7 @@ class Crowd:
 
     @staticmethod
     def send_login(station: Station, server: ConnectionServer, client_id: int = 0) -> None:
-        """Sends one log-in and does not wait for the answer."""
+        """Sends one log-in without waiting for the answer."""
         station.client_id = client_id or server.new_client_id()
         ticket = server.ticket_for(station.client_id)
         station.send(messages.RelayConnect(station.client_id, ticket))
@@ -85,8 +85,8 @@ class Crowd:
             new += wave
         return new
 
-    def be_heard(self) -> None:
-        """A heartbeat of everyone."""
+    def send_heartbeats(self) -> None:
+        """Sends one heartbeat from every station."""
         for station in self.stations:
             station.send(messages.Heartbeat())
 

@@ -25,7 +25,7 @@ class Station:
         self.name = name or type(self).__name__.lower()
         self.client_id = 0
         self.heartbeats_received = 0
-        #: Whether receive() hands out heartbeats too; they come at times nobody can foresee.
+        #: Whether receive() returns heartbeats too; they come at unpredictable times.
         self.show_heartbeats = False
         self._channel = link
         self._frames = wire.FrameReader()
@@ -87,17 +87,17 @@ class Station:
         self._channel.write(b"".join(frames), within_secs)
 
     def send_raw(self, data: bytes, within_secs: float = 5.0) -> None:
-        """Sends bytes as they are."""
+        """Sends bytes unchanged."""
         self._channel.write(data, within_secs)
 
     def send_image(self, image: bytes, within_secs: float = 5.0) -> None:
-        """Sends an image of our own making as a frame."""
+        """Sends an image as a frame."""
         self._channel.write(wire.to_frame(image), within_secs)
 
     # -- receiving -------------------------------------------------------------------------
 
     def receive(self, within_secs: float = 5.0) -> messages.Message:
-        """The next message; LabTimeout, or PeerClosed when there will be none."""
+        """The next message; LabTimeout, or PeerClosed when the connection has ended."""
         deadline = Deadline(within_secs)
         while not self._inbox:
             self._fill(deadline)
@@ -154,8 +154,8 @@ class Station:
         return [self._inbox.popleft() for _ in range(count)]
 
     def receives_nothing(self, for_secs: float = 0.3) -> bool:
-        """True when no message comes for so long. Prefer a message that must come later: only
-        that proves that an earlier one was not on its way."""
+        """True when no message comes for that long. Prefer a message that must come later: only
+        that proves that an earlier one was not still in transit."""
         try:
             self._inbox.appendleft(self.receive(for_secs))
         except LabTimeout:
@@ -178,7 +178,7 @@ class Station:
 
     @property
     def end_seen(self) -> PeerClosed | None:
-        """How the peer ended the connection (PeerReset: rudely), once that was read."""
+        """How the peer ended the connection (PeerReset: by a reset), once that was read."""
         return self._over
 
     # -- life ------------------------------------------------------------------------------
@@ -192,7 +192,7 @@ class Station:
         return self.expect(messages.Response, within_secs, return_code=expect)
 
     def logout(self) -> None:
-        """Tells the relay that this station leaves."""
+        """Tells the relay that this station is leaving."""
         self.send(messages.LogOut(self.name))
 
     def start_heartbeats(self, period_secs: float = _HEARTBEAT_SECS) -> None:
@@ -210,15 +210,15 @@ class Station:
                 return
 
     def finish_sending(self) -> None:
-        """Half-closes: the relay sees the end of our stream."""
+        """Half-closes: the relay sees the end of the stream."""
         self._channel.finish_sending()
 
     def close(self) -> None:
-        """Leaves without a word."""
+        """Closes the connection without a log-out."""
         self._end(self._channel.close)
 
     def reset(self) -> None:
-        """Leaves with a connection reset."""
+        """Resets the connection."""
         self._end(self._channel.reset)
 
     def _end(self, end_channel: Callable[[], None]) -> None:

@@ -1,9 +1,9 @@
-"""Loopback addresses of our own, so that parallel test processes never share one.
+"""Loopback addresses reserved for this process, so that parallel test processes never share one.
 
 Relays reach a plain connection server at port 9736 of its host and nowhere else, so every server
-needs an address to itself. A process reserves whole blocks 127.a.b.0/24: the mark of a block is
-an abstract Unix socket of that name. Such names live and die with the network namespace and the
-process, exactly as the addresses do, and leave nothing behind.
+needs its own address. A process reserves whole blocks 127.a.b.0/24 by binding an abstract Unix
+socket named after the block. Such names have the lifetime of the network namespace and the process,
+exactly as the addresses do, and leave nothing behind.
 """
 
 from __future__ import annotations
@@ -42,7 +42,7 @@ def _reserve_block() -> str:
 
 
 def new_address() -> str:
-    """A loopback address that nobody else was given, in this process or another."""
+    """A loopback address not given out before, in this process or another."""
     global _owner_pid, _block, _next_host
     with _lock:
         if _owner_pid != os.getpid() or _next_host > _LAST_HOST:

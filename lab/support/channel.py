@@ -1,4 +1,4 @@
-"""One TCP or TLS connection: reads and writes with deadlines, orderly and rude ends.
+"""One TCP or TLS connection: reads and writes with deadlines, orderly closes and resets.
 
 A channel may be read by one thread while others write. OpenSSL allows one thread at a time in a
 session, so every call into the socket happens under a lock and never blocks there; the waiting is
@@ -28,15 +28,15 @@ class PeerReset(PeerClosed):
 
 
 def _closed_by(error: OSError) -> PeerClosed:
-    rude = isinstance(error, (ConnectionResetError, BrokenPipeError))
-    return PeerReset(str(error)) if rude else PeerClosed(str(error))
+    reset = isinstance(error, (ConnectionResetError, BrokenPipeError))
+    return PeerReset(str(error)) if reset else PeerClosed(str(error))
 
 
 class Channel:
     """Owns a connected socket. Its calls raise PeerClosed once the connection is over."""
 
     def __init__(self, sock: socket.socket, *, wakeable: bool = False) -> None:
-        """`wakeable` costs a descriptor more and lets `wake` end a waiting read."""
+        """`wakeable` costs one more descriptor and lets `wake` end a waiting read."""
         self._sock = sock
         self._lock = threading.Lock()
         self._wake_fd = os.eventfd(0, os.EFD_NONBLOCK) if wakeable else -1
@@ -126,19 +126,19 @@ class Channel:
                 socket.socket.shutdown(self._sock, socket.SHUT_WR)
 
     def close(self) -> None:
-        """Closes the connection. Only the reading thread, or anyone while nobody reads."""
-        self._end(rude=False)
+        """Closes the connection. Only from the reading thread, or from any while none reads."""
+        self._end(with_reset=False)
 
     def reset(self) -> None:
-        """Ends the connection with a reset. The same rule as for `close`."""
-        self._end(rude=True)
+        """Ends the connection with a reset, from the same threads as `close`."""
+        self._end(with_reset=True)
 
-    def _end(self, rude: bool) -> None:
+    def _end(self, with_reset: bool) -> None:
         with self._lock:
             if self._closed:
                 return
             self._closed = True
-            if rude:
+            if with_reset:
                 linger = struct.pack("ii", 1, 0)
                 self._sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
             self._sock.close()
@@ -147,7 +147,7 @@ class Channel:
 
 
 def client_tls_context() -> ssl.SSLContext:
-    """TLS towards a self-signed peer: encrypted, not verified."""
+    """TLS to a self-signed peer: encrypted, not verified."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.check_hostname = False
     context.verify_mode = ssl.CERT_NONE
@@ -163,13 +163,13 @@ def connect(
     within_secs: float = 5.0,
     receive_buffer: int = 0,
 ) -> Channel:
-    """Connects (and shakes hands); OSError when that fails. Sizes are bytes, 0: the default."""
+    """Connects, with TLS after a handshake; OSError on failure. Sizes are bytes, 0: the default."""
     deadline = Deadline(within_secs)
     sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     try:
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         if receive_buffer:
-            # Before connecting, for it bounds the window that is offered to the peer.
+            # Before connecting, because it limits the window offered to the peer.
             sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         if source_ip:
             sock.bind((source_ip, 0))

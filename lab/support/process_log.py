@@ -18,7 +18,7 @@ class ProcessLog:
         self._thread: threading.Thread | None = None
 
     def attach(self, stream: IO[bytes]) -> None:
-        """Starts reading `stream`; what was read from an earlier one stays."""
+        """Starts reading `stream`; lines read from an earlier one are kept."""
         self._ended = False
         self._thread = threading.Thread(
             target=self._run, args=(stream,), name="process-log", daemon=True
@@ -37,7 +37,7 @@ class ProcessLog:
             self._changed.notify_all()
 
     def join(self, secs: float = 20.0) -> None:
-        """Waits until the stream has ended, so that no line is missing."""
+        """Waits until the stream has ended and every line has been read."""
         if self._thread is not None:
             self._thread.join(secs)
 
@@ -63,7 +63,7 @@ class ProcessLog:
                     raise LabTimeout(f"no {text!r} within {within_secs} s{self._tail()}")
 
     def expect_in_order(self, *texts: str, within_secs: float = 5.0, since: int = 0) -> None:
-        """Waits until lines with these texts have come, one after the other."""
+        """Waits until lines with these texts have come, in this order."""
         deadline = Deadline(within_secs)
         for text in texts:
             with self._changed:
@@ -84,7 +84,7 @@ class ProcessLog:
         return -1
 
     def count(self, text: str, *, since: int = 0) -> int:
-        """In how many lines `text` stands so far."""
+        """How many lines contain `text` so far."""
         with self._changed:
             return sum(text in line for line in self.lines[since:])
 

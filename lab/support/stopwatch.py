@@ -1,12 +1,12 @@
-"""Times what a relay does for us, by what the relay is to blame for.
+"""Measures the time that a relay takes for something, without waits for a processor.
 
     watch = Stopwatch(relay.pid)
     captioner.caption(b"AB")
     encoder.receive_caption()
     assert watch.secs() < 1.0
 
-A busy machine lets everyone wait for a processor, and that has nothing to do with how soon the relay
-turns to its work. The kernel counts these waits; they are left out. On an idle machine there are
+On a busy machine every process waits for a processor, which says nothing about how soon the relay
+handles its work. The kernel counts these waits; they are left out. On an idle machine there are
 none.
 """
 
@@ -29,7 +29,7 @@ def _waited_secs(files: Iterable[Path]) -> float:
 
 
 class Stopwatch:
-    """Runs from its making."""
+    """Runs from its construction."""
 
     def __init__(self, pid: int) -> None:
         """`pid`: the relay's, whose main thread does all the switching. Our own threads take turns

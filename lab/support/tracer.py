@@ -7,8 +7,8 @@
         steps = tracer.instructions()            # machine instructions of one pass
 
 Counts do not depend on how fast or busy the machine is. The processor's own counters would be
-quicker, but virtual machines seldom have them; ptrace is everywhere. Meant for processes that this
-one started, from one thread; a pass is what lies between two waits for events.
+quicker, but virtual machines seldom have them; ptrace is everywhere. Meant for child processes of
+this one, from one thread; a pass is what happens between two waits for events.
 """
 
 from __future__ import annotations
@@ -44,7 +44,7 @@ _CALL_LEN = {"x86_64": 2, "aarch64": 4}.get(platform.machine(), 0)
 
 
 class _SyscallInfo(ctypes.Structure):
-    """struct ptrace_syscall_info, as far as it is the same for every kind of stop."""
+    """struct ptrace_syscall_info, the part common to every kind of stop."""
 
     _fields_ = [
         ("op", ctypes.c_uint8),
@@ -62,36 +62,36 @@ _libc.ptrace.restype = ctypes.c_long
 _libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
 
 
-#: A pass that takes more is none that anybody wants to count: a timer works through thousands of
-#: clients, which would take minutes step by step.
+#: A longer pass is not worth counting: a timer that handles thousands of clients would take minutes
+#: step by step.
 _MAX_STEPS = 100_000
 
 
 class TooManySteps(Exception):
-    """A pass is longer than can be counted; the process runs freely again."""
+    """A pass is too long to count; the process runs freely again."""
 
 
 class LoopTracer:
     """Use as a context manager; the process runs freely again afterwards. Only its main thread is
-    traced and held, always where its next wait for events begins. Signals that come to it
-    meanwhile are handed on. On a busy machine thousands of instructions take seconds, calls do
+    traced and held, always where its next wait for events begins. Signals that arrive
+    meanwhile are passed on. On a busy machine thousands of instructions take seconds, calls do
     not."""
 
     def __init__(self, pid: int) -> None:
-        """The process has to be waiting for events, as it does nearly always."""
+        """The process has to be waiting for events, as it nearly always is."""
         self.pid = pid
         self._info = _SyscallInfo()
         self._wait_ends_at = wait_until(self._blocked_in_wait, 20, f"{pid} waiting for events")
-        #: Whether the process is held inside the wait, and not in front of it.
+        #: Whether the process is held inside the wait rather than before it.
         self._in_wait = False
 
     @staticmethod
     def supported() -> bool:
-        """Whether this kind of processor is known here."""
+        """Whether this processor architecture is supported."""
         return bool(_NAMES)
 
     def _blocked_in_wait(self) -> int:
-        """Where the program goes on when its wait for events is over; 0 while it is not in it."""
+        """The address at which the program continues after its wait for events; 0 outside of it."""
         words = Path(f"/proc/{self.pid}/syscall").read_text().split()
         waiting = len(words) == 9 and _NAMES.get(int(words[0])) == "epoll_wait"
         return int(words[-1], 16) if waiting else 0
@@ -101,7 +101,7 @@ class LoopTracer:
         try:
             self._wait_for_stop()
             self._ptrace(_SETOPTIONS, _TRACE_SYSGOOD)
-            # That it was in is over. Not step by step: on a busy machine that takes seconds.
+            # Past the present wait, to the next. Stepping there takes seconds on a busy machine.
             self._run_to_wait()
         except BaseException:
             self._ptrace(_DETACH)
@@ -123,7 +123,7 @@ class LoopTracer:
         return os.WSTOPSIG(status)
 
     def _resume(self, request: int) -> None:
-        """Goes on to the next stop that we asked for; signals are delivered."""
+        """Continues to the next stop that we asked for; signals are delivered."""
         deliver = 0
         while True:
             self._ptrace(request, deliver)
@@ -135,19 +135,19 @@ class LoopTracer:
     def _look(self) -> _SyscallInfo:
         size = ctypes.sizeof(self._info)
         if _libc.ptrace(_GET_SYSCALL_INFO, self.pid, size, ctypes.addressof(self._info)) == -1:
-            raise OSError(ctypes.get_errno(), "the kernel does not tell about system calls")
+            raise OSError(ctypes.get_errno(), "the kernel does not report system calls")
         return self._info
 
     def system_calls(self) -> list[str]:
-        """Lets the process wait for events, half a second if there are none, and handle them; the
-        calls that it made for that."""
+        """Lets the process wait for events, half a second if there are none, and handle them;
+        returns the calls that it made for that."""
         if not self._in_wait:
             self._resume(_SYSCALL)  # to its entry
         self._resume(_SYSCALL)  # to its return
         return self._run_to_wait()
 
     def _run_to_wait(self) -> list[str]:
-        """Lets the process run into its next wait; the calls before it."""
+        """Lets the process run into its next wait; returns the calls before it."""
         calls: list[str] = []
         while not calls or calls[-1] != "epoll_wait":
             self._resume(_SYSCALL)
@@ -158,8 +158,8 @@ class LoopTracer:
         return calls[:-1]
 
     def instructions(self) -> int:
-        """The same, and how many instructions of the program that took; TooManySteps."""
-        # The wait as a whole, or what is left of it.
+        """The same, but returns how many instructions the program took; TooManySteps."""
+        # The whole wait, or the rest of it.
         self._resume(_SYSCALL if self._in_wait else _SINGLESTEP)
         self._in_wait = False
         return self._step_to_wait()

@@ -1,7 +1,7 @@
 """Waits for conditions with deadlines.
 
-Slow builds (sanitizers) and busy machines are given more time by one number, the environment
-variable LAB_PATIENCE, which every deadline of the lab is multiplied by (default 1).
+Slow builds (sanitizers) and busy machines get more time through the environment variable
+LAB_PATIENCE: every deadline of the lab is multiplied by it (default 1).
 """
 
 from __future__ import annotations
@@ -41,7 +41,7 @@ class Deadline:
 def wait_until(check: Callable[[], T], within_secs: float, what: str = "") -> T:
     """Polls `check` until its result is true and returns that; LabTimeout after the deadline.
 
-    For conditions that announce themselves by nothing better, like rows in a table.
+    For conditions that give no notification, like rows in a table.
     """
     deadline = Deadline(within_secs)
     while True:

@@ -43,7 +43,7 @@ def test_the_median_and_half_the_distance_of_the_quartiles():
     assert figure([]) is None
 
 
-def test_runs_that_took_turns_are_compared_one_by_one():
+def test_alternating_runs_are_compared_one_by_one():
     # The machine became slower; the quotient did not change.
     assert paired_ratio([2, 4, 6, 8], [1, 2, 3, 4]) == Figure(2, 0)
     assert paired_ratio([], []) is None
@@ -70,7 +70,7 @@ def test_flat_out_the_best_peer_counts():
     assert found["flat out: x best peer"].startswith("missed: 0.95")
 
 
-def test_idle_clients_are_weighed_against_the_same_cell_with_few():
+def test_idle_clients_are_compared_with_the_same_cell_with_few():
     many = dataclasses.replace(MODERATE_CELL, label="1 to 8, 8000 idle", idle=8000)
     results = {(many, RELAY_FEW): outcome(5.0), (many, "relay"): outcome(5.5)}
     results[many, "relay"].memory = {"before": 0, "after": 8000 * 4096, "idle": 8000}
@@ -145,14 +145,14 @@ def lost_verdict(relay_lost: int, floor_lost: int) -> str:
     return found["UDP: lost or wrong per million"]
 
 
-def test_udp_may_lose_what_the_floor_loses_and_no_more():
+def test_udp_may_lose_only_what_the_floor_loses():
     assert lost_verdict(0, 0) == "met"
     assert lost_verdict(1, 0).startswith("missed")
     assert lost_verdict(2, 2) == "met"
     assert lost_verdict(3, 2).startswith("missed")
 
 
-def test_idle_clients_are_weighed_for_udp_too():
+def test_idle_clients_are_compared_for_udp_too():
     many = next(cell for cell in all_cells() if cell.name == "UDP moderate, 1 to 8, 8000 idle")
     results = {(many, RELAY_FEW): outcome(5.0), (many, "relay"): outcome(5.2)}
     found = {check.goal: check for check in goals.checks(results)}

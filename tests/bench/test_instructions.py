@@ -45,7 +45,7 @@ def test_the_costs_of_every_function_count_once():
     assert Profile(PROFILE).instructions == 955
 
 
-def test_system_calls_bear_the_name_of_the_function_that_makes_them():
+def test_system_calls_are_named_after_the_calling_function():
     assert Profile(PROFILE).system_calls == {"send": 10, "epoll_wait": 1}
 
 

@@ -1,4 +1,4 @@
-"""Captions on their way to the archive: said by stations, found in posts."""
+"""Captions on their way to the archive: sent by stations, found in posts."""
 
 from __future__ import annotations
 
@@ -16,23 +16,24 @@ from lab.stations.caption_stations import Captioner, Encoder
 from lab.support.stopwatch import Stopwatch
 from lab.support.waiting import patient
 
-#: What a caption may take through a relay; on an idle machine it is under a millisecond.
+#: The longest that a caption may take through a relay; on an idle machine it is under a
+#: millisecond.
 NOTICEABLE_SECS = 1.0
 
-#: To what the archive's times are exact.
+#: The precision of the archive's times.
 TICK_SECS = 0.002
 
 _PATIENCE_SECS = 20.0
 
 
 class CaptionLine:
-    """A captioner and an encoder that gets what it says."""
+    """A captioner and an encoder that gets what it sends."""
 
     def __init__(self, relay: Relay, captioner: Captioner, encoder: Encoder) -> None:
         self.relay, self.captioner, self.encoder = relay, captioner, encoder
         #: When each caption was sent (wall clock), and its bytes.
         self.said: list[tuple[float, bytes]] = []
-        #: When each had arrived: the relay had it between these times.
+        #: When each had arrived: the relay received it between these times.
         self.heard: list[float] = []
         self.longest_trip = 0.0
 
@@ -41,7 +42,7 @@ class CaptionLine:
         return self.captioner.client_id
 
     def say(self, caption: bytes | None = None) -> bytes:
-        """Sends one caption, by default one like no other, and waits until it has arrived."""
+        """Sends one caption, unique by default, and waits until it has arrived."""
         caption = b"%06d" % len(self.said) if caption is None else caption
         self.said.append((time.time(), caption))
         watch = Stopwatch(self.relay.pid)
@@ -55,7 +56,7 @@ class CaptionLine:
         for _ in range(count):
             self.say()
 
-    def assert_never_held_up(self) -> None:
+    def assert_never_delayed(self) -> None:
         assert self.longest_trip < patient(NOTICEABLE_SECS)
 
 
@@ -70,7 +71,7 @@ def make_lines(relay, make_station, route, count: int) -> list[CaptionLine]:
 
 
 def archived(posts: Iterable[Post], source: int) -> list[tuple[float, bytes]]:
-    """The captions of field 1 that posts hold of a source, as they were said, with their times."""
+    """The captions of field 1 of a source in posts, as they were sent, with their times."""
     payloads = [posted_json.read(post.body) for post in posts]
     return [
         (record.time, bytes(byte & 0x7F for byte in record.data))
@@ -81,8 +82,8 @@ def archived(posts: Iterable[Post], source: int) -> list[tuple[float, bytes]]:
 
 
 def assert_archived(posts: Iterable[Post], line: CaptionLine, *, since: int = 0) -> int:
-    """What a line said, from its caption number `since` on, is there once, in its order, with its
-    time; tells how much of it."""
+    """Asserts that what a line sent, from its caption number `since` on, is there once, in order,
+    with its time; returns how much of it."""
     found, said = archived(posts, line.source), line.said[since:]
     assert [caption for _, caption in found] == [caption for _, caption in said][: len(found)]
     for (at, _), (said_at, _), heard_at in zip(found, said, line.heard[since:]):
@@ -91,7 +92,7 @@ def assert_archived(posts: Iterable[Post], line: CaptionLine, *, since: int = 0)
 
 
 def private_bytes(relay: Relay) -> int:
-    """The memory of its own that a process holds; 0 under sanitizers, which keep what is freed."""
+    """The private memory of a process; 0 under sanitizers, which keep what is freed."""
     if "san.so" in Path(f"/proc/{relay.pid}/maps").read_text():
         return 0
     status = Path(f"/proc/{relay.pid}/status").read_text()

@@ -1,7 +1,7 @@
-"""Small tools of the audio tests: stations that are on the air, and what became of a registration.
+"""Helpers of the audio tests: registered stations, and the results of registrations.
 
-Nothing answers a good registration. A fence shows what was done with it: an ill-formed one that
-follows from the same socket, under flags of its own that the log tells.
+A good registration is not answered. A fence shows how it was handled: a malformed one that follows
+from the same socket, with unique flags that are logged.
 """
 
 from __future__ import annotations
@@ -49,29 +49,29 @@ def listening(
 
 @dataclasses.dataclass
 class Outcome:
-    """What the relay had to say about a registration: its lines, without their times, and the
-    return codes that the station got over its connection."""
+    """What the relay said about a registration: its log lines, without their times, and the return
+    codes that the station got over its connection."""
 
     lines: list[str]
     answers: list[str]
 
     @property
     def taken(self) -> bool:
-        """Neither logged as refused nor answered."""
+        """Whether it was not refused, in the log or by an answer."""
         refused = any("udp registration ticket not accepted" in line for line in self.lines)
         assert refused == (self.answers == [REFUSED]), self
         return not refused
 
 
 def fence(relay: Relay, audio: AudioSocket, channel: int = 0) -> tuple[int, int]:
-    """Has the relay deal with all that was sent from `audio` on this channel, and log it; where
-    the lines of the fence begin and end in the log."""
+    """Has the relay handle all that was sent from `audio` on this channel, and log it; returns
+    where the lines of the fence begin and end in the log."""
     flags = next(_fence_flags)
-    ill_formed = f"ticket rejected for ill-formed flags - {flags}. "
+    malformed = f"ticket rejected for ill-formed flags - {flags}. "
     audio.register_raw(audio.client_id, flags=flags, channel=channel)
-    relay.log.expect_in_order(ill_formed, "udp registration ticket not accepted")
-    second = next(i for i, line in enumerate(relay.log.lines) if ill_formed in line)
-    # The first line tells that something came, the third what became of it.
+    relay.log.expect_in_order(malformed, "udp registration ticket not accepted")
+    second = next(i for i, line in enumerate(relay.log.lines) if malformed in line)
+    # The first line reports the arrival, the third the result.
     return second - 1, second + 2
 
 
@@ -83,8 +83,8 @@ def outcome(
     audio: AudioSocket | None = None,
     channel: int = 0,
 ) -> Outcome:
-    """What became of what `send` sends to the program and channel of `audio`, the station's own
-    of program 0 if none is given."""
+    """The result of what `send` sends to the program and channel of `audio`, by default the
+    station's socket of program 0."""
     audio = audio or station.audio(0)
     _, begin = fence(relay, audio, channel)
     got_before_order_fence(relay.server, station)
@@ -92,11 +92,11 @@ def outcome(
     end, _ = fence(relay, audio, channel)
     got = got_before_order_fence(relay.server, station)
     answers = [one.return_code for one in got if isinstance(one, messages.Response)]
-    # Whom the fence names is told of it, last.
+    # The client named by the fence is told last.
     if audio.client_id == station.client_id:
         assert answers.pop() == REFUSED
     lines = [line.partition(" - ")[2] for line in relay.log.lines[begin:end]]
-    # On the minute the relay says more.
+    # On the minute the relay logs more.
     return Outcome([line for line in lines if not line.startswith(LOAD_REPORT)], answers)
 
 
@@ -108,11 +108,11 @@ def register(
     *,
     program: int = 0,
     client_id: int | None = None,
-    **odd: object,
+    **changes: object,
 ) -> Outcome:
     """Sends one registration of the station from its socket of a program."""
     client_id = station.client_id if client_id is None else client_id
     audio = station.audio(program)
     return outcome(
-        relay, station, lambda: audio.register_raw(client_id, ticket, flags, **odd), audio=audio
+        relay, station, lambda: audio.register_raw(client_id, ticket, flags, **changes), audio=audio
     )

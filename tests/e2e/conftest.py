@@ -1,8 +1,8 @@
-"""What every end-to-end test stands on: a database, connection servers, relays, stations.
+"""The fixtures of every end-to-end test: a database, connection servers, relays, stations.
 
-Whatever a test makes through these fixtures is taken down after it, and every relay is judged on
-its way out: it ends in order with status 0 (or with its `expected_status`), no sanitizer accuses
-it, and the connection servers saw nothing from it that no sound relay sends.
+Everything that a test makes through these fixtures is shut down after it, and every relay is judged
+at its end: it exits with status 0 (or with its `expected_status`), no sanitizer reports an error,
+and the connection servers have received nothing that a correct relay does not send.
 """
 
 from __future__ import annotations
@@ -42,7 +42,7 @@ _CONFIG_NAMES = {field.name for field in dataclasses.fields(RelayConfig)}
 
 
 def pytest_configure(config: pytest.Config) -> None:
-    # A traceback in a thread of the lab fails the test in which it shows.
+    # A traceback in a thread of the lab fails the test during which it occurs.
     config.addinivalue_line("filterwarnings", "error::pytest.PytestUnhandledThreadExceptionWarning")
     config.addinivalue_line(
         "markers", "threads: runs with the thread sanitizer too, for it keeps all threads busy"
@@ -53,7 +53,7 @@ def pytest_configure(config: pytest.Config) -> None:
 class TestedRelay(Relay):
     """A relay that knows its schema and server and how it is expected to end."""
 
-    #: The exit status asked for in the end; None accepts any.
+    #: The expected exit status; None accepts any.
     expected_status: int | None = 0
     schema: Schema
     server: ConnectionServer
@@ -214,8 +214,8 @@ def network(make_network: Callable[..., RelayNetwork]) -> RelayNetwork:
 @pytest.fixture
 def make_station() -> Iterator[Callable[..., Station]]:
     """Connects stations: `make_station(relay, Captioner)` is logged in, under a new id or
-    `client_id`; `login=False` only connects. `tls` goes to the TLS port. Heartbeats keep it
-    from being dropped as idle. More options go to Station.connect."""
+    `client_id`; `login=False` only connects. `tls` uses the TLS port. Heartbeats keep it from being
+    dropped as idle. More options go to Station.connect."""
     stations: list[Station] = []
 
     def make(
@@ -284,7 +284,8 @@ def make_endpoint() -> Iterator[Callable[..., ScriptedEndpoint]]:
 def bystanders(
     relay: TestedRelay, make_station: Callable[..., Station], route: Callable[..., None]
 ) -> Iterator[tuple[Captioner, Encoder]]:
-    """A captioner and an encoder that are served to the end, whatever the test does to others."""
+    """A captioner and an encoder that have to be served to the end, whatever the test does to
+    others."""
     captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, captioner, encoder, PIPE_CAPTION)
     yield captioner, encoder

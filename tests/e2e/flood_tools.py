@@ -1,4 +1,4 @@
-"""Floods of datagrams on one program of a relay, and everyday traffic beside them."""
+"""Floods of datagrams on one program of a relay, and ordinary traffic during them."""
 
 from __future__ import annotations
 
@@ -17,17 +17,17 @@ from lab.support.waiting import patient, wait_until
 
 DATAGRAMS = 60_000
 PROGRAM = 5
-#: What a caption may take at most meanwhile; on an idle machine it is under a millisecond.
+#: The longest that a caption may take meanwhile; on an idle machine it is under a millisecond.
 NOTICEABLE_SECS = 1.0
 GROWTH_BYTES = 4 << 20
-#: Lines that have nothing to do with the flood.
+#: Lines unrelated to the flood.
 OTHER_LINES = 20
 
 _ill_formed_flags = itertools.count(2000)
 
 
 def resident_bytes(relay) -> int:
-    """The memory that the process holds; 0 under sanitizers, which keep what is given back."""
+    """The memory of the process; 0 under sanitizers, which keep what is freed."""
     if "san.so" in Path(f"/proc/{relay.pid}/maps").read_text():
         return 0
     pages = Path(f"/proc/{relay.pid}/statm").read_text().split()[1]
@@ -35,12 +35,13 @@ def resident_bytes(relay) -> int:
 
 
 def dropped_by_kernel(relay, program) -> int:
-    """Datagrams that found the receive buffer of the relay full."""
+    """Datagrams dropped because the relay's receive buffer was full."""
     host = "".join(f"{int(part):02X}" for part in reversed(relay.address.split(".")))
     place = f" {host}:{relay.audio_port(program):04X} "
 
     def row():
-        """Other sockets come and go while the table is read: ours may be missing, or twice."""
+        """Other sockets come and go while the table is read: ours may be missing, or listed
+        twice."""
         rows = Path("/proc/net/udp").read_text().splitlines()
         return next((one for one in rows if place in one), None)
 
@@ -49,7 +50,7 @@ def dropped_by_kernel(relay, program) -> int:
 
 def make_everyday(relay, make_station, route):
     """A function that runs `flood` while captions and a clip of speech cross the relay; all of them
-    arrive, each caption soon. It tells how many captions crossed meanwhile."""
+    arrive, each caption soon. It returns how many captions crossed meanwhile."""
     captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, captioner, encoder, PIPE_CAPTION)
     source, receiver = on_air(make_station, relay), listening(make_station, relay)
@@ -96,9 +97,9 @@ def flood(relay, datagrams, addresses):
 
 
 def settle(relay, station):
-    """All of the flood that was received has been dealt with, told of in the log and answered: the
-    answers, and how many lines stand in the log only because we looked. Each try registers under
-    flags of its own, so that no line or answer of the flood passes for its."""
+    """Waits until the part of the flood that was received has been handled, logged and answered;
+    returns the answers, and how many log lines are due only to this check. Each try registers under
+    flags of its own, so that no line or answer of the flood is taken for its own."""
     answers, looks = [], itertools.count(1)
 
     def is_told():
@@ -110,7 +111,7 @@ def settle(relay, station):
 
     wait_until(is_told, 20, "a refusal that is told again")
     answers.extend(got_before_order_fence(relay.server, station))
-    # What came last may have been told of behind the line that was waited for.
+    # The last one may have been logged after the line that was waited for.
     line_count(relay, station, "")
     return answers, next(looks)
 

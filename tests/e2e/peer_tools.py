@@ -1,4 +1,5 @@
-"""A stand-in for the other relay: whatever a relay may meet when it is ordered to connect to one.
+"""A stand-in for the other relay, for everything that a relay may meet when it is ordered to
+connect.
 
     with StandInPeer(server.new_client_id()) as peer:
         link = peer.join(relay)                # ordered, connected, logged in, answered "OK"
@@ -34,11 +35,11 @@ class PeerHeard(NamedTuple):
 
 
 class StandInPeer:
-    """Listens for TCP unless told not to, and at all audio ports that a relay has. What is to
-    be answered is for the test to say."""
+    """Listens for TCP unless told not to, and at all audio ports that a relay has. The test decides
+    what it answers."""
 
     def __init__(self, peer_id: int, *, address: str = "", tcp_port: int = 0) -> None:
-        """`tcp_port`: somebody else listens there, or nobody."""
+        """`tcp_port`: a port of something else, or one where nothing listens."""
         self.id = peer_id
         self.address = address or new_address()
         self.ticket = b"ticket %08d" % (peer_id % 10**8)
@@ -84,14 +85,14 @@ class StandInPeer:
         try:
             sock, _ = self.listener.accept()
         except TimeoutError:
-            raise LabTimeout(f"nobody connects to {self.id} within {within_secs} s") from None
+            raise LabTimeout(f"no connection to {self.id} within {within_secs} s") from None
         link = Station(Channel(sock), f"link at {self.id}")
         link.client_id = self.id
         self.links.append(link)
         return link
 
-    def nobody_connects(self) -> bool:
-        """That no connection waits for us now."""
+    def no_connection_waits(self) -> bool:
+        """Asserts that no connection waits for us now."""
         self.listener.settimeout(0)
         try:
             self.listener.accept()[0].close()
@@ -100,7 +101,7 @@ class StandInPeer:
         return False
 
     def accept_login(self, relay_id: int, ticket: bytes | None = None) -> Station:
-        """The next connection, whose first word has to be a log-in with the order's ticket."""
+        """The next connection, whose first message has to be a log-in with the order's ticket."""
         link = self.accept()
         wanted = self.ticket if ticket is None else ticket
         link.expect(messages.RelayConnect, client_id=relay_id, ticket=wanted, sender_id=relay_id)
@@ -122,7 +123,7 @@ class StandInPeer:
     # -- audio -----------------------------------------------------------------------------
 
     def receive(self, within_secs: float = 5.0) -> PeerHeard:
-        """The next datagram, at whichever socket."""
+        """The next datagram, at any socket."""
         deadline = Deadline(within_secs)
         while not self._inbox:
             ready = self.row.wait(deadline.left())
@@ -138,7 +139,8 @@ class StandInPeer:
         return [self.receive(deadline.left()) for _ in range(count)]
 
     def heard_within(self, secs: float) -> list[PeerHeard]:
-        """All that comes within some time, for want of something that must come later."""
+        """All that arrives within some time, when nothing that must come later can be waited
+        for."""
         end, heard = time.monotonic() + secs, []
         while (left := end - time.monotonic()) > 0:
             try:
@@ -161,7 +163,7 @@ class StandInPeer:
         self.send(relay, audio_wire.registration(self.id, ticket, flags), program, channel=channel)
 
     def send(self, relay, datagram: bytes, program: int = 0, *, channel: int = 0) -> bytes:
-        """Sends as a relay does: from the socket of the channel to the same one there."""
+        """Sends as a relay does: from the socket of a channel to the same one at the other end."""
         port = relay.audio_port(program) + RELAY_CHANNEL_STEP * channel
         sock = self.row.sockets[self._places.index((channel, program))]
         sock.sendto(datagram, (relay.address, port))

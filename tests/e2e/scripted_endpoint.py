@@ -1,4 +1,4 @@
-"""An archive endpoint that answers as a test plans and records what it is asked.
+"""An archive endpoint that answers as a test plans and records its requests.
 
     endpoint = make_endpoint(Answer("silence"), 500)   # the first two posts; later ones get 200
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
@@ -20,18 +20,18 @@ from lab.archive import posted_json
 from lab.support.addresses import free_port, new_address
 from lab.support.waiting import LabTimeout, patient
 
-#: A relay looks after its archive every 15 seconds; captions of up to two such periods wait.
+#: A relay checks for captions to post every 15 seconds; captions of up to two such periods wait.
 PASS_SECS = 40.0
 
 _PIECE_LEN = 1 << 16
-#: Endless, but not as fast as can be: other tests want to run too.
+#: Endless, but not as fast as possible, so that other tests can run too.
 _PIECE_PAUSE_SECS = 0.001
 _RESET = struct.pack("ii", 1, 0)
 
 
 @dataclasses.dataclass(frozen=True)
 class Answer:
-    """`how`: "status"; "silence", until the client leaves; "close" or "reset" without a word;
+    """`how`: "status"; "silence", until the client leaves; "close" or "reset" without an answer;
     "garbage" that is not HTTP; an "endless" body. All of it after `delay_secs`."""
 
     how: str = "status"
@@ -51,7 +51,7 @@ class Post(NamedTuple):
 
     @property
     def payload(self) -> posted_json.Payload:
-        """What it says, to the byte as relays write it."""
+        """What it says; asserts that it is exactly as relays write it."""
         return posted_json.read(self.body)
 
 
@@ -60,7 +60,7 @@ class _Handler(BaseHTTPRequestHandler):
     server: _Server
 
     def log_message(self, format: str, *args: object) -> None:
-        """Nothing: the posts are recorded."""
+        """Logs nothing: the posts are recorded."""
 
     def do_POST(self) -> None:
         body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
@@ -79,7 +79,7 @@ class _Handler(BaseHTTPRequestHandler):
 
     def _silence(self, answer: Answer) -> None:
         self.close_connection = True
-        self.connection.recv(1)  # nothing comes but the end
+        self.connection.recv(1)  # nothing arrives but the end of the stream
 
     def _close(self, answer: Answer) -> None:
         self.close_connection = True
@@ -118,14 +118,14 @@ class _Server(ThreadingHTTPServer):
         self.close_request(request)  # at once, so that a reset is one
 
     def handle_error(self, request: object, client_address: object) -> None:
-        """Clients leave as they like."""
+        """Clients may leave at any time."""
 
 
 class ScriptedEndpoint:
-    """Listens at an address of its own from `open` to `close`, which also cuts its connections."""
+    """Listens at an address of its own from `open` to `close`, which also ends its connections."""
 
     def __init__(self, *plan: Answer | int) -> None:
-        """`plan`: what the posts are answered in their order, a number being a status."""
+        """`plan`: the answers to the posts, in order, a number being a status."""
         self.address = new_address()
         self.port = free_port(self.address)
         self.url = f"http://{self.address}:{self.port}/archive"
@@ -150,10 +150,10 @@ class ScriptedEndpoint:
             try:
                 link.shutdown(socket.SHUT_RDWR)
             except OSError:
-                pass  # its client was quicker
+                pass  # its client closed first
 
     def take(self, post: Post) -> Answer:
-        """Records a post; what it is to be answered."""
+        """Records a post; returns the answer to it."""
         with self._changed:
             self._posts.append(post)
             self._changed.notify_all()
@@ -165,12 +165,12 @@ class ScriptedEndpoint:
             return list(self._posts)
 
     def has(self, count: int, within_secs: float = 0.0) -> bool:
-        """Whether so many posts come in that time; not made longer by patience."""
+        """Whether `count` posts arrive in that time; not extended by patience."""
         with self._changed:
             return self._changed.wait_for(lambda: len(self._posts) >= count, within_secs)
 
     def wait_for(self, count: int, within_secs: float = PASS_SECS) -> list[Post]:
-        """All posts so far, at least so many."""
+        """All posts so far, at least `count`."""
         if not self.has(count, patient(within_secs)):
             raise LabTimeout(f"{len(self.posts)} of {count} posts within {within_secs} s")
         return self.posts

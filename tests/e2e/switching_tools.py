@@ -1,7 +1,7 @@
-"""Small tools of the switching tests: fences, exact images, receivers that only collect bytes.
+"""Helpers of the switching tests: fences, exact images, receivers that only collect bytes.
 
 A message that must come later proves what was or was not sent before it. Direct messages reach
-their destination whatever the routes say, so they serve as such fences.
+their destination regardless of routes, so they serve as such fences.
 """
 
 from __future__ import annotations
@@ -22,7 +22,7 @@ from lab.support.waiting import Deadline, LabTimeout, patient, wait_until
 #: A type that relays deliver to the destination in the header.
 TYPE_DIRECT = 9
 
-#: The beginning of a line that relays write once a minute, between whatever other lines.
+#: The beginning of a line that relays log once a minute, between any other lines.
 LOAD_REPORT = "Load reporting: "
 
 _TAIL_LEN = 1024
@@ -66,7 +66,7 @@ def got_before_fence(
 def got_before_order_fence(
     server: ConnectionServer, receiver: Station, within_secs: float = 10.0
 ) -> list[messages.Message]:
-    """Waits until the relay has obeyed all orders so far; returns what `receiver` got until
+    """Waits until the relay has carried out all orders so far; returns what `receiver` got until
     then."""
     fence = _fence_for(receiver)
     server.orders.send(fence)
@@ -74,12 +74,12 @@ def got_before_order_fence(
 
 
 def line_count(relay: Relay, station: Station, text: str) -> int:
-    """In how many lines of the log `text` stands, of all that the relay had to say until now. The
-    log is written by a thread of its own, so a line that must come later is waited for: that about
-    a message of `station` under an id of nobody."""
-    nobody = 0x70000000 + next(_numbers)
-    station.send(messages.Caption(sender_id=nobody))
-    relay.log.expect(f"Message with invalid sender id string {nobody} ", 10)
+    """How many log lines contain `text`, of all that the relay had to log until now. The log is
+    written by a thread of its own, so a line that must come later is waited for: that about a
+    message of `station` under an unknown id."""
+    unknown_id = 0x70000000 + next(_numbers)
+    station.send(messages.Caption(sender_id=unknown_id))
+    relay.log.expect(f"Message with invalid sender id string {unknown_id} ", 10)
     return relay.log.count(text)
 
 
@@ -122,7 +122,7 @@ class Drain:
             self.length += len(data)
 
     def wait_for_length(self, length: int, within_secs: float) -> None:
-        """Waits until so many bytes have come, heartbeats included."""
+        """Waits until `count` bytes have come, heartbeats included."""
         deadline = Deadline(within_secs)
         while self.length < length and not self.ended:
             if deadline.passed():
@@ -130,7 +130,7 @@ class Drain:
             time.sleep(0.005)
 
     def wait_for_image(self, image: bytes, within_secs: float) -> None:
-        """Waits until an image has come that nothing but heartbeats follow."""
+        """Waits until this image has come, followed by nothing but heartbeats."""
         wait_until(lambda: image in self._tail, within_secs, f"the image {image!r}")
 
     def close(self) -> None:

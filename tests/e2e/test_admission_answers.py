@@ -1,5 +1,5 @@
-"""The answer to a log-in, byte for byte, over plain TCP and TLS, and what the connection server
-hears of an admitted client."""
+"""The answer to a log-in, byte for byte, over plain TCP and TLS, and what the connection server is
+told about an admitted client."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from lab.protocol import messages, wire
 
 @pytest.fixture(params=["plain", "tls"])
 def tls(request):
-    """Whether the client comes over TLS."""
+    """Whether the client uses TLS."""
     return request.param == "tls"
 
 
@@ -21,7 +21,7 @@ def _answer(relay_id, code):
 
 
 @pytest.mark.parametrize("relay_id", [1, 10, 100, 4000000000])
-def test_an_admitted_client_hears_ok_and_the_id_of_the_relay(
+def test_an_admitted_client_gets_ok_and_the_id_of_the_relay(
     relay_id, tls, make_server, make_relay, make_station
 ):
     server = make_server(relay_id=relay_id)
@@ -33,7 +33,9 @@ def test_an_admitted_client_hears_ok_and_the_id_of_the_relay(
     relay.log.expect("authenticated ticket for client 5001")
 
 
-def test_a_refused_client_hears_unauthorized_and_then_the_end(tls, server, tls_relay, make_station):
+def test_a_refused_client_gets_unauthorized_and_is_disconnected(
+    tls, server, tls_relay, make_station
+):
     station = make_station(tls_relay, tls=tls, login=False)
     answer = station.login(5001, server.ticket_for(5002), expect="UNAUTHORIZED")
     assert answer.received_image == _answer(server.relay_id, b"UNAUTHORIZED")
@@ -66,7 +68,7 @@ def test_the_connection_server_is_told_of_an_admitted_client(tls, server, tls_re
 
 
 def test_ids_of_the_whole_range_are_admitted(server, relay, make_station):
-    """Ids above 2147483647 are admitted like others; texts show them as signed."""
+    """Ids above 2147483647 are admitted like others; the log shows them as signed."""
     for client_id in (1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0xFFFFFFFF):
         station = make_station(relay, client_id=client_id)
         signed = client_id - (1 << 32) if client_id >> 31 else client_id
@@ -86,7 +88,7 @@ def test_the_wavecast_status_follows_the_ok_where_the_feature_is_on(
         post = station.expect(messages.StatusKeyPost, key="WavecastServer", value="true")
         assert wire.payload_of(post.received_image) == b"WavecastServer~true~"
         assert post.sender_id == server.relay_id
-    # Whatever else was sent at the log-in would come before this.
+    # Anything else sent at the log-in would come before this.
     server.orders.send(messages.Chat("SERVER", b"hello", dest_id=station.client_id))
     station.expect(messages.Chat, chat=b"hello")
 

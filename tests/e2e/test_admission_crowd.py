@@ -1,4 +1,4 @@
-"""More clients at once than 1024, the number at which select() ends."""
+"""More clients at once than 1024, the limit of select()."""
 
 from __future__ import annotations
 
@@ -14,10 +14,10 @@ _SAMPLE = 12
 
 
 def _admit(crowd, server):
-    """Lets the crowd in. That may take longer than anyone may be silent."""
+    """Admits the crowd, which may take longer than a client may be silent."""
     for _ in range(_CROWD // _WAVE):
         crowd.admit(_WAVE, server)
-        crowd.be_heard()
+        crowd.send_heartbeats()
     assert len(crowd.stations) == _CROWD
 
 
@@ -38,8 +38,8 @@ def test_clients_on_descriptors_above_1024_are_served(tls, server, make_relay, r
                 captioner.send(messages.Caption(b"caption %d" % number))
                 for encoder in encoders:
                     encoder.expect(messages.Caption, caption=b"caption %d" % number)
-            crowd.be_heard()
-        # The earliest are there still, too.
+            crowd.send_heartbeats()
+        # The earliest are still there, too.
         server.orders.send(messages.Chat("SERVER", b"hello", dest_id=crowd.stations[0].client_id))
         crowd.stations[0].expect(messages.Chat, chat=b"hello")
 

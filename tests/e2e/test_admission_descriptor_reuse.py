@@ -17,10 +17,10 @@ _PAIRS = 12
 
 
 @pytest.mark.parametrize("how", ["close", "reset"])
-def test_an_event_of_a_closed_connection_does_not_touch_its_successor(how, server, relay):
-    """While the relay stands still the following becomes one batch: log-ins that push out older
-    connections, a newcomer, and the end of the older connections. The newcomer gets the number
-    of the first that was pushed out, whose own event is yet to come."""
+def test_an_event_of_a_closed_connection_does_not_affect_its_successor(how, server, relay):
+    """While the relay is stopped the following becomes one batch: log-ins that push out older
+    connections, a newcomer, and the end of the older connections. The newcomer gets the number of
+    the first that was pushed out, whose own event is still pending."""
     with Crowd(relay.address, relay.tcp_port) as crowd:
         older = crowd.admit(_PAIRS, server)
         newer = crowd.connect(_PAIRS)
@@ -51,8 +51,9 @@ def _all_are_served(server, stations):
 
 
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
-def test_newcomers_are_never_harmed_by_those_who_leave(tls, server, make_relay):
-    """Rounds of leaving and coming in any order, each of them one burst for the relay."""
+def test_new_clients_are_not_affected_by_leaving_ones(tls, server, make_relay):
+    """Rounds of clients leaving and connecting in any order, each of them one burst for the
+    relay."""
     relay = make_relay(tls=True)
     dice = random.Random(7)
     port = relay.tls_port if tls else relay.tcp_port
@@ -66,14 +67,14 @@ def test_newcomers_are_never_harmed_by_those_who_leave(tls, server, make_relay):
                 station.expect(messages.Response, return_code="OK")
             staying += newcomers
             _all_are_served(server, staying)
-            # On a busy machine the rounds take longer than anyone may be silent.
+            # On a busy machine the rounds take longer than a client may be silent.
             for station in staying:
                 station.send(messages.Heartbeat())
     assert relay.log.count("could not identify client") == 0
 
 
 def _burst(relay, server, crowd, leaving, tls):
-    """`leaving` go in every manner while as many others come and log in."""
+    """`leaving` disconnect in every way while as many others connect and log in."""
     newcomers = []
     # A TLS handshake needs the relay to answer.
     with contextlib.nullcontext() if tls else relay.stopped():
@@ -89,8 +90,8 @@ def _burst(relay, server, crowd, leaving, tls):
     return newcomers
 
 
-def test_hundreds_of_comings_and_goings_leak_no_descriptor(server, tls_relay):
-    """Of every kind: logged in, loose, in the middle of a handshake, plain and TLS."""
+def test_hundreds_of_connections_and_disconnections_leak_no_descriptor(server, tls_relay):
+    """Of every kind: logged in, not logged in, in the middle of a handshake, plain and TLS."""
     held = tls_relay.open_descriptors()
     sources = source_addresses()
     address, plain_port, tls_port = tls_relay.address, tls_relay.tcp_port, tls_relay.tls_port
@@ -111,8 +112,8 @@ def test_hundreds_of_comings_and_goings_leak_no_descriptor(server, tls_relay):
     wait_until(lambda: tls_relay.open_descriptors() == held, 20, "descriptors given back")
 
 
-def test_an_interrupted_wait_goes_on(server, relay, make_station):
-    """To be stopped and continued interrupts the wait for events, if the relay is in one."""
+def test_an_interrupted_wait_continues(server, relay, make_station):
+    """Stopping and continuing a process interrupts its wait for events, if it is in one."""
     station = make_station(relay)
 
     def interrupt():

@@ -1,4 +1,4 @@
-"""TLS handshakes that fail, stop half-way or come in pieces: only their own connection suffers."""
+"""TLS handshakes that fail, stop half-way or arrive in pieces affect only their own connection."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ _FAILED = "SSL handshake failed on socket "
 
 
 class _Handshake:
-    """A handshake by hand: what TLS wants to send is ours to send, or not."""
+    """A handshake by hand: the test decides whether what TLS wants to send is sent."""
 
     def __init__(self, link):
         self.link = link
@@ -22,7 +22,8 @@ class _Handshake:
         self._tls = context.wrap_bio(self._received, self._to_send)
 
     def step(self):
-        """Goes as far as possible; what is to be sent, and whether the handshake is done."""
+        """Goes as far as possible; returns what has to be sent, and whether the handshake is
+        done."""
         try:
             self._tls.do_handshake()
         except ssl.SSLWantReadError:
@@ -33,7 +34,7 @@ class _Handshake:
         self._received.write(self.link.read(5))
 
     def complete(self):
-        """Shakes hands, byte by byte; the last bytes of it are left to send."""
+        """Shakes hands byte by byte; the last bytes remain to be sent."""
         out, done = self.step()
         while not done:
             for byte in out:
@@ -49,7 +50,7 @@ class _Handshake:
 
 @pytest.fixture
 def link(tls_relay):
-    """A connection to the TLS port without TLS, so far."""
+    """A connection to the TLS port, so far without TLS."""
     link = channel.connect(tls_relay.address, tls_relay.tls_port)
     yield link
     link.close()
@@ -57,7 +58,8 @@ def link(tls_relay):
 
 @pytest.fixture
 def relay_is_well(tls_relay, make_station):
-    """Afterwards others are served, and nothing of the failed connection is left."""
+    """Asserts that others are served afterwards, and that nothing of the failed connection is
+    left."""
     held = tls_relay.open_descriptors()
     yield
     station = make_station(tls_relay, tls=True)
@@ -83,11 +85,11 @@ def _expect_end(link):
     ],
     ids=["http", "zeros", "16 KB", "endless record", "plain log-in"],
 )
-def test_bytes_that_are_no_handshake_end_the_connection(relay_is_well, garbage, link, tls_relay):
+def test_bytes_other_than_a_handshake_end_the_connection(relay_is_well, garbage, link, tls_relay):
     try:
         link.write(garbage)
     except channel.PeerClosed:
-        pass  # the relay may have had enough before all was written
+        pass  # the relay may close before all is written
     _expect_end(link)
     line = tls_relay.log.expect(f" - {_FAILED}")
     assert line.endswith(": SSL_ERROR_SSL, see callback above")
@@ -110,7 +112,7 @@ def test_a_peer_that_leaves_before_the_answer_is_removed(
 
 @pytest.mark.parametrize("how", ["close", "reset"])
 def test_a_peer_that_leaves_in_the_middle_is_removed(relay_is_well, how, link, tls_relay):
-    """It has the relay's half of the handshake and goes without its own."""
+    """It has the relay's half of the handshake and leaves without its own."""
     handshake = _Handshake(link)
     link.write(handshake.step()[0])
     handshake.receive()
@@ -120,7 +122,7 @@ def test_a_peer_that_leaves_in_the_middle_is_removed(relay_is_well, how, link, t
     assert tls_relay.log.count("Completed SSL handshake") == 0
 
 
-def test_a_handshake_in_single_bytes_succeeds_and_the_login_behind_it_counts(
+def test_a_handshake_in_single_bytes_succeeds_and_the_login_after_it_counts(
     server, link, tls_relay
 ):
     """Its last bytes and the log-in are one write; the log-in must not wait for more to come."""
@@ -135,7 +137,7 @@ def test_a_handshake_in_single_bytes_succeeds_and_the_login_behind_it_counts(
 
 
 def test_a_session_that_stops_being_tls_ends(relay_is_well, link, tls_relay):
-    """Here that of a client which has not logged in yet."""
+    """Here with a client that has not logged in yet."""
     link.write(_Handshake(link).complete())
     tls_relay.log.expect("Completed SSL handshake on socket ")
     link.write(b"this is no record at all" * 10)
@@ -146,7 +148,7 @@ def test_a_session_that_stops_being_tls_ends(relay_is_well, link, tls_relay):
 
 
 def test_tls_at_the_plain_port_ends_without_harm(tls_relay, make_station):
-    """Its bytes are frames of sorts; the connection stays loose and others are served."""
+    """Its bytes look like frames; the connection stays open and others are served."""
     link = channel.connect(tls_relay.address, tls_relay.tcp_port)
     link.write(_Handshake(link).step()[0] + wire.to_frame(wire.make_image(3, 0, 0)))
     tls_relay.log.expect("received from unauthorized client at ")

@@ -1,5 +1,5 @@
-"""Away from its connection server for too long a relay drops its clients and admits nobody, until
-the server is back."""
+"""A relay away from its connection server for too long drops its clients and admits none until the
+server is back."""
 
 from __future__ import annotations
 
@@ -54,7 +54,7 @@ def test_hibernation_refuses_clients_until_the_server_is_back(server, make_relay
 
 
 def test_a_relay_without_a_limit_keeps_its_clients(server, make_relay, make_station):
-    """For longer than the other relay waits; and it goes on admitting clients."""
+    """For longer than the other relay waits; and it continues to admit clients."""
     relay = make_relay(tls=True)
     station = make_station(relay)
     ticket = server.ticket_for(4001)

@@ -18,7 +18,7 @@ _PERIOD_SECS = 10
 
 @pytest.fixture
 def connect(tls_relay):
-    """Connects from an address without a word, also to the TLS port; closed at the end."""
+    """Connects from an address and sends nothing, also to the TLS port; closed at the end."""
     opened = []
 
     def connect(source_ip, tls_port=False):
@@ -32,13 +32,13 @@ def connect(tls_relay):
 
 
 def _expect_refused(link):
-    """The end of the stream without a byte before it."""
+    """Whether the stream ends without any data."""
     with pytest.raises(channel.PeerClosed):
         assert link.read(5) == b""
 
 
 def _use_up(connect, relay, source_ip):
-    """All connects that an address has, half of them at the TLS port: both count as one."""
+    """Uses all connections of an address, half of them at the TLS port: both count as one."""
     since = relay.log.mark()
     for number in range(_CONNECTS):
         connect(source_ip, tls_port=number % 2 == 1)
@@ -57,7 +57,7 @@ def test_the_hundredth_connection_of_an_address_is_closed(tls_relay, connect, ma
     tls_relay.log.expect(f" - Blocking connection from {source} temporarily, limit exceeded")
     _expect_refused(connect(source, tls_port=True))
     tls_relay.log.expect(f" - Blocking SSL connection from {source} temporarily, limit exceeded")
-    # Nobody else suffers.
+    # Other addresses are not affected.
     make_station(tls_relay, source_ip=new_address())
     make_station(tls_relay, source_ip=new_address(), tls=True)
 
@@ -81,7 +81,7 @@ def test_an_address_may_connect_again_when_the_period_is_over(tls_relay, connect
 
     wait_until(is_accepted, 3 * _PERIOD_SECS, "a new period")
     assert time.monotonic() - began > _PERIOD_SECS
-    # The count began anew, with that connection.
+    # The count began again with that connection.
     for _ in range(_CONNECTS - 1):
         connect(source)
     _expect_refused(connect(source))
@@ -115,7 +115,7 @@ def test_an_id_may_log_in_again_when_the_period_is_over(server, relay, make_stat
     stations = [make_station(relay, client_id=4001) for _ in range(_LOGINS)]
 
     def is_admitted():
-        # Not more attempts than the address has; the admitted connection is quiet meanwhile.
+        # No more attempts than the address has; the admitted connection is quiet meanwhile.
         assert stations[-1].receives_nothing(0.3)
         station = make_station(relay, login=False)
         station.send(messages.RelayConnect(4001, server.ticket_for(4001)))

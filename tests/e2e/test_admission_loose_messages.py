@@ -1,5 +1,5 @@
-"""What a connection may say before its log-in: log-ins of the earlier client generation, messages
-of other types, 20000 bytes of them, and bytes that are no frames."""
+"""What a connection may send before its log-in: log-ins of the earlier client generation, messages
+of other types, up to 20000 bytes, and bytes that are no frames."""
 
 from __future__ import annotations
 
@@ -47,7 +47,7 @@ def test_a_login_of_the_earlier_generation_is_not_acted_on(loose, tls_relay, ser
     assert tls_relay.log.count("received from unauthorized client") == 0
 
 
-def test_frames_behind_earlier_logins_are_handled_without_further_data(loose, tls_relay, server):
+def test_frames_after_earlier_logins_are_handled_without_further_data(loose, tls_relay, server):
     earlier = messages.LogIn("name").frame()
     loose.send_raw(earlier * 3 + messages.Chat("a", b"b").frame() + earlier
                    + _login_frame(server, 4001))  # fmt: skip
@@ -87,12 +87,12 @@ def test_images_shorter_than_a_header_are_discarded(loose, tls_relay, server):
     tls_relay.log.expect_in_order(*["received from unauthorized client"] * len(short))
 
 
-def test_a_client_may_talk_20000_bytes_before_its_login(loose, server):
+def test_a_client_may_send_20000_bytes_before_its_login(loose, server):
     loose.send_raw(b"".join(_chatter(_BUDGET)))
     assert _is_admitted(loose, server)
 
 
-def test_a_client_that_talks_more_is_dropped_after_the_message_that_was_too_much(
+def test_a_client_that_sends_more_is_dropped_after_the_message_over_the_limit(
     loose, tls_relay, server
 ):
     within = _chatter(_BUDGET - 9)
@@ -108,7 +108,7 @@ def test_a_client_that_talks_more_is_dropped_after_the_message_that_was_too_much
     assert line.endswith("over limit : 20011 bytes") or line.endswith("over limit : 20020 bytes")
 
 
-def test_the_first_byte_above_the_budget_is_too_much(loose, tls_relay):
+def test_the_first_byte_over_the_limit_is_too_much(loose, tls_relay):
     loose.send_raw(b"".join(_chatter(_BUDGET - 9998) + _chatter(9999)))
     assert loose.closed_by_peer()
     line = tls_relay.log.expect("WARNING: input TCP count on pre-log-in client at")
@@ -116,7 +116,7 @@ def test_the_first_byte_above_the_budget_is_too_much(loose, tls_relay):
 
 
 def test_a_zero_length_byte_empties_the_buffer(loose, tls_relay, server):
-    """Without that the byte 0x20 behind it would begin a frame and swallow the log-in."""
+    """Otherwise the byte 0x20 after it would begin a frame and swallow the log-in."""
     loose.send_raw(messages.Chat("a", b"b").frame() + b"\x00\x20rubbish")
     tls_relay.log.expect("Message type 0x03 received")
     assert _is_admitted(loose, server)
@@ -128,10 +128,10 @@ def test_a_login_split_into_single_bytes_is_accepted(loose, server):
     loose.expect(messages.Response, return_code="OK")
 
 
-def test_captions_behind_the_login_in_one_write_are_delivered_at_once(
+def test_captions_after_the_login_in_one_write_are_delivered_at_once(
     loose, tls_relay, server, make_station, route
 ):
-    """16 KB are more than one read takes; over TLS they come as a single record."""
+    """16 KB are more than one read takes; over TLS they arrive as a single record."""
     encoder = make_station(tls_relay, Encoder)
     route(tls_relay, 4001, encoder, messages.PIPE_CAPTION)
     captions = [messages.Caption(b"%04d" % number * 95, sender_id=4001) for number in range(40)]
@@ -145,7 +145,7 @@ def test_captions_behind_the_login_in_one_write_are_delivered_at_once(
 def test_a_login_followed_by_the_end_of_the_stream_is_served_first(
     tls_relay, server, make_station, route
 ):
-    """The client half-closes; its answer and its captions still go out."""
+    """The client half-closes; its answer and its captions are still sent."""
     encoder = make_station(tls_relay, Encoder)
     route(tls_relay, 4001, encoder, messages.PIPE_CAPTION)
     loose = make_station(tls_relay, Captioner, login=False)

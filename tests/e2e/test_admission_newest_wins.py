@@ -1,4 +1,4 @@
-"""Two connections of one id: the newest wins, whatever either of them is doing."""
+"""Two connections of one id: the newest wins, whatever the two are doing."""
 
 from __future__ import annotations
 
@@ -35,14 +35,14 @@ def test_the_replaced_id_is_confirmed_again_and_not_reported_lost(server, relay,
     make_station(relay, client_id=4001)
     assert older.closed_by_peer()
     server.record.wait_for(lambda _: len(server.record.messages_of(messages.ConnectConfirm)) == 2)
-    # What was said about the older connection would have come before this.
+    # Anything said about the older connection would have come before this.
     make_station(relay, client_id=4002)
     server.record.wait_for_type(messages.ConnectConfirm, client_id=4002)
     assert server.record.messages_of(messages.LostConnection) == []
 
 
-def test_the_newer_connection_wins_while_the_older_talks(server, relay, make_station, route):
-    """The older one's messages and the newer one's log-in are handled side by side."""
+def test_the_newer_connection_wins_while_the_older_sends(server, relay, make_station, route):
+    """The older one's messages and the newer one's log-in are handled in parallel."""
     encoder = make_station(relay, Encoder)
     route(relay, 4001, encoder, messages.PIPE_CAPTION)
     older = make_station(relay, Captioner, client_id=4001)
@@ -55,7 +55,7 @@ def test_the_newer_connection_wins_while_the_older_talks(server, relay, make_sta
         older = newer
 
 
-def test_a_refused_login_does_not_touch_the_older_connection(server, relay, make_station):
+def test_a_refused_login_does_not_affect_the_older_connection(server, relay, make_station):
     older = make_station(relay, client_id=4001)
     newer = make_station(relay, login=False)
     newer.login(4001, server.ticket_for(4001, age_secs=400), expect="UNAUTHORIZED")

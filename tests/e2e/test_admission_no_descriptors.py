@@ -1,4 +1,4 @@
-"""A relay that has no descriptor left neither spins nor fills its log, serves those it has, and
+"""A relay that has no descriptor left does not spin or fill its log, serves the clients it has, and
 admits others as soon as descriptors are free."""
 
 from __future__ import annotations
@@ -38,7 +38,7 @@ def test_the_soft_limit_is_raised_to_the_hard_one(make_relay):
         crowd.admit(200, relay.server)
 
 
-def test_the_shortage_costs_neither_processor_time_nor_log(small_relay, make_station, route):
+def test_the_shortage_costs_no_processor_time_and_no_log_lines(small_relay, make_station, route):
     captioner = make_station(small_relay, Captioner)
     encoder = make_station(small_relay, Encoder)
     route(small_relay, captioner, encoder, messages.PIPE_CAPTION)
@@ -53,14 +53,14 @@ def test_the_shortage_costs_neither_processor_time_nor_log(small_relay, make_sta
         small_relay.log.expect(_TLS)
         began, used = time.monotonic(), small_relay.cpu_secs()
         since = small_relay.log.mark()
-        # Two bursts of heartbeats lie at least 4 seconds apart: so long we watch.
+        # Two bursts of heartbeats are at least 4 seconds apart: that is how long it is observed.
         encoder.receive_until(lambda got: isinstance(got, messages.Heartbeat), 15)
         encoder.receive_until(lambda got: isinstance(got, messages.Heartbeat), 15)
         watched = time.monotonic() - began
         assert (small_relay.cpu_secs() - used) / watched < 0.1
         assert len(small_relay.log.lines) - since < 20
         assert small_relay.log.count("error 24") <= 4
-        # Who is in is served.
+        # Clients already admitted are served.
         captioner.caption(b"AB")
         *beats, caption = encoder.receive_until(lambda got: isinstance(got, messages.Caption))
         assert caption.caption == b"AB"
@@ -68,7 +68,7 @@ def test_the_shortage_costs_neither_processor_time_nor_log(small_relay, make_sta
 
 
 def test_service_resumes_when_descriptors_are_free(small_relay, server):
-    """Those who waited in the queue are served when the others have gone."""
+    """Clients that waited in the queue are served when the others have left."""
     with Crowd(small_relay.address, small_relay.tcp_port) as crowd:
         crowd.connect(_LIMIT + 10)
         small_relay.log.expect(_PLAIN)
@@ -78,14 +78,14 @@ def test_service_resumes_when_descriptors_are_free(small_relay, server):
         for station in first_in:
             station.close()
         crowd.log_in(waiting, server)
-        # Everyone else is welcome again as well, on both ports.
+        # Other clients are admitted again as well, on both ports.
         crowd.admit(5, server)
         with Crowd(small_relay.address, small_relay.tls_port, tls=True) as secure:
             secure.admit(5, server)
 
 
-def test_one_descriptor_at_a_time_is_handed_on(small_relay, server):
-    """The shortage lasts: whenever one client goes the next one in the queue gets in."""
+def test_one_descriptor_at_a_time_is_reused(small_relay, server):
+    """The shortage lasts: whenever one client leaves, the next one in the queue is admitted."""
     with Crowd(small_relay.address, small_relay.tcp_port) as crowd:
         crowd.connect(_LIMIT)
         small_relay.log.expect(_PLAIN)
@@ -96,7 +96,7 @@ def test_one_descriptor_at_a_time_is_handed_on(small_relay, server):
             wait_until(lambda: _accepted(small_relay) >= accepted, 10, "the next one in")
 
 
-def test_the_link_to_the_connection_server_outlives_the_shortage(small_relay, server):
+def test_the_link_to_the_connection_server_survives_the_shortage(small_relay, server):
     with Crowd(small_relay.address, small_relay.tcp_port) as crowd:
         client = crowd.admit(1, server)[0]
         crowd.connect(_LIMIT)

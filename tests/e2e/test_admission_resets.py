@@ -16,7 +16,7 @@ _ROUNDS = 60
 
 @pytest.fixture
 def nothing_is_left(tls_relay, make_station):
-    """Afterwards the relay holds what it held before, and admits as before."""
+    """Asserts that the relay then has as many descriptors as before, and admits as before."""
     held = tls_relay.open_descriptors()
     yield
     wait_until(lambda: tls_relay.open_descriptors() == held, 10, "descriptors given back")
@@ -38,8 +38,8 @@ def test_right_after_connecting(nothing_is_left, how, tls_relay):
 
 
 @pytest.mark.parametrize("how", ["close", "reset"])
-def test_before_the_relay_has_even_looked(nothing_is_left, how, tls_relay):
-    """The connections begin and end while the relay stands still."""
+def test_before_the_relay_has_accepted_it(nothing_is_left, how, tls_relay):
+    """The connections begin and end while the relay is stopped."""
     source = new_address()
     with tls_relay.stopped():
         for number in range(_ROUNDS):
@@ -51,8 +51,8 @@ def test_before_the_relay_has_even_looked(nothing_is_left, how, tls_relay):
 
 @pytest.mark.parametrize("how", ["close", "reset"])
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
-def test_while_the_answer_is_on_its_way(nothing_is_left, how, tls, tls_relay, server, make_station):
-    """Whoever was announced to the connection server is reported lost there."""
+def test_while_the_answer_is_in_transit(nothing_is_left, how, tls, tls_relay, server, make_station):
+    """A client announced to the connection server is reported lost there."""
     source = new_address()
     for number in range(_ROUNDS):
         station = make_station(tls_relay, tls=tls, login=False, source_ip=source)
@@ -71,7 +71,7 @@ def test_while_the_answer_is_on_its_way(nothing_is_left, how, tls, tls_relay, se
 
 
 def test_with_the_login_unread_and_the_answer_refused(nothing_is_left, tls_relay, server):
-    """The relay finds the log-in, and that nobody waits for the answer any more."""
+    """The relay finds the log-in, and that nothing waits for the answer any more."""
     source = new_address()
     links = []
     with tls_relay.stopped():

@@ -1,4 +1,4 @@
-"""Connections that do not log in within 15 seconds are dropped, however they spend the time."""
+"""Connections that do not log in within 15 seconds are dropped, whatever they send meanwhile."""
 
 from __future__ import annotations
 
@@ -23,14 +23,14 @@ def _closed_after(station, began):
 def test_connections_without_a_login_are_dropped_after_15_seconds(
     tls_relay, make_station, server
 ):
-    """In one test, for all their waits run side by side."""
+    """In one test, because all their waits run in parallel."""
     began = time.monotonic()
     silent = make_station(tls_relay, login=False)
     half_a_frame = make_station(tls_relay, login=False)
     half_a_frame.send_raw(messages.RelayConnect(4001, server.ticket_for(4001)).frame()[:20])
     silent_over_tls = make_station(tls_relay, tls=True, login=False)
-    talker = make_station(tls_relay, login=False)
-    talker.start_heartbeats(1.0)
+    chatty = make_station(tls_relay, login=False)
+    chatty.start_heartbeats(1.0)
     no_handshake = channel.connect(tls_relay.address, tls_relay.tls_port)
     half_a_handshake = channel.connect(tls_relay.address, tls_relay.tls_port)
     half_a_handshake.write(b"\x16\x03\x01\x02\x00\x01\x00")
@@ -38,7 +38,7 @@ def test_connections_without_a_login_are_dropped_after_15_seconds(
     tls_relay.log.expect_in_order(*["New client request received from "] * 3)
     held = tls_relay.open_descriptors()
 
-    loose = [silent, half_a_frame, silent_over_tls, talker]
+    loose = [silent, half_a_frame, silent_over_tls, chatty]
     for station in loose:
         assert _closed_after(station, began) > _TIME_OUT_SECS
     for link in (no_handshake, half_a_handshake):
@@ -49,7 +49,7 @@ def test_connections_without_a_login_are_dropped_after_15_seconds(
         except channel.PeerClosed:
             assert time.monotonic() - began > _TIME_OUT_SECS
         link.close()
-    # With TLS its end is told before the descriptor is given back.
+    # With TLS the end is reported before the descriptor is released.
     wait_until(lambda: tls_relay.open_descriptors() == held - 6, 5, "the descriptors given back")
 
     tls_relay.log.expect_in_order(*[_NO_TICKET] * len(loose))
@@ -59,12 +59,12 @@ def test_connections_without_a_login_are_dropped_after_15_seconds(
             assert line.endswith(", 127.0.0.1")
             seconds = int(line.partition(_NO_TICKET)[2].split()[0])
             assert _TIME_OUT_SECS < seconds <= _AT_MOST_SECS
-    # Chatter does not count as a sign of life before the log-in.
+    # Messages before the log-in do not count as a sign of life.
     assert tls_relay.log.count("Message type 0x0c received from unauthorized client") >= 10
 
 
 def test_a_late_login_is_still_in_time(relay, make_station):
-    """The time runs from the connection to the log-in; from then on only silence counts."""
+    """The limit runs from the connection to the log-in; after that only silence counts."""
     early = make_station(relay, login=False)
     late = make_station(relay, login=False)
     late.login(4001, relay.server.ticket_for(4001))

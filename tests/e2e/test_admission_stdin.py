@@ -1,5 +1,5 @@
 """Without TLS there is no TLS listener, and descriptor 0 is not one: whatever standard input is,
-the relay neither spins on it nor gives that number to a client."""
+the relay does not spin on it or give that number to a client."""
 
 from __future__ import annotations
 

@@ -11,7 +11,7 @@ _IMPROPER = "ticket rejected: improper length"
 
 @pytest.fixture
 def present(relay, make_station):
-    """Presents an image as log-in; the answer. A refused client hears the end as well."""
+    """Presents an image as log-in; returns the answer. A refused client is disconnected as well."""
 
     def present(image):
         station = make_station(relay, login=False)
@@ -26,7 +26,7 @@ def present(relay, make_station):
 
 @pytest.fixture
 def login_with(server, present):
-    """Presents a ticket for a new id, made from a good one by `change`."""
+    """Presents a ticket for a new id, derived from a good one by `change`."""
 
     def login_with(change):
         client_id = server.new_client_id()
@@ -50,13 +50,13 @@ def test_an_odd_tail_and_further_blocks_are_ignored(login_with):
         assert (length, answer) == (length, "OK")
 
 
-def test_what_exceeds_64_bytes_is_ignored(login_with):
+def test_bytes_beyond_64_are_ignored(login_with):
     for length in (65, 72, 128, 200, 400, 480):
         answer = login_with(lambda ticket: (ticket + b"x" * 500)[:length])
         assert (length, answer) == (length, "OK")
 
 
-def test_a_good_ticket_behind_64_other_bytes_does_not_count(login_with):
+def test_a_good_ticket_after_64_other_bytes_does_not_count(login_with):
     assert login_with(lambda ticket: bytes(64) + ticket) == "UNAUTHORIZED"
 
 
@@ -68,7 +68,7 @@ def test_a_login_shorter_than_its_header_or_without_fields_is_refused(relay, pre
 
 
 def test_fields_that_are_never_ended_are_harmless(server, present):
-    """To the last byte of the longest frame, and with an escape as the last byte of all."""
+    """Up to the last byte of the longest frame, and with an escape as the very last byte."""
     longest = wire.make_image(19, 0, 0, b"4001~" + b"z" * 495)
     assert len(longest) == wire.MAX_FRAMED_IMAGE_LEN
     assert present(longest) == "UNAUTHORIZED"
@@ -78,8 +78,8 @@ def test_fields_that_are_never_ended_are_harmless(server, present):
     assert present(wire.make_image(19, 0, 0, b"\\" * 500)) == "UNAUTHORIZED"
 
 
-def test_an_id_in_any_writing_is_harmless(server, present):
-    """What it reads as does not matter here: the ticket of another id must not fit it."""
+def test_an_id_in_any_notation_is_harmless(server, present):
+    """Its value does not matter here: the ticket of another id must not fit it."""
     for number in ("-1", "99999999999999999999", "0x", "abc", " 4001x", "", "1e300", "nan"):
         payload = number.encode() + b"~" + wire.escape(server.ticket_for(4002)) + b"~"
         assert present(wire.make_image(19, 0, 0, payload)) == "UNAUTHORIZED"

@@ -18,7 +18,7 @@ _TOO_OLD = "Login ticket rejected with large time mismatch"
 
 
 class _Gate:
-    """Presents tickets and tells what came of them."""
+    """Presents tickets and reports the results."""
 
     def __init__(self, relay, make_station):
         self.relay = relay
@@ -40,7 +40,7 @@ class _Gate:
         return answer, self.relay.log.text().splitlines()[since:]
 
     def present_aged(self, age_secs):
-        """The answer to a ticket of exactly this age; its id and its second as well."""
+        """The answer to a ticket of exactly this age, with its id and its second."""
         server = self.relay.server
         for _ in range(_ATTEMPTS):
             client_id = server.new_client_id()

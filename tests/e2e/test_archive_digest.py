@@ -1,4 +1,4 @@
-"""A real web server that asks for a password, and what posts to it are told to be."""
+"""A real web server that requires a password, and the headers of the posts to it."""
 
 from __future__ import annotations
 
@@ -16,8 +16,8 @@ def apache():
         yield endpoint
 
 
-def test_the_right_password_opens_the_archive(apache, make_relay, make_station, route):
-    """And each post carries the type that was set, and a number."""
+def test_posts_with_the_right_password_are_stored(apache, make_relay, make_station, route):
+    """And each post has the configured content type, and a number."""
     relay = make_relay(
         archive_endpoint=f"{apache.url}?from=relay",
         archive_interval_secs=1,
@@ -47,10 +47,10 @@ def test_the_right_password_opens_the_archive(apache, make_relay, make_station, 
 
 
 @pytest.mark.parametrize("password", ["wrong", None])
-def test_without_the_password_nothing_is_kept_and_the_log_says_so(
+def test_without_the_password_nothing_is_stored_and_the_log_says_so(
     apache, make_relay, make_station, route, password
 ):
-    """What the server refuses is not tried again."""
+    """What the server refuses is not retried."""
     user = apache.user if password else None
     relay = make_relay(
         archive_endpoint=apache.url,

@@ -71,8 +71,8 @@ def test_between_attempts(make_endpoint, make_relay, make_station, route):
     ends_at_once(relay)
 
 
-def test_with_a_big_backlog(make_endpoint, make_relay, make_station, route):
-    """Some of it not even handed over: the first post is there long before the last."""
+def test_with_a_large_backlog(make_endpoint, make_relay, make_station, route):
+    """Some of it not even handed over: the first post arrives long before the last."""
     endpoint = make_endpoint(Answer("silence"))
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     captioners = [make_station(relay, Captioner) for _ in range(SOURCES)]
@@ -84,7 +84,7 @@ def test_with_a_big_backlog(make_endpoint, make_relay, make_station, route):
 
 @pytest.fixture
 def silent_name_server():
-    """A socket that is asked for names and says nothing; options for a relay that asks it."""
+    """A name server that never answers; options for a relay that uses it."""
     address = new_address()
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asked:
         try:

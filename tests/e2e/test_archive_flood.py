@@ -1,4 +1,4 @@
-"""A station that floods the relay with captions: those are not archived, all others are."""
+"""A station that floods the relay with captions: these are not archived, all others are."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ FURTHER_GROWTH_BYTES = 8 << 20
 
 
 def flood(flooder, deadline):
-    """One burst as fast as it may come."""
+    """One burst as fast as possible."""
     chunk = [Caption(b"flooding", sender_id=flooder.client_id) for _ in range(CHUNK)]
     frames = b"".join(caption.frame() for caption in chunk)
     for _ in range(BURST // CHUNK):
@@ -46,7 +46,7 @@ def test_a_flood_of_captions_is_dropped_and_costs_no_memory(
     assert relay.log.expect(cancelled).endswith(cancelled + "cancelling")
     posts = endpoint.wait_for(4)
     for line in lines:
-        line.assert_never_held_up()
+        line.assert_never_delayed()
         assert assert_archived(posts, line) >= 4
     assert flooder.client_id not in {post.payload.feed_id for post in posts}
     assert memory[1] - memory[0] < GROWTH_BYTES

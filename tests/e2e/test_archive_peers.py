@@ -1,4 +1,5 @@
-"""Captions that cross between relays are archived where they were captioned, and only there."""
+"""Captions that cross between relays are archived by the relay of their captioner, and only
+there."""
 
 from __future__ import annotations
 
@@ -9,7 +10,7 @@ from lab.relay.config import RelayConfig
 from lab.stations.caption_stations import Captioner, Encoder
 
 
-def test_each_relay_archives_its_own_stations_alone(make_network, make_endpoint):
+def test_each_relay_archives_only_its_own_stations(make_network, make_endpoint):
     """Also what a station has sent through a chain of routes to stations everywhere."""
     endpoints = {name: make_endpoint() for name in ("east", "west")}
     configs = {

@@ -13,14 +13,14 @@ from lab.protocol.messages import Caption
 
 pytestmark = pytest.mark.threads
 
-#: Captions and what the fields of the archive are to say of each: hexadecimal pairs with parity.
+#: Captions, and what the fields of the archive have to hold of each: hexadecimal pairs with parity.
 SAMPLES = [
     (b"\x14\x20\x14\x2c", "9420 942c", ""),
     (b"\x14\x2c\x14\x2c\x41\x42", "c1c2", ""),  # that field is erased already
     (b"\x94\xac\xc8\xe9", "", "94ac c8e9"),
     (b"\x15\x2c", "152c", ""),
     (b"\x48\x69\x95\xac\x94\xac\x31\x32", "c8e9 3132", "95ac"),  # so is the second one
-    (b"\x41\x42\x43", "c1c2", ""),  # half a pair is none
+    (b"\x41\x42\x43", "c1c2", ""),  # half a pair is not kept
     (b"\x41\xc2", "c180", "c280"),  # each byte goes to its own field
     (b"\x81\x80\x00\x00", "8080", "8180"),
     (b"\x01\x02\x7f\x7e", "0102 7ffe", ""),
@@ -36,7 +36,7 @@ def form(source: int, fields: list[list[str]]) -> re.Pattern[str]:
     )
 
 
-def test_a_post_has_exactly_the_form_that_is_agreed(make_endpoint, make_relay, make_station, route):
+def test_a_post_has_exactly_the_agreed_format(make_endpoint, make_relay, make_station, route):
     """Byte for byte: raw CR LF, both fields, erasures once, parity; times within a second."""
     endpoint = make_endpoint()
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=3)
@@ -66,10 +66,10 @@ def test_a_post_has_exactly_the_form_that_is_agreed(make_endpoint, make_relay, m
         assert said_at - TICK_SECS <= float(at) <= heard_at + TICK_SECS
 
 
-def test_sources_are_archived_apart_for_interval_after_interval(
+def test_sources_are_archived_separately_in_every_interval(
     make_endpoint, make_relay, make_station, route
 ):
-    """One post for each source and interval; nothing is lost or told twice between them."""
+    """One post for each source and interval; nothing is lost or posted twice between them."""
     endpoint = make_endpoint()
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     lines = make_lines(relay, make_station, route, 4)
@@ -80,7 +80,7 @@ def test_sources_are_archived_apart_for_interval_after_interval(
             line.say()
     posts = endpoint.posts
     for line in lines:
-        line.assert_never_held_up()
+        line.assert_never_delayed()
         own = [post.payload for post in posts if post.payload.feed_id == line.source]
         count = assert_archived(posts, line)
         assert all(heard_at >= own[-1].time for heard_at in line.heard[count:])

@@ -1,4 +1,4 @@
-"""An archive that cannot be reached gets everything in its order later; what it refuses is gone."""
+"""An archive that cannot be reached gets everything in order later; what it refuses is dropped."""
 
 from __future__ import annotations
 
@@ -19,10 +19,10 @@ REFUSALS = [Answer("close"), Answer("reset"), Answer("garbage"), 404, 302, 204, 
 
 
 @pytest.mark.threads
-def test_a_closed_archive_is_tried_every_two_seconds_until_it_opens(
+def test_a_closed_archive_is_retried_every_two_seconds_until_it_opens(
     make_endpoint, make_relay, make_station, route
 ):
-    """Each payload keeps its number until it is delivered, though every attempt takes one."""
+    """Each payload keeps its number until it is delivered, although every attempt takes one."""
     endpoint = make_endpoint(start=False)
     relay = make_relay(
         archive_endpoint=f"{endpoint.url}?a=b", archive_interval_secs=1, archive_append_seq=True
@@ -40,7 +40,7 @@ def test_a_closed_archive_is_tried_every_two_seconds_until_it_opens(
     endpoint.open()
     posts = endpoint.wait_for(6)
     for line in lines:
-        line.assert_never_held_up()
+        line.assert_never_delayed()
         assert assert_archived(posts, line) == 11
     order = [line.source for line in lines]
     assert [post.payload.feed_id for post in posts] == order * 2
@@ -60,7 +60,7 @@ def test_a_long_absence_leaves_the_latest_twenty(make_endpoint, make_relay, make
     captioners = [make_station(relay, Captioner) for _ in range(35)]
     for captioner in captioners:
         captioner.caption(b"%06d" % captioner.client_id)
-        # The relay reads its clients in any order: each has been heard before the next speaks.
+        # The relay reads its clients in any order: each is read before the next one sends.
         assert got_before_fence(captioner, captioner) == []
     relay.log.expect_in_order(
         *map(RETRY.format, range(1, 10)),
@@ -80,15 +80,15 @@ def test_a_long_absence_leaves_the_latest_twenty(make_endpoint, make_relay, make
         assert said == [b"%06d" % captioner.client_id]
 
 
-def test_what_is_refused_is_not_tried_again(make_endpoint, make_relay, make_station, route):
-    """Any answer but 200, and none; the log says what the last one was, later posts go on."""
+def test_refused_posts_are_not_retried(make_endpoint, make_relay, make_station, route):
+    """Any answer but 200, and none; the log says what the last one was, later posts continue."""
     endpoint = make_endpoint(*REFUSALS)
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     (line,) = make_lines(relay, make_station, route, 1)
     sources = [make_station(relay, Captioner) for _ in REFUSALS]
     for source in sources:
         source.send(Caption(b"refused~"))
-        # The relay reads its clients in any order: each has been heard before the next speaks.
+        # The relay reads its clients in any order: each is read before the next one sends.
         assert got_before_fence(source, source) == []
     posts = endpoint.wait_for(len(REFUSALS))
     assert [post.payload.feed_id for post in posts] == [one.client_id for one in sources]

@@ -1,4 +1,4 @@
-"""Archive settings that cannot work: the log says what is wrong, and everything else does."""
+"""Archive settings that cannot work: the log says what is wrong, and everything else works."""
 
 from __future__ import annotations
 
@@ -7,9 +7,9 @@ from archive_tools import assert_archived, make_lines
 from scripted_endpoint import PASS_SECS
 
 ISSUE = "WARNING: Archive posting issue - "
-#: A name that no name server is asked for.
+#: A name for which no name server is asked.
 UNRESOLVABLE = f"http://{'x' * 64}.invalid/archive"
-#: The longest address and the longest name with password that are taken.
+#: The longest address, and the longest name with password, that are accepted.
 LONGEST_URL = 1023
 LONGEST_CREDENTIALS = 255
 
@@ -28,20 +28,20 @@ CASES = {
 
 
 def serves(relay, make_station, route, status):
-    """Captions cross, the archive's trouble is told and not tried again."""
+    """Asserts that captions cross, and that the archive's error is logged and not retried."""
     lines = make_lines(relay, make_station, route, 2)
     for line in lines:
         line.say_all(10)
     relay.log.expect(ISSUE + status, 2 * PASS_SECS)
     for line in lines:
         line.say()
-        line.assert_never_held_up()
+        line.assert_never_delayed()
     assert relay.log.count("Consecutive retry errors") == 0
     assert relay.log.count("Won't retry") == 2
 
 
 @pytest.mark.parametrize("case", CASES.values(), ids=CASES)
-def test_an_address_that_cannot_work_is_told(make_relay, make_station, route, case):
+def test_an_address_that_cannot_work_is_logged(make_relay, make_station, route, case):
     url, status, code, line = case
     relay = make_relay(archive_endpoint=url, archive_interval_secs=1)
     serves(relay, make_station, route, status)
@@ -50,10 +50,10 @@ def test_an_address_that_cannot_work_is_told(make_relay, make_station, route, ca
 
 
 @pytest.mark.parametrize("key", ["endpoint", "interval"])
-def test_neither_endpoint_nor_interval_alone_is_enough(
+def test_endpoint_or_interval_alone_is_not_enough(
     make_endpoint, make_relay, make_station, route, key
 ):
-    """Then captions go nowhere, after the usual interval of a minute."""
+    """Then captions are not archived, even after the default interval of a minute."""
     endpoint = make_endpoint()
     value = {"endpoint": endpoint.url, "interval": 1}[key]
     keys = {("Archive", "enable"): "yes", ("Archive", key): value}
@@ -79,14 +79,14 @@ def test_the_longest_address_and_password_are_used(
     )
     (line,) = make_lines(relay, make_station, route, 1)
     line.say()
-    # Digest: the caption follows once the server has said what it thinks of a post without.
+    # Digest: the caption follows once the server has answered a post without it.
     post, *_ = endpoint.wait_for(1)
     assert len(f"http://{endpoint.address}:{endpoint.port}{post.target}") == LONGEST_URL
     relay.log.expect(f"CURL digest auth set up for {'u' * 200}:ppp")
 
 
 def test_a_password_that_is_too_long_is_not_used(make_endpoint, make_relay, make_station, route):
-    """Captions are posted without; the server may refuse them."""
+    """Captions are posted without it; the server may refuse them."""
     endpoint = make_endpoint()
     relay = make_relay(
         archive_endpoint=endpoint.url,
@@ -102,7 +102,7 @@ def test_a_password_that_is_too_long_is_not_used(make_endpoint, make_relay, make
     assert "authorization" not in posts[0].headers
 
 
-def test_an_address_without_room_for_its_number_is_told(
+def test_an_address_without_room_for_its_number_is_logged(
     make_endpoint, make_relay, make_station, route
 ):
     endpoint = make_endpoint()

@@ -1,4 +1,4 @@
-"""Servers that leave a post waiting: it is given up after a while, and tried again."""
+"""Servers that never complete a post: it is abandoned after a while, and retried."""
 
 from __future__ import annotations
 
@@ -16,15 +16,15 @@ pytestmark = pytest.mark.long
 FAILED = "ERROR: error sending POST (code 28) for "
 RETRY = "Consecutive retry errors: "
 ISSUE = "WARNING: Archive posting issue - Can't connect to server"
-#: Connections that a kernel holds for a program that accepts none, at the very most.
+#: The most connections that a kernel queues for a program that accepts none.
 ENOUGH = 8
 
 
 @pytest.mark.timeout(400)
-def test_an_archive_that_never_answers_is_given_up_after_a_minute(
+def test_an_archive_that_never_answers_times_out_after_a_minute(
     make_endpoint, make_relay, make_station, route
 ):
-    """The same post comes again then; captions are switched and kept all the time."""
+    """The same post is then sent again; captions are switched and kept all the time."""
     endpoint = make_endpoint(Answer("silence"))
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     (line,) = make_lines(relay, make_station, route, 1)
@@ -36,13 +36,13 @@ def test_an_archive_that_never_answers_is_given_up_after_a_minute(
     assert first.body == second.body
     assert 61.5 < second.at - first.at < 62 + patient(5)
     relay.log.expect_in_order(FAILED, RETRY + "1")
-    line.assert_never_held_up()
+    line.assert_never_delayed()
     posts = endpoint.wait_for(5)[1:]
     assert assert_archived(posts, line) > 100
 
 
 class FullListener:
-    """A listener with as many connections as it takes: no other one is ever completed."""
+    """A listener with a full backlog: no further connection is ever completed."""
 
     def __init__(self, address: str, port: int) -> None:
         self._listener = socket.socket()
@@ -70,7 +70,7 @@ class FullListener:
 
 
 @pytest.mark.timeout(300)
-def test_a_connection_that_is_never_made_is_given_up_after_fifteen_seconds(
+def test_a_connection_that_is_never_made_times_out_after_fifteen_seconds(
     make_endpoint, make_relay, make_station, route
 ):
     endpoint = make_endpoint(start=False)
@@ -91,4 +91,4 @@ def test_a_connection_that_is_never_made_is_given_up_after_fifteen_seconds(
     line.say_all(3)
     posts = endpoint.wait_for(2)
     assert assert_archived(posts, line) == 13
-    line.assert_never_held_up()
+    line.assert_never_delayed()

@@ -1,5 +1,5 @@
 """Three hundred datagrams of all lengths that wait together: each receiver gets the same bytes in
-the same order, and the source is told what it is told for single ones."""
+the same order, and the source gets the same confirmations as for single ones."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from lab.support.tracer import LoopTracer
 
 PROGRAM = 3
 CONFIRMED = 300
-#: Mostly one length, as speech has it.
+#: Mostly one length, as in speech.
 LENGTHS = [160] * 12 + [44] * 4 + [0, 1, 500, 1200, 1400, 2032]
 
 pytestmark = pytest.mark.skipif(not LoopTracer.supported(), reason="unknown kind of processor")
@@ -34,7 +34,7 @@ def receivers(relay, make_station, route, source):
 
 
 def say_at_once(relay, source, payloads):
-    """The relay is held meanwhile, and finds them all together."""
+    """The relay is stopped meanwhile, and finds them all together."""
     with LoopTracer(relay.pid) as tracer:
         sent = [source.say(payload, PROGRAM) for payload in payloads]
         calls = []
@@ -45,7 +45,7 @@ def say_at_once(relay, source, payloads):
 
 
 def confirmations(relay, source):
-    """The programs that were confirmed since, by one datagram more."""
+    """The programs confirmed since, checked with one more datagram."""
     source.prove_seen(source.audio(PROGRAM))
     got = got_before_order_fence(relay.server, source)
     return [one.program_index for one in got if isinstance(one, AudioConfirm)]
@@ -58,14 +58,14 @@ def test_bursts_of_all_lengths_arrive_unchanged_and_are_counted(relay, source, r
         sent = say_at_once(relay, source, payloads)
         for receiver in receivers:
             assert receiver.audio(PROGRAM).receive_count(count, 20) == sent
-        # The datagram of each look counts, too.
+        # The datagram of each check counts, too.
         assert confirmations(relay, source) == ([PROGRAM] if count == CONFIRMED else [])
     say_at_once(relay, source, [b"the 300th again"])
     source.expect(AudioConfirm, program_index=PROGRAM)
 
 
 def test_runs_of_one_length_keep_their_place_among_others(relay, source, receivers):
-    """More than one message to the system can stand for, then a shorter one, then a longer."""
+    """More than fit in one message to the system, then a shorter one, then a longer."""
     payloads = [b"%04d" % n + b"a" * 156 for n in range(100)]
     payloads += [b"short", b"%04d" % 101 + b"l" * 900]
     payloads += [b"%04d" % n + b"b" * 2000 for n in range(102, 180)]

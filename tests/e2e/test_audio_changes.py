@@ -1,5 +1,5 @@
-"""The cast of a stream changes while it runs: receivers and sources leave and come back, routes
-come and go, ports close; whoever stays loses nothing."""
+"""The clients of a stream change while it runs: receivers and sources leave and come back, routes
+come and go, ports close; those that stay lose nothing."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ BURST = 200
 
 
 class Stream:
-    """A source that numbers what it says."""
+    """A source that numbers its datagrams."""
 
     def __init__(self, source: AudioSource) -> None:
         self.source = source
@@ -62,7 +62,7 @@ def test_a_receiver_leaves_in_the_middle(relay, server, stream, receivers, how):
     assert leaver.audio(0).receives_nothing(0.05)
 
 
-def test_a_receiver_comes_back_from_elsewhere(relay, server, make_station, stream, receivers):
+def test_a_receiver_comes_back_from_another_address(relay, server, make_station, stream, receivers):
     first, leaver, last = receivers
     _expect(receivers, stream.say())
     with_gap = stream.say(50)
@@ -76,7 +76,9 @@ def test_a_receiver_comes_back_from_elsewhere(relay, server, make_station, strea
     assert leaver.audio(0).receives_nothing(0.05)
 
 
-def test_a_source_leaves_and_another_goes_on(relay, make_station, route, server, stream, receivers):
+def test_a_source_leaves_and_another_continues(
+    relay, make_station, route, server, stream, receivers
+):
     other = Stream(on_air(make_station, relay))
     for receiver in receivers:
         route(relay, other.source, receiver, PIPE_AUDIO)
@@ -101,7 +103,7 @@ def test_routes_take_effect_at_once(relay, server, make_station, route, stream, 
         relay.schema.wait_for_routes(relay.schema.routes() - {key})
         _expect(staying, stream.say())
         assert gone.audio(0).receives_nothing(0.05)
-    # An order away for any receiver empties the list.
+    # An order that removes it for any receiver empties the list.
     server.orders.disconnect_route(stream.source.client_id, 0, PIPE_AUDIO)
     relay.schema.wait_for_routes(set())
     stream.say(20)
@@ -113,7 +115,7 @@ def test_routes_take_effect_at_once(relay, server, make_station, route, stream, 
 def test_routes_that_come_and_go_cost_the_others_nothing(
     relay, server, make_station, stream, receivers
 ):
-    """In the middle of the stream, without any pause in it."""
+    """In the middle of the stream, without any pause."""
     guest = listening(make_station, relay)
     key = (stream.source.client_id, guest.client_id, PIPE_AUDIO)
     sent = []
@@ -128,8 +130,9 @@ def test_routes_that_come_and_go_cost_the_others_nothing(
     assert [one for one in sent if one in set(heard)] == heard
 
 
-def test_a_closed_port_disturbs_nobody(relay, stream, receivers):
-    """Its host refuses every datagram; the others get theirs, and it too when it is open again."""
+def test_a_closed_port_disturbs_no_other_receiver(relay, stream, receivers):
+    """Its host refuses every datagram; the others get theirs, and so does it once it is open
+    again."""
     first, closed, last = receivers
     _expect(receivers, stream.say())
     port = closed.audio(0).local_address[1]
@@ -141,8 +144,8 @@ def test_a_closed_port_disturbs_nobody(relay, stream, receivers):
     _expect(receivers, stream.say())
 
 
-def test_who_only_speaks_is_not_silent(relay, make_station, route, receivers):
-    """Sound is a sign of life; a station without any is dropped meanwhile."""
+def test_a_client_that_only_sends_audio_is_not_silent(relay, make_station, route, receivers):
+    """Audio is a sign of life; a station without any is dropped meanwhile."""
     source = on_air(make_station, relay, heartbeats=False)
     mute = make_station(relay, AudioSource, heartbeats=False)
     route(relay, source, receivers[0], PIPE_AUDIO)

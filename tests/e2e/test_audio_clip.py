@@ -1,5 +1,5 @@
-"""A clip of speech at its real pace, from one source to two receivers: every packet arrives, byte
-for byte, in order, with error correction and without, on one program and on six at once."""
+"""A clip of speech in real time, from one source to two receivers: every packet arrives, byte for
+byte, in order, with error correction and without, on one program and on six at once."""
 
 from __future__ import annotations
 
@@ -49,7 +49,7 @@ def test_without_error_correction(cast, listen):
         assert {heard.source for heard in listener.arrived()} == {source.audio(0).relay_address()}
 
 
-def test_with_error_correction_on_the_ports_2_and_4_above(cast, listen):
+def test_with_error_correction_on_the_ports_2_and_4_higher(cast, listen):
     source, receivers = cast([4], fec=True)
     listeners = [listen(receiver.audio(4)) for receiver in receivers]
     player = ClipPlayer(source.audio(4), seconds=SECONDS, fec=True)

@@ -1,5 +1,5 @@
 """Which datagrams are passed on: those of a registered source, from its address, under its id, on
-its program, unchanged, whatever is in them; all others leave no trace."""
+its program, unchanged, whatever their contents; all others leave no trace."""
 
 from __future__ import annotations
 
@@ -31,7 +31,7 @@ def _expect_only_the_last(source, receiver, program=0):
     assert all(receiver.audio(one).receives_nothing(0.02) for one in range(6))
 
 
-def test_every_length_goes_out_unchanged(pair):
+def test_every_length_is_sent_unchanged(pair):
     source, receiver = pair
     for length in (0, 1, 2, 3, 15, 16, 17, 491, 492, 493, 1000, 1456, 2030, 2031, 2032):
         payload = os.urandom(length)
@@ -46,14 +46,14 @@ def test_more_than_2048_bytes_are_dropped_whole(pair, total):
     _expect_only_the_last(source, receiver)
 
 
-def test_every_byte_may_stand_in_front(pair):
-    """No type of message means anything here, a registration's neither without its end."""
+def test_any_first_byte_is_allowed(pair):
+    """No message type has a meaning here, not even a registration's without its terminator."""
     source, receiver = pair
     for number in range(256):
         receiver.audio(0).expect(source.say(bytes([number]) + b"sound"))
 
 
-def test_what_stands_before_the_marked_id_does_not_matter(pair):
+def test_the_bytes_before_the_marked_id_do_not_matter(pair):
     source, receiver = pair
     datagram = b"\xff" * 12 + struct.pack("<I", source.client_id) + b"sound"
     receiver.audio(0).expect(source.audio(0).send_raw(datagram))
@@ -67,14 +67,14 @@ def test_from_another_address_nothing_is_passed_on(relay, pair):
 
 
 @pytest.mark.parametrize("marked_id", [0, 1, 2**31 - 1, 2**31, 2**31 + 7, 2**32 - 1])
-def test_an_unknown_id_is_nobody(pair, marked_id):
+def test_an_unknown_id_is_no_source(pair, marked_id):
     source, receiver = pair
     source.audio(0).send_raw(audio_wire.audio_datagram(marked_id, b"whose?"))
     _expect_only_the_last(source, receiver)
 
 
 def test_the_id_of_another_client_is_no_source(relay, make_station, route, pair):
-    """One that only listens, one that is not registered at all, one of another program."""
+    """One that only receives, one that is not registered at all, one of another program."""
     source, receiver = pair
     mute, other = make_station(relay), on_air(make_station, relay, [3])
     for one in (receiver, mute, other):
@@ -83,7 +83,7 @@ def test_the_id_of_another_client_is_no_source(relay, make_station, route, pair)
     _expect_only_the_last(source, receiver)
 
 
-def test_a_program_that_is_not_sourced_is_not_passed_on(relay, pair):
+def test_an_unregistered_program_is_not_passed_on(relay, pair):
     source, receiver = pair
     for program in (1, 3, 4, 5):
         with AudioSocket(relay, program, client_id=source.client_id) as audio:
@@ -91,7 +91,7 @@ def test_a_program_that_is_not_sourced_is_not_passed_on(relay, pair):
     _expect_only_the_last(source, receiver, 2)
 
 
-def test_sound_before_the_registration_is_lost_and_does_no_harm(relay, make_station, route, server):
+def test_audio_before_the_registration_is_lost_and_does_no_harm(relay, make_station, route, server):
     source, receiver = make_station(relay, AudioSource), listening(make_station, relay)
     route(relay, source, receiver, PIPE_AUDIO)
     source.open_audio(relay).send_burst([b"too early"] * 50)
@@ -99,7 +99,7 @@ def test_sound_before_the_registration_is_lost_and_does_no_harm(relay, make_stat
     receiver.audio(0).expect(source.say(b"in time"))
 
 
-def test_only_routes_of_audio_lead_anywhere(relay, make_station, route):
+def test_only_audio_routes_are_used(relay, make_station, route):
     source, receiver = on_air(make_station, relay), listening(make_station, relay)
     other = listening(make_station, relay)
     route(relay, source, other, PIPE_CAPTION)
@@ -108,7 +108,7 @@ def test_only_routes_of_audio_lead_anywhere(relay, make_station, route):
     assert other.audio(0).receives_nothing(0.05)
 
 
-def test_noise_of_every_kind_passes_by(relay, pair):
+def test_noise_of_every_kind_is_harmless(relay, pair):
     """Thousands of random datagrams, many of them nearly right, at every program."""
     source, receiver = pair
     dice = random.Random(4711)
@@ -118,7 +118,7 @@ def test_noise_of_every_kind_passes_by(relay, pair):
         for number in range(3000):
             body = dice.randbytes(dice.choice([0, 1, 2, 9, 10, 20, 100, 508, 509, 2032, 2033]))
             if number % 3 == 0:
-                # Not from a client's id: refusals would be told of.
+                # Not under a client's id: refusals would be reported to it.
                 body = b"\x13" + body[:-2] + b"~"
                 client_id = 77
             else:

@@ -1,4 +1,5 @@
-"""One source for a hundred receivers, receivers that are sources, a route back to its source."""
+"""One source for a hundred receivers, receivers that are also sources, a route back to its
+source."""
 
 from __future__ import annotations
 
@@ -33,10 +34,10 @@ def test_a_hundred_receivers_get_everything_in_order(relay, make_station, route)
     assert all(receiver.audio(0).receives_nothing(0) for receiver in receivers)
 
 
-def test_two_stations_hear_each_other_on_all_programs_but_the_first(
+def test_two_stations_receive_each_other_on_all_programs_but_the_first(
     relay, server, make_station, route
 ):
-    """Sources that receive; who does both on program 0 is taken for a relay."""
+    """Sources that receive; a client that does both on program 0 is taken for a relay."""
     first, second = make_station(relay, AudioStation), make_station(relay, AudioStation)
     for one, other in ((first, second), (second, first)):
         route(relay, one, other, PIPE_AUDIO)
@@ -56,8 +57,8 @@ def test_a_route_back_to_its_source_is_followed(relay, server, make_station, rou
         station.audio(1).expect(station.audio(1).send(b"%d" % number))
 
 
-def test_who_sends_and_receives_program_0_is_a_relay(relay, server, make_station, route):
-    """It may pass on the sound of others; another relay gets none of it, itself included."""
+def test_a_client_that_sends_and_receives_program_0_is_a_relay(relay, server, make_station, route):
+    """It may pass on the audio of others; another relay gets none of it, including itself."""
     peer = make_station(relay, AudioStation, source_ip=new_address())
     other_peer = make_station(relay, AudioStation, source_ip=new_address())
     for one in (peer, other_peer):
@@ -67,11 +68,11 @@ def test_who_sends_and_receives_program_0_is_a_relay(relay, server, make_station
     for to in (receiver, peer, other_peer):
         route(relay, far_away, to, PIPE_AUDIO)
         route(relay, source, to, PIPE_AUDIO)
-    # A source of ours reaches all three.
+    # A source of this relay reaches all three.
     word = source.say(b"word")
     for one in (receiver, peer, other_peer):
         one.audio(0).expect(word)
-    # What comes by way of a relay reaches stations only; the routes between relays dissolve.
+    # Audio that comes from a relay reaches stations only; routes between relays are removed.
     with AudioSocket(relay, 0, client_id=far_away, address=peer.local_address[0]) as from_peer:
         receiver.audio(0).expect(from_peer.send(b"from far away"))
         receiver.audio(0).expect(from_peer.send(b"more"))

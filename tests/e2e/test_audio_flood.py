@@ -1,5 +1,5 @@
-"""A flood of datagrams that nobody asked for: the log stays small, captions and the sound of others
-go on, and the relay does not grow."""
+"""A flood of unsolicited datagrams: the log stays small, captions and other audio continue, and the
+relay does not grow."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ from lab.audio import audio_wire
 from lab.stations.audio_stations import AudioStation
 from lab.support.addresses import new_address
 
-#: Discarded datagrams until one is reported, that one included.
+#: Discarded datagrams until one is reported, including that one.
 PER_REPORT = 1002
 
 

@@ -1,5 +1,5 @@
-"""A flood of registrations that are refused: at most 200 a second are told of, captions and the
-sound of others go on, the relay does not grow, and a good registration gets through."""
+"""A flood of registrations that are refused: at most 200 a second are logged, captions and other
+audio continue, the relay does not grow, and a good registration gets through."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def everyday(relay, make_station, route):
 
 
 def test_refused_registrations(relay, server, make_station, everyday):
-    """In the name of a client that is connected, under tickets of another key."""
+    """Under the id of a connected client, with tickets of another key."""
     victim = make_station(relay, AudioStation)
     victim.open_audio(relay, PROGRAM)
     ticket = server.ticket_for(victim.client_id, des_key=bytes(range(1, 16, 2)))
@@ -62,7 +62,7 @@ def test_refused_registrations(relay, server, make_station, everyday):
 
 
 def test_a_good_registration_gets_through_a_flood_of_bad_ones(relay, server, make_station, route):
-    """It is taken and told of, however many were refused within the same second."""
+    """It is accepted and logged, however many were refused within the same second."""
     victim, source = make_station(relay, AudioStation), on_air(make_station, relay, [PROGRAM])
     station = make_station(relay, AudioStation)
     audio = station.open_audio(relay, PROGRAM)

@@ -1,5 +1,5 @@
-"""Sound goes on whatever else happens: without the connection server, without the database, while
-hundreds of clients come and go, while captions take the other way."""
+"""Audio continues whatever else happens: without the connection server, without the database, while
+hundreds of clients come and go, while captions flow the other way."""
 
 from __future__ import annotations
 
@@ -16,15 +16,15 @@ from lab.stations.caption_stations import Captioner, Encoder
 from lab.stations.crowd import Crowd
 from lab.support.waiting import patient
 
-#: A gap that nobody who listens would miss.
+#: A gap that listeners would notice.
 NOTICEABLE_SECS = 1.0
 LONG = 60.0
 
 
 @pytest.fixture
 def play(make_station, route):
-    """Plays the clip from a source to two receivers for as long as the block takes, and then has
-    everything heard, without a noticeable gap."""
+    """Plays the clip from a source to two receivers while the block runs, and then asserts that all
+    of it arrived without a noticeable gap."""
 
     @contextlib.contextmanager
     def play(relay):
@@ -77,7 +77,7 @@ def test_while_the_database_is_away(make_relay, own_cluster, play, mode):
     with play(relay) as listener:
         own_cluster.query("CHECKPOINT")
         own_cluster.stop(mode)
-        # The next order finds that out.
+        # The next order reveals that.
         relay.server.orders.connect_route(424242, 424243, PIPE_AUDIO)
         relay.log.expect("PostgreSQL database not connected!", 10)
         _wait_for_more(listener)
@@ -100,8 +100,8 @@ def test_while_hundreds_of_clients_come_and_go(make_relay, server, play):
     assert len(gone) == 360
 
 
-def test_while_captions_take_the_other_way(relay, make_station, route, play):
-    """A captioner that writes as fast as it can, and all of its captions arrive."""
+def test_while_captions_flow_the_other_way(relay, make_station, route, play):
+    """A captioner that sends as fast as it can, and all of its captions arrive."""
     captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, captioner, encoder, PIPE_CAPTION)
     done = threading.Event()

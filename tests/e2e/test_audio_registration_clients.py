@@ -1,5 +1,5 @@
-"""Whose registration counts: that of a client that is connected, from wherever it comes last, until
-its connection ends."""
+"""Which registrations count: those of a connected client, the latest from any address, until its
+connection ends."""
 
 from __future__ import annotations
 
@@ -24,14 +24,14 @@ def station(relay, make_station):
     return station
 
 
-def test_a_good_ticket_of_nobody_connected_is_of_no_use(
+def test_a_good_ticket_of_an_unconnected_client_is_refused(
     relay, server, make_station, route, station
 ):
     stranger = server.new_client_id()
     result = register(relay, station, server.ticket_for(stranger), 7, client_id=stranger)
     assert result.taken
     assert result.lines[1:] == [_NOT_CONNECTED.format(stranger)]
-    # Nor afterwards, when it connects: nothing was kept.
+    # Nor later, when it connects: nothing was kept.
     source, witness = on_air(make_station, relay), listening(make_station, relay)
     newcomer = make_station(relay, AudioStation, client_id=stranger)
     for one in (newcomer, witness):
@@ -50,7 +50,7 @@ def test_a_client_that_has_left_cannot_register(relay, server, make_station, sta
 
 
 def test_a_registration_ends_with_its_connection(relay, server, make_station, route):
-    """The id comes back without audio; whatever it had registered is forgotten."""
+    """The id comes back without audio; its registrations are forgotten."""
     source = on_air(make_station, relay, [PROGRAM])
     receiver = listening(make_station, relay, [PROGRAM])
     witness = listening(make_station, relay, [PROGRAM])
@@ -81,8 +81,8 @@ def test_the_newest_connection_of_an_id_has_no_audio_of_the_older(relay, make_st
     assert older.audio(PROGRAM).receives_nothing(0.05)
 
 
-def test_registering_anew_moves_a_receiver(relay, server, make_station, route):
-    """To another port, and to another address; the log has no word for it."""
+def test_registering_again_moves_a_receiver(relay, server, make_station, route):
+    """To another port, and to another address; it is not logged."""
     source = on_air(make_station, relay, [PROGRAM])
     receiver = listening(make_station, relay, [PROGRAM])
     route(relay, source, receiver, PIPE_AUDIO)
@@ -98,8 +98,8 @@ def test_registering_anew_moves_a_receiver(relay, server, make_station, route):
             assert old.receives_nothing(0.05)
 
 
-def test_registering_anew_moves_a_source(relay, server, make_station, route):
-    """Only the address counts: the old one is a stranger's from then on, another port is not."""
+def test_registering_again_moves_a_source(relay, server, make_station, route):
+    """Only the address counts: the old one is unknown from then on, another port is not."""
     source = on_air(make_station, relay, [PROGRAM])
     receiver = listening(make_station, relay, [PROGRAM])
     route(relay, source, receiver, PIPE_AUDIO)
@@ -113,8 +113,8 @@ def test_registering_anew_moves_a_source(relay, server, make_station, route):
         heard.expect(moved.send(b"from here"))
 
 
-def test_who_sends_and_who_receives_is_told_apart(relay, server, make_station, route):
-    """To receive does not make a source, to send not a receiver."""
+def test_sources_and_receivers_are_distinguished(relay, server, make_station, route):
+    """A receiver is not a source, and a source is not a receiver."""
     first = listening(make_station, relay, [PROGRAM])
     second = on_air(make_station, relay, [PROGRAM])
     witness = listening(make_station, relay, [PROGRAM])
@@ -136,8 +136,8 @@ def test_ids_above_the_range_of_signed_numbers_work(relay, make_station, route):
     receiver.audio(PROGRAM).expect(source.say(b"word", PROGRAM))
 
 
-def test_a_refusal_that_cannot_be_delivered_costs_nobody_else(relay, server, make_station):
-    """Whose connection is gone by then is cleaned up, and the relay goes on."""
+def test_a_refusal_that_cannot_be_delivered_affects_no_other_client(relay, server, make_station):
+    """A client whose connection is gone by then is cleaned up, and the relay continues."""
     victim = make_station(relay, AudioStation, heartbeats=False)
     audio, witness = victim.open_audio(relay), make_station(relay, AudioStation)
     witness.open_audio(relay)

@@ -1,7 +1,7 @@
 """What a registration asks for: to receive (1), to be called back (2), to send (4), in all eight
 combinations; any other flags are refused however good the ticket is.
 
-Who both sends and receives program 0 counts as a relay, so another program serves here.
+A client that sends and receives program 0 counts as a relay, so another program is used here.
 """
 
 from __future__ import annotations
@@ -18,7 +18,7 @@ PROGRAM = 3
 
 @pytest.fixture
 def station(relay, make_station):
-    """A client with an audio socket that has not said anything yet."""
+    """A client with an audio socket that has sent nothing yet."""
     station = make_station(relay, AudioStation)
     station.open_audio(relay, PROGRAM)
     return station
@@ -36,7 +36,7 @@ def neighbours(relay, make_station, route, station):
 
 
 @pytest.mark.parametrize("flags", range(8))
-def test_each_flag_does_its_part_and_no_other(relay, server, station, neighbours, flags):
+def test_each_flag_has_its_own_effect_only(relay, server, station, neighbours, flags):
     source, receiver = neighbours
     me, audio = station.client_id, station.audio(PROGRAM)
     host, port = audio.local_address
@@ -52,12 +52,12 @@ def test_each_flag_does_its_part_and_no_other(relay, server, station, neighbours
     assert result.lines[: len(expected)] == expected
     if not flags & CALL_BACK:
         assert result.lines == expected
-        # To receive: what the source says comes, or only its later word to somebody else.
+        # To receive: what the source sends arrives, or only what it sends later to another.
         word = source.say(b"word", PROGRAM)
         receiver.audio(PROGRAM).expect(word)
         if flags & RECEIVE:
             audio.expect(word)
-        # To send: it is passed on, or what comes next is the source's.
+        # To send: it is passed on, or the next datagram is the source's.
         sent = audio.send(b"mine")
         last = source.say(b"last", PROGRAM)
         if flags & SEND:
@@ -71,7 +71,7 @@ def test_each_flag_does_its_part_and_no_other(relay, server, station, neighbours
 def test_a_call_back_asks_the_server_for_a_ticket(relay, server, station):
     register(relay, station, server.ticket_for(station.client_id), CALL_BACK, program=PROGRAM)
     server.record.wait_for_type(TicketRequest, requested_id=station.client_id, request="UDP_REG")
-    # One that is refused asks for nothing.
+    # A refused one asks for nothing.
     other = server.new_client_id()
     since = relay.log.mark()
     result = register(relay, station, server.ticket_for(other), CALL_BACK, program=PROGRAM)
@@ -90,7 +90,7 @@ def test_flags_of_eight_or_more_are_refused(relay, server, station, flags):
         f"udp registration ticket not accepted from ID {me}, addr {host}({port})",
     ]
     assert result.answers == [REFUSED]
-    # That did not use up a ticket, and spoiled nothing.
+    # That did not use up a ticket, and had no lasting effect.
     for _ in range(8):
         assert register(relay, station, server.ticket_for(me), program=PROGRAM).taken
 
@@ -104,7 +104,7 @@ def test_a_registration_counts_for_the_program_it_came_to_only(
     route(relay, source, receiver, PIPE_AUDIO)
     sent = [source.say(b"program %d" % one, one) for one in range(6)]
     receiver.audio(program).expect(sent[program])
-    # Each socket of the relay keeps its own order, and all are served in turns.
+    # Each socket of the relay keeps its own order, and all are served in turn.
     for _ in range(2):
         for one in range(6):
             again = source.say(b"program %d" % one, one)

@@ -35,7 +35,7 @@ def new_station(relay, make_station):
 
 
 def _reasons(result):
-    """The lines that say why, without those of every refused registration."""
+    """The lines with the reason, without those of every refused registration."""
     usual = ("UDP registration messages", "udp registration ticket not accepted")
     return [line for line in result.lines if not line.startswith(usual)]
 
@@ -50,14 +50,14 @@ def test_too_short_a_ticket_is_refused(relay, server, new_station, length):
 
 
 @pytest.mark.parametrize("length", [17, 24, 63, 64, 65, 72, 128, 400])
-def test_what_follows_the_ticket_does_not_matter(relay, server, new_station, length):
+def test_bytes_after_the_ticket_do_not_matter(relay, server, new_station, length):
     """Beyond 64 bytes it is not even kept."""
     station = new_station()
     ticket = server.ticket_for(station.client_id).ljust(length, b"\xa5")
     assert register(relay, station, ticket).taken
 
 
-def test_a_ticket_that_is_no_more_than_noise_is_refused(relay, new_station):
+def test_a_ticket_of_random_bytes_is_refused(relay, new_station):
     station = new_station()
     for ticket in (b"\xff" * 16, b"\\" * 64, b"~" * 64, bytes(64), b"\xff" * 400):
         assert not register(relay, station, ticket).taken
@@ -104,7 +104,7 @@ def test_an_id_has_nine_tickets_in_a_period_log_in_included(relay, server, new_s
     result = register(relay, station, ticket)
     assert result.answers == [REFUSED]
     assert _reasons(result) == [f"Rejecting ticket for client {station.client_id} {_LIMIT}"]
-    # Others are not concerned, and in the next period it is let in again.
+    # Others are not affected, and in the next period it is accepted again.
     assert register(relay, other, server.ticket_for(other.client_id)).taken
     wait_until(lambda: register(relay, station, ticket).taken, 3 * _PERIOD_SECS, "a new period")
     assert time.monotonic() - began > _PERIOD_SECS - 1

@@ -1,4 +1,4 @@
-"""Datagrams that wait together are taken in one system call and leave in few."""
+"""Datagrams that wait together are received in one system call and sent in few."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ pytestmark = pytest.mark.skipif(not LoopTracer.supported(), reason="unknown kind
 
 @pytest.fixture
 def server(make_server):
-    """Nobody here sends heartbeats, which would cost calls of their own."""
+    """Without heartbeats, which would cost extra calls."""
     return make_server(heartbeat_secs=60)
 
 
@@ -42,15 +42,16 @@ def receivers(relay, make_station, route, source):
 
 
 def in_one_pass(relay, source, receivers, payloads):
-    """Says all while the relay is held, and everyone hears it: the calls of the pass that handles
-    it. Timers run in seconds that four divides: if one has come meanwhile, it is done again."""
+    """Sends everything while the relay is held, and asserts that all arrive: the calls of the pass
+    that handles it. Timers run in seconds that are multiples of four: if one ran meanwhile, it is
+    repeated."""
     deadline = Deadline(60)
     while True:
         for one in (source, *receivers):
             one.send(Heartbeat())
         with LoopTracer(relay.pid) as tracer:
             tracer.system_calls()
-            # To get hold of the relay may have taken some seconds.
+            # Attaching to the relay may have taken some seconds.
             while int(time.time()) % 4 != 1:
                 tracer.system_calls()
             begun = int(time.time())
@@ -69,9 +70,9 @@ def test_a_datagram_takes_two_calls_whatever_its_receivers(relay, source, receiv
 
 
 @pytest.mark.parametrize("lengths", [1, 2])
-def test_what_waits_together_leaves_together(relay, source, receivers, lengths):
-    """A call takes no more than 1024 messages from us, so a few are needed when each datagram is
-    one; those of one length share theirs. No other call at all."""
+def test_datagrams_that_wait_together_are_sent_together(relay, source, receivers, lengths):
+    """A call takes no more than 1024 messages, so a few are needed when each datagram is one; those
+    of one length share a message. There is no other call."""
     payloads = [b"%06d" % number + b"x" * (number % lengths) for number in range(DATAGRAMS)]
     calls = in_one_pass(relay, source, receivers, payloads)
     assert calls.count("recvmmsg") == 1
@@ -82,7 +83,7 @@ def test_what_waits_together_leaves_together(relay, source, receivers, lengths):
 
 
 def test_a_flow_takes_turns_with_everything_else(relay, source, receivers):
-    """Not more than a thousand datagrams are taken before others get their turn."""
+    """At most a thousand datagrams are received before others get their turn."""
     with LoopTracer(relay.pid) as tracer:
         for _ in range(TAKEN_AT_ONCE + 1):
             source.audio(1).send_raw(bytes(16))

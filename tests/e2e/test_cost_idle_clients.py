@@ -23,7 +23,7 @@ from lab.support.waiting import Deadline, wait_until
 FEW, MANY = 10, 5000
 WAVE = 250
 PROGRAM = 1
-#: A pass in which a timer runs costs more, so the cheapest of some counts.
+#: A pass in which a timer runs costs more, so the cheapest of several counts.
 MEASUREMENTS = 3
 
 pytestmark = [
@@ -37,7 +37,7 @@ class Cast:
 
     def __init__(self, relay, crowd, make_station, route):
         self.relay, self.crowd = relay, crowd
-        # Heartbeats are sent when nothing is counted, see _wait_for_quiet.
+        # Heartbeats are sent while nothing is counted, see _wait_for_quiet.
         self.captioner = make_station(relay, Captioner, heartbeats=False)
         self.encoder = make_station(relay, Encoder, heartbeats=False)
         self.source = on_air(make_station, relay, [PROGRAM], heartbeats=False)
@@ -74,28 +74,28 @@ class Cast:
 
     @contextlib.contextmanager
     def _held(self):
-        """The relay in our hands, for one pass. On a busy machine the steps of one may take longer
-        than anyone may be silent, so that everyone is heard in the next."""
+        """The relay under the tracer, for one pass. On a busy machine stepping through one may take
+        longer than a client may be silent, so every client sends a heartbeat in the next."""
         with LoopTracer(self.relay.pid) as tracer:
             try:
                 yield tracer
             finally:
-                self.be_heard()
+                self.send_heartbeats()
 
     def _wait_for_quiet(self):
-        """Timers run in seconds that four divides: their work for thousands of clients would take
-        for ever instruction by instruction. Nor may there be heartbeats still to be read."""
+        """Timers run in seconds that are multiples of four: their work for thousands of clients
+        would take far too long step by step. Nor may any heartbeats still be unread."""
         wait_until(lambda: int(time.time()) % 4 == 1, 10, "a second without timers")
-        self.be_heard()
+        self.send_heartbeats()
         self.caption()
         self._expect(self.caption, 1)
 
-    def be_heard(self):
-        """Everyone's heartbeat, for who is silent is dropped."""
+    def send_heartbeats(self):
+        """Sends a heartbeat from every client, because silent ones are dropped."""
         cast = (self.captioner, self.encoder, self.source, self.receiver)
         for one in cast:
             one.send(Heartbeat())
-        self.crowd.be_heard()
+        self.crowd.send_heartbeats()
 
     def _expect(self, act, count):
         if act == self.caption:
@@ -106,7 +106,7 @@ class Cast:
 
 
 def _grow(cast, to):
-    """Idle clients that are on the air, up to so many; all are heard of."""
+    """Idle clients registered for audio, up to `to`; all of them send heartbeats."""
     crowd, relay = cast.crowd, cast.relay
     with AudioSocket(relay, PROGRAM) as audio:
         while len(crowd.stations) < to:
@@ -115,7 +115,7 @@ def _grow(cast, to):
             for one in wave:
                 ticket = relay.server.ticket_for(one.client_id)
                 audio.register(one.client_id, ticket, receive=True, send=True)
-            cast.be_heard()
+            cast.send_heartbeats()
             last = f"Client {wave[-1].client_id} registered to send audio program {PROGRAM}"
             relay.log.expect(last, 20, since=since)
     assert relay.log.count("registered to send audio program") == 1 + to

@@ -41,7 +41,7 @@ def demonstrate(*options):
 
 
 def rows(shown):
-    """The cells of the table: listener and flow, awaited, unchanged, lost ..."""
+    """The cells of the table: listener and flow, expected, unchanged, lost ..."""
     table = [line.rsplit(maxsplit=8) for line in shown.splitlines() if line.endswith(" ms")]
     return {cells[0]: [int(cell) for cell in cells[1:7]] for cells in table}
 
@@ -51,42 +51,42 @@ def test_captions_and_audio_cross_two_relays(options):
     status, shown = demonstrate("--seconds", "2", *options)
     assert status == 0 and GOOD in shown, shown
     assert len(rows(shown)) == FLOWS
-    for flow, (awaited, unchanged, *faults) in rows(shown).items():
-        assert awaited == unchanged == (1 if "captions" in flow else 100), shown
+    for flow, (expected, unchanged, *faults) in rows(shown).items():
+        assert expected == unchanged == (1 if "captions" in flow else 100), shown
         assert faults == [0, 0, 0, 0]
     assert "encoder 2   reads  Welcome to the caption relay." in shown
-    assert "archive     takes  1 caption of client 2001 from east, " in shown
+    assert "archive     stores 1 caption of client 2001 from east, " in shown
     assert "receiver 2  hears" in shown and "west        ended with status 0" in shown
 
 
 @pytest.mark.parametrize("fault", ["cs", "db"])
-def test_nobody_loses_anything_without_server_or_database(fault):
+def test_nothing_is_lost_without_server_or_database(fault):
     status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", fault)
     assert status == 0 and GOOD in shown, shown
-    assert "whole again after" in shown and "no caption and no datagram" in shown
+    assert "restored after" in shown and "no captions, no datagrams" in shown
     # The route that was ordered afterwards took effect.
     assert len(rows(shown)) == FLOWS + 1 and rows(shown)["encoder 3, captions"][1] > 0
 
 
-def test_what_the_archive_did_not_take_is_delivered_when_it_is_back():
+def test_posts_that_failed_are_delivered_when_the_archive_is_back():
     status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", "archive")
     assert status == 0 and GOOD in shown, shown
     order = ["archive     is stopped", "(failure 1 in a row)", "(failure 2 in a row)"]
     order += ["archive     is started again", "archive     takes", "archive, captions"]
     places = [shown.find(words) for words in order]
     assert -1 not in places and places == sorted(places), shown
-    awaited, unchanged, *faults = rows(shown)["archive, captions"]
-    assert awaited == unchanged > 1 and faults == [0, 0, 0, 0]
-    assert "no caption and no datagram" in shown
+    expected, unchanged, *faults = rows(shown)["archive, captions"]
+    assert expected == unchanged > 1 and faults == [0, 0, 0, 0]
+    assert "no captions, no datagrams" in shown
 
 
-def test_a_killed_relay_takes_only_its_own_stations_along():
+def test_a_killed_relay_affects_only_its_own_stations():
     status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", "peer")
-    assert status == 0 and "All of it flowed again by itself" in shown, shown
+    assert status == 0 and "All traffic resumed by itself" in shown, shown
     lost = {flow: cells[2] for flow, cells in rows(shown).items()}
     assert len(lost) == FLOWS
     assert all(count == 0 for flow, count in lost.items() if " 2, " not in flow)
-    assert lost["receiver 2, sound"] > 0 and "receiver 2  is logged in again" in shown
+    assert lost["receiver 2, audio"] > 0 and "receiver 2  is logged in again" in shown
 
 
 def test_a_run_too_short_for_a_fault_is_refused():
@@ -95,7 +95,7 @@ def test_a_run_too_short_for_a_fault_is_refused():
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_everything_is_taken_down_when_asked(number):
+def test_everything_is_shut_down_on_a_signal(number):
     child = begin("--seconds", "60")
     shown = ""
     for line in child.stdout:
@@ -105,7 +105,7 @@ def test_everything_is_taken_down_when_asked(number):
             break
     shown += child.communicate(timeout=60)[0]
     assert child.returncode == 130 and "everything is taken down" in shown, shown
-    # Each relay was started by a process that waits for it: none is left when that is gone.
+    # Each relay was started by a process that waits for it: none is left when that has ended.
     folders = [one for one in Path("/proc").glob("[0-9]*") if _parent_of(one) == child.pid]
     assert folders == []
 
@@ -117,24 +117,24 @@ def _parent_of(folder):
         return 0
 
 
-# -- what has to fail: in this process, so that something can be spoilt ----------------------
+# -- what has to fail: in this process, so that a fault can be injected ----------------------
 
 
 def fails(capsys, seconds=2, fault=""):
-    """What a run says that has to fail."""
+    """The output of a run that has to fail."""
     assert run.run(seconds, False, fault, binary_path()) is False
     shown = capsys.readouterr().out
-    assert "This was NO SUCCESS:" in shown and GOOD not in shown
+    assert "The demonstration FAILED:" in shown and GOOD not in shown
     return shown
 
 
 def test_a_missing_route_is_noticed(monkeypatch, capsys):
     route = cast.Cast.route
     monkeypatch.setattr(
-        cast.Cast, "route", lambda cast, to: to.name == "receiver 2" or route(cast, to)
+        cast.Cast, "route", lambda self, to: to.name == "receiver 2" or route(self, to)
     )
     shown = fails(capsys)
-    assert "receiver 2, sound: 100 LOST" in shown and "receiver 1, sound: " not in shown
+    assert "receiver 2, audio: 100 LOST" in shown and "receiver 1, audio: " not in shown
 
 
 def test_a_relay_that_dies_is_noticed(monkeypatch, capsys):
@@ -181,7 +181,7 @@ def test_a_changed_archive_is_noticed(monkeypatch, capsys, right, wrong, words):
 
 
 def test_a_relay_that_archives_what_its_peer_sends_is_noticed(monkeypatch, capsys):
-    # It says so under the name of the other one.
+    # It claims to be the other one.
     config = Archive.config
     monkeypatch.setattr(Archive, "config", lambda archive, _: config(archive, "west"))
     assert "archive: west posted captions of client 2001" in fails(capsys)
@@ -194,7 +194,7 @@ def test_wrong_times_in_the_archive_are_noticed(monkeypatch, capsys):
         return [one._replace(at=one.at - 40) for one in sent(speaker)]
 
     monkeypatch.setattr(CaptionSpeaker, "sent_by_clock", earlier)
-    assert "archive, captions: noted up to 40.0 s TOO LATE" in fails(capsys)
+    assert "archive, captions: dated up to 40.0 s TOO LATE" in fails(capsys)
 
 
 def test_an_archive_that_does_not_come_back_is_noticed(monkeypatch, capsys):

@@ -1,4 +1,4 @@
-"""A connection server that stops reading: the link backs up and is given up, the clients stay, and
+"""A connection server that stops reading: the link backs up and is abandoned, the clients stay, and
 what could not be sent waits for the next login."""
 
 from __future__ import annotations
@@ -13,7 +13,7 @@ from lab.support.addresses import new_address
 from lab.support.waiting import Deadline
 
 _BROKEN = "socket broken sending message to connection server!"
-#: Messages of one client in a row.
+#: Consecutive messages of one client.
 _BURST = 400
 _FILL = "x" * 440
 
@@ -48,11 +48,11 @@ def _fill_the_link(relay, stations, within_secs=60):
 
 
 def _echo(station):
-    """A message that the relay hands straight back to its sender."""
+    """A message that the relay returns to its sender."""
     return messages.Opaque(9, b"echo~", dest_id=station.client_id)
 
 
-def test_a_server_that_does_not_read_loses_the_link_and_no_message_after_it(
+def test_a_server_that_does_not_read_loses_the_link_but_no_later_message(
     slow_server, make_relay, make_station, route
 ):
     relay = make_relay(using=slow_server)

@@ -1,5 +1,5 @@
-"""What survives a lost link to the connection server, and what does not: clients and routes stay
-through a continued session, in order told of anew; a session that the server forgot starts clean."""
+"""What survives a lost link to the connection server: clients and routes stay through a continued
+session and are reported again in order; a session that the server forgot starts clean."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def any_server(request):
 
 
 @pytest.mark.parametrize("how", _LOSE)
-def test_clients_and_routes_outlive_a_lost_link(how, any_server, make_relay, make_station, route):
+def test_clients_and_routes_survive_a_lost_link(how, any_server, make_relay, make_station, route):
     relay = make_relay(using=any_server)
     captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, captioner, encoder, messages.PIPE_CAPTION)
@@ -46,7 +46,7 @@ def test_clients_and_routes_outlive_a_lost_link(how, any_server, make_relay, mak
     }
 
 
-def test_the_continued_session_tells_losses_then_clients_then_ports_then_what_waited(
+def test_the_continued_session_reports_losses_then_clients_then_ports_then_held_messages(
     any_server, make_relay, make_station
 ):
     relay = make_relay(using=any_server)
@@ -104,7 +104,7 @@ def test_a_new_id_may_come_with_a_continued_session(server, relay, make_station)
 
 
 @pytest.mark.parametrize("how", _LOSE)
-def test_a_forgotten_session_drops_clients_routes_and_what_waited(
+def test_a_forgotten_session_drops_clients_routes_and_held_messages(
     how, any_server, make_relay, make_station, route
 ):
     relay = make_relay(using=any_server)
@@ -136,7 +136,7 @@ def test_a_forgotten_session_drops_clients_routes_and_what_waited(
     functions = [one.function for one in any_server.record.messages_of(messages.LogIn)]
     assert functions == ["RELAY", "CONTINUE", "RELAY"]
 
-    # The new session works like the first, and the next loss continues it.
+    # The new session works like the first, and is continued after the next loss.
     fresh = make_station(relay, Captioner)
     fresh.send(messages.StatusKeyPost("of the", "new session"))
     first_post = any_server.record.wait_for_type(messages.StatusKeyPost)
@@ -148,7 +148,7 @@ def test_a_forgotten_session_drops_clients_routes_and_what_waited(
     any_server.record.wait_for_type(messages.StatusKeyPost, value="here")
 
 
-def test_tickets_stay_good_through_a_new_session_for_the_key_is_the_process_own(
+def test_tickets_stay_good_through_a_new_session_as_the_key_stays(
     server, relay, make_station
 ):
     client_id = server.new_client_id()

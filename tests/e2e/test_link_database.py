@@ -14,7 +14,7 @@ _DOWN = "PostgreSQL database not connected!"
 
 
 def _knows_it_is_connected(relay, server):
-    """An order that arrives in the table proves it; orders given while it is not are lost."""
+    """An order that arrives in the table proves it; orders sent before are lost."""
 
     def arrives():
         server.orders.connect_route(1, 2, messages.PIPE_CHAT)
@@ -34,18 +34,18 @@ def test_routing_works_again_when_the_database_is_back(
     captioner.caption(b"before")
     assert encoder.receive_caption()[0] == b"before"
 
-    # Without this the crash of the cluster, which commits lazily, would take the table along.
+    # Without this the crash of the cluster, which commits lazily, would lose the table.
     own_cluster.query("CHECKPOINT")
     own_cluster.stop(mode)
-    # What the relay knows by heart it goes on doing.
+    # Cached routes continue to work.
     captioner.caption(b"while down")
     assert encoder.receive_caption()[0] == b"while down"
     server.orders.connect_route(captioner.client_id, late.client_id, messages.PIPE_CAPTION)
     relay.log.expect_in_order("Retrying connection to SQL", _DOWN, _DOWN, within_secs=10)
-    # The order took the remembered route along: now this source reaches nobody.
-    captioner.caption(b"to nobody")
-    nobody = f"cache miss for source {captioner.client_id} type 192, now sending to 0 clients"
-    relay.log.expect(nobody, 10)
+    # The order invalidated the cached route: now this source reaches no destination.
+    captioner.caption(b"no route")
+    no_clients = f"cache miss for source {captioner.client_id} type 192, now sending to 0 clients"
+    relay.log.expect(no_clients, 10)
 
     own_cluster.start()
     _knows_it_is_connected(relay, server)

@@ -1,4 +1,5 @@
-"""Which server is tried next: the order of the configured servers, and what moves the relay on."""
+"""Which server is tried next: the order of the configured servers, and what makes the relay move
+on."""
 
 from __future__ import annotations
 
@@ -15,7 +16,7 @@ def _attempts(relay):
     return [line.split(_ATTEMPT)[1] for line in relay.log.lines if _ATTEMPT in line]
 
 
-def test_refused_connects_lead_through_the_servers_in_order_and_round_again(
+def test_refused_connects_lead_through_the_servers_in_order_and_back_to_the_first(
     make_server, make_relay
 ):
     third = make_server(start=False)
@@ -41,7 +42,7 @@ def test_the_first_of_three_that_answers_is_kept(make_server, make_relay):
     assert len(servers[1].links) == len(servers[2].links) == 0
 
 
-def test_a_silent_first_and_a_rude_second_leave_the_third(make_server, make_relay):
+def test_after_a_silent_first_and_a_resetting_second_the_third_is_used(make_server, make_relay):
     first, second, third = (make_server() for _ in range(3))
     first.script.fault("challenge", Fault("silence"), times=None)
     second.script.fault("login", Fault("reset"), times=None)
@@ -70,7 +71,7 @@ def test_an_unresolvable_name_keeps_its_place_and_is_tried_again(make_server, ma
     assert len(backup.links) == 0
 
 
-def test_a_name_that_resolves_is_as_good_as_an_address(
+def test_a_name_that_resolves_works_like_an_address(
     make_server, make_relay, server_certificate
 ):
     server = make_server(address="127.0.0.1", port=0, certificate=server_certificate)

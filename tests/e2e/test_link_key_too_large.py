@@ -1,5 +1,5 @@
-"""A log-in that cannot be encrypted is never sent: not cut, not in clear. The relay says why and
-goes on trying."""
+"""A log-in that cannot be encrypted is never sent, not even truncated or unencrypted. The relay
+logs why and keeps trying."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from lab.protocol.keys import public_pem_of
 
 
 def _refuses_to_log_in(relay, server):
-    """Two attempts, so that the retry is seen too; nothing but the connection reaches the server."""
+    """Two attempts, so that the retry is seen too; only the connection reaches the server."""
     for number in range(2):
         server.links.wait_for("closed", 20, number=number)
     relay.log.expect_in_order(

@@ -1,5 +1,5 @@
 """Sizes and ids at their limits on the link to the connection server: the largest messages in both
-directions, and messages of the server whose sender nobody can be."""
+directions, and messages of the server with an impossible sender."""
 
 from __future__ import annotations
 
@@ -52,10 +52,10 @@ def test_messages_up_to_the_largest_size_pass_from_the_server_to_a_client(
     assert got.received_image == (image if length % 2 else image + b"~")
 
 
-def test_a_frame_longer_than_any_message_costs_neither_link_nor_client(
+def test_a_frame_longer_than_any_message_ends_no_connection(
     any_server, make_relay, make_station
 ):
-    """A frame can carry 509 bytes; the last one then can only be padding."""
+    """A frame can carry 509 bytes; the last one can then only be padding."""
     relay = make_relay(using=any_server)
     station = make_station(relay)
     for last in (b"~", b"x", b"\\", b"\0"):
@@ -83,7 +83,7 @@ def test_orders_under_a_negative_sender_are_ignored(sender_id, server, relay):
 
 
 @pytest.mark.parametrize("sender_id", [0, 1, 0x7FFFFFFF])
-def test_any_other_sender_is_as_good_as_the_next(sender_id, server, relay):
+def test_orders_under_any_other_sender_are_accepted(sender_id, server, relay):
     order = messages.RoutingUpdate("CONNECT", 5, 6, 192, sender_id=sender_id)
     server.orders.send_raw(order.frame())
     relay.schema.wait_for_routes({(5, 6, 192)})
@@ -100,7 +100,7 @@ def test_images_shorter_than_a_header_are_ignored(length, server, relay):
     assert len(server.links) == 1
 
 
-def test_a_message_to_a_client_that_is_not_here_is_dropped_in_silence(server, relay):
+def test_a_message_to_an_absent_client_is_dropped_silently(server, relay):
     server.orders.send_raw(wire.to_frame(_image(3, 100, 1, 424242)))
     _still_routes(server, relay)
     assert relay.log.count("424242") == 0

@@ -1,5 +1,5 @@
-"""The log-in to the connection server, over plain TCP and TLS: what the relay says there, what it
-keeps of the answer, and how it reports the addresses it listens at."""
+"""The log-in to the connection server, over plain TCP and TLS: what the relay sends, what it keeps
+of the answer, and how it reports the addresses that it listens at."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ def test_the_login_says_who_the_relay_is(any_server, make_relay):
     assert all(byte.bit_count() % 2 == 1 for byte in login.des_key), "DES keys have odd parity"
 
 
-def test_nothing_of_the_login_travels_in_clear(server, make_relay):
+def test_nothing_of_the_login_is_sent_in_clear(server, make_relay):
     make_relay(username="visible-name", password="visible-word")
     image = server.record.messages_of(messages.LogIn)[0].received_image
     assert b"visible" not in image
@@ -79,7 +79,7 @@ def test_addresses_and_tls_port_that_are_not_configured_are_zero(server, relay):
 
 
 @pytest.mark.parametrize("bad", ["300.1.1.1", "192.0.2", "example.test", "192.0.2.7x"])
-def test_a_listen_address_that_is_none_is_reported_and_sent_as_zero(bad, server, make_relay):
+def test_an_invalid_listen_address_is_reported_and_sent_as_zero(bad, server, make_relay):
     relay = make_relay(public_address=bad, private_address=bad)
     relay.log.expect(
         f"ERROR: Failed to parse public listen address '{bad}' - invalid IP format. "
@@ -102,7 +102,7 @@ def test_a_key_whose_cipher_text_still_fits_a_message_works(make_server, make_re
     assert server.record.messages_of(messages.LogIn)[0].name == "relay"
 
 
-def test_every_run_draws_a_des_key_of_its_own(server, make_relay):
+def test_every_run_generates_a_new_des_key(server, make_relay):
     make_relay()
     make_relay()
     first, second = server.record.messages_of(messages.LogIn)

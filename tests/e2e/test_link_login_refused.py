@@ -1,5 +1,5 @@
-"""Return codes other than OK end the attempt; the relay tries the same server again and gets in as
-soon as it is let in."""
+"""Return codes other than OK end the attempt; the relay tries the same server again and logs in as
+soon as it is admitted."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ _REFUSALS = [code for code in messages.RETURN_CODES if code not in ("OK", "NO CO
 _UNKNOWN = ["BRAND NEW CODE", "", "11", "-1", "~" * 30, "%s%n"]
 
 
-def test_every_refusal_ends_the_attempt_and_the_same_server_is_tried_again(
+def test_every_refusal_ends_the_attempt_and_the_same_server_is_retried(
     make_server, make_relay
 ):
     server, backup = make_server(), make_server()

@@ -1,5 +1,5 @@
-"""Clients that leave while the link to the connection server is down, or up: which losses are told
-after a reconnect, and which are not."""
+"""Clients that leave while the link to the connection server is down, or up: which losses are
+reported after a reconnect, and which are not."""
 
 from __future__ import annotations
 
@@ -15,8 +15,8 @@ def _losses_on(server, link):
 
 
 def _reconnect(relay, server, while_down=lambda: None):
-    """Loses the link, does `while_down`, and brings the server back; the new link, once the relay
-    has said everything that it says at a log-in."""
+    """Loses the link, does `while_down`, and brings the server back; returns the new link, once the
+    relay has sent everything that it sends at a log-in."""
     number = len(server.links)
     since, said = relay.log.mark(), server.record.mark()
     server.close()
@@ -29,13 +29,13 @@ def _reconnect(relay, server, while_down=lambda: None):
 
 
 def _leave(relay, station):
-    """The station goes without a word, and the relay has noticed."""
+    """The station leaves without a log-out, and the relay has noticed."""
     since = relay.log.mark()
     station.close()
     relay.log.expect("Removing client table entry", since=since)
 
 
-def test_a_loss_while_the_link_is_down_is_told_once_afterwards(server, relay, make_station):
+def test_a_loss_while_the_link_is_down_is_reported_once_afterwards(server, relay, make_station):
     staying, leaving = make_station(relay), make_station(relay)
     link = _reconnect(relay, server, lambda: _leave(relay, leaving))
     assert _losses_on(server, link) == [leaving.client_id]
@@ -44,7 +44,7 @@ def test_a_loss_while_the_link_is_down_is_told_once_afterwards(server, relay, ma
     server.record.wait_for_type(messages.ConnectConfirm, client_id=staying.client_id)
 
 
-def test_a_loss_while_the_link_is_up_is_told_at_once_and_again_after_the_next_login(
+def test_a_loss_while_the_link_is_up_is_reported_at_once_and_after_the_next_login(
     server, relay, make_station
 ):
     leaving = make_station(relay)
@@ -55,7 +55,7 @@ def test_a_loss_while_the_link_is_up_is_told_at_once_and_again_after_the_next_lo
     assert _losses_on(server, link) == [leaving.client_id]
 
 
-def test_losses_are_told_in_the_order_in_which_they_came(server, relay, make_station):
+def test_losses_are_reported_in_order(server, relay, make_station):
     stations = [make_station(relay) for _ in range(4)]
 
     def all_leave():
@@ -67,7 +67,7 @@ def test_losses_are_told_in_the_order_in_which_they_came(server, relay, make_sta
     relay.log.expect("list may be up to 4 clients long")
 
 
-def test_a_client_that_came_back_is_confirmed_and_not_told_lost(server, relay, make_station):
+def test_a_client_that_came_back_is_confirmed_and_not_reported_lost(server, relay, make_station):
     client = make_station(relay)
     gone = make_station(relay)
 
@@ -88,7 +88,7 @@ def test_a_client_that_came_back_is_confirmed_and_not_told_lost(server, relay, m
     )
 
 
-def test_a_loss_whose_links_the_server_has_taken_down_is_not_told_again(
+def test_a_loss_whose_routes_the_server_has_removed_is_not_reported_again(
     server, relay, make_station, route
 ):
     source, leaving = make_station(relay), make_station(relay)

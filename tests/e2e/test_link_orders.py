@@ -1,5 +1,5 @@
-"""Orders of the connection server in batches: behind one another, before an end of the link, in
-halves, and inside one large TLS record."""
+"""Orders of the connection server in batches: back to back, before an end of the link, in halves,
+and inside one large TLS record."""
 
 from __future__ import annotations
 
@@ -33,12 +33,12 @@ def _orders(count, first_from=100000, to_id=9):
 def test_a_batch_of_orders_before_the_end_of_the_link_is_carried_out(
     end, absent, any_server, make_relay
 ):
-    """Also when the relay finds out about the end in the middle of them: it tells the server of
-    every destination that is not here."""
+    """Also when the relay notices the end in the middle of them: it tells the server of every
+    destination that is absent."""
     relay = make_relay(using=any_server)
     batches = [_orders(1, 100000 + n, 9 + n * (absent == "many")) for n in range(_MANY)]
     rows = set().union(*(rows for _, rows in batches))
-    # Asleep, so that everything is there together with the end.
+    # Stopped, so that everything is there together with the end.
     relay.signal(signal.SIGSTOP)
     any_server.orders.send_raw(b"".join(frames for frames, _ in batches))
     any_server.links.end(end)
@@ -69,12 +69,12 @@ def test_a_record_larger_than_a_read_is_handled_without_further_data(tls_server,
     frames, rows = _orders(16384 // len(_orders(1)[0]))
     assert 16000 < len(frames) <= 16384
     tls_server.orders.send_raw(frames)
-    # Well within the time after which anything else would wake the link up.
+    # Well within the time after which anything else would wake up the link.
     relay.schema.wait_for_routes(rows, 8)
     assert len(tls_server.links) == 1
 
 
-def test_an_order_in_two_halves_is_put_together(any_server, make_relay):
+def test_an_order_in_two_halves_is_reassembled(any_server, make_relay):
     relay = make_relay(using=any_server)
     frames, rows = _orders(2)
     any_server.orders.send_raw(frames[:-5])
@@ -83,7 +83,7 @@ def test_an_order_in_two_halves_is_put_together(any_server, make_relay):
     relay.schema.wait_for_routes(rows)
 
 
-def test_the_half_of_an_order_at_the_end_of_a_link_is_forgotten_with_it(any_server, make_relay):
+def test_half_an_order_at_the_end_of_a_link_is_discarded_with_it(any_server, make_relay):
     relay = make_relay(using=any_server)
     frames, rows = _orders(2)
     any_server.orders.send_raw(frames[:-5])

@@ -9,7 +9,7 @@ from lab.protocol import messages, wire
 from lab.support.waiting import wait_until
 
 _TRACE = "TRACE: connection to CS not active, "
-#: Types that mean nothing to a server that was not there.
+#: Types that have no meaning for a server that was away.
 _NEVER_QUEUED = (228, 229)
 
 
@@ -54,7 +54,7 @@ def test_a_hundred_messages_wait_with_traces_and_arrive_in_order(server, relay, 
     assert _traces(relay) == [2, 3, 5, 9, 17, 33, 65]
 
 
-def test_the_traces_start_over_after_the_queue_went_out(server, relay, make_station):
+def test_the_traces_start_over_after_the_queue_was_sent(server, relay, make_station):
     station = make_station(relay)
     for round_start in (0, 10):
         _lose_link(relay, server)
@@ -82,15 +82,15 @@ def test_messages_of_several_clients_keep_their_order(server, relay, make_statio
     assert senders == [first.client_id, first.client_id, second.client_id]
 
 
-def test_the_kinds_that_are_never_held_are_gone(server, relay, make_station):
+def test_the_kinds_that_are_never_held_are_lost(server, relay, make_station):
     station = make_station(relay)
-    # A server that goes before it has read this has never heard of the station.
+    # A server that ends before it has read this never knows of the station.
     server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
     _lose_link(relay, server)
     for code in _NEVER_QUEUED:
         station.send(messages.Opaque(code, b"now or never~"))
     station.send(_post(1))
-    # A confirmation and a loss of which nothing is held either: they are made anew.
+    # A confirmation and a loss are not held either: the relay makes new ones.
     late = make_station(relay)
     late.close()
     relay.log.expect("Removing client table entry")
@@ -112,7 +112,7 @@ def test_the_never_held_kinds_pass_while_the_link_is_up(server, relay, make_stat
         server.record.wait_for(lambda message, code=code: message.type_code == code)
 
 
-def test_a_log_out_while_the_link_is_down_is_told_later_and_is_no_loss(
+def test_a_log_out_while_the_link_is_down_is_reported_later_and_is_no_loss(
     server, relay, make_station
 ):
     station = make_station(relay)
@@ -145,7 +145,7 @@ def test_the_largest_messages_wait_and_arrive_unchanged(server, relay, make_stat
     assert arrived() == padded
 
 
-def test_many_thousand_messages_wait_without_bound(server, relay, make_station):
+def test_many_thousands_of_messages_are_held_without_a_limit(server, relay, make_station):
     station = make_station(relay)
     _lose_link(relay, server)
     count = 20000
@@ -153,6 +153,6 @@ def test_many_thousand_messages_wait_without_bound(server, relay, make_station):
         station.send_all([_post(start + number) for number in range(500)], 20)
     relay.log.expect(_TRACE + "16385 messages queued", 20)
     _bring_back(relay, server)
-    # Not by looking through all of them again and again, which would hold the server up.
+    # Not by searching through all of them again and again, which would delay the server.
     server.record.wait_for_type(messages.StatusKeyPost, 60, value=str(count - 1))
     assert _posts(server) == list(range(count))

@@ -1,4 +1,4 @@
-"""A running relay whose connection server fails again while it comes back: refusals, rude ends and
+"""A running relay whose connection server fails again while it comes back: refusals, resets and
 noise at every stage of a new login cost neither a client nor a descriptor."""
 
 from __future__ import annotations
@@ -22,7 +22,7 @@ def any_server(request):
 
 
 @pytest.mark.parametrize("end", ["close", "reset"])
-def test_clients_outlive_an_end_at_each_stage_of_the_way_back(
+def test_clients_survive_an_end_at_each_stage_of_the_reconnect(
     end, any_server, make_relay, make_station, route
 ):
     relay = make_relay(using=any_server)
@@ -60,7 +60,7 @@ def test_a_refused_continuation_is_tried_again(server, relay, make_station):
     server.record.wait_for_type(messages.StatusKeyPost)
 
 
-def test_noise_on_the_way_back_is_survived(any_server, make_relay, make_station):
+def test_noise_during_the_reconnect_is_survived(any_server, make_relay, make_station):
     relay = make_relay(using=any_server)
     station = make_station(relay)
     chat = messages.Chat("someone", b"too early", sender_id=1).frame()
@@ -75,7 +75,7 @@ def test_noise_on_the_way_back_is_survived(any_server, make_relay, make_station)
     assert station.end_seen is None
 
 
-def test_a_server_that_is_gone_is_tried_at_every_tick_and_found_when_it_is_back(
+def test_a_server_that_is_gone_is_retried_at_every_tick_until_it_is_back(
     server, relay, make_station
 ):
     station = make_station(relay)
@@ -88,8 +88,8 @@ def test_a_server_that_is_gone_is_tried_at_every_tick_and_found_when_it_is_back(
     wait_until(lambda: relay.open_descriptors() == descriptors, 5, "descriptors as before")
 
 
-def test_a_link_reset_soon_after_the_attempt_is_not_stormed(server, relay):
-    """The attempt is younger than a second: a throttle line, and the timers come back to it."""
+def test_a_link_reset_soon_after_the_attempt_is_not_retried_at_once(server, relay):
+    """The attempt is younger than a second: a throttle line is logged, and the timers retry it."""
     for number in range(1, 4):
         server.links.end("reset")
         server.wait_logged_in(30, number=number)

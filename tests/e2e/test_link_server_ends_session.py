@@ -1,5 +1,5 @@
-"""A session that the connection server ends or begins anew by a message: its log-out, alone and
-amid orders, and a challenge out of place."""
+"""A session that the connection server ends or restarts by a message: its log-out, alone and
+between orders, and an unexpected challenge."""
 
 from __future__ import annotations
 
@@ -43,7 +43,7 @@ def test_a_log_out_by_the_server_ends_the_link_and_the_relay_comes_back(
     assert encoder.receive_caption()[0] == b"in again"
 
 
-def test_orders_behind_a_log_out_are_not_those_of_this_session(any_server, make_relay):
+def test_orders_after_a_log_out_do_not_belong_to_the_session(any_server, make_relay):
     relay = make_relay(using=any_server)
     before, rows = _orders(range(1000, 1020))
     behind, _ = _orders(range(5000, 5200))
@@ -66,7 +66,7 @@ def test_two_log_outs_in_one_batch_end_one_link(any_server, make_relay):
     assert len(any_server.links) == 2
 
 
-def test_a_challenge_out_of_place_is_answered_by_another_login(
+def test_an_unexpected_challenge_is_answered_by_another_login(
     any_server, make_relay, make_station
 ):
     relay = make_relay(using=any_server)
@@ -91,7 +91,7 @@ def test_a_challenge_out_of_place_is_answered_by_another_login(
     any_server.record.wait_for_type(messages.StatusKeyPost)
 
 
-def test_an_order_behind_a_challenge_out_of_place_is_unexpected_and_ends_the_link(
+def test_an_order_after_an_unexpected_challenge_ends_the_link(
     server, relay
 ):
     frames, _ = _orders([5])
@@ -106,7 +106,7 @@ def test_an_order_behind_a_challenge_out_of_place_is_unexpected_and_ends_the_lin
     assert relay.schema.routes() == set()
 
 
-def test_a_refused_login_after_a_challenge_out_of_place_ends_the_link_only(
+def test_a_refused_login_after_an_unexpected_challenge_ends_only_the_link(
     server, relay, make_station
 ):
     station = make_station(relay)

@@ -1,5 +1,5 @@
 """A connection server that falls silent, before and after the login of a running relay, and one
-that stays away longer than clients may be kept."""
+that is away longer than clients may be kept."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def test_a_silent_server_is_abandoned_and_the_session_continued_there(
     assert station.end_seen is None
 
 
-def test_a_server_that_speaks_is_not_abandoned(server, relay):
+def test_a_server_that_sends_is_not_abandoned(server, relay):
     since = 0
     for _ in range(6):
         since = _next_heartbeat(server, since)
@@ -41,18 +41,18 @@ def test_a_server_that_speaks_is_not_abandoned(server, relay):
 
 
 def _next_heartbeat(server, since):
-    """Waits for one more heartbeat of the relay; the record up to it. One may be two ticks of the
-    timers away."""
+    """Waits for one more heartbeat of the relay; returns the end of the record up to it. It may be
+    two ticks of the timers away."""
     server.record.wait_for_type(messages.Heartbeat, 12, since=since)
     return server.record.mark()
 
 
-def test_a_way_back_that_hangs_leads_to_the_next_server(make_server, make_relay, make_station):
+def test_a_reconnect_that_hangs_leads_to_the_next_server(make_server, make_relay, make_station):
     server, backup = make_server(), make_server()
     backup.script.continue_any = True
     relay = make_relay(using=server, servers=[server.address, backup.address])
     station = make_station(relay)
-    # A server that closes with something unread resets the link, which is another end.
+    # A server that closes with unread data resets the link, which is another case.
     server.record.wait_for_type(messages.ConnectConfirm, client_id=station.client_id)
     server.script.fault("challenge", Fault("silence"))
     server.links.end()
@@ -68,7 +68,7 @@ def test_a_way_back_that_hangs_leads_to_the_next_server(make_server, make_relay,
 
 @contextlib.contextmanager
 def _plugged(address):
-    """A listener so full that whoever connects gets no answer."""
+    """A listener so full that further connections get no answer."""
     with contextlib.ExitStack() as sockets:
         listener = sockets.enter_context(socket.socket())
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -82,7 +82,7 @@ def _plugged(address):
         yield
 
 
-def test_a_connect_that_nobody_answers_leads_to_the_next_server(
+def test_an_unanswered_connect_leads_to_the_next_server(
     make_server, make_relay, make_station
 ):
     server, backup = make_server(), make_server()
@@ -107,7 +107,7 @@ def test_a_connect_that_nobody_answers_leads_to_the_next_server(
     assert station.end_seen is None
 
 
-def test_a_relay_too_long_without_server_sends_its_clients_away_until_it_is_back(
+def test_a_relay_too_long_without_server_drops_its_clients_until_it_is_back(
     server, make_relay, make_station, route
 ):
     relay = make_relay(max_time_away_secs=2, servers=[server.address, new_address()])

@@ -1,6 +1,6 @@
-"""A connection server that fails before the first log-in is complete: silence, garbage, an orderly
-or a rude end at every stage, over plain TCP and TLS. The attempt is given up, and the next good
-one succeeds."""
+"""A connection server that fails before the first log-in is complete: silence, garbage, a close or
+a reset at every stage, over plain TCP and TLS. The attempt is abandoned, and the next good one
+succeeds."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ def any_server(request):
 
 
 def _gives_up_and_gets_in(relay, server, attempts):
-    """The relay failed `attempts` times, closed each connection and logged in after that."""
+    """Asserts that the relay failed `attempts` times, closed each connection and then logged in."""
     relay.wait_ready(40)
     server.wait_logged_in(number=attempts)
     assert relay.log.count("connection to server failed with code -1...") == attempts
@@ -29,7 +29,7 @@ def _gives_up_and_gets_in(relay, server, attempts):
     assert relay.log.count("cs epoll - no new data to operate on!") == 0
 
 
-def test_silence_at_each_stage_is_given_up_after_five_seconds(any_server, make_relay):
+def test_silence_at_each_stage_times_out_after_five_seconds(any_server, make_relay):
     undisturbed = make_relay(using=any_server)
     for stage in _STAGES:
         any_server.script.fault(stage, Fault("silence"))
@@ -40,7 +40,7 @@ def test_silence_at_each_stage_is_given_up_after_five_seconds(any_server, make_r
     assert relay.log.count("connection to server failed with code -1...") == len(_STAGES)
     assert relay.log.count("cs epoll - no new data to operate on!") == 0
     assert [one.stage for one in any_server.links[1:-1]] == ["closed"] * len(_STAGES)
-    # The attempts that were given up have left nothing open.
+    # The abandoned attempts have left nothing open.
     wait_until(
         lambda: relay.open_descriptors() == undisturbed.open_descriptors(), 5, "as many descriptors"
     )
@@ -84,21 +84,21 @@ def test_a_response_before_the_challenge_is_unexpected(server, make_relay):
     assert relay.log.count("assigned id number 77") == 0
 
 
-def test_bytes_that_are_no_handshake_end_the_attempt(tls_server, make_relay):
+def test_bytes_other_than_a_handshake_end_the_attempt(tls_server, make_relay):
     tls_server.script.fault("accept", Fault("silence", b"HTTP/1.1 400 Bad Request\r\n\r\n"))
     relay = make_relay(using=tls_server, ready=False)
     relay.log.expect("SSL handshake with CS failed, library ")
     _gives_up_and_gets_in(relay, tls_server, 1)
 
 
-def test_a_frame_that_never_ends_is_given_up_like_silence(server, make_relay):
+def test_a_frame_that_never_ends_times_out_like_silence(server, make_relay):
     server.script.fault("challenge", Fault("silence", b"\xff" + b"x" * 100))
     relay = make_relay(ready=False)
     relay.log.expect("waiting for login response timed out", 20)
     _gives_up_and_gets_in(relay, server, 1)
 
 
-def test_heartbeats_before_the_challenge_and_before_the_answer_mean_nothing(server, make_relay):
+def test_heartbeats_before_the_challenge_and_before_the_answer_are_ignored(server, make_relay):
     beats = messages.Heartbeat(sender_id=1).frame() * 3
     server.script.fault("challenge", Fault("go on", beats))
     server.script.fault("login", Fault("go on", beats))
@@ -107,7 +107,7 @@ def test_heartbeats_before_the_challenge_and_before_the_answer_mean_nothing(serv
     assert len(server.links) == 1
 
 
-def test_a_zero_length_code_takes_what_was_read_behind_it_along(server, make_relay):
+def test_a_zero_length_code_discards_what_was_read_after_it(server, make_relay):
     challenge = messages.Challenge(1, sender_id=1).frame()
     server.script.fault("challenge", Fault("silence", bytes(50) + challenge))
     relay = make_relay(ready=False)
@@ -116,8 +116,8 @@ def test_a_zero_length_code_takes_what_was_read_behind_it_along(server, make_rel
     _gives_up_and_gets_in(relay, server, 1)
 
 
-def test_a_challenge_behind_more_than_one_read_in_one_record_is_found(tls_server, make_relay):
-    """Everything is inside the TLS session then, and nothing announces it."""
+def test_a_challenge_after_more_than_one_read_in_one_record_is_found(tls_server, make_relay):
+    """Everything is already inside the TLS session then, and no event announces it."""
     beats = messages.Heartbeat(sender_id=1).frame() * 900
     challenge = messages.Challenge(12345, sender_id=1).frame()
     tls_server.script.fault("challenge", Fault("silence", beats + challenge))

@@ -40,8 +40,8 @@ def players_to_the_end(players):
 @pytest.mark.parametrize("fec", [False, True], ids=["plain", "fec"])
 def test_six_programs_cross_both_ways_at_once(make_network, fec):
     """A source of each program at both relays, a receiver of each at both: every datagram arrives
-    at both receivers of its program, byte for byte, in order, once, and nothing of another
-    program does. With error correction each channel arrives at its own port."""
+    at both receivers of its program, byte for byte, in order, once, and nothing of another program
+    does. With error correction each channel arrives at its own port."""
     network = make_network(fec=fec)
     network.join("east", "west", audio=True)
     players, listeners = [], []
@@ -74,7 +74,7 @@ def _judge(players, listeners, channels):
                 sent = player.sent(channel)
                 verdict = listener.verdict(sent, channel=channel, marked_id=speaker)
                 assert verdict.perfect and verdict.sent > 50, verdict
-    # All have played to the end: what else came by now came by mistake.
+    # All have played to the end: anything else that came by now is an error.
     for program, _, listener in listeners:
         own = [player for player in players if player.audio.program == program]
         for channel in CHANNELS:
@@ -83,8 +83,8 @@ def _judge(players, listeners, channels):
 
 
 def test_error_correction_reaches_its_ports_and_no_other_program(make_network):
-    """One program speaks on three channels; receivers of its neighbours, whose sockets lie where a
-    copy could end up, at the far relay stay silent, although all routes lead to them."""
+    """One program is sent on three channels; receivers of its neighbours at the far relay, whose
+    sockets are where a copy could end up, get nothing, although all routes lead to them."""
     network = make_network(fec=True)
     network.join("east", "west", audio=True)
     source = on_air(network, "east", 2)
@@ -95,7 +95,7 @@ def test_error_correction_reaches_its_ports_and_no_other_program(make_network):
         for channel in CHANNELS:
             said = source.say(b"%d on channel %d" % (number, channel), 2, channel)
             receivers[2].audio(2).expect(said, channel=channel)
-    # What each program says last shows that it had heard nothing before.
+    # The last datagram of each program shows that nothing else came before it.
     for program, receiver in receivers.items():
         last = on_air(network, "west", program)
         network.route(last, receiver, PIPE_AUDIO)
@@ -103,9 +103,9 @@ def test_error_correction_reaches_its_ports_and_no_other_program(make_network):
             receiver.audio(program).expect(last.say(b"last", program, channel), channel=channel)
 
 
-def test_a_hundred_receivers_hear_a_source_at_the_other_relay(network):
-    """Each datagram crosses between the relays once: were it sent once for each receiver, each
-    would hear it a hundred times."""
+def test_a_hundred_receivers_get_a_source_at_the_other_relay(network):
+    """Each datagram crosses between the relays once: if it were sent once for each receiver, each
+    would receive it a hundred times."""
     network.join("east", "west", audio=True)
     source = on_air(network, "east", 4)
     places = source_addresses()

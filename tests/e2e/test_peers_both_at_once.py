@@ -1,4 +1,4 @@
-"""Two relays that are ordered to each other at the same moment come to have one link that works."""
+"""Two relays that are ordered to each other at the same moment end up with one working link."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def _order_both(network):
 
 
 def _links_between(network):
-    """How many TCP connections hold the two relays together, by what the kernel says."""
+    """How many TCP connections there are between the two relays, according to the kernel."""
     ends = {(network[at].relay.address, network[at].relay.tcp_port) for at in _OTHER}
     addresses = {address for address, _ in ends}
     found = set()
@@ -30,7 +30,7 @@ def _links_between(network):
         for line in list(table)[1:]:
             local, remote, state = line.split()[1:4]
             if state == "01" and _read(local) in ends and _read(remote)[0] in addresses:
-                # The table changes while it is read: one connection may stand there twice.
+                # The table changes while it is read: one connection may be listed twice.
                 found.add((local, remote))
     return len(found)
 
@@ -43,8 +43,9 @@ def _read(text):
 @pytest.mark.parametrize("first", ["east", "west"])
 @pytest.mark.parametrize("crossing", ["orders", "connects", "free"])
 def test_one_working_link_remains(make_network, first, crossing):
-    """Held still while both orders reach them, then let go: both at once, or one so far that its
-    connect waits at the other. Whoever gives way, captions and audio cross both ways."""
+    """Stopped while both orders reach them, then continued: both at once, or one far enough ahead
+    for its connect to wait at the other. Whichever gives way, captions and audio cross both
+    ways."""
     network = make_network()
     second = _OTHER[first]
     one, two = network[first].relay, network[second].relay

@@ -10,7 +10,7 @@ from lab.protocol.messages import Caption, Chat, Opaque
 from lab.protocol.tickets import read_ticket
 from lab.stations.caption_stations import Captioner, Encoder, Monitor, video_pages
 
-#: Types that go by routes, with their pipe types; the last ones are known by their top bits.
+#: Types that are routed, with their pipe types; the last ones are recognized by their top bits.
 ROUTED = [(3, 128), (5, 192), (6, 160), (7, 192), (128, 128), (160, 160), (200, 192), (33, 32)]
 RAW = bytes(range(256))
 
@@ -34,7 +34,7 @@ def crossing(network, sender, receivers, batch, pipes):
 
 @pytest.mark.parametrize("opener", ["east", "west"])
 def test_every_routed_type_crosses_both_ways_byte_for_byte(network, opener):
-    """Every type of message that goes by routes, in its order, whoever opened the link."""
+    """Every routed type of message, in order, whichever relay opened the link."""
     other = {"east": "west", "west": "east"}[opener]
     network.join(opener, other)
     senders = {at: network.station(Captioner, at=at) for at in ("east", "west")}
@@ -52,7 +52,7 @@ def test_every_routed_type_crosses_both_ways_byte_for_byte(network, opener):
 
 
 def test_a_long_stream_crosses_whole_and_in_order(network):
-    """Captions and chat by the thousand, from both sides at once; nothing lost, nothing twice."""
+    """Captions and chat by the thousand, from both sides at once; nothing lost or repeated."""
     network.join("east", "west")
     pairs = []
     for at, other in (("east", "west"), ("west", "east")):
@@ -92,8 +92,8 @@ def test_video_crosses_by_the_permission_of_both_relays(network):
 
 
 def test_what_goes_to_the_server_does_not_cross(network):
-    """Direct messages go to clients of the same relay, those for the server to the server; a
-    route to the peer changes neither."""
+    """Direct messages go to clients of the same relay, those for the server to the server; a route
+    to the peer changes nothing."""
     network.join("east", "west")
     sender, receiver = network.station(Captioner, at="east"), network.station(Encoder, at="west")
     for pipe in (messages.PIPE_DIRECT, messages.PIPE_TO_SERVER, messages.PIPE_CAPTION):

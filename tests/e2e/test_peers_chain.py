@@ -1,5 +1,5 @@
-"""Three relays: what comes from one relay never goes on to a third, and old routes that would
-send it there are dissolved where they do harm."""
+"""Three relays: what comes from one relay is never passed on to a third, and old routes that would
+send it there are removed where they do harm."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ def fixture_network(make_network):
 
 
 def _chain(network, source_id, receiver_id, pipe):
-    """Routes source -> west -> north -> receiver, which no sound server orders."""
+    """Routes source -> west -> north -> receiver, which no correct server orders."""
     for at, to_id in (("east", WEST), ("west", NORTH), ("north", receiver_id)):
         network.server.orders.connect_route(source_id, to_id, pipe, at)
         network[at].schema.wait_for_route((source_id, to_id, pipe))
@@ -34,7 +34,7 @@ def _chain(network, source_id, receiver_id, pipe):
 
 @pytest.mark.parametrize("pipe", [PIPE_CAPTION, PIPE_CHAT], ids=["caption", "chat"])
 def test_a_message_is_not_passed_on_to_a_third_relay(network, pipe):
-    """The middle relay says so, deletes its route and serves its own stations."""
+    """The middle relay logs it, deletes its route and serves its own stations."""
     captioner = network.station(Captioner, at="east")
     near, far = network.station(Encoder, at="west"), network.station(Encoder, at="north")
     source = captioner.client_id
@@ -55,7 +55,7 @@ def test_a_message_is_not_passed_on_to_a_third_relay(network, pipe):
     assert network["west"].log.count("suppressing possible relay loop") == 1
     network["west"].schema.wait_for_routes({(source, near.client_id, pipe)})
     assert network["east"].schema.routes() == {(source, WEST, pipe)}
-    # The direct way works, and what comes by it is the first that the far station gets.
+    # The direct path works, and what comes by it is the first that the far station gets.
     network.server.orders.connect_route(source, NORTH, pipe, "east")
     network["east"].schema.wait_for_route((source, NORTH, pipe))
     captioner.send(message(b"direct"))
@@ -64,7 +64,7 @@ def test_a_message_is_not_passed_on_to_a_third_relay(network, pipe):
 
 
 def test_audio_is_not_passed_on_to_a_third_relay(network):
-    """The same for datagrams, with words of its own."""
+    """The same for datagrams, with a log line of its own."""
     for one, other in (("east", "west"), ("north", "west"), ("east", "north")):
         network.wait_audio_joined(one, other)
     source = network.station(AudioSource, at="east")
@@ -92,8 +92,8 @@ def test_audio_is_not_passed_on_to_a_third_relay(network):
     assert audio_wire.audio_datagram(source.client_id, b"direct") == said
 
 
-def test_two_relays_that_route_to_each_other_pass_nothing_round(network):
-    """A message that would come back stops at once; the station behind hears it once."""
+def test_two_relays_that_route_to_each_other_make_no_loop(network):
+    """A message that would come back stops at once; the station beyond gets it once."""
     captioner, encoder = network.station(Captioner, at="east"), network.station(Encoder, at="west")
     source = captioner.client_id
     network.route(captioner, encoder, PIPE_CAPTION)

@@ -1,5 +1,5 @@
-"""A peer relay that is killed, stands still or ends, and comes back, while captions and audio run.
-The server that keeps relays joined is told of the loss and needs nobody's help to mend it."""
+"""A peer relay that is killed, stopped or ended, and comes back, while captions and audio run. The
+server that keeps relays joined is told of the loss and repairs it by itself."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ _PROGRAM = 3
 
 
 class Traffic:
-    """Captions and audio from the relay "east" to stations of "east" and "west", without end."""
+    """Endless captions and audio from the relay "east" to stations of "east" and "west"."""
 
     def __init__(self, network) -> None:
         self.network = network
@@ -58,7 +58,7 @@ class Traffic:
             self.captioner.caption(self.captions[-1])
 
     def arrive_at_west(self) -> None:
-        """New stations there, under the ids of those before them."""
+        """New stations there, under the ids of the ones before."""
         ids = [one and one.client_id for one in (self.far, self.far_audio)]
         self.far = self.network.station(Encoder, at="west", client_id=ids[0])
         self.far_audio = self.network.station(AudioReceiver, at="west", client_id=ids[1])
@@ -68,7 +68,7 @@ class Traffic:
         self.network.route(self.source, self.far_audio, PIPE_AUDIO, keep=True)
 
     def reaches_west(self, within_secs: float = 20.0) -> None:
-        """Captions and audio that are sent from now on arrive there."""
+        """Asserts that captions and audio sent from now on arrive there."""
         deadline, first = Deadline(within_secs), len(self.captions)
         sent = len(self.player.sent())
         self.far.receive_until(
@@ -80,7 +80,7 @@ class Traffic:
             pass
 
     def nothing_is_lost_at_east(self) -> None:
-        """Neither caption nor datagram, and none changed, doubled or late."""
+        """Asserts that no caption and no datagram was lost, changed, repeated or late."""
         self.__exit__()
         got = got_before_fence(self.captioner, self.near)
         assert [one.caption for one in got] == self.captions
@@ -116,9 +116,9 @@ def test_a_peer_that_goes_comes_back_under_its_id(network, traffic, how):
 
 
 @pytest.mark.long
-def test_a_peer_that_stands_still_is_given_up_and_comes_back(network, traffic):
-    """Past the 15 s of silence: the relay that lives goes on and reports the loss. The other finds
-    its links gone when it wakes up, and all find together again."""
+def test_a_stopped_peer_is_dropped_and_comes_back(network, traffic):
+    """Beyond the 15 s of silence: the running relay continues and reports the loss. The other one
+    finds its links gone when it continues, and they are joined again."""
     server, since, marks = network.server, network.server.record.mark(), network.mark()
     with network["west"].relay.stopped():
         server.record.wait_for_type(LostConnection, 30, since=since, relay="east", client_id=1001)
@@ -132,8 +132,8 @@ def test_a_peer_that_stands_still_is_given_up_and_comes_back(network, traffic):
     traffic.nothing_is_lost_at_east()
 
 
-def test_a_peer_with_a_full_buffer_does_not_hold_up_the_others(network, traffic):
-    """Stopped for a moment only: what waits in the kernel arrives when it goes on."""
+def test_a_peer_with_a_full_buffer_does_not_block_the_others(network, traffic):
+    """Stopped for a moment only: what waits in the kernel arrives when it continues."""
     far, first = traffic.far, len(traffic.captions)
     with network["west"].relay.stopped():
         for _ in range(100):

@@ -1,5 +1,5 @@
-"""Relays take nine tickets of an id within ten seconds, and two that join use up more: they come
-to have every program registered both ways by themselves, and ask for few tickets on the way."""
+"""Relays accept nine tickets of an id within ten seconds, and two that join need more: they still
+get every program registered both ways by themselves, with few requests for tickets."""
 
 from __future__ import annotations
 
@@ -20,12 +20,12 @@ pytestmark = pytest.mark.long
 _CONVERGED_SECS = 30.0
 #: Requests of one relay: the first and three retries.
 _REQUESTS = 4
-#: Longer than relays wait before they try again.
+#: Longer than relays wait before they retry.
 _QUIET_SECS = 10.0
 
 
 def _use_up_log_ins(network, at, client_id, count=9):
-    """Logs in as one relay at another until it takes no more."""
+    """Logs in as one relay at another until that accepts no more."""
     for _ in range(count):
         station = network.station(Station, at=at, client_id=client_id, heartbeats=False)
         station.close()
@@ -39,7 +39,7 @@ def _requests(network):
 
 
 def _prepare_plain(network):
-    """Nothing is in the way but the limit itself."""
+    """No disturbance but the limit itself."""
 
 
 def _prepare_used_up(network):
@@ -63,9 +63,9 @@ _CASES = [_prepare_plain, _prepare_used_up, _prepare_late, _prepare_very_late, _
 
 
 @pytest.mark.parametrize("fec", [False, True], ids=["plain", "fec"])
-def test_two_relays_come_to_have_all_programs_both_ways(make_network, fec):
+def test_two_relays_get_all_programs_registered_both_ways(make_network, fec):
     """Within 30 s, whatever disturbs them, and with four requests at most on each side: there is
-    never a fifth. The disturbances are tried at once, each on relays of its own."""
+    never a fifth. The disturbances are tried at once, each on separate relays."""
     networks = [make_network(fec=fec) for _ in _CASES]
     pairs = zip(networks, _CASES)
     in_threads([lambda at=at, prepare=prepare: _converge(at, prepare) for at, prepare in pairs])
@@ -77,7 +77,7 @@ def _converge(network, prepare):
     network.server.orders.keep_joined("east", "west")
     network.wait_joined("east", "west", since=since)
     end = Deadline(_CONVERGED_SECS)
-    # The relays' timers know nothing of patience.
+    # The relays' timers are not extended by patience.
     watched = Deadline((_CONVERGED_SECS + _QUIET_SECS) / patient(1))
     for at, peer_id in (("east", 1001), ("west", 1000)):
         join_log.wait_registered(network[at].log, peer_id, since[at], _left(end))
@@ -92,12 +92,12 @@ def _converge(network, prepare):
 
 
 def _left(deadline):
-    """In seconds that are yet to be made patient."""
+    """The seconds left, before they are extended by patience."""
     return deadline.left() / patient(1)
 
 
 def _play_all_programs(network):
-    """Each program really passes, both ways."""
+    """Asserts that each program really passes, both ways."""
     for at, other in (("east", "west"), ("west", "east")):
         source = network.station(AudioSource, at=at)
         receiver = network.station(AudioReceiver, at=other)
@@ -111,7 +111,7 @@ def _play_all_programs(network):
 
 def test_a_server_that_never_answers_is_asked_four_times(make_relay, server, make_station):
     """A peer refuses the registration: the relay asks for a new ticket, and three times more when
-    none comes; then it leaves it at that. The link stays, and works."""
+    none comes; then it stops. The link stays, and works."""
     relay = make_relay()
     station = make_station(relay)
     with StandInPeer(server.new_client_id()) as peer:

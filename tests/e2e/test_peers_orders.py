@@ -1,4 +1,4 @@
-"""Orders to connect that come to nothing, or to nothing new, while stations go on undisturbed."""
+"""Orders to connect that have no effect, or none that is new, while stations are not disturbed."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from lab.support.waiting import wait_until
 
 
 def _obeyed(relay, station):
-    """Returns when all orders so far have been obeyed."""
+    """Returns when all orders so far have been carried out."""
     assert got_before_order_fence(relay.server, station) == []
 
 
@@ -27,13 +27,13 @@ def test_an_order_to_itself_makes_no_socket(relay, server, peer, bystanders):
         "ERROR: ConnectOrder is telling relay 1000 to connect to itself - ignoring to prevent "
         "self-connection loop",
     )
-    assert relay.open_descriptors() == held and peer.nobody_connects()
+    assert relay.open_descriptors() == held and peer.no_connection_waits()
     assert line_count(relay, bystanders[0], "debug: connecting with relay peer") == 0
 
 
 def test_a_repeated_order_for_a_connected_peer_confirms_it_again(relay, server, peer, bystanders):
-    """And makes no second socket, nor does it touch the first. The same holds of a peer that
-    connected to us, which becomes a peer by it."""
+    """It makes no second socket and does not touch the first. The same holds for a peer that
+    connected to this relay, which becomes a peer that way."""
     link = peer.join(relay)
     held, since = relay.open_descriptors(), server.record.mark()
     server.orders.order_connect(peer.order())
@@ -41,7 +41,7 @@ def test_a_repeated_order_for_a_connected_peer_confirms_it_again(relay, server, 
     relay.log.expect(line)
     server.record.wait_for_type(ConnectConfirm, since=since, client_id=peer.id)
     _obeyed(relay, bystanders[0])
-    assert relay.open_descriptors() == held and peer.nobody_connects()
+    assert relay.open_descriptors() == held and peer.no_connection_waits()
     assert link.receives_nothing(0.2) and not server.record.messages_of(LostConnection, since)
     server.orders.order_connect(peer.order())
     record = server.record
@@ -52,7 +52,7 @@ def test_a_repeated_order_for_a_connected_peer_confirms_it_again(relay, server, 
     ("request_code", "shown"),
     [("DISCONNECT", "DISCONNECT"), ("NO SUCH CODE", "INVALID"), ("connect", "INVALID")],
 )
-def test_an_order_with_another_request_is_named_and_ignored(
+def test_an_order_with_another_request_is_logged_and_ignored(
     relay, server, peer, bystanders, request_code, shown
 ):
     server.orders.order_connect(peer.order(request=request_code))
@@ -60,7 +60,7 @@ def test_an_order_with_another_request_is_named_and_ignored(
     relay.log.expect(f"got ticket for relay peer {peer.id}")
     line = relay.log.expect("connect order net message had request code: ")
     assert line.endswith("request code: " + shown)
-    assert peer.nobody_connects()
+    assert peer.no_connection_waits()
 
 
 def test_to_register_with_an_unknown_relay_does_nothing(relay, server, peer, bystanders):
@@ -68,15 +68,15 @@ def test_to_register_with_an_unknown_relay_does_nothing(relay, server, peer, bys
     server.orders.order_connect(peer.order("UDP_REG"))
     _obeyed(relay, bystanders[0])
     relay.log.expect(f"got ticket for relay peer {peer.id}")
-    assert relay.open_descriptors() == held and peer.nobody_connects()
+    assert relay.open_descriptors() == held and peer.no_connection_waits()
     assert peer.heard_within(0.2) == []
     assert line_count(relay, bystanders[0], "registering udp with relay peer") == 0
 
 
-def test_a_refused_connect_leaves_nothing_for_the_next_on_its_descriptor(
+def test_a_refused_connect_leaves_nothing_for_the_next_client_on_its_descriptor(
     relay, server, bystanders, make_station
 ):
-    """The newcomer gets neither the ticket nor the place of the peer that was not there."""
+    """The new client gets neither the ticket nor the state of the peer that was not there."""
     held = relay.open_descriptors()
     for _ in range(3):
         with StandInPeer(server.new_client_id(), tcp_port=free_port()) as absent:

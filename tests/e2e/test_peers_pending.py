@@ -1,4 +1,4 @@
-"""Orders to connect to where nobody answers yet, or ever."""
+"""Orders to connect to an address where nothing answers yet, or ever."""
 
 from __future__ import annotations
 
@@ -14,12 +14,12 @@ from lab.support.waiting import wait_until
 
 
 def _obeyed(relay, station):
-    """Returns when all orders so far have been obeyed."""
+    """Returns when all orders so far have been carried out."""
     assert got_before_order_fence(relay.server, station) == []
 
 
 class FullListener:
-    """Listens, and has no room for one connection more: the kernel drops who tries."""
+    """Listens with a full backlog: the kernel drops further connections."""
 
     def __init__(self) -> None:
         self.address = new_address()
@@ -41,12 +41,12 @@ class FullListener:
             sock.close()
 
 
-def test_an_address_that_never_answers_is_given_up_after_five_seconds(
+def test_an_address_that_never_answers_times_out_after_five_seconds(
     relay, server, bystanders, make_station
 ):
-    """A repeated order for it has the same attempt go on; one with another address begins anew
-    there. The one that is given up leaves no descriptor behind, and the next client that has its
-    number logs in as anybody."""
+    """A repeated order for it continues the same attempt; one with another address starts again
+    there. The abandoned one leaves no descriptor behind, and the next client that gets its number
+    logs in like any other."""
     held = relay.open_descriptors()
     with FullListener() as full, FullListener() as other:
         silent = StandInPeer(server.new_client_id(), address=full.address, tcp_port=full.port)
@@ -85,5 +85,5 @@ def test_an_order_while_the_connect_is_pending_brings_the_newer_ticket(
     login = link.expect(messages.RelayConnect, client_id=1000)
     peer.answer(link)
     relay.log.expect(f"received OK message from relay {peer.id}")
-    assert peer.nobody_connects() and login.ticket == b"the newer ticket"
+    assert peer.no_connection_waits() and login.ticket == b"the newer ticket"
     assert line_count(relay, bystanders[0], f"debug: connecting with relay peer {peer.id}") == 1

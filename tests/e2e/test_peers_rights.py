@@ -15,10 +15,10 @@ from lab.support.waiting import LabTimeout
 LIMIT = 6_000_000
 
 
-def test_a_peer_carries_messages_of_others_and_more_than_a_client_may(
+def test_a_peer_may_send_messages_of_others_and_more_than_a_client(
     relay, server, peer, bystanders, make_station
 ):
-    """What an ordinary client may not: speak for others, and send over 6 000 000 bytes between two
+    """An ordinary client may not send messages of others, nor more than 6 000 000 bytes between two
     heartbeats."""
     captioner, encoder = bystanders
     link = peer.join(relay)
@@ -45,8 +45,8 @@ def test_a_peer_carries_messages_of_others_and_more_than_a_client_may(
 def test_a_peer_is_called_back_for_the_program_that_asks(
     relay, server, peer, bystanders, make_station
 ):
-    """A relay that connected to us becomes a peer by its registration alone; without an order the
-    call back needs a ticket from the server first, and one is asked for."""
+    """A relay that connected to this one becomes a peer by its registration alone; without an order
+    the call back needs a ticket from the server first, and one is requested."""
     link = make_station(relay, client_id=peer.id, source_ip=peer.address)
     link.send(Caption(b"too early", sender_id=bystanders[0].client_id))
     relay.log.expect(f"Message with invalid sender id string {bystanders[0].client_id} and len ")

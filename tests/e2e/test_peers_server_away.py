@@ -12,7 +12,7 @@ from lab.stations.caption_stations import Captioner, Encoder
 
 @pytest.fixture(name="crossing")
 def fixture_crossing(network):
-    """Call it: a caption and a datagram of each program cross, both ways."""
+    """Call it to assert that a caption and a datagram of each program cross, both ways."""
     network.join("east", "west", audio=True)
     ways = []
     for at, other in (("east", "west"), ("west", "east")):
@@ -38,8 +38,8 @@ def fixture_crossing(network):
 
 
 @pytest.mark.parametrize("how", ["close", "reset"])
-def test_traffic_goes_on_without_the_server(network, crossing, how):
-    """And on its return each relay names all its clients, the other relay among them."""
+def test_traffic_continues_without_the_server(network, crossing, how):
+    """And on its return each relay announces all its clients, including the other relay."""
     server = network.server
     clients = {name: set(network.known(name).clients) for name in ("east", "west")}
     assert clients["west"] >= {1000}
@@ -60,8 +60,8 @@ def test_traffic_goes_on_without_the_server(network, crossing, how):
     crossing(b"behind")
 
 
-def test_a_peer_lost_meanwhile_is_reported_on_the_servers_return(network, crossing):
-    """The relay that stayed tells the loss, and an order joins the two again."""
+def test_a_peer_lost_meanwhile_is_reported_when_the_server_returns(network, crossing):
+    """The remaining relay reports the loss, and an order joins the two again."""
     server = network.server
     network.stop_server()
     network["east"].log.expect("Lost connection to CS!")

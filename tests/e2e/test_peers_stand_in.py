@@ -1,4 +1,4 @@
-"""Peers that are not what one expects: silent, hostile, gone at once, too talkative."""
+"""Peers that misbehave: silent, hostile, gone at once, sending too much."""
 
 from __future__ import annotations
 
@@ -12,8 +12,8 @@ from lab.support.waiting import wait_until
 LIMIT = 6_000_000
 
 
-def test_a_peer_that_says_nothing_is_dropped_and_reported(relay, server, peer, bystanders):
-    """It accepted the connection and stays silent; 15 s of silence end it like any client. Its
+def test_a_silent_peer_is_dropped_and_reported(relay, server, peer, bystanders):
+    """It accepted the connection and stays silent; it is dropped after 15 s like any client. Its
     place is then free for the next order."""
     held = relay.open_descriptors()
     server.orders.order_connect(peer.order())
@@ -30,7 +30,7 @@ def test_a_peer_that_says_nothing_is_dropped_and_reported(relay, server, peer, b
 
 
 @pytest.mark.parametrize("code", ["UNAUTHORIZED", "NOT LOGGED IN", "REDIRECT"])
-def test_a_refusal_of_the_log_in_is_told_and_makes_no_peer(relay, server, peer, bystanders, code):
+def test_a_refusal_of_the_log_in_is_logged_and_makes_no_peer(relay, server, peer, bystanders, code):
     """The connection stays until the other end closes it; no audio is registered."""
     since = server.record.mark()
     server.orders.order_connect(peer.order())
@@ -71,7 +71,7 @@ def test_a_peer_that_leaves_at_once_is_reported(relay, server, peer, bystanders,
 
 
 def test_a_peer_that_closes_before_the_log_in_leaves_nothing(relay, server, peer, bystanders):
-    """The relay finds the connection made and ended in one."""
+    """The relay finds the connection established and ended at once."""
     held, since = relay.open_descriptors(), server.record.mark()
     with relay.stopped():
         server.orders.order_connect(peer.order())
@@ -84,8 +84,8 @@ def test_a_peer_that_closes_before_the_log_in_leaves_nothing(relay, server, peer
     assert not confirmed & {peer.id, 0}
 
 
-def test_garbage_of_a_peer_harms_nobody(relay, server, peer, bystanders):
-    """Broken frames, messages of no known type and under ill ids, answers without a code."""
+def test_garbage_from_a_peer_does_no_harm(relay, server, peer, bystanders):
+    """Broken frames, messages of unknown types and under invalid ids, answers without a code."""
     for marked in (False, True):
         link = peer.join(relay) if marked else None
         if link is None:

@@ -1,4 +1,4 @@
-"""What goes over the wire between a relay and its peer, byte for byte, seen from the peer."""
+"""The bytes on the wire between a relay and its peer, seen from the peer."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ ALL_FLAGS = RECEIVE | CALL_BACK | SEND
 
 
 def test_the_log_in_is_the_relays_id_with_the_orders_ticket(relay, peer):
-    """Nothing before it and nothing behind it; odd bytes of the ticket are escaped, and a ticket
+    """Nothing before it and nothing after it; special bytes of the ticket are escaped, and a ticket
     has up to 64 bytes."""
     ticket = (b"~\\\x00\xff" * 16)[:64]
     relay.server.orders.order_connect(peer.order(ticket=ticket))
@@ -33,8 +33,8 @@ def test_the_log_in_is_the_relays_id_with_the_orders_ticket(relay, peer):
 
 @pytest.mark.parametrize("fec", [False, True], ids=["plain", "fec"])
 def test_registrations_go_to_the_base_port_of_the_order(fec, make_relay, server, peer):
-    """To base + 2 * program from the same program, with FEC to + 100 and + 200 too: 6 or 18
-    datagrams that ask to receive, to send and to be called back, all alike."""
+    """To base + 2 * program from the same program, with FEC to + 100 and + 200 too: 6 or 18 equal
+    datagrams that ask to receive, to send and to be called back."""
     relay = make_relay(fec=fec)
     peer.join(relay)
     channels = CHANNELS if fec else CHANNELS[:1]
@@ -48,7 +48,7 @@ def test_registrations_go_to_the_base_port_of_the_order(fec, make_relay, server,
     for one in heard:
         port = relay.audio_port(one.program) + 100 * one.channel
         assert one.source == (relay.address, port)
-    # The callback of one program later proves that nothing else was on its way.
+    # The later callback of one program proves that nothing else was in transit.
     peer.register(relay, 3, ALL_FLAGS)
     back = peer.receive_count(len(channels))
     answer = audio_wire.registration(1000, peer.ticket, RECEIVE | SEND)
@@ -60,7 +60,8 @@ def test_registrations_go_to_the_base_port_of_the_order(fec, make_relay, server,
 def test_a_peers_audio_may_come_from_any_port_under_any_id(
     relay, server, peer, make_station, route
 ):
-    """Its IP address is what tells it; a stranger's under the same id goes nowhere."""
+    """It is recognized by its IP address; datagrams from an unknown sender under the same id are
+    dropped."""
     peer.join(relay)
     receiver = make_station(relay, AudioReceiver)
     speakers = [server.new_client_id(), peer.id, 0x7FFFFFF0]
@@ -85,7 +86,7 @@ def test_a_peers_audio_may_come_from_any_port_under_any_id(
 def test_a_peer_sends_only_programs_that_it_has_registered(
     relay, server, peer, make_station, route
 ):
-    """A marked peer is on program 0 by its own address; the others wait for a registration."""
+    """A marked peer is on program 0 by its address; the others wait for a registration."""
     peer.join(relay)
     receiver = make_station(relay, AudioReceiver)
     speaker = server.new_client_id()
@@ -100,7 +101,7 @@ def test_a_peer_sends_only_programs_that_it_has_registered(
 def test_audio_to_a_peer_goes_to_its_address_and_the_orders_base(
     relay, server, peer, make_station, route
 ):
-    """Before it has registered anything, and unchanged. A later order moves it."""
+    """Before it has registered anything, and unchanged. A later order changes the destination."""
     peer.join(relay)
     peer.receive_count(6)
     source = make_station(relay, AudioSource)

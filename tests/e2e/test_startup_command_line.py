@@ -7,7 +7,7 @@ import pytest
 VERSION = "relayserver Version 3.4.8"
 
 
-def test_version_is_shown_and_that_is_all(make_relay):
+def test_only_the_version_is_shown(make_relay):
     relay = make_relay(arguments=["-v"], ready=False)
     assert relay.wait_exit() == 0
     assert relay.log.lines == [VERSION]
@@ -37,7 +37,7 @@ def test_the_first_audio_port_of_the_command_line_wins(make_relay, option):
     assert relay.log.count(f"using port range {port} to {port + 11} for rtp") == 1
 
 
-def test_zero_ports_leave_the_configuration_in_force(make_relay):
+def test_zero_ports_leave_the_configuration_in_effect(make_relay):
     relay = make_relay(arguments=["-d", "-f", "tessel_rs.conf", "-t", "0", "-r", "none"])
     assert relay.log.count(f"using port {relay.config.tcp_port} for tcp") == 1
 
@@ -55,7 +55,7 @@ def test_a_configuration_file_name_that_is_too_long_is_ignored(make_relay):
     assert relay.log.count("conf file name invalid - ignoring") == 1
 
 
-def test_a_configuration_file_name_of_256_characters_is_taken(make_relay):
+def test_a_configuration_file_name_of_256_characters_is_accepted(make_relay):
     relay = make_relay(start=False, ready=False)
     name = "./" * 121 + "tessel_rs.conf"
     assert len(name) == 256

@@ -1,4 +1,4 @@
-"""Configuration keys at start-up: what is required, what they default to, what the log says."""
+"""Configuration keys at start-up: what is required, what they default to, what is logged."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ def ends_with(relay, status: int) -> None:
 
 
 @pytest.mark.parametrize("key", LOGIN_KEYS)
-def test_a_missing_login_key_is_named_and_ends_the_start(make_relay, key):
+def test_a_missing_login_key_is_logged_and_ends_the_start(make_relay, key):
     relay = make_relay(keys={("Login", key): None}, ready=False)
     ends_with(relay, 255)
     assert relay.log.count(f"'{key}' in section 'Login'") == 1
@@ -32,21 +32,21 @@ def test_a_missing_primary_server_ends_the_start(make_relay):
     assert relay.log.count("no primary server specified in conf file") == 1
 
 
-def test_a_missing_tls_port_of_the_servers_is_named_and_ends_the_start(make_relay):
+def test_a_missing_tls_port_of_the_servers_is_logged_and_ends_the_start(make_relay):
     relay = make_relay(keys={("Servers", "use_ssl"): "yes"}, ready=False)
     ends_with(relay, 1)
     assert relay.log.count("'cs_ssl_port' in section 'Servers'") == 1
 
 
 @pytest.mark.parametrize("value", ["0", "70000", "nan", "1e300", "none"])
-def test_a_tls_port_of_the_servers_that_is_no_port_ends_the_start(make_relay, value):
+def test_an_invalid_tls_port_of_the_servers_ends_the_start(make_relay, value):
     keys = {("Servers", "use_ssl"): "yes", ("Servers", "cs_ssl_port"): value}
     relay = make_relay(keys=keys, ready=False)
     ends_with(relay, 1)
     assert relay.log.count("'cs_ssl_port' in section 'Servers'") == 1
 
 
-def test_an_unknown_word_for_tls_to_the_servers_warns_and_counts_as_no(make_relay):
+def test_an_unknown_value_for_tls_to_the_servers_is_warned_of_and_counts_as_no(make_relay):
     relay = make_relay(keys={("Servers", "use_ssl"): "maybe"})
     text = "WARNING: unsupported SSL to connserver enable string: maybe. Use 'yes' or 'no'"
     assert relay.log.count(text) == 1
@@ -86,7 +86,7 @@ def test_a_configured_audio_port_out_of_range_ends_the_start(make_relay, value):
     assert relay.log.count("invalid rtp port option ") == 1
 
 
-def test_two_of_the_three_tls_keys_are_as_good_as_none(make_relay):
+def test_two_of_the_three_tls_keys_have_no_effect(make_relay):
     relay = make_relay(tls=True, keys={("SSL", "key_file"): None})
     assert relay.log.count("SSL certificate load error") == 0
     assert relay.log.count("and ssl tcp=0") == 1

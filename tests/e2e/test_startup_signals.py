@@ -1,4 +1,4 @@
-"""Signals: an orderly end at any time, one request is enough, and lost pipes are harmless."""
+"""Signals: an orderly end at any time, one request is enough, and broken pipes are harmless."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ SHUT_DOWN_LINES = ("0 Audio packets forwarded.", "Cleaning up main method")
 def test_a_termination_signal_ends_the_process_in_order(relay, number):
     relay.signal(number)
     assert relay.wait_exit() == 0
-    # The very last words: the process ends at once, without the clean-ups of other ends.
+    # The very last lines: the process ends at once, without the clean-ups of other ends.
     assert [line.partition(" - ")[2] for line in relay.log.lines[-2:]] == [*SHUT_DOWN_LINES]
 
 
@@ -52,7 +52,7 @@ def test_waiting_for_a_silent_server_may_be_interrupted(make_relay, server):
     assert relay.log.count("waiting for login response timed out") == 0
 
 
-def test_a_stopped_and_continued_process_goes_on(relay, make_station):
+def test_a_stopped_and_continued_process_keeps_running(relay, make_station):
     relay.signal(signal.SIGSTOP)
     relay.signal(signal.SIGCONT)
     make_station(relay)

@@ -1,4 +1,4 @@
-"""What start-up needs around it: database, key file, free ports, a log folder; and without them."""
+"""What start-up requires: database, key file, free ports, a log folder; and starts without them."""
 
 from __future__ import annotations
 
@@ -111,7 +111,7 @@ def test_an_unknown_device_ends_the_start(make_relay):
     assert relay.log.count("Error: couldn't set socket interface to nodevice0") == 1
 
 
-def test_the_loopback_device_will_do(make_relay):
+def test_the_loopback_device_is_accepted(make_relay):
     relay = make_relay(bind_device="lo")
     assert relay.log.count("binding to device lo") == 1
 
@@ -165,5 +165,5 @@ def test_with_a_marker_file_the_log_goes_to_the_file_it_names(make_relay, tmp_pa
     assert relay.stop() == 0
     logged = (folder / "today.log").read_text().splitlines()
     assert logged[0].endswith(" - relayserver Version 3.4.8")
-    # The lines of the very end are there too, although the process ends at once.
+    # The very last lines are there too, although the process ends at once.
     assert logged[-1].endswith("Cleaning up main method")

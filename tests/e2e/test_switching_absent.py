@@ -1,5 +1,5 @@
-"""Routes to clients that are not here, and clients that went: what the connection server is
-told, and what is remembered for it."""
+"""Routes to clients that are absent, and clients that left: what the connection server is told, and
+what is remembered for it."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ def test_an_absent_destination_is_confirmed_once_per_id_in_a_row(relay, make_sta
     orders = [first, first, first, second, second, first]
     for number, to_id in enumerate(orders):
         server.orders.connect_route(100 + number, to_id, PIPE_CAPTION)
-    # A destination that is here makes the relay forget nothing.
+    # A destination that is present makes the relay forget nothing.
     server.orders.connect_route(100, station.client_id, PIPE_CAPTION)
     server.orders.connect_route(200, first, PIPE_CAPTION)
     got_before_order_fence(server, station)
@@ -35,7 +35,7 @@ def test_an_absent_destination_is_confirmed_once_per_id_in_a_row(relay, make_sta
     assert losses(server, station.client_id) == []
     assert line_count(relay, station, ABSENT.format(first)) == 2
     assert line_count(relay, station, ABSENT.format(second) + AND_SO) == 1
-    # The rows are there all the same: the client may be on its way.
+    # The rows exist all the same: the client may still connect.
     expected = {(100 + n, to_id, PIPE_CAPTION) for n, to_id in enumerate(orders)}
     expected |= {(100, station.client_id, PIPE_CAPTION), (200, first, PIPE_CAPTION)}
     assert relay.schema.routes() == expected
@@ -74,7 +74,7 @@ def test_a_lost_client_is_confirmed_with_its_last_row(relay, make_station):
     server.orders.disconnect_route(lost_id, 0, PIPE_CAPTION)
     got_before_order_fence(server, other)
     assert relay.schema.routes() == set()
-    # The order named no destination, so it is that of nobody that was looked at.
+    # The order named no destination, so the destination looked up has no id.
     assert line_count(relay, other, confirmed) == 0
 
     server.orders.disconnect_route(other_id, lost_id, PIPE_CAPTION)

@@ -1,5 +1,5 @@
-"""Bursts: thousands of messages at once arrive complete and in order, also when nothing comes
-after them that could push them on."""
+"""Bursts: thousands of messages at once arrive complete and in order, even when nothing follows
+that could push them on."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def burst_of(sender, count=BURST):
 
 
 def send_and_collect(sender, burst, receivers, ending):
-    """Sends while all receive; what each of them got."""
+    """Sends while all receive; returns what each of them got."""
 
     def send():
         sender.send_all(burst, within_secs=30)
@@ -75,7 +75,7 @@ def test_one_write_of_16_kb_and_then_silence(
 
 
 @pytest.mark.parametrize("tls", KINDS, ids=["plain", "tls"])
-def test_frames_torn_anywhere_are_put_together(tls_relay, make_station, route, receivers, tls):
+def test_frames_split_anywhere_are_reassembled(tls_relay, make_station, route, receivers, tls):
     sender = make_station(tls_relay, Captioner, tls=tls, heartbeats=False)
     route(tls_relay, sender, receivers[0], PIPE_CAPTION)
     burst = burst_of(sender, 150)

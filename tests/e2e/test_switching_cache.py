@@ -39,19 +39,19 @@ def captions_through(captioner, encoder, count=1):
     return len(got)
 
 
-def test_a_route_is_asked_for_once(relay, captioner, encoder, route):
+def test_a_route_is_queried_once(relay, captioner, encoder, route):
     route(relay, captioner, encoder, PIPE_CAPTION)
     assert captions_through(captioner, encoder, 100) == 100
     line = f"cache miss for source {captioner.client_id} type 192, now sending to 1 clients"
     relay.log.expect(line)
     assert misses(relay, captioner) == 1
-    # Rows that change without an order are not looked at.
+    # Rows that change without an order have no effect.
     relay.schema.query("DELETE FROM iopatch")
     assert captions_through(captioner, encoder, 100) == 100
     assert misses(relay, captioner) == 1
 
 
-def test_no_route_is_remembered_too(relay, captioner, encoder):
+def test_an_empty_answer_is_cached_too(relay, captioner, encoder):
     assert captions_through(captioner, encoder, 50) == 0
     relay.log.expect(f"source {captioner.client_id} type 192, now sending to 0 clients")
     assert misses(relay, captioner) == 1
@@ -91,7 +91,7 @@ def test_an_order_without_source_leaves_cached_routes_alone(relay, captioner, en
     got_before_order_fence(relay.server, encoder)
     assert relay.schema.routes() == set()
     assert captions_through(captioner, encoder, 3) == 3
-    # Any order for the key itself ends that, also one that changes no row.
+    # Any order for the key itself ends that, even one that changes no row.
     relay.server.orders.disconnect_route(captioner.client_id, 1, PIPE_CAPTION)
     got_before_order_fence(relay.server, encoder)
     assert captions_through(captioner, encoder, 3) == 0

@@ -1,5 +1,5 @@
-"""PostgreSQL stops and starts again under the relay: cached routes go on, new ones are empty until
-an order names them."""
+"""PostgreSQL stops and starts again under the relay: cached routes continue, new ones are empty
+until an order names them."""
 
 from __future__ import annotations
 
@@ -48,7 +48,7 @@ def delivered(captioner, encoder, count=5):
 
 
 def order_until_delivered(relay, captioner, encoder):
-    """The first orders may come before the relay has found its database again."""
+    """The first orders may come before the relay has its database back."""
     deadline = Deadline(10)
     while True:
         relay.server.orders.connect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
@@ -60,20 +60,20 @@ def order_until_delivered(relay, captioner, encoder):
 
 
 @pytest.mark.parametrize("mode", ["fast", "immediate"])
-def test_cached_routes_go_on_and_new_ones_wait_for_an_order(
+def test_cached_routes_continue_and_new_ones_wait_for_an_order(
     relay, own_cluster, captioners, encoder, mode
 ):
     known, unknown = captioners
     server = relay.server
     assert delivered(known, encoder)
-    own_cluster.query("CHECKPOINT")  # the table itself is to survive a crash
+    own_cluster.query("CHECKPOINT")  # the table itself has to survive a crash
     own_cluster.stop(mode)
     assert delivered(known, encoder)
-    # Its route is in the table, which cannot be asked: the empty answer is remembered.
+    # Its route is in the table, which cannot be queried: the empty answer is cached.
     assert not delivered(unknown, encoder)
     line = f"cache miss for source {unknown.client_id} type 192, now sending to 0 clients"
     relay.log.expect(line)
-    # An order that cannot be carried out costs the key its cached route too.
+    # An order that cannot be carried out invalidates the cached route of its key too.
     server.orders.disconnect_route(known.client_id, 424242, PIPE_CAPTION)
     got_before_order_fence(server, encoder)
     assert not delivered(known, encoder)
@@ -91,12 +91,12 @@ def test_cached_routes_go_on_and_new_ones_wait_for_an_order(
 
 
 def test_a_restart_between_two_messages_is_not_noticed(relay, own_cluster, captioners, encoder):
-    """The connection is found dead at the next look at it, and made anew."""
+    """The connection is found broken when it is next used, and opened again."""
     known, unknown = captioners
     assert delivered(known, encoder)
     own_cluster.restart()
     assert delivered(known, encoder)
-    assert not delivered(unknown, encoder)  # the query that finds out is not repeated
+    assert not delivered(unknown, encoder)  # the query that fails is not repeated
     relay.log.expect("Retrying connection to SQL")
     order_until_delivered(relay, unknown, encoder)
 
@@ -114,8 +114,8 @@ def test_clients_come_and_go_without_a_database(
     assert delivered(captioners[0], encoder)
 
 
-def test_a_statement_that_fails_does_not_cost_the_connection(relay, captioners, encoder):
-    """The table is gone: no routes, and no reconnects either, for the connection is well."""
+def test_a_failed_statement_does_not_end_the_connection(relay, captioners, encoder):
+    """The table is gone: no routes, and no reconnects, because the connection is intact."""
     relay.schema.query("ALTER TABLE iopatch RENAME TO elsewhere")
     assert not delivered(captioners[0], encoder)
     relay.log.expect("SQL statement SELECT clientto FROM iopatch WHERE clientfrom=")

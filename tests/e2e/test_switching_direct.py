@@ -23,7 +23,7 @@ DIRECT_TYPES = [9, 11, 0x60, 0x61, 0x6A, 0x70, 0x7F]
 
 
 def lines_so_far(relay, station):
-    """What the log says about anything but the messages that mark its end, and the minute."""
+    """What is logged, without the messages that mark its end and the reports on the minute."""
     line_count(relay, station, "")
     return [line for line in relay.log.lines if IGNORED not in line and LOAD_REPORT not in line]
 
@@ -53,11 +53,11 @@ def test_a_client_may_send_to_itself(relay, make_station):
 
 
 @pytest.mark.parametrize("dest_id", [0, 1, 1000, 424242, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF])
-def test_an_absent_destination_is_silent(relay, make_station, dest_id):
+def test_a_message_to_an_absent_destination_is_dropped_silently(relay, make_station, dest_id):
     sender, receiver = make_station(relay), make_station(relay)
     mark, lines = relay.server.record.mark(), lines_so_far(relay, sender)
     for code in DIRECT_TYPES:
-        sender.send(Opaque(code, b"to nobody~", dest_id=dest_id))
+        sender.send(Opaque(code, b"to no client~", dest_id=dest_id))
     assert got_before_fence(sender, receiver) == []
     assert lines_so_far(relay, sender) == lines
     relay.server.orders.heartbeat()
@@ -78,7 +78,7 @@ def test_messages_of_the_server_go_to_the_client_in_their_header(tls_relay, make
     relay, server = tls_relay, tls_relay.server
     receiver = make_station(relay, Station, tls=tls)
     bystander = make_station(relay, Station)
-    # Types of every pipe: the server's word goes past routes and pipes.
+    # Types of every pipe: the server's messages bypass routes and pipes.
     sent = [
         messages.Chat("SERVER", b"hello", dest_id=receiver.client_id),
         messages.Caption(b"\x41\x42", dest_id=receiver.client_id),
@@ -94,7 +94,7 @@ def test_messages_of_the_server_go_to_the_client_in_their_header(tls_relay, make
     assert line_count(relay, bystander, "cache miss") == 0
 
 
-def test_messages_of_the_server_for_nobody_here_are_dropped(relay, make_station):
+def test_messages_of_the_server_for_absent_clients_are_dropped(relay, make_station):
     receiver, server = make_station(relay), relay.server
     lines = lines_so_far(relay, receiver)
     for dest_id in (0, 1, 999999, 0xFFFFFFFF):
@@ -112,7 +112,7 @@ def test_a_message_of_the_server_with_an_invalid_sender_is_ignored(relay, make_s
     relay.log.expect_in_order(text.format(13), text.format(5))
 
 
-def test_clients_talk_to_the_server_past_all_routes(relay, make_station, route):
+def test_clients_send_to_the_server_regardless_of_routes(relay, make_station, route):
     client, other = make_station(relay, Captioner), make_station(relay, Encoder)
     for msg_class in (224, 128):
         route(relay, client, other, msg_class)

@@ -11,7 +11,7 @@ from lab.stations.caption_stations import Captioner, Encoder
 from lab.support.stopwatch import Stopwatch
 from lab.support.waiting import patient
 
-#: What a caption may take at most while the relay has much else to do. On an idle machine it is
+#: The longest that a caption may take while the relay has much else to do. On an idle machine it is
 #: well under a millisecond.
 NOTICEABLE_SECS = 1.0
 LARGE = b"x" * 490
@@ -37,7 +37,7 @@ def test_a_flooding_sender_does_not_starve_another(tls_relay, make_station, rout
     captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, flooder, flooded, PIPE_CAPTION)
     route(relay, captioner, encoder, PIPE_CAPTION)
-    # Not more than a client may send in one measuring period.
+    # No more than a client may send in one measuring period.
     frame = Caption(b"\x41\x42", sender_id=flooder.client_id).frame()
     last = Caption(b"last", sender_id=flooder.client_id).frame()
     drain = Drain(flooded)
@@ -87,7 +87,7 @@ def test_a_receiver_that_does_not_read_is_dropped_alone(tls_relay, make_station,
         relay.log.expect("TCP message send failed in SwitchPacket - rc=")
         relay.server.record.wait_for_type(LostConnection, client_id=stopped.client_id)
         assert len(relay.server.record.messages_of(LostConnection)) == 1
-        # The others go on, and got all there was.
+        # The others continue, and got everything.
         last = arriving_image(captioner.caption(b"last"))
         for drain in drains:
             drain.wait_for_image(last, 20)

@@ -46,8 +46,8 @@ def test_fifty_encoders_get_every_caption_in_order(tls_relay, make_station, enco
     assert line_count(tls_relay, captioner, line) == 1
 
 
-def test_captioners_that_interleave_do_not_mix(tls_relay, make_station, encoders):
-    """Some encoders hear one captioner, some two, some all three."""
+def test_interleaved_captioners_are_not_mixed_up(tls_relay, make_station, encoders):
+    """Some encoders get one captioner, some two, some all three."""
     captioners = [make_station(tls_relay, Captioner, tls=number == 1) for number in range(3)]
     audiences = [encoders, encoders[::2], encoders[:10]]
     for captioner, audience in zip(captioners, audiences):
@@ -57,7 +57,7 @@ def test_captioners_that_interleave_do_not_mix(tls_relay, make_station, encoders
         for index, captioner in enumerate(captioners):
             sent[index].append(arriving_image(captioner.caption(b"%d of %d~\\" % (number, index))))
     for encoder in encoders:
-        # A fence of each captioner: theirs are streams of their own.
+        # A fence of each captioner: their streams are separate.
         got = [i for c in captioners for i in images(got_before_fence(c, encoder))]
         for index, captioner in enumerate(captioners):
             own = captioner.client_id.to_bytes(4, "little")

@@ -1,4 +1,4 @@
-"""Random bytes and random frames of an admitted client never end the relay nor disturb others. The
+"""Random bytes and random frames of an admitted client never end the relay or disturb others. The
 seeds are printed; SWITCHING_SEED repeats a run."""
 
 from __future__ import annotations
@@ -16,7 +16,7 @@ from lab.support.channel import PeerClosed
 from lab.support.waiting import LabTimeout
 
 CLASSES = (0, 32, 64, 128, 160, 192)
-#: A log-out or the answer of a relay would change what the client is; other tests send those.
+#: A log-out or the answer of a relay would change the client's role; other tests send those.
 NEVER = {Response.TYPE, LogOut.TYPE}
 
 
@@ -29,7 +29,7 @@ def generator(request):
 
 @pytest.fixture
 def bystanders(tls_relay, make_station, route):
-    """A captioner and an encoder that have nothing to do with the noise."""
+    """A captioner and an encoder unrelated to the noise."""
     captioner = make_station(tls_relay, Captioner)
     encoder = make_station(tls_relay, Encoder, tls=True)
     route(tls_relay, captioner, encoder, PIPE_CAPTION)
@@ -78,7 +78,7 @@ def test_random_frames(tls_relay, make_station, route, bystanders, generator, tl
         last = Opaque(9, b"the end of the noise~", dest_id=receiver.client_id)
         noisy.send(last)
         drain.wait_for_image(arriving_image(last), 20)
-        # What came is what was sent, and nothing but it.
+        # What came is exactly what was sent.
         got = drain.images()[:-1]
         assert len(got) > 500
         assert sent.issuperset(got)
@@ -89,7 +89,7 @@ def test_random_frames(tls_relay, make_station, route, bystanders, generator, tl
 
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
 def test_random_bytes(tls_relay, make_station, bystanders, generator, tls):
-    """No frames at all, cut anywhere. A length code of 0 empties the relay's buffer, any other
+    """No frames at all, split anywhere. A length code of 0 empties the relay's buffer, any other
     byte is taken for a length."""
     for number in range(25):
         noisy = make_station(tls_relay, Station, tls=tls)
@@ -103,8 +103,8 @@ def test_random_bytes(tls_relay, make_station, bystanders, generator, tls):
     undisturbed(bystanders, 1000)
 
 
-def test_random_bytes_below_tls(tls_relay, make_station, bystanders, generator):
-    """Bytes that break the records of a TLS connection end it, and it only."""
+def test_random_bytes_beneath_tls(tls_relay, make_station, bystanders, generator):
+    """Bytes that break the records of a TLS connection end only that connection."""
     relay = tls_relay
     for number in range(10):
         noisy = make_station(relay, Station, tls=True, heartbeats=False)
@@ -118,7 +118,7 @@ def test_random_bytes_below_tls(tls_relay, make_station, bystanders, generator):
 
 
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
-def test_every_type_with_every_odd_payload(tls_relay, make_station, bystanders, tls):
+def test_every_type_with_every_malformed_payload(tls_relay, make_station, bystanders, tls):
     """Not random: what breaks parsers, for each type, with routes that deliver it."""
     payloads = [b"", b"~", b"\\", b"~" * 499, b"\\" * 499, b"a" * 499, b"\0" * 499, b"-1~" * 166]
     noisy = make_station(tls_relay, Station, tls=tls)
@@ -128,5 +128,5 @@ def test_every_type_with_every_odd_payload(tls_relay, make_station, bystanders, 
             noisy.send_all(batch)
     undisturbed(bystanders, 1)
     got = {m.type_code for m in got_before_fence(noisy, noisy, 20)}
-    # The direct ones came back; heartbeats are not handed out by the lab.
+    # The direct ones came back; the lab does not return heartbeats.
     assert got - {Heartbeat.TYPE} == {9, 11, *range(0x60, 0x80)}

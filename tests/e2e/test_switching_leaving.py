@@ -1,4 +1,4 @@
-"""Clients that go: the last words before the end of a connection count, and a client that is
+"""Clients that leave: the last messages before the end of a connection count, and a client that is
 deleted while its own messages are handled takes nothing with it."""
 
 from __future__ import annotations
@@ -27,7 +27,7 @@ def test_a_log_out_before_the_end_is_a_log_out(tls_relay, make_station, how, tls
         log_out = server.record.wait_for_type(LogOut, sender_id=leaver.client_id)
         assert log_out.name == leaver.name
         relay.log.expect(f"received logout from client {leaver.client_id}")
-    # One more client of the same kind: by now the ends have been seen too.
+    # One more client of the same kind: by now the ends have been handled too.
     last = make_station(relay, Station, tls=tls)
     assert got_before_fence(last, last) == []
     assert server.record.messages_of(LostConnection) == []
@@ -64,7 +64,7 @@ def test_captions_before_the_end_are_delivered(tls_relay, make_station, route, h
         relay.server.record.wait_for_type(LostConnection, client_id=captioner.client_id)
 
 
-def test_half_a_message_at_the_end_is_nothing(relay, make_station, route):
+def test_half_a_message_at_the_end_is_discarded(relay, make_station, route):
     captioner, encoder = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, captioner, encoder, PIPE_CAPTION)
     whole = Caption(b"\x41\x41", sender_id=captioner.client_id)

@@ -1,4 +1,4 @@
-"""Limits in real time: clients that say nothing, and clients that say too much."""
+"""Limits in real time: clients that are silent, and clients that send too much."""
 
 from __future__ import annotations
 
@@ -18,9 +18,9 @@ FAREWELL = b"Your client has been timed out by its relay\r\n"
 OVER = "WARNING: input TCP count on client {} over limit : {} bytes in 3.0 seconds"
 
 
-def test_silent_clients_are_dropped_with_a_word(tls_relay, make_station):
-    """Silence is 15 s without a whole message; a heartbeat, or a message that is ignored, ends
-    it."""
+def test_silent_clients_are_dropped_and_logged(tls_relay, make_station):
+    """Silence is 15 s without a whole message; a heartbeat ends it, as does a message that is
+    ignored."""
     relay = tls_relay
     silent = [make_station(relay, Encoder, tls=tls, heartbeats=False) for tls in (False, True)]
     beating = make_station(relay, Captioner)
@@ -37,7 +37,7 @@ def test_silent_clients_are_dropped_with_a_word(tls_relay, make_station):
         relay.server.record.wait_for_type(LostConnection, client_id=station.client_id)
         line = relay.log.expect(f"Dropping connect to client ID {station.client_id}, socket ")
         idle = re.search(r", 127\.0\.0\.1 - idle for (\d+) seconds$", line)
-        # The first tick behind 15 seconds of silence; one more where the machine slept through it.
+        # The first tick after 15 seconds of silence; one more if the machine slept through it.
         assert idle is not None and 16 <= int(idle.group(1)) <= 23
     assert got_before_fence(beating, beating) == []
     assert len(relay.server.record.messages_of(LostConnection)) == 3
@@ -46,8 +46,8 @@ def test_silent_clients_are_dropped_with_a_word(tls_relay, make_station):
 
 
 def frames_of_images(total, sender_id):
-    """Frames whose images have `total` bytes; each length is odd. They go nowhere but the last one,
-    which comes back to its sender."""
+    """Frames whose images have `total` bytes; each length is odd. Only the last one goes anywhere:
+    back to its sender."""
     lengths = [507] * (total // 507 - 2)
     rest = total - sum(lengths)
     last_ones = 3 if rest % 2 else 4
@@ -69,13 +69,13 @@ def next_burst(station):
 
 
 def all_counted(station):
-    """Waits until what the station sent has come to its last message, which comes back; heartbeats
-    until then may be those of periods that it was counted in."""
+    """Waits until the last message that the station sent comes back; heartbeats until then may be
+    those of periods in which it was counted."""
     station.expect(Opaque, 30, dest_id=station.client_id)
 
 
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
-def test_a_client_may_send_so_much_between_two_heartbeats(tls_relay, make_station, tls):
+def test_a_client_may_send_up_to_the_limit_between_two_heartbeats(tls_relay, make_station, tls):
     relay = tls_relay
     client = make_station(relay, Station, tls=tls, heartbeats=False)
     other = make_station(relay, Station)
@@ -99,11 +99,11 @@ def test_a_client_may_send_so_much_between_two_heartbeats(tls_relay, make_statio
     assert got_before_fence(other, other) == []
 
 
-def test_a_message_too_many_does_not_hide_in_small_ones(relay, make_station):
+def test_the_limit_also_holds_for_many_small_messages(relay, make_station):
     """The same limit holds for many small messages, ignored ones included."""
     client = make_station(relay, Station, heartbeats=False)
     frame = Opaque(9, b"x" * 90, sender_id=client.client_id + 1000000).frame()
-    with contextlib.suppress(PeerClosed):  # the rest of it may find the connection ended
+    with contextlib.suppress(PeerClosed):  # the rest may find the connection closed
         client.send_raw(frame * (2 * LIMIT // len(frame) + 1000), within_secs=60)
     relay.log.expect(f"WARNING: input TCP count on client {client.client_id} over limit : ", 20)
     relay.server.record.wait_for_type(LostConnection, client_id=client.client_id)

@@ -73,7 +73,7 @@ def test_hundreds_of_captions_in_one_segment(tls_relay, make_station, route, rec
 
 
 def mixture(dice, receivers):
-    """Some hundreds of messages of all kinds."""
+    """Some hundred messages of all kinds."""
     pages = video_pages(dice.randbytes(400 * 60).replace(b"~", b"-").replace(b"\\", b"-"), 1)
     burst = []
     for number in range(500):

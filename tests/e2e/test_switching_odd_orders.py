@@ -21,7 +21,7 @@ def near(relay, make_station):
 
 
 def obeyed(relay, station):
-    """The route table once all orders so far have been obeyed."""
+    """The route table once all orders so far have been carried out."""
     got_before_order_fence(relay.server, station)
     return relay.schema.routes()
 

@@ -1,5 +1,5 @@
-"""Routing orders of the connection server: what they leave in the route table, and in what is
-delivered afterwards."""
+"""Routing orders of the connection server: their effect on the route table and on later
+deliveries."""
 
 from __future__ import annotations
 
@@ -38,7 +38,7 @@ def far(relay, make_station):
 
 
 def obeyed(relay, station):
-    """The route table once all orders so far have been obeyed."""
+    """The route table once all orders so far have been carried out."""
     got_before_order_fence(relay.server, station)
     return relay.schema.routes()
 
@@ -78,7 +78,7 @@ def test_destinations_added_later_join_at_once(relay, one, near, far):
 def test_an_exact_disconnect_removes_one_route(relay, one, two, near, far):
     routes = connect_all(relay, [one, two], [near, far])
     routes |= connect_all(relay, [one], [near], PIPE_CHAT)
-    assert reached(one, [near, far]) == [] or True  # fills the cache, whatever is in it yet
+    assert reached(one, [near, far]) == [] or True  # fills the cache, whatever was in it
     assert obeyed(relay, two) == routes
     relay.server.orders.disconnect_route(one.client_id, near.client_id, PIPE_CAPTION)
     assert obeyed(relay, two) == routes - {(one.client_id, near.client_id, PIPE_CAPTION)}
@@ -126,7 +126,7 @@ def test_ids_of_zero_are_rows_like_others_and_delete_as_wild_cards(relay, one, n
         server.orders.connect_route(*ids, PIPE_CAPTION)
     rows = {(0, 0, PIPE_CAPTION), (0, near.client_id, PIPE_CAPTION)}
     assert obeyed(relay, near) == rows | {(one.client_id, 0, PIPE_CAPTION)}
-    # A destination of 0 names the source alone, also a source of 0.
+    # A destination of 0 names only the source, even a source of 0.
     server.orders.disconnect_route(0, 0, PIPE_CAPTION)
     assert obeyed(relay, near) == {(one.client_id, 0, PIPE_CAPTION)}
     server.orders.disconnect_route(one.client_id, 0, PIPE_CAPTION)

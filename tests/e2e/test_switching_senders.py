@@ -1,5 +1,5 @@
-"""Whose messages a client may send: its own only. Others are ignored with a line, and the client
-stays."""
+"""Clients may send only under their own id. Other messages are ignored with a log line, and the
+client stays."""
 
 from __future__ import annotations
 
@@ -35,16 +35,16 @@ def encoder(relay, make_station, route, victim, forger):
 
 
 def stays_with(relay, forger, encoder):
-    """The forger's own messages pass as before, and nobody was reported lost."""
+    """The forger's own messages pass as before, and no client was reported lost."""
     sent = arriving_image(forger.caption(b"\x41\x42"))
     assert images(got_before_fence(forger, encoder)) == [sent]
     assert relay.server.record.messages_of(messages.LostConnection) == []
 
 
-@pytest.mark.parametrize("name", ["victim", "relay", "nobody", "0", "2^31", "2^32-1"])
+@pytest.mark.parametrize("name", ["victim", "relay", "unknown", "0", "2^31", "2^32-1"])
 def test_a_message_under_a_foreign_id_is_ignored(relay, victim, forger, encoder, name):
     foreign = {
-        "victim": victim.client_id, "relay": relay.server.relay_id, "nobody": 987654, "0": 0,
+        "victim": victim.client_id, "relay": relay.server.relay_id, "unknown": 987654, "0": 0,
         "2^31": 1 << 31, "2^32-1": 0xFFFFFFFF,
     }[name]  # fmt: skip
     mark = relay.server.record.mark()
@@ -67,7 +67,7 @@ def test_a_message_under_a_foreign_id_is_ignored(relay, victim, forger, encoder,
 
 
 def test_ten_thousand_foreign_ids_are_ignored(relay, forger, encoder):
-    """They leave neither queries nor routes behind."""
+    """They leave no queries or routes behind."""
     misses = line_count(relay, encoder, "cache miss")
     ignored = "passed from client {}, ignoring message".format(forger.client_id)
     for start in range(100000, 110000, 500):
@@ -79,8 +79,8 @@ def test_ten_thousand_foreign_ids_are_ignored(relay, forger, encoder):
     stays_with(relay, forger, encoder)
 
 
-def test_a_foreign_log_in_or_ticket_is_nothing_to_an_admitted_client(relay, forger, encoder):
-    """Logged in is logged in: such messages are switched like others of their pipe."""
+def test_a_foreign_log_in_or_ticket_does_not_affect_an_admitted_client(relay, forger, encoder):
+    """Once logged in, such messages are switched like others of their pipe."""
     ticket = relay.server.ticket_for(5555)
     forger.send(messages.RelayConnect(5555, ticket))
     forger.send(messages.LogIn("x", "y"))

@@ -1,4 +1,4 @@
-"""The largest and the smallest messages: forwarded byte for byte, or ignored with a line."""
+"""The largest and the smallest messages: forwarded byte for byte, or ignored with a log line."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from lab.protocol.messages import PIPE_CAPTION, Opaque
 from lab.stations.caption_stations import Captioner, Encoder
 
 IGNORED = "Message with invalid sender id string {} and len {} passed from client {}, ignoring"
-#: No byte of it reads as text, a delimiter or an escape everywhere.
+#: All byte values, delimiters and escapes included.
 LARGEST_PAYLOAD = bytes(number % 256 for number in range(wire.MAX_PAYLOAD_LEN))
 KINDS = [False, True]
 
@@ -54,7 +54,7 @@ def test_the_largest_message_reaches_every_kind_of_destination(any_relay, make_s
         from_server = Opaque(3, LARGEST_PAYLOAD, dest_id=receiver.client_id)
         server.orders.send(from_server)
         assert images([receiver.receive()]) == [arriving_image(from_server)]
-    # No connection paid for any of this.
+    # No connection was lost over any of this.
     assert server.record.messages_of(messages.LostConnection) == []
     assert len(server.links) == 1
 
@@ -71,9 +71,9 @@ def test_every_size_passes_unchanged(tls_relay, make_station, route):
         assert images(got_before_fence(sender, receiver)) == expected
 
 
-def test_an_image_that_cannot_be_framed_again_costs_nobody_anything(relay, make_station, route):
+def test_an_image_that_cannot_be_framed_again_is_harmless(relay, make_station, route):
     """A frame has room for 509 bytes, the last of which is a pad. An image that uses it otherwise
-    is too long to be sent on."""
+    is too long to be forwarded."""
     sender, receiver = make_station(relay, Captioner), make_station(relay, Encoder)
     route(relay, sender, receiver, PIPE_CAPTION)
     full = b"x" * 500
@@ -112,13 +112,13 @@ def test_images_without_a_whole_header_are_ignored(tls_relay, make_station, rout
     tls_relay.log.expect_in_order(*lines)
 
 
-def test_a_zero_length_code_empties_the_buffer_and_the_stream_goes_on(relay, make_station, route):
+def test_a_zero_length_code_empties_the_buffer_and_the_stream_continues(relay, make_station, route):
     sender, receiver = make_station(relay, Captioner), make_station(relay, Encoder)
     other = make_station(relay)
     route(relay, sender, receiver, PIPE_CAPTION)
     sent = [sender.caption(b"\x41\x41")]
     sender.send_raw(b"\0" + messages.Caption(b"lost", sender_id=sender.client_id).frame())
-    # Two passes of the relay later the buffer is empty for certain.
+    # After two passes of the relay the buffer is certainly empty.
     for _ in range(2):
         assert got_before_fence(other, other) == []
     sent.append(sender.caption(b"\x42\x42"))

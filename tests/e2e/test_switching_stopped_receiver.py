@@ -1,5 +1,5 @@
-"""One receiver among a hundred stops reading: the relay waits for it a single time, drops it, and
-the others get everything in order."""
+"""One receiver among a hundred stops reading: the relay waits for it only once, drops it, and the
+others get everything in order."""
 
 from __future__ import annotations
 
@@ -18,14 +18,14 @@ from lab.support.waiting import patient
 READERS = 99
 PER_ADDRESS = 50
 CHUNK = 100
-#: Long before that the buffers are full.
+#: The buffers are full long before that.
 MOST_CHUNKS = 100
 
 pytestmark = pytest.mark.skipif(not LoopTracer.supported(), reason="unknown kind of processor")
 
 
 class StoppedEncoder(Encoder):
-    """Its small segments and window make the kernel keep little for it."""
+    """Its small segments and window make the kernel buffer little for it."""
 
     @classmethod
     def connect(cls, address, port, *, tls=False, within_secs=5.0):
@@ -57,7 +57,7 @@ def readers(tls_relay, make_station):
 
 
 def calls_for(tracer, chunk_writes):
-    """The calls of the passes until so many writes have been made."""
+    """The calls of the passes until this many writes have been made."""
     calls = []
     while calls.count("sendto") < chunk_writes:
         calls += tracer.system_calls()
@@ -80,13 +80,13 @@ def test_it_is_waited_for_once(tls_relay, make_station, readers, tls):
     for drain in drains:
         drain.wait_for_image(frames[0], 20)
     with LoopTracer(relay.pid) as tracer:
-        # Until it is dropped. A wait that was worth it, on a busy machine, is none of those meant.
+        # Until it is dropped. On a busy machine earlier waits may have succeeded; they do not count.
         while "close" not in calls and len(frames) < MOST_CHUNKS * CHUNK:
             chunk = [Caption(b"%06d" % (len(frames) + n) + b"x" * 480) for n in range(CHUNK)]
             captioner.send_all(chunk)
             frames += [arriving_image(message) for message in chunk]
             calls = calls_for(tracer, READERS)
-    # What was sent to it so far is lost with it, and it costs nothing any more.
+    # What was sent to it so far is lost with it, and it costs nothing from now on.
     relay.log.expect_in_order("TCP message send failed in SwitchPacket - rc=-1", lost)
     chunk = [Caption(b"%06d" % number) for number in range(CHUNK)]
     with LoopTracer(relay.pid) as tracer:

@@ -1,4 +1,4 @@
-"""Video frames go whole or not at all to a viewer that reads slowly, until it reads again."""
+"""Video frames are sent whole or not at all to a viewer that reads slowly, until it reads again."""
 
 from __future__ import annotations
 
@@ -35,20 +35,20 @@ def test_a_slow_viewer_gets_whole_frames_and_is_not_dropped(tls_relay, make_stat
     for viewer in (slow, quick):
         route(relay, camera, viewer, PIPE_VIDEO)
         relay.server.orders.grant_video(camera.client_id, viewer.client_id)
-    # Enlarges the buffers as the first message of a pair does, which holds more than a frame.
+    # Enlarges the buffers like the first message of a pair, which holds more than a frame.
     got_before_order_fence(relay.server, quick)
     received, sent = [], []
 
     def film(sequence):
         send_frame(camera, sequence)
         sent.append(sequence)
-        # What the quick one gets shows that the relay is through with the frame.
+        # What the fast one gets shows that the relay is done with the frame.
         assert whole_frames(got_before_fence(camera, quick)) == [sequence]
 
     for first in (0, 1000):
         for sequence in range(first, first + 40):
             film(sequence)
-        # The slow one reads again, and frames come again.
+        # The slow one reads again, and frames are sent again.
         deadline = Deadline(20)
         while not received or received[-1].sequence != sent[-1] or sent[-1] < first + 500:
             assert not deadline.passed()
@@ -58,7 +58,7 @@ def test_a_slow_viewer_gets_whole_frames_and_is_not_dropped(tls_relay, make_stat
     assert got == sorted(set(got)) and got[0] == 0
     missing = [sequence not in got for sequence in sent]
     assert sum(missing[:40]) > 10
-    # Said once for each row of frames that go, however many they are.
+    # Logged once for each series of skipped frames, however many they are.
     rows = sum(now and not before for before, now in zip([False, *missing], missing))
     assert rows >= 2
     assert line_count(relay, quick, THROTTLING.format(slow.client_id)) == rows

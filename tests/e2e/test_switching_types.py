@@ -20,7 +20,7 @@ from lab.stations.caption_stations import Station
 ROUTED_CLASSES = (0, 32, 64, 128, 160, 192)
 DIRECT, SERVER, NOWHERE = "direct", "server", "nowhere"
 
-#: Types that the relay itself answers to; other tests are about them.
+#: Types that the relay itself answers; other tests cover them.
 RELAYS_OWN = {Response.TYPE, LogOut.TYPE, messages.Heartbeat.TYPE}
 
 _NAMED = {
@@ -37,20 +37,20 @@ def expected_way(type_byte):
 
 
 def message_of(type_byte, direct):
-    # Fields that a video page has, so that pages are the first of their frame.
+    # Fields as in a video page, so that pages are the first of their frame.
     payload = b"257~%d~jpeg~\x01\x80\xff\\~~" % type_byte
     return Opaque(type_byte, payload, dest_id=direct.client_id)
 
 
 @pytest.mark.parametrize("tls", [False, True], ids=["plain", "tls"])
-def test_every_type_byte_goes_its_way(tls_relay, make_station, route, tls):
+def test_every_type_byte_is_switched_by_its_pipe(tls_relay, make_station, route, tls):
     relay, server = tls_relay, tls_relay.server
     sender = make_station(relay, Station, tls=tls)
     direct = make_station(relay, Station)
     routed = {msg_class: make_station(relay, Station) for msg_class in ROUTED_CLASSES}
     for msg_class, receiver in routed.items():
         route(relay, sender, receiver, msg_class)
-    # Routes that must not be asked: these pipes lead elsewhere.
+    # Routes that must not be used: these pipes lead elsewhere.
     for msg_class in (96, 224, -1):
         route(relay, sender, routed[0], msg_class)
     server.orders.grant_video(sender.client_id, routed[64].client_id)
@@ -73,7 +73,7 @@ def test_every_type_byte_goes_its_way(tls_relay, make_station, route, tls):
     assert [len(way) for way in ways.values()] == [19, 32, 32, 33, 33, 34, 34, 35, 1]
 
 
-def test_direct_types_do_not_ask_the_route_table(relay, make_station):
+def test_direct_types_do_not_query_the_route_table(relay, make_station):
     sender, receiver = make_station(relay), make_station(relay)
     for type_byte in (9, 11, 0x60, 0x7F):
         sender.send(message_of(type_byte, receiver))

@@ -1,4 +1,4 @@
-"""Video feedback: whom it is sent to."""
+"""Video feedback: who receives it."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def viewer(relay, make_station, route, camera):
 
 
 def frames_seen(camera, viewer, count=1):
-    """How many of `count` frames of one page arrive."""
+    """How many of `count` single-page frames arrive."""
     sent = []
     for number in range(count):
         page = video_pages(b"frame %d" % number, number, sender_id=camera.client_id)[0]
@@ -46,7 +46,7 @@ def test_the_first_message_of_a_pair_is_dropped_and_the_next_pass(relay, camera,
     relay.log.expect("Increased send buffer size to")
 
 
-def test_each_pair_is_judged_by_itself(relay, camera, viewer, make_station, route):
+def test_each_pair_is_treated_separately(relay, camera, viewer, make_station, route):
     other_viewer, other_camera = make_station(relay, Monitor), make_station(relay, Encoder)
     assert frames_seen(camera, viewer, 3) == 2
     route(relay, camera, other_viewer, PIPE_VIDEO)

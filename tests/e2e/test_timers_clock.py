@@ -1,4 +1,4 @@
-"""The timers run by the wall clock: heartbeats every fourth second, to clients and to the server,
+"""The timers follow the wall clock: heartbeats every fourth second, to clients and to the server,
 and the load report on the minute. A client that only sends heartbeats is kept."""
 
 from __future__ import annotations
@@ -32,7 +32,7 @@ def _seconds_behind_a_tick():
 
 
 def test_every_tick_brings_clients_and_server_a_heartbeat(relay, make_station):
-    """And the heartbeats of the client are enough for it to stay."""
+    """And the heartbeats of the client are enough to keep it connected."""
     station = make_station(relay)
     station.show_heartbeats = True
     station.receive_until(_is_heartbeat, 2 * _TICK_SECS)
@@ -46,7 +46,7 @@ def test_every_tick_brings_clients_and_server_a_heartbeat(relay, make_station):
     assert beat.received_image == messages.Heartbeat(sender_id=relay.server.relay_id).image()
     # The second of the tick, and one more for a slow machine.
     assert max(late) < 2, late
-    # Not more often; and no tick but one that a slow machine has slept through is missing.
+    # Not more often; and only ticks that a slow machine slept through are missing.
     assert _TICKS * _TICK_SECS - 2 < took < (_TICKS + 1) * _TICK_SECS + 2
     heard = relay.server.record.messages_of(messages.Heartbeat, since)
     assert _TICKS - 1 <= len(heard) <= _TICKS + 2

@@ -1,4 +1,4 @@
-"""Makes the package `lab` importable from wherever the tests are started; relays to try it."""
+"""Makes the package `lab` importable wherever the tests are started; fixtures with relays."""
 
 import sys
 from pathlib import Path
@@ -15,7 +15,7 @@ from lab.server.connection_server import ConnectionServer  # noqa: E402
 
 @pytest.fixture
 def two_relay_server():
-    """A connection server without problems in the end."""
+    """A connection server that must have recorded no problems at the end."""
     with ConnectionServer() as server:
         yield server
     assert server.record.problems == []
@@ -23,8 +23,8 @@ def two_relay_server():
 
 @pytest.fixture
 def log_in():
-    """Logs a stand-in relay in: `log_in(server, "east", function="CONTINUE")`. Its ports tell
-    relays apart; options go to StandInRelay.at."""
+    """Logs a stand-in relay in: `log_in(server, "east", function="CONTINUE")`. Its ports identify
+    each relay; options go to StandInRelay.at."""
     relays = []
 
     def make(server, name, function="RELAY", public_address=0, **options):

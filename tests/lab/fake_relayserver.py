@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""A relay in miniature, to try the lab without the real one: logs in, keeps routes in the
-database, admits clients by ticket, passes captions on, connects to other relays by order and
-continues its session at the next server. FAKE_RELAY_FAULT=silent: never logs in."""
+"""A minimal relay, to test the lab without the real one: logs in, keeps routes in the database,
+admits clients by ticket, forwards captions, connects to other relays by order and continues its
+session at the next server. FAKE_RELAY_FAULT=silent: never logs in."""
 
 from __future__ import annotations
 
@@ -62,7 +62,7 @@ def log_in(address: str, function: str) -> None:
     block = public.encrypt(login.payload(), keys._OAEP)
     link.send_image(wire.make_image(1, 0, 0, block))
     link.client_id = link.expect(messages.Response, return_code="OK").client_id
-    # Clients may come as soon as the ports are told.
+    # Clients may connect as soon as the ports are announced.
     server = link
     ports = config["Ports"]
     log("sending relay port message")

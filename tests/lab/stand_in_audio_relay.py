@@ -1,5 +1,5 @@
-"""The audio of a relay, as small as it can be: admits anybody, takes registrations, passes
-every datagram on to every receiver of its program."""
+"""The audio part of a relay, as small as possible: admits every client, accepts registrations,
+passes every datagram on to every receiver of its program."""
 
 from __future__ import annotations
 
@@ -14,13 +14,13 @@ from lab.audio.udp_row import UdpRow
 from lab.protocol import messages, wire
 from lab.stations.station import Station
 from lab.support.addresses import new_address
-from lab.support.channel import Channel, PeerClosed
+from lab.support.channel import Channel
 from lab.support.process_log import ProcessLog
 
 
 class StandInAudioRelay:
-    """Runs from its making to `close`. `tamper` gets every datagram to pass on and returns what
-    goes out in its place; it may keep datagrams for later."""
+    """Runs from its construction to `close`. `tamper` gets every datagram to pass on and returns
+    what is sent in its place; it may keep datagrams for later."""
 
     def __init__(self) -> None:
         self.address = new_address()

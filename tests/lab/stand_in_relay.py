@@ -1,4 +1,4 @@
-"""A relay's side of the connection-server link, as small as it can be, to try the lab's server."""
+"""A relay's side of the connection-server link, as small as possible, to test the lab's server."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ class StandInRelay(Station):
         des_key: bytes = b"",
         source_ip: str = "",
     ) -> StandInRelay:
-        """Connects; without `des_key` as a process of its own, with one that it is."""
+        """Connects; without `des_key` as a new process, with one as the process that has it."""
         relay = cls.connect(server.address, server.port, tls=tls, source_ip=source_ip)
         relay.relay_name = relay_name
         relay.des_key = des_key or os.urandom(8)
@@ -39,7 +39,7 @@ class StandInRelay(Station):
         self.send_image(wire.make_image(messages.LogIn.TYPE, self.client_id, 0, block))
 
     def log_in(self, server: ConnectionServer, function: str = "RELAY") -> str:
-        """Answers the challenge; after an OK tells the ports. Returns the return code."""
+        """Answers the challenge; after an OK announces the ports. Returns the return code."""
         challenge = self.expect(messages.Challenge)
         self.send_login(server, challenge.login_number, function)
         response = self.expect(messages.Response)

@@ -1,4 +1,4 @@
-"""The archive's web server: whom it lets in, what it stores, and how it comes and goes."""
+"""The archive's web server: which users it admits, what it stores, how it starts and stops."""
 
 from __future__ import annotations
 
@@ -50,7 +50,7 @@ def test_a_body_is_stored_as_it_came(endpoint):
     assert stored.user == endpoint.user and before <= stored.arrived <= time.time()
 
 
-def test_bodies_are_listed_in_the_order_of_their_arrival(endpoint):
+def test_bodies_are_listed_in_order_of_arrival(endpoint):
     bodies = [b"%d" % number for number in range(12)]
     for body in bodies:
         post(endpoint, body)
@@ -58,7 +58,7 @@ def test_bodies_are_listed_in_the_order_of_their_arrival(endpoint):
 
 
 @pytest.mark.parametrize("account", [{"password": "wrong"}, {"user": "nobody"}])
-def test_strangers_are_refused_and_nothing_of_theirs_is_stored(endpoint, account):
+def test_unknown_users_are_refused_and_their_posts_not_stored(endpoint, account):
     with pytest.raises(urllib.error.HTTPError) as refusal:
         post(endpoint, b"x", **account)
     assert refusal.value.code == 401
@@ -73,7 +73,7 @@ def test_without_authentication_the_answer_asks_for_a_digest(endpoint):
     assert refusal.value.headers["WWW-Authenticate"].startswith('Digest realm="caption archive"')
 
 
-def test_it_comes_back_at_its_place_with_what_it_had(endpoint):
+def test_it_comes_back_at_the_same_address_with_its_posts(endpoint):
     post(endpoint, b"before")
     endpoint.stop()
     assert not endpoint.running
@@ -84,7 +84,7 @@ def test_it_comes_back_at_its_place_with_what_it_had(endpoint):
     assert [one.body for one in endpoint.posts()] == [b"before", b"after"]
 
 
-def test_a_body_in_the_making_is_not_listed(endpoint):
+def test_an_incomplete_body_is_not_listed(endpoint):
     (endpoint.folder / "posts" / "0001-1.part").write_bytes(b"{")
     assert endpoint.posts() == []
 
@@ -96,14 +96,14 @@ def test_waiting_for_bodies_ends(endpoint):
         endpoint.wait_posts(2, within_secs=0.05)
 
 
-def test_two_of_them_know_nothing_of_each_other(endpoint):
+def test_two_instances_are_independent(endpoint):
     with ArchiveEndpoint(user="other", password="secret") as other:
         post(other, b"x")
         assert endpoint.posts() == [] and len(other.posts()) == 1
         assert other.url != endpoint.url
 
 
-def test_why_it_does_not_start_is_told():
+def test_a_failed_start_says_why():
     endpoint = ArchiveEndpoint()
     try:
         with (endpoint.folder / "apache.conf").open("a") as configuration:
@@ -126,7 +126,7 @@ def test_it_leaves_nothing_behind():
         os.kill(pid, 0)
 
 
-def test_it_does_not_outlive_us():
+def test_it_does_not_outlive_its_parent():
     program = (
         "import os\n"
         "from lab.archive.endpoint import ArchiveEndpoint\n"

@@ -1,4 +1,4 @@
-"""Reading what relays archive: exact bodies, and what captions have to become in them."""
+"""Reading what relays archive: exact bodies, and what captions become in them."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from lab.archive import posted_json
 from lab.archive.posted_json import BadPayload, Keeper, Payload, Record
 
 ERASE, OTHER_ERASE, TEXT = b"\x14\x2c", b"\x15\x2c", b"AB"
-#: Both fields: the second one's first caption has an odd number of bytes, which 80 completes.
+#: Both fields: the second one's first caption has an odd number of bytes, which 80 pads.
 BODY = (
     b'{"time" : 1700000075,"dur" : 60,"feedID" : "4294967295",'
     b'"CaptionData" : {"format" : "SCCP",'
@@ -21,7 +21,7 @@ EMPTY = (
 )
 
 
-def test_a_body_is_taken_apart():
+def test_a_body_is_parsed():
     payload = posted_json.read(BODY)
     assert payload == Payload(
         time=1700000075,
@@ -37,7 +37,7 @@ def test_a_body_is_taken_apart():
     assert posted_json.write(payload) == BODY
 
 
-def test_a_body_without_captions_is_one_too():
+def test_a_body_without_captions_is_valid():
     assert posted_json.read(EMPTY) == Payload(0, 0, 1, [])
 
 
@@ -65,7 +65,7 @@ def test_a_body_without_captions_is_one_too():
         (b"SCCP", b"SCC\xff"),
     ],
 )
-def test_whatever_is_not_as_relays_write_it_is_refused(right, wrong):
+def test_anything_not_as_relays_write_it_is_refused(right, wrong):
     assert right in BODY
     with pytest.raises(BadPayload):
         posted_json.read(BODY.replace(right, wrong))
@@ -96,7 +96,7 @@ def test_a_run_of_erasing_is_kept_once_in_each_field(captions, kept):
 
 def test_captions_become_the_records_of_their_field():
     captions = [TEXT, ERASE, ERASE, b"\xc1C", b"\xc1\xc2"]
-    # A pair belongs to the field of its first byte, but a byte is written into its own.
+    # A pair belongs to the field of its first byte, but each byte is written to its own.
     assert posted_json.renderings(captions) == [b"\xc1\xc2", b"\x94\x2c", b"C\x80"]
     assert posted_json.renderings(captions, field=2) == [b"\xc1\x80", b"\xc1\xc2"]
 

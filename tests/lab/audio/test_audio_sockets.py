@@ -1,4 +1,4 @@
-"""Audio sockets: what they send, where they hear, what they refuse."""
+"""Audio sockets: what they send, where they receive, what they refuse."""
 
 from __future__ import annotations
 
@@ -33,42 +33,42 @@ def test_a_registration_byte_by_byte():
     )
 
 
-def test_odd_registrations_are_sent_as_asked_for():
-    odd = audio_wire.registration(0, b"", 9, marked_id=77, terminator=False, tail=b"x" * 3000)
-    marked_id, image = wire.from_datagram(odd)
+def test_malformed_registrations_are_sent_as_requested():
+    malformed = audio_wire.registration(0, b"", 9, marked_id=77, terminator=False, tail=b"x" * 3000)
+    marked_id, image = wire.from_datagram(malformed)
     assert marked_id == 77 and wire.read_header(image) == (19, 0, 9)
     assert image[9:] == b"0~" + b"x" * 3000
 
 
-def test_what_is_sent_comes_back_unchanged_and_from_the_port_it_went_to(relay):
+def test_datagrams_come_back_unchanged_from_the_port_they_were_sent_to(relay):
     with registered(relay, 3) as audio:
         sent = audio.send(b"sound")
         assert sent == bytes(12) + struct.pack("<I", 7) + b"sound"
         audio.expect(sent)
 
 
-def test_each_channel_is_heard_at_its_own_port(relay):
+def test_each_channel_is_received_at_its_own_port(relay):
     with registered(relay, 5) as audio:
         for channel in (2, 1, 0):
             audio.expect(audio.send(b"%d" % channel, channel), channel=channel)
         assert audio.receives_nothing(0.05)
 
 
-def test_another_datagram_than_expected_is_an_error(relay):
+def test_an_unexpected_datagram_is_an_error(relay):
     with registered(relay) as audio:
         audio.send(b"a")
         with pytest.raises(AssertionError, match="expected"):
             audio.expect(b"b")
 
 
-def test_a_datagram_from_elsewhere_is_not_the_relays(relay):
+def test_a_datagram_from_another_source_is_an_error(relay):
     with registered(relay) as audio, AudioSocket(relay) as stranger:
         stranger.relay = AudioAddress(*audio.local_address)
         with pytest.raises(AssertionError, match="expected it from"):
             audio.expect(stranger.send(b"a"))
 
 
-def test_silence_is_told_from_sound(relay):
+def test_silence_and_audio_are_distinguished(relay):
     with registered(relay) as audio:
         audio.expect(audio.send(b"first"))
         with pytest.raises(LabTimeout):
@@ -86,7 +86,7 @@ def test_bursts_arrive_whole_and_in_order(relay):
         assert audio.overflows == 0
 
 
-def test_datagrams_lost_at_our_own_door_are_counted(monkeypatch):
+def test_datagrams_lost_in_our_own_kernel_are_counted(monkeypatch):
     monkeypatch.setattr("lab.audio.udp_row._RECEIVE_BUFFER", 4096)
     with AudioSocket(AudioAddress("127.0.0.1", 1), fec=False) as audio:
         with AudioSocket(AudioAddress(*audio.local_address), fec=False) as sender:
@@ -110,7 +110,7 @@ def test_a_port_that_is_taken_is_refused(relay):
         AudioSocket(relay, port=audio.local_address[1] - 4)
 
 
-def test_parity_makes_a_packet_again():
+def test_parity_recovers_a_packet():
     one, other = b"long packet", b"short"
     parity = audio_wire.parity(one, other)
     assert audio_wire.parity(parity, one).rstrip(b"\0") == other

@@ -1,4 +1,4 @@
-"""A clip played through a stand-in relay, and what the listener makes of it."""
+"""A clip played through a stand-in relay, and the listener's verdict on it."""
 
 from __future__ import annotations
 
@@ -39,14 +39,14 @@ def heard(*datagrams: bytes, at: list[float] | None = None) -> list[Heard]:
     return [Heard(one, ("127.0.0.1", 1), 0, when) for one, when in zip(datagrams, times)]
 
 
-def test_the_schedule_repeats_and_cuts():
+def test_the_schedule_repeats_and_truncates():
     assert [cue.packet for cue in schedule(PACKETS, 0.04)] == [b"one", b"two", b"three", b"one"]
     assert [cue.at for cue in schedule(PACKETS, 0.025)] == pytest.approx([0, 0.01, 0.02])
     assert schedule(PACKETS, 0) == [] and schedule([], 1) == []
     assert schedule([Packet(b"x", 0.02)], 3600)[-1].at == pytest.approx(3599.98)
 
 
-def test_a_clip_arrives_unchanged_at_its_real_pace(audio):
+def test_a_clip_arrives_unchanged_in_real_time(audio):
     player = ClipPlayer(audio, seconds=0.5)
     with ClipListener(audio) as listener:
         player.start().finish()
@@ -54,12 +54,12 @@ def test_a_clip_arrives_unchanged_at_its_real_pace(audio):
     verdict = listener.verdict(player.sent())
     assert len(player.sent()) == 25 and verdict.perfect
     times = player.times()
-    # Late is possible on a busy machine; early never is.
+    # Late is possible on a busy machine; early is not.
     assert 0.48 - player.worst_lateness_secs <= times[-1] - times[0] + 1e-6 < 5
 
 
-def test_a_late_start_moves_no_other_packet(audio, monkeypatch):
-    # The clock jumps ahead by 25 ms at each look: all packets are late, none is left out.
+def test_a_late_packet_delays_no_other(audio, monkeypatch):
+    # The clock jumps ahead by 25 ms at each reading: all packets are late, none is skipped.
     now = iter(range(1000))
     clock = types.SimpleNamespace(monotonic=lambda: next(now) * 0.025)
     monkeypatch.setattr("lab.audio.clip_player.time", clock)
@@ -69,14 +69,14 @@ def test_a_late_start_moves_no_other_packet(audio, monkeypatch):
     assert player.worst_lateness_secs > 0.3
 
 
-def test_no_two_datagrams_of_a_play_are_alike(audio):
+def test_no_two_datagrams_are_equal(audio):
     player = ClipPlayer(audio, PACKETS, seconds=0.1, fec=True)
     player.play()
     everything = [one for channel in audio_wire.CHANNELS for one in player.sent(channel)]
     assert len(set(everything)) == len(everything) == 30
 
 
-def test_error_correction_travels_beside_the_sound_and_mends_it(audio):
+def test_error_correction_is_sent_with_the_audio_and_recovers_it(audio):
     player = ClipPlayer(audio, PACKETS, fec=True)
     with ClipListener(audio) as listener:
         player.play()
@@ -96,14 +96,14 @@ def test_stopping_ends_the_play_early(audio):
     assert 1 <= len(player.sent()) < 1000
 
 
-def test_what_ends_a_play_in_its_thread_is_told_at_the_end():
+def test_an_error_in_the_players_thread_is_raised_at_the_end():
     audio = AudioSocket(AudioAddress("127.0.0.1", 1))
     audio.close()
     with pytest.raises(OSError):
         ClipPlayer(audio, PACKETS).start().finish()
 
 
-def test_senders_are_told_apart_by_their_mark(relay, audio):
+def test_senders_are_distinguished_by_the_marked_id(relay, audio):
     with AudioSocket(relay, 1, client_id=9) as other, ClipListener(audio) as listener:
         mine = audio.send_burst([b"1", b"2"])
         others = other.send_burst([b"1", b"2", b"3"])
@@ -113,7 +113,7 @@ def test_senders_are_told_apart_by_their_mark(relay, audio):
         assert listener.verdict(mine).changed == 3
 
 
-def test_waiting_for_what_does_not_come_ends(audio):
+def test_waiting_for_missing_datagrams_times_out(audio):
     with ClipListener(audio) as listener, pytest.raises(LabTimeout, match="0 of 1"):
         listener.wait_for(1, 0.1)
 
@@ -127,7 +127,7 @@ def test_waiting_for_what_does_not_come_ends(audio):
         (lambda one: [one] * (2 if sequence(one) == 5 else 1), {"duplicates": 1}),
     ],
 )
-def test_one_fault_on_the_way_is_found(relay, audio, spoil, count):
+def test_one_fault_in_transit_is_found(relay, audio, spoil, count):
     relay.tamper = spoil
     player = ClipPlayer(audio, seconds=0.2)
     with ClipListener(audio) as listener:
@@ -137,7 +137,7 @@ def test_one_fault_on_the_way_is_found(relay, audio, spoil, count):
     assert not verdict.perfect and faults(verdict) == {**dict.fromkeys(NO_FAULTS, 0), **count}
 
 
-def test_two_that_change_places_on_the_way_are_found(relay, audio):
+def test_two_datagrams_swapped_in_transit_are_found(relay, audio):
     held: list[bytes] = []
 
     def swap(one: bytes) -> list[bytes]:

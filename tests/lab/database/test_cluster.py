@@ -1,4 +1,4 @@
-"""The private database: start, stop, crash, schemas side by side, and the route table itself."""
+"""The private database: start, stop, crash, separate schemas, and the route table itself."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ def test_the_table_holds_unsigned_ids_and_signed_classes(cluster):
     schema.wait_for_routes({(BIGGEST_ID - 1, BIGGEST_ID, -32)})
 
 
-def test_a_route_given_twice_fails_in_the_words_that_the_relay_looks_for(cluster):
+def test_a_duplicate_route_fails_with_the_message_that_the_relay_expects(cluster):
     schema = cluster.new_schema()
     insert(schema, 1, 2, 192)
     with pytest.raises(SqlError, match="duplicate key value violates unique constraint"):
@@ -48,7 +48,7 @@ def test_schemas_do_not_see_each_other(cluster):
     assert cluster.query("SELECT * FROM iopatch") == []
 
 
-def test_the_environment_leads_libpq_to_the_schema(cluster):
+def test_the_environment_directs_libpq_to_the_schema(cluster):
     schema = cluster.new_schema()
     insert(schema, 7, 8, 128)
     done = subprocess.run(
@@ -71,7 +71,7 @@ def test_the_environment_leads_libpq_to_the_schema(cluster):
         "clientto='1' OR clientfrom='1'",
     ],
 )
-def test_every_condition_of_the_relay_is_served_by_an_index(cluster, where):
+def test_every_condition_of_the_relay_uses_an_index(cluster, where):
     schema = cluster.new_schema()
     schema.query(
         "INSERT INTO iopatch SELECT n, m, 192 FROM generate_series(1, 200) n, "

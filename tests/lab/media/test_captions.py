@@ -8,7 +8,7 @@ from lab.media import cea608, scc
 from lab.play.speakers import CLIP, schedule
 
 
-def test_the_clip_is_sound_and_reads_as_text():
+def test_the_clip_is_valid_and_decodes_to_text():
     cues = scc.read(CLIP)
     decoder = cea608.Decoder()
     texts = [decoder.feed(cea608.strip_parity(cue.data)) for cue in cues]
@@ -18,7 +18,7 @@ def test_the_clip_is_sound_and_reads_as_text():
     assert 16 < cues[-1].seconds < 18
 
 
-def test_the_clip_makes_every_special_byte_travel():
+def test_the_clip_contains_every_special_byte():
     data = b"".join(cea608.strip_parity(cue.data) for cue in scc.read(CLIP))
     assert all(byte in data for byte in b"\\~\0")
 
@@ -30,7 +30,7 @@ def test_odd_parity(byte, with_parity):
     assert cea608.has_odd_parity(with_parity)
 
 
-def test_the_field_takes_the_place_of_parity():
+def test_the_field_replaces_parity():
     assert cea608.strip_parity(b"\xc1\x43") == b"\x41\x43"
     assert cea608.strip_parity(b"\xc1\x43", field=2) == b"\xc1\xc3"
 
@@ -49,7 +49,7 @@ def test_time_codes_with_and_without_dropped_frames():
         ("00:00:02:00\t9420\n00:00:01:00\t9420", "earlier"),
     ],
 )
-def test_faults_in_a_file_are_named(body, words):
+def test_errors_in_a_file_are_reported(body, words):
     with pytest.raises(scc.SccError, match=words):
         scc.parse(f"{scc.HEADER}\n\n{body}\n")
 
@@ -83,7 +83,7 @@ def test_a_letter_outside_the_set_is_refused():
         cea608.code_of("*")
 
 
-def test_the_schedule_repeats_and_cuts():
+def test_the_schedule_repeats_and_truncates():
     cues = [scc.Cue(1.0, b"a"), scc.Cue(2.0, b"b")]
     assert [cue.seconds for cue in schedule(cues, 5.0)] == [1.0, 2.0, 4.5]
     assert schedule(cues, 0.5) == []

@@ -1,4 +1,4 @@
-"""The Opus packets of an Ogg file: the checked-in clip, and files that are not sound."""
+"""The Opus packets of an Ogg file: the checked-in clip, and invalid files."""
 
 from __future__ import annotations
 
@@ -35,11 +35,11 @@ def test_the_clip_is_some_seconds_of_speech_in_packets_of_20_ms():
     packets = ogg_opus.read(CLIP)
     assert CLIP.stat().st_size < 30000
     assert len(packets) == 444 and {packet.seconds for packet in packets} == {0.02}
-    # Speech, not silence: hardly two packets are alike.
+    # Speech, not silence: hardly two packets are equal.
     assert len({packet.data for packet in packets}) > 440
 
 
-def test_packets_come_out_as_they_went_in():
+def test_packets_are_read_as_written():
     wanted = [TOC_20_MS + bytes(n) for n in (0, 253, 254, 255, 600)]
     assert [packet.data for packet in ogg_opus.parse(stream(*wanted))] == wanted
 
@@ -48,7 +48,7 @@ def test_a_packet_may_span_pages():
     start, rest = TOC_20_MS + bytes(254), b"rest"
     data = page(0, [HEAD], 2) + page(1, [TAGS]) + sealed(2, b"\xff", start)
     assert ogg_opus.parse(data + page(3, [rest], 5))[0].data == start + rest
-    with pytest.raises(ogg_opus.OggError, match="fit"):
+    with pytest.raises(ogg_opus.OggError, match="continue"):
         ogg_opus.parse(data + page(3, [rest], 4))
     with pytest.raises(ogg_opus.OggError, match="no end"):
         ogg_opus.parse(data + sealed(3, b"\xff", bytes(255), 5))
@@ -59,7 +59,7 @@ def test_a_packet_may_span_pages():
     [(b"\x00", 0.01), (b"\x18", 0.06), (b"\x60", 0.01), (b"\x68", 0.02), (b"\x80", 0.0025),
      (b"\xf8", 0.02), (b"\xf9", 0.04), (b"\xfa", 0.04), (b"\xfb\x06", 0.12)],
 )  # fmt: skip
-def test_the_first_bytes_of_a_packet_tell_how_long_it_sounds(packet, seconds):
+def test_the_first_bytes_of_a_packet_give_its_duration(packet, seconds):
     assert ogg_opus.packet_secs(packet) == pytest.approx(seconds)
 
 
@@ -83,13 +83,13 @@ FIRST, SECOND = page(0, [HEAD], 2), page(1, [TAGS])
         (SOUND[:-1] + b"x", "checksum"),
         (FIRST + page(2, [TAGS], 4), "page 1 is missing"),
         (FIRST + page(1, [TAGS], 4, serial=2), "more than one"),
-        (FIRST + SECOND, "mark of the end"),
-        (page(0, [HEAD]) + page(1, [TAGS], 4), "mark of the beginning"),
+        (FIRST + SECOND, "last-page flag"),
+        (page(0, [HEAD]) + page(1, [TAGS], 4), "first-page flag"),
         (page(0, [TAGS], 2) + page(1, [TAGS], 4), "Opus header"),
         (page(0, [HEAD[:8] + b"\x10" + HEAD[9:]], 2) + page(1, [TAGS], 4), "version"),
-        (FIRST + page(1, [HEAD], 4), "no tags"),
+        (FIRST + page(1, [HEAD], 4), "not followed by tags"),
     ],
 )
-def test_files_that_are_not_sound_are_refused(data, words):
+def test_invalid_files_are_refused(data, words):
     with pytest.raises(ogg_opus.OggError, match=words):
         ogg_opus.parse(data)

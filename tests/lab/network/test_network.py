@@ -1,4 +1,4 @@
-"""The network in a box around a relay in miniature."""
+"""The network in a box around a minimal relay."""
 
 from __future__ import annotations
 
@@ -49,20 +49,20 @@ def test_a_caption_crosses_and_all_processes_end(cluster, tls):
     assert not network.relay.folder.exists()
 
 
-def test_a_ticket_for_somebody_else_is_refused(cluster):
+def test_a_ticket_of_another_client_is_refused(cluster):
     with Network(cluster, binary=FAKE) as network:
         station = network.connect(Encoder)
         station.login(2001, network.server.ticket_for(2002), expect="UNAUTHORIZED")
         assert station.closed_by_peer()
 
 
-def test_two_networks_stand_side_by_side_in_one_cluster(cluster):
+def test_two_networks_share_one_cluster(cluster):
     with Network(cluster, binary=FAKE) as one, Network(cluster, binary=FAKE) as other:
         one.route(1, 2, messages.PIPE_CAPTION)
         assert other.schema.routes() == set()
 
 
-def test_the_log_tells_what_is_missing_and_that_the_process_ended():
+def test_a_log_wait_reports_the_missing_text_and_the_end_of_the_process():
     with Relay(binary=FAKE, env={"FAKE_RELAY_FAULT": "silent"}) as relay:
         relay.log.expect("Version 3.4.8")
         with pytest.raises(LabTimeout, match="no 'nonsense' within"):
@@ -78,14 +78,14 @@ def test_the_log_tells_what_is_missing_and_that_the_process_ended():
         relay.log.expect("Version 3.4.8", since=mark)
 
 
-def test_a_failed_start_takes_everything_down(cluster):
+def test_a_failed_start_shuts_everything_down(cluster):
     network = Network(cluster, binary=FAKE, env={"PGPORT": "1"})
     with pytest.raises(LabTimeout, match="could not connect to database"):
         network.start()
     assert not network.relay.running and not network.relay.folder.exists()
 
 
-def test_every_key_finds_its_place_in_the_file():
+def test_every_key_is_written_to_its_section():
     config = RelayConfig(
         servers=["a", "b"], tcp_port=1, server_tls_port=2, wavecast=True, fec=False,
         keys={("Login", "password"): None, ("Ports", "tcp"): "1e300"},
@@ -114,7 +114,7 @@ def test_no_two_processes_get_the_same_address():
     assert len(handed_out) == len(set(handed_out)) == 1200
 
 
-def test_video_pages_join_to_the_frame_again():
+def test_video_pages_make_up_the_frame():
     class Pages(Monitor):
         def __init__(self, pages):
             self.name = "monitor"

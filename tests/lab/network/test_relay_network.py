@@ -1,4 +1,4 @@
-"""Several relays in miniature with one connection server, or two: joined, killed, moved over."""
+"""Several minimal relays with one connection server, or two: joined, killed, moved over."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from lab.database.cluster import Cluster
 from lab.network.relay_network import RelayNetwork
 from lab.protocol import messages
 from lab.relay.config import RelayConfig
-from lab.relay.join_log import program_0_taken
+from lab.relay.join_log import program_0_accepted
 from lab.stations.caption_stations import Captioner, Encoder
 from lab.support.waiting import LabTimeout
 
@@ -50,7 +50,7 @@ def test_a_caption_crosses_two_relays_and_stays_at_one(cluster, tls):
         assert not Path(f"/proc/{pid}").exists()
 
 
-def test_relays_differ_in_name_address_schema_and_what_the_test_wants(cluster):
+def test_relays_differ_in_name_address_schema_and_given_settings(cluster):
     configs = {"west": RelayConfig(fec=False, password="other")}
     names = ("east", "west", "north")
     with RelayNetwork(cluster, names, fec=True, configs=configs, binary=FAKE) as network:
@@ -67,7 +67,7 @@ def test_relays_differ_in_name_address_schema_and_what_the_test_wants(cluster):
         assert network.known("west").clients == {1002}
 
 
-def test_a_killed_relay_comes_back_at_its_place_and_into_the_network(cluster):
+def test_a_killed_relay_comes_back_at_its_address_and_rejoins(cluster):
     with RelayNetwork(cluster, binary=FAKE) as network:
         network.join("east", "west", keep=True)
         captioner = network.station(Captioner, at="east")
@@ -85,7 +85,7 @@ def test_a_killed_relay_comes_back_at_its_place_and_into_the_network(cluster):
         _passes(captioner, again, b"again")
 
 
-def test_a_server_goes_and_comes_back_and_is_replaced(cluster):
+def test_a_server_stops_and_comes_back_and_is_replaced(cluster):
     with RelayNetwork(cluster, binary=FAKE, backup=True) as network:
         network.join("east", "west", keep=True)
         captioner = network.station(Captioner, at="east")
@@ -107,7 +107,7 @@ def test_a_server_goes_and_comes_back_and_is_replaced(cluster):
         assert network.backup.orders.sent_orders == []
 
 
-def test_without_a_backup_there_is_nothing_to_replace_the_server(cluster):
+def test_without_a_backup_the_server_cannot_be_replaced(cluster):
     with RelayNetwork(cluster, binary=FAKE) as network, pytest.raises(RuntimeError):
         network.replace_server()
 
@@ -125,7 +125,7 @@ def test_without_a_backup_there_is_nothing_to_replace_the_server(cluster):
         ([], False),
     ],
 )
-def test_a_registration_for_program_0_is_taken_unless_refused(lines, taken):
+def test_a_registration_for_program_0_is_accepted_unless_refused(lines, taken):
     came = "UDP registration messages from source 1001, program_idx"
-    assert program_0_taken([line.format(came) for line in lines], 1001) is taken
-    assert not program_0_taken([line.format(came) for line in lines], 100)
+    assert program_0_accepted([line.format(came) for line in lines], 1001) is taken
+    assert not program_0_accepted([line.format(came) for line in lines], 100)

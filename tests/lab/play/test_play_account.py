@@ -1,4 +1,4 @@
-"""What the demonstration counts as arrived, lost, changed, and how long it takes a gap to last."""
+"""What the demonstration counts as arrived, lost or changed, and how long a gap lasts."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ SENT = [Item(float(second), b"%d" % second) for second in range(6)]
 
 
 def later(*seconds, by=0.25):
-    """What was sent in these seconds, a little later."""
+    """What was sent in these seconds, arriving a little later."""
     return [Item(second + by, b"%d" % second) for second in seconds]
 
 
@@ -40,35 +40,35 @@ def test_a_gap_lasts_from_the_arrival_before_to_the_arrival_after(arrived, gaps)
     assert account.good == len(arrived)
 
 
-def test_what_was_not_sent_is_changed_and_what_it_was_before_is_lost():
+def test_an_item_that_was_not_sent_is_changed_and_the_original_lost():
     account = compare(SENT, [*later(0, 1), Item(2.1, b"x"), *later(3, 4, 5)])
     assert (account.good, account.changed, account.lost) == (5, 1, 1)
 
 
-def test_what_arrives_before_it_is_sent_is_no_arrival_of_it():
+def test_an_arrival_before_the_sending_does_not_match():
     account = compare(SENT, [Item(2.9, b"3")])
     assert (account.good, account.changed) == (0, 1)
 
 
-def test_what_comes_twice_counts_once():
+def test_duplicates_count_once():
     account = compare(SENT, [*later(0, 1, 2, 3, 4, 5), Item(5.5, b"1")])
     assert (account.good, account.repeated, account.lost) == (6, 1, 0)
 
 
-def test_what_overtakes_another_is_out_of_order():
+def test_an_item_that_overtakes_another_is_out_of_order():
     arrived = [Item(2.25, b"2"), Item(2.5, b"1"), *later(3, 4, 5)]
     account = compare(SENT, later(0) + arrived)
     assert (account.good, account.out_of_order, account.slowest_secs) == (6, 1, 1.5)
 
 
-def test_the_clip_repeats_itself_and_an_arrival_is_of_the_latest_round():
+def test_an_arrival_belongs_to_the_latest_round_of_the_clip():
     sent = [Item(float(second), b"%d" % (second % 2)) for second in range(6)]
     account = compare(sent, [Item(0.1, b"0"), Item(4.1, b"0"), Item(5.1, b"1")])
     assert account.gaps == (Gap(3, 0.0, 1.0, 0.1, 4.1),)
     assert account.slowest_secs == pytest.approx(0.1)
 
 
-def test_who_comes_late_need_not_have_what_was_sent_before_and_may():
+def test_a_late_listener_may_or_may_not_have_earlier_items():
     account = compare(SENT, later(2, 3, 4, 5), awaited_from=2.5)
     assert (account.sent, account.good, account.changed, account.gaps) == (3, 3, 0, ())
     account = compare(SENT, later(5), awaited_from=2.5)
@@ -76,7 +76,7 @@ def test_who_comes_late_need_not_have_what_was_sent_before_and_may():
     assert compare(SENT, [], awaited_from=float("inf")).sent == 0
 
 
-def test_of_nothing_nothing_is_missing():
+def test_nothing_is_missing_when_nothing_was_sent():
     account = compare([], [])
     assert (account.sent, account.good, account.lost, account.slowest_secs) == (0, 0, 0, 0.0)
     assert compare([], [Item(1.0, b"x")]).changed == 1

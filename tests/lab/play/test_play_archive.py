@@ -1,4 +1,4 @@
-"""What the demonstration finds in its archive: what has to be there, from whom, in what words."""
+"""What the demonstration checks in its archive: contents, origin, and how it is reported."""
 
 from __future__ import annotations
 
@@ -34,7 +34,7 @@ def account(*posts):
     return archive_with(*posts).account(SENT, 1700000000)
 
 
-def test_what_has_to_be_there_is_what_a_relay_keeps():
+def test_the_archive_has_to_hold_what_a_relay_keeps():
     assert awaited(SENT) == [
         Item(1700000000.123, b"\xc1\xc2"),
         Item(1700000002.0, b"\x94\x2c"),
@@ -42,7 +42,7 @@ def test_what_has_to_be_there_is_what_a_relay_keeps():
     ]
 
 
-def test_all_of_it_is_good_whether_it_came_at_once_or_not():
+def test_captions_are_good_in_one_post_or_several():
     for posts in ([post(*STORED)], [post(STORED[0]), post(*STORED[1:])]):
         found = account(*posts)
         assert (found.sent, found.good, found.lost, found.changed) == (3, 3, 0, 0)
@@ -50,7 +50,7 @@ def test_all_of_it_is_good_whether_it_came_at_once_or_not():
         assert archive_with(*posts).holds(3) and not archive_with(*posts).holds(4)
 
 
-def test_what_is_missing_changed_or_misplaced_is_found():
+def test_missing_changed_and_reordered_captions_are_found():
     (gap,) = account(post(STORED[0], STORED[2])).gaps
     assert gap.lost == 1 and gap.sent_from == pytest.approx(2.0)
     found = account(post(STORED[0], STORED[1]._replace(data=b"\x94\xad"), STORED[2]))
@@ -62,33 +62,33 @@ def test_what_is_missing_changed_or_misplaced_is_found():
     assert account().gaps[0].ended is None
 
 
-def test_what_is_noted_before_it_was_sent_is_not_it():
+def test_a_caption_dated_before_its_sending_does_not_match():
     found = account(post(STORED[0]._replace(time=1700000000.122), *STORED[1:]))
     assert (found.good, found.changed) == (2, 1)
 
 
-def test_the_other_field_is_not_what_was_sent():
+def test_captions_of_the_other_field_do_not_match():
     found = account(post(*STORED, STORED[0]._replace(field=2, data=b"\xc1\xc2")))
     assert found.good == 3 and found.changed + found.repeated == 1
 
 
-def test_strangers_are_named():
+def test_unexpected_posts_are_described():
     archive = archive_with(
         post(*STORED), post(STORED[0], uri="/captions/west"), post(STORED[1], feed_id=7)
     )
-    assert archive.strangers("east", 2001) == [
+    assert archive.unexpected_posts("east", 2001) == [
         "archive: west posted captions of client 2001",
         "archive: east posted captions of client 7",
     ]
 
 
-def test_a_post_is_told_in_one_line():
-    assert words(post(STORED[0])) == "takes  1 caption of client 2001 from east, 137 bytes"
-    assert words(post(*STORED)).startswith("takes  3 captions of client 2001 from east, ")
+def test_a_post_is_described_in_one_line():
+    assert words(post(STORED[0])) == "stores 1 caption of client 2001 from east, 137 bytes"
+    assert words(post(*STORED)).startswith("stores 3 captions of client 2001 from east, ")
     assert "Expecting value" in words(post()._replace(body=b"?"))
 
 
-def test_each_relay_has_an_address_of_its_own_at_the_same_account():
+def test_each_relay_has_its_own_path_and_the_same_account():
     archive = Archive()
     try:
         text = archive.config("east").render()

@@ -1,4 +1,4 @@
-"""Listeners of the demonstration, at a relay in miniature: they hear, and they come back."""
+"""Listeners of the demonstration, at a minimal relay: they receive, and they reconnect."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ def _captions(listener):
     return [item.data for item in listener.arrived("captions")]
 
 
-def test_a_listener_comes_back_to_a_relay_that_was_killed(network, capsys):
+def test_a_listener_reconnects_to_a_relay_that_was_killed(network, capsys):
     listener = CaptionListener(network, "encoder 1", "west")
     try:
         for text in (b"\x14\x20AB\x14\x2f", b"\x14\x20CD\x14\x2f"):
@@ -34,15 +34,15 @@ def test_a_listener_comes_back_to_a_relay_that_was_killed(network, capsys):
             network.route(captioner, listener.client_id, messages.PIPE_CAPTION)
             captioner.caption(text)
             wait_until(lambda text=text: text in _captions(listener), 5, "the caption arrives")
-            if not listener.partings:
+            if not listener.losses:
                 before = listener.arrived("captions")[-1].at
                 network.kill("west")
                 network.restart("west")
-                wait_until(lambda: listener.returns, 10, "the listener comes back")
-        assert len(listener.partings) == len(listener.returns) == 1 and not listener.error
-        assert listener.partings[0] < listener.returns[0]
-        assert listener.heard_since(before)
-        assert not listener.heard_since(listener.arrived("captions")[-1].at)
+                wait_until(lambda: listener.log_ins, 10, "the listener reconnects")
+        assert len(listener.losses) == len(listener.log_ins) == 1 and not listener.error
+        assert listener.losses[0] < listener.log_ins[0]
+        assert listener.received_since(before)
+        assert not listener.received_since(listener.arrived("captions")[-1].at)
     finally:
         listener.close()
     shown = capsys.readouterr().out
@@ -50,7 +50,7 @@ def test_a_listener_comes_back_to_a_relay_that_was_killed(network, capsys):
     assert "is logged in again after" in shown
 
 
-def test_what_is_no_caption_is_an_error_of_the_listener(network):
+def test_a_message_that_is_no_caption_is_an_error(network):
     listener = CaptionListener(network, "encoder 1", "west")
     try:
         network.kill("east")
@@ -62,10 +62,10 @@ def test_what_is_no_caption_is_an_error_of_the_listener(network):
         listener.close()
 
 
-def test_a_listener_that_was_told_of_the_end_does_not_come_back(network):
+def test_a_listener_that_expects_the_end_does_not_reconnect(network):
     listener = CaptionListener(network, "encoder 1", "west")
     listener.expect_end()
     assert network["west"].relay.stop() == 0
     listener.read_to_end()
     listener.close()
-    assert listener.partings == [] and not listener.error
+    assert listener.losses == [] and not listener.error

@@ -1,4 +1,4 @@
-"""Every message type: its bytes, and the special rules of reading."""
+"""Every message type: its bytes, and the special rules of parsing."""
 
 from __future__ import annotations
 
@@ -37,7 +37,7 @@ def test_bytes_and_back(message, type_code, payload):
     message.sender_id, message.dest_id = 10, 20
     assert message.image() == wire.make_image(type_code, 10, 20, payload)
     assert messages.parse(message.image()) == message
-    # The pad of a frame is one more empty field, which nobody minds.
+    # The pad of a frame is one more empty field, which is ignored.
     assert messages.parse(message.image() + b"~") == message
 
 
@@ -51,7 +51,7 @@ def test_unsigned_numbers_may_be_hexadecimal_or_octal_on_input():
     assert (update.from_id, update.to_id, update.msg_class) == (16, 8, 192)
 
 
-def test_missing_fields_read_as_nothing():
+def test_missing_fields_read_as_empty():
     update = messages.parse(wire.make_image(17, 0, 0, b"CONNECT~"))
     assert update == messages.RoutingUpdate("CONNECT", 0, 0, 0)
 
@@ -62,13 +62,13 @@ def test_a_short_relay_port_has_no_address_and_no_tls():
         assert port == messages.RelayPort(9736, 6900, 0, 0, 0)
 
 
-def test_ids_that_travel_as_signed_numbers_wrap():
+def test_ids_sent_as_signed_numbers_wrap():
     assert messages.ConnectConfirm(2**32 - 1).payload() == b"-1~"
     assert messages.parse(messages.ConnectConfirm(2**32 - 1).image()).client_id == -1
 
 
 @pytest.mark.parametrize("count", [b"-1", b"99999999", b"x"])
-def test_a_wild_relay_count_reads_only_what_is_there(count):
+def test_an_excessive_relay_count_reads_only_what_is_there(count):
     identify = messages.parse(wire.make_image(24, 0, 0, count + b"~7~"))
     assert identify.relays == ([7] if count == b"99999999" else [])
 
@@ -91,7 +91,7 @@ def test_paging_holds_page_and_total():
     assert (page.page, page.total_pages) == (3, 200)
 
 
-def test_the_code_tables_keep_their_odd_order():
+def test_the_code_tables_keep_their_unusual_order():
     assert messages.RETURN_CODES["REDIRECT"] == 8
     assert messages.RETURN_CODES["SERVICE5 OK"] == 9
     assert set(messages.FUNCTIONS.values()) == {1, 2, 4, 5, 6, 7}

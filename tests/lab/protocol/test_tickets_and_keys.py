@@ -1,4 +1,4 @@
-"""Ticket bytes, DES, the encrypted log-in, the public key's form."""
+"""Ticket bytes, DES, the encrypted log-in, the format of the public key."""
 
 from __future__ import annotations
 
@@ -60,7 +60,7 @@ def test_the_public_key_has_the_form_that_relays_read():
     assert pem.startswith(b"-----BEGIN PUBLIC KEY-----\n")
 
 
-def test_a_certificate_is_written_with_a_private_key_for_our_eyes_only(tmp_path):
+def test_a_certificate_is_written_with_a_private_key_only_we_can_read(tmp_path):
     certificate = keys.write_certificate(tmp_path, "relay", ("127.0.0.1", "127.1.2.3"))
     assert certificate.crt_file.read_bytes().startswith(b"-----BEGIN CERTIFICATE-----")
     assert certificate.key_file.stat().st_mode & 0o777 == 0o600

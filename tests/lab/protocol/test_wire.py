@@ -70,7 +70,7 @@ def test_what_cannot_be_framed(image):
         wire.to_frame(image)
 
 
-def test_the_reader_gives_out_complete_frames_only():
+def test_the_reader_returns_only_complete_frames():
     reader = wire.FrameReader()
     reader.feed(b"\x05" + b"12345678")
     assert list(reader) == [] and reader.pending == b"\x0512345678"

@@ -1,4 +1,4 @@
-"""What a relay gets of the surroundings: with `env` in its place, which prints it."""
+"""The environment that a relay gets: checked with `env` in its place, which prints it."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from lab.relay.relay import Relay
 
 
 @pytest.mark.parametrize("name", ["PGHOST", "http_proxy", "HTTPS_PROXY", "all_proxy"])
-def test_nothing_leads_a_relay_elsewhere_but_what_it_is_given(monkeypatch, name):
+def test_only_given_settings_direct_a_relay(monkeypatch, name):
     monkeypatch.setenv(name, "elsewhere")
     monkeypatch.setenv("KEPT", "kept")
     relay = Relay(env={"PGPORT": "5"}, binary="/usr/bin/env", arguments=[])

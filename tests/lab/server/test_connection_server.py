@@ -57,7 +57,7 @@ def test_a_wrong_challenge_number_is_refused(server):
         relay.expect(messages.Response, return_code="UNAUTHORIZED")
 
 
-def test_a_login_in_clear_is_refused(server):
+def test_an_unencrypted_login_is_refused(server):
     with StandInRelay.at(server) as relay:
         challenge = relay.expect(messages.Challenge)
         relay.send(messages.LogIn("relay", "secret", login_number=challenge.login_number))
@@ -94,13 +94,13 @@ def test_a_link_ends_at_any_stage(server, stage, how):
             assert relay.closed_by_peer()
         end = relay.end_seen
     except (PeerClosed, ConnectionResetError) as error:
-        # The reset of a connection that was only just accepted may strike the connect itself.
+        # The reset of a connection that was only just accepted may hit the connect itself.
         assert isinstance(error, PeerClosed) or stage in ("accept", "challenge")
         end = error
     server.links.wait_for("closed")
-    rude = isinstance(end, (PeerReset, ConnectionResetError))
-    # At "accept" a log-in on its way may meet a closed socket, which answers with a reset.
-    assert rude == (how == "reset") or stage == "accept"
+    was_reset = isinstance(end, (PeerReset, ConnectionResetError))
+    # At "accept" a log-in in transit may meet a closed socket, which answers with a reset.
+    assert was_reset == (how == "reset") or stage == "accept"
     with StandInRelay.at(server) as relay:
         assert relay.log_in(server) == "OK"
 
@@ -116,7 +116,7 @@ def test_silence_and_garbage(server):
             silent.receive(0.1)
 
 
-def test_a_standing_fault_lasts_until_cleared(server):
+def test_a_permanent_fault_lasts_until_cleared(server):
     server.script.fault("login", Fault("close"), times=None)
     for _ in range(2):
         with StandInRelay.at(server) as relay, pytest.raises(PeerClosed):
@@ -153,7 +153,7 @@ def test_a_paused_server_lets_the_link_back_up():
         server.record.wait_for_type(messages.Chat, since=mark)
 
 
-def test_waits_say_what_was_received_instead(server):
+def test_waits_report_what_was_received_instead(server):
     with StandInRelay.at(server) as relay:
         relay.log_in(server)
         server.wait_logged_in()
@@ -169,7 +169,7 @@ def test_a_relay_that_breaks_the_stream_is_a_problem_on_record():
         assert "length code 0" in server.record.problems[0]
 
 
-def test_closing_twice_and_with_a_handshake_under_way_is_quick(tmp_path):
+def test_closing_twice_and_during_a_handshake_is_quick(tmp_path):
     server = ConnectionServer(port=0, certificate=keys.write_certificate(tmp_path)).start()
     with socket.create_connection((server.address, server.port)):
         server.links.wait_for("accept")

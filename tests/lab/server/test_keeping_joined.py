@@ -1,4 +1,4 @@
-"""The plan of the stand-in connection server: relays joined again, routes in force again."""
+"""The plan of the stand-in connection server: relays are joined again, routes ordered again."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ EAST, WEST = 1000, 1001
 
 @pytest.fixture(name="pair")
 def fixture_pair(two_relay_server, log_in):
-    """The server and two relays, joined once, by the plan."""
+    """The server and two relays, joined once by the plan."""
     server = two_relay_server
     east, west = log_in(server, "east"), log_in(server, "west")
     server.orders.keep_joined("east", "west")
@@ -45,9 +45,9 @@ def test_the_first_join_waits_until_both_are_there(two_relay_server, log_in):
 @pytest.mark.parametrize("who", ["east", "west"])
 def test_a_reported_loss_joins_again_with_spacing(pair, who):
     server, east, west = pair
-    teller, lost = (east, WEST) if who == "east" else (west, EAST)
+    reporter, lost = (east, WEST) if who == "east" else (west, EAST)
     for _ in range(20):
-        teller.send(messages.LostConnection(lost))
+        reporter.send(messages.LostConnection(lost))
     east.expect(messages.ConnectOrder, connect_to_id=WEST)
     west.send(messages.ConnectConfirm(EAST))
     assert east.receives_nothing(1.2)
@@ -55,7 +55,7 @@ def test_a_reported_loss_joins_again_with_spacing(pair, who):
     assert second - first >= plan.SPACING_SECS
 
 
-def test_losses_without_end_bring_one_order_a_second(pair):
+def test_endless_losses_cause_one_order_a_second(pair):
     server, east, west = pair
     start = time.monotonic()
     while len(server.orders.sent_orders) < 4:
@@ -67,7 +67,7 @@ def test_losses_without_end_bring_one_order_a_second(pair):
     assert min(gaps) >= plan.SPACING_SECS
 
 
-def test_the_loss_of_others_means_nothing(pair):
+def test_losses_of_other_clients_have_no_effect(pair):
     server, east, west = pair
     west.send(messages.LostConnection(2001))
     east.send(messages.LostConnection(EAST))
@@ -76,7 +76,7 @@ def test_the_loss_of_others_means_nothing(pair):
 
 
 @pytest.mark.parametrize("who", ["east", "west"])
-def test_a_relay_that_comes_back_anew_is_joined_under_the_new_key(pair, log_in, who):
+def test_a_relay_that_starts_a_new_session_is_joined_under_the_new_key(pair, log_in, who):
     server, east, west = pair
     (east if who == "east" else west).reset()
     again = log_in(server, who)
@@ -85,7 +85,7 @@ def test_a_relay_that_comes_back_anew_is_joined_under_the_new_key(pair, log_in, 
     assert read_ticket(order.ticket, peer.des_key)[0] == EAST
 
 
-def test_a_relay_that_continues_is_left_in_peace(pair, log_in):
+def test_a_relay_that_continues_gets_no_order(pair, log_in):
     server, east, _ = pair
     east.reset()
     again = log_in(server, "east", "CONTINUE", des_key=east.des_key)
@@ -93,7 +93,7 @@ def test_a_relay_that_continues_is_left_in_peace(pair, log_in):
     assert len(server.orders.sent_orders) == 1
 
 
-def test_a_loss_during_an_absence_is_made_good_after_it(pair, log_in):
+def test_a_loss_during_an_absence_is_repaired_after_it(pair, log_in):
     server, east, west = pair
     east.reset()
     wait_until(lambda: not server.relays["east"].logged_in, 5)
@@ -114,7 +114,7 @@ def test_an_order_without_effect_is_repeated(two_relay_server, log_in, monkeypat
     assert second - first >= 1.5 and third - second >= 1.5
 
 
-def test_a_pair_no_longer_kept_stays_apart(pair):
+def test_a_pair_no_longer_kept_is_not_joined_again(pair):
     server, east, west = pair
     server.orders.stop_keeping_joined("west", "east")
     west.send(messages.LostConnection(EAST))
@@ -153,7 +153,7 @@ def test_a_route_ordered_during_an_absence_is_sent_after_it(two_relay_server, lo
     again.expect(messages.RoutingUpdate, to_id=server.roster.id_of("west"))
 
 
-def test_a_server_that_was_away_takes_up_its_plan_again(pair, log_in):
+def test_a_server_that_was_away_resumes_its_plan(pair, log_in):
     server, east, west = pair
     server.orders.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
     east.expect(messages.RoutingUpdate, to_id=WEST)
@@ -166,7 +166,7 @@ def test_a_server_that_was_away_takes_up_its_plan_again(pair, log_in):
     again.expect(messages.ConnectOrder, connect_to_id=WEST)
 
 
-def test_a_server_in_its_stead_knows_ids_plan_and_sessions(pair, log_in):
+def test_a_replacement_server_knows_ids_plan_and_sessions(pair, log_in):
     server, east, west = pair
     server.orders.keep_route(2001, "west", messages.PIPE_CAPTION, "east")
     east.expect(messages.RoutingUpdate, to_id=WEST)

@@ -1,4 +1,4 @@
-"""What the stand-in connection server orders relays to do with one another, byte by byte."""
+"""What the stand-in connection server orders relays to do with each other, byte by byte."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ def _ask(relay, requested_id, request="UDP_REG"):
     relay.send(messages.TicketRequest(requested_id, request))
 
 
-def test_a_join_carries_all_that_the_opener_needs(pair):
+def test_a_join_order_holds_all_that_the_opener_needs(pair):
     server, east, west = pair
     sent = server.orders.join("east", "west")
     order = east.expect(messages.ConnectOrder)
@@ -37,7 +37,7 @@ def test_a_join_carries_all_that_the_opener_needs(pair):
     assert west.receives_nothing(0.1)
 
 
-def test_odd_orders_can_be_built(pair):
+def test_malformed_orders_can_be_built(pair):
     server, east, west = pair
     server.orders.join("east", "west", tcp_port=1, address="127.9.9.9", connect_to_id=7)
     order = east.expect(messages.ConnectOrder, tcp_port=1, connect_to_id=7)
@@ -67,7 +67,7 @@ def test_a_request_for_a_ticket_is_answered_at_once(pair):
 @pytest.mark.parametrize(
     ("requested_id", "request_code"), [(1001, "UDP_REG"), (77, "UDP_REG"), (1000, "CONNECT")]
 )
-def test_requests_for_nobody_oneself_or_anything_else_stay_unanswered(
+def test_requests_for_an_unknown_relay_oneself_or_anything_else_stay_unanswered(
     pair, requested_id, request_code
 ):
     server, _, west = pair
@@ -77,7 +77,7 @@ def test_requests_for_nobody_oneself_or_anything_else_stay_unanswered(
     assert len(server.orders.sent_orders) == 1
 
 
-def test_answers_can_be_switched_off_delayed_and_spoilt(pair):
+def test_answers_can_be_disabled_delayed_and_made_bad(pair):
     server, east, west = pair
     server.ticket_issuer.enabled = False
     _ask(west, 1000)
@@ -127,7 +127,7 @@ def test_a_route_across_is_ordered_at_both_relays(pair):
     west.expect(messages.RoutingUpdate, request="CONNECT", from_id=2001, to_id=2002, msg_class=64)
 
 
-def test_the_server_sees_when_relays_are_joined_whoever_tells(pair):
+def test_the_server_sees_when_relays_are_joined_from_either_report(pair):
     server, east, west = pair
     west.send(messages.ConnectConfirm(1000))
     server.relays.wait_joined("east", "west")

@@ -1,4 +1,4 @@
-"""Several relays at one stand-in connection server: who is who, where, under which key."""
+"""Several relays at one stand-in connection server: their ids, addresses and keys."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from lab.support.channel import PeerClosed
 from lab.support.waiting import LabTimeout
 
 
-def test_each_name_has_an_id_of_its_own_that_outlives_the_relay(two_relay_server, log_in):
+def test_each_name_has_a_unique_id_that_outlives_the_relay(two_relay_server, log_in):
     server = two_relay_server
     east, west = log_in(server, "east"), log_in(server, "west")
     assert (east.client_id, west.client_id) == (1000, 1001)
@@ -71,7 +71,7 @@ def test_each_relay_gets_tickets_under_its_own_key(two_relay_server, log_in):
     assert tickets.read_ticket(by_west, east.des_key)[0] != 2001
 
 
-def test_what_is_sent_reaches_the_relay_it_is_for_or_the_newest(two_relay_server, log_in):
+def test_messages_reach_the_named_relay_or_the_newest(two_relay_server, log_in):
     server = two_relay_server
     east, west = log_in(server, "east"), log_in(server, "west")
     server.orders.connect_route(1, 2, messages.PIPE_CAPTION, relay="east")
@@ -88,7 +88,7 @@ def test_what_is_sent_reaches_the_relay_it_is_for_or_the_newest(two_relay_server
         server.orders.connect_route(1, 2, messages.PIPE_CAPTION, relay="east")
 
 
-def test_the_record_tells_relays_apart(two_relay_server, log_in):
+def test_the_record_distinguishes_relays(two_relay_server, log_in):
     server = two_relay_server
     east, west = log_in(server, "east"), log_in(server, "west")
     east.send(messages.ConnectConfirm(2001))
@@ -102,7 +102,7 @@ def test_the_record_tells_relays_apart(two_relay_server, log_in):
         server.record.wait_for_type(messages.ConnectConfirm, 0.1, relay="east", client_id=2002)
 
 
-def test_the_clients_of_a_relay_come_and_go_and_end_with_its_session(two_relay_server, log_in):
+def test_the_clients_of_a_relay_change_and_end_with_its_session(two_relay_server, log_in):
     server = two_relay_server
     east = log_in(server, "east")
     for message in (messages.ConnectConfirm(1), messages.ConnectConfirm(-2)):
@@ -118,7 +118,7 @@ def test_the_clients_of_a_relay_come_and_go_and_end_with_its_session(two_relay_s
     assert server.relays["east"].clients == set()
 
 
-def test_each_relay_may_have_credentials_of_its_own(two_relay_server, log_in):
+def test_each_relay_may_have_different_credentials(two_relay_server, log_in):
     server = two_relay_server
     server.script.credentials = {("company", "east", "secret"), ("company", "west", "secret")}
     log_in(server, "east"), log_in(server, "west")

@@ -1,4 +1,4 @@
-"""Stations with sound: registrations that are waited for, with the relay's log and without."""
+"""Stations with audio: registrations that are waited for, with the relay's log and without."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ def station(relay: StandInAudioRelay, kind: type[AudioStation], client_id: int) 
     return one
 
 
-def test_what_the_source_says_the_receiver_hears(relay):
+def test_the_receiver_gets_what_the_source_sends(relay):
     with station(relay, AudioSource, 7) as source, station(relay, AudioReceiver, 8) as receiver:
         source.go_on_air(relay, b"ticket", 2)
         receiver.listen(relay, b"ticket", 2)
@@ -40,14 +40,14 @@ def test_a_ticket_is_made_for_the_station_that_registers(relay):
         assert (connect.client_id, connect.ticket, connect.dest_id) == (8, b"ticket of 8", 1)
 
 
-def test_a_registration_that_the_relay_does_not_take_is_an_error(relay):
+def test_a_registration_that_the_relay_refuses_is_an_error(relay):
     with station(relay, AudioReceiver, 8) as receiver:
         with pytest.raises(LabTimeout, match="registered to rx"):
             receiver.listen(relay, b"bad", within_secs=2)
         assert receiver.expect_refusal().client_id == 8
 
 
-def test_who_moves_registers_again_and_hears_at_the_new_port(relay):
+def test_a_station_that_moves_registers_again_and_receives_at_the_new_port(relay):
     with station(relay, AudioReceiver, 8) as receiver:
         before = receiver.listen(relay, b"ticket").local_address
         receiver.open_audio(relay)
@@ -67,7 +67,7 @@ def test_without_a_log_a_refusal_proves_that_the_registration_was_seen(relay):
         assert receiver.receives_nothing(0.05)
 
 
-def test_audio_outlives_the_connection_until_the_station_closes(relay):
+def test_audio_sockets_outlive_the_connection_until_the_station_closes(relay):
     with station(relay, AudioReceiver, 8) as receiver:
         audio = receiver.listen(relay, b"ticket")
         receiver.hang_up()

@@ -1,4 +1,4 @@
-"""The stopwatch: what a busy machine is to blame for is left out, all else counts."""
+"""The stopwatch: waits for a processor are left out, all else counts."""
 
 from __future__ import annotations
 
@@ -26,15 +26,15 @@ def test_waits_for_a_processor_are_left_out(monkeypatch, waited, left):
 
 
 def test_the_waits_of_threads_are_added_up(tmp_path):
-    """Running time, waiting time in nanoseconds, number of turns; a thread may be gone."""
+    """Running time, waiting time in nanoseconds, number of turns; a thread may have ended."""
     files = [tmp_path / "one", tmp_path / "two", tmp_path / "gone"]
     files[0].write_text("7000000000 1500000000 12\n")
     files[1].write_text("0 250000000 1\n")
     assert stopwatch._waited_secs(files) == 1.75  # noqa: SLF001
 
 
-def test_the_kernel_tells_of_waits_here():
-    """Without it the stopwatch is as strict as any other."""
+def test_the_kernel_reports_waits_here():
+    """Without this the stopwatch counts the waits, too."""
     file = Path("/proc/self/schedstat")
     if file.exists():
         assert len(file.read_text().split()) == 3

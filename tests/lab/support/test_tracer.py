@@ -1,4 +1,4 @@
-"""The tracer, on a process of its own: it counts what a pass of an event loop does, no more."""
+"""The tracer, on a child process: it counts exactly what a pass of an event loop does."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from lab.support.tracer import LoopTracer
 
 pytestmark = pytest.mark.skipif(not LoopTracer.supported(), reason="unknown kind of processor")
 
-#: Answers every datagram as often as its first byte says.
+#: Answers every datagram as many times as its first byte says.
 _LOOP = """
 import select, socket, sys
 sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -65,7 +65,7 @@ def test_more_work_is_more_instructions(loop):
             sock.send(bytes([count]))
             counts[count] = tracer.instructions()
             sock.send(bytes([count]))
-            # Calls and instructions may be counted in turns.
+            # Calls and instructions may be counted alternately.
             assert len(tracer.system_calls()) == count + 1
     assert 100 < counts[2] < counts[4]
 
