@@ -10,14 +10,13 @@ import itertools
 import select
 import socket
 import threading
-import time
 from collections.abc import Callable, Iterable
 
 from lab.protocol import messages, wire
 from lab.relay.relay import Relay
 from lab.server.connection_server import ConnectionServer
 from lab.stations.caption_stations import Station
-from lab.support.waiting import Deadline, LabTimeout, patient, wait_until
+from lab.support.waiting import LabTimeout, patient
 
 #: A type that relays deliver to the destination in the header.
 TYPE_DIRECT = 9
@@ -98,6 +97,7 @@ class Drain:
         self._sock.setblocking(False)
         self._parts: list[bytes] = []
         self._stop = threading.Event()
+        self._changed = threading.Condition()
         self._tail = b""
         self.length = 0
         self.ended = False
@@ -114,24 +114,30 @@ class Drain:
                 data = self._sock.recv(1 << 18)
             except OSError:
                 data = b""
+            with self._changed:
+                self._take(data)
+                self._changed.notify_all()
             if not data:
-                self.ended = True
                 return
-            self._parts.append(data)
-            self._tail = (self._tail + data)[-_TAIL_LEN:]
-            self.length += len(data)
+
+    def _take(self, data: bytes) -> None:
+        self.ended = not data
+        self._parts.append(data)
+        self._tail = (self._tail + data)[-_TAIL_LEN:]
+        self.length += len(data)
+
+    def _wait_for(self, check: Callable[[], bool], within_secs: float, what: str) -> None:
+        with self._changed:
+            if not self._changed.wait_for(check, patient(within_secs)):
+                raise LabTimeout(f"no {what} within {within_secs} s; {self.length} bytes came")
 
     def wait_for_length(self, length: int, within_secs: float) -> None:
-        """Waits until `count` bytes have come, heartbeats included."""
-        deadline = Deadline(within_secs)
-        while self.length < length and not self.ended:
-            if deadline.passed():
-                raise LabTimeout(f"{self.length} of {length} bytes within {within_secs} s")
-            time.sleep(0.005)
+        """Waits until `length` bytes have come, heartbeats included, or the stream has ended."""
+        self._wait_for(lambda: self.length >= length or self.ended, within_secs, f"{length} bytes")
 
     def wait_for_image(self, image: bytes, within_secs: float) -> None:
         """Waits until this image has come, followed by nothing but heartbeats."""
-        wait_until(lambda: image in self._tail, within_secs, f"the image {image!r}")
+        self._wait_for(lambda: image in self._tail, within_secs, f"image {image!r}")
 
     def close(self) -> None:
         self._stop.set()

@@ -37,8 +37,8 @@ def test_without_a_terminator_it_is_audio(relay, server, station, pair):
     assert result.lines == []
     source, receiver = pair
     ticket = server.ticket_for(source.client_id)
-    unterminated = source.audio(0).register_raw(source.client_id, ticket, terminator=False, tail=b"x")
-    receiver.audio(0).expect(unterminated)
+    sent = source.audio(0).register_raw(source.client_id, ticket, terminator=False, tail=b"x")
+    receiver.audio(0).expect(sent)
 
 
 def test_with_another_type_or_end_it_is_audio(pair):

@@ -3,8 +3,6 @@ until an order names them."""
 
 from __future__ import annotations
 
-import time
-
 import pytest
 from switching_tools import (
     arriving_image,
@@ -16,7 +14,7 @@ from switching_tools import (
 
 from lab.protocol.messages import PIPE_CAPTION, LostConnection
 from lab.stations.caption_stations import Captioner, Encoder
-from lab.support.waiting import Deadline
+from lab.support.waiting import wait_until
 
 
 @pytest.fixture
@@ -49,14 +47,13 @@ def delivered(captioner, encoder, count=5):
 
 def order_until_delivered(relay, captioner, encoder):
     """The first orders may come before the relay has its database back."""
-    deadline = Deadline(10)
-    while True:
+
+    def order():
         relay.server.orders.connect_route(captioner.client_id, encoder.client_id, PIPE_CAPTION)
         got_before_order_fence(relay.server, encoder)
-        if delivered(captioner, encoder):
-            return
-        assert not deadline.passed()
-        time.sleep(0.05)
+        return delivered(captioner, encoder)
+
+    wait_until(order, 10, "an order that has an effect")
 
 
 @pytest.mark.parametrize("mode", ["fast", "immediate"])
