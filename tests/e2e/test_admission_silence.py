@@ -20,9 +20,7 @@ def _closed_after(station, began):
     return time.monotonic() - began
 
 
-def test_connections_without_a_login_are_dropped_after_15_seconds(
-    tls_relay, make_station, server
-):
+def test_connections_without_a_login_are_dropped_after_15_seconds(tls_relay, make_station, server):
     """In one test, because all their waits run in parallel."""
     began = time.monotonic()
     silent = make_station(tls_relay, login=False)
