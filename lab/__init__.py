@@ -13,7 +13,7 @@ From the bottom up; a folder imports only from those above it:
     stations        captioner, encoder, monitor, audio source and receiver, crowds of them
     database        a private PostgreSQL cluster, and a client to look into it
     relay           the real binary in a folder of its own, its configuration, its log
-    archive         a web server that takes what relays archive, and a reader of that
+    archive         a web server that stores what relays archive, and a parser of their posts
     network         all of the above put together in two lines, for one relay or several joined ones
     play            the demonstration that ./dev run shows
     pytest_plugins  relay logs in the report of a failed test, the distribution of tests

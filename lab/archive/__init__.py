@@ -1,1 +1,1 @@
-"""A web server that takes what relays archive, and a reader of what they post."""
+"""A web server that stores what relays archive, and a parser of what they post."""

@@ -1,4 +1,4 @@
-"""A web server that takes what relays archive: Apache, with digest authentication.
+"""A web server that stores what relays archive: Apache, with digest authentication.
 
     with ArchiveEndpoint() as endpoint:
         config.archive_endpoint = endpoint.url
@@ -7,7 +7,7 @@
         bodies = [post.body for post in endpoint.posts()]
 
 Each instance has a temporary folder, a loopback address and a port of its own. Root starts the
-server as www-data: it needs no other rights, and neither do the files that it stores.
+server as www-data: neither it nor the files that it stores need other rights.
 """
 
 from __future__ import annotations

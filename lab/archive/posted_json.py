@@ -1,8 +1,8 @@
 """What a relay posts to its archive endpoint: parsing it, and what captions become in it.
 
-    payload = archive_json.read(body)
+    payload = posted_json.read(body)
     payload.feed_id, [record.data for record in payload.records]
-    archive_json.renderings(captions) == [record.data for record in payload.of_field(1)]
+    posted_json.renderings(captions) == [record.data for record in payload.of_field(1)]
 
 The body is JSON with one exception: the line ends in the blocks of captions are not escaped in its
 strings. A parser told to tolerate that, like `json.loads(text, strict=False)`, accepts it.

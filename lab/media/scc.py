@@ -78,7 +78,7 @@ def read(path: Path) -> list[Cue]:
 
 
 def pop_on(rows: Iterable[str]) -> bytes:
-    """A pop-on caption of one or two rows with odd parity: loaded out of sight, then shown."""
+    """A pop-on caption of one or two rows with odd parity: loaded off-screen, then shown."""
     data = bytearray()
 
     def control(pair: tuple[int, int]) -> None:

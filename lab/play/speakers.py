@@ -1,6 +1,6 @@
 """The captioner of the demonstration: plays a caption file in real time.
 
-The audio source beside it is a lab.audio.clip_player.ClipPlayer.
+The audio source is a lab.audio.clip_player.ClipPlayer.
 """
 
 from __future__ import annotations

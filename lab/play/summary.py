@@ -55,7 +55,7 @@ class Outcome:
     sent: dict[str, int] = dataclasses.field(default_factory=dict)
     flows: list[Flow] = dataclasses.field(default_factory=list)
     interruptions: list[Interruption] = dataclasses.field(default_factory=list)
-    #: What went wrong beside the flows.
+    #: Problems outside the flows.
     problems: list[str] = dataclasses.field(default_factory=list)
     #: The exit status of each relay.
     statuses: dict[str, int] = dataclasses.field(default_factory=dict)

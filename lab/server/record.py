@@ -31,7 +31,7 @@ class ServerRecord:
         """`changed` is notified of every message."""
         self._changed = changed
         self.received: list[Received] = []
-        #: What relays did that no sound relay does; empty after a good test.
+        #: What relays did that no correct relay does; empty after a good test.
         self.problems: list[str] = []
 
     def add(self, message: messages.Message, link: ServerLink) -> None:

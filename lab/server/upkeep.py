@@ -1,6 +1,6 @@
 """What a stand-in connection server does by itself, in response to what relays send.
 
-Keeps relays joined and routes in force as the plan says, and answers requests for tickets.
+Keeps relays joined and routes in effect as the plan says, and answers requests for tickets.
 """
 
 from __future__ import annotations

@@ -4,7 +4,7 @@
     source.login(source_id, server.ticket_for(source_id))
     source.go_on_air(relay, server.ticket_for, program=2)
     receiver.listen(relay, server.ticket_for, program=2)
-    receiver.audio(2).expect(source.say(b"hello", program=2))     # once there is a route
+    receiver.audio(2).expect(source.send_audio(b"hello", program=2))     # once there is a route
 
 A ticket is bytes, or a callable that makes one for a client id. Relays accept nine tickets of an
 id within ten seconds; the log-in and every registration, good or bad, use up one each.
@@ -136,7 +136,7 @@ class AudioSource(AudioStation):
         """Registers to send a program."""
         return self.register_audio(relay, ticket, program, send=True, within_secs=within_secs)
 
-    def say(self, payload: bytes, program: int = 0, channel: int = 0) -> bytes:
+    def send_audio(self, payload: bytes, program: int = 0, channel: int = 0) -> bytes:
         """Sends one datagram and returns it."""
         return self._audio[program].send(payload, channel)
 

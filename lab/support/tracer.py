@@ -1,9 +1,9 @@
 """Holds a process at a known point of its event loop and counts what it does from there on.
 
     with LoopTracer(relay.pid) as tracer:
-        source.say(b"sound")                     # waits in the kernel; the process is held
+        source.send_audio(b"sound")                     # waits in the kernel; the process is held
         calls = tracer.system_calls()            # names of the calls of one pass of its loop
-        source.say(b"sound")
+        source.send_audio(b"sound")
         steps = tracer.instructions()            # machine instructions of one pass
 
 Counts do not depend on how fast or busy the machine is. The processor's own counters would be

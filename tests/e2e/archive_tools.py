@@ -32,29 +32,29 @@ class CaptionLine:
     def __init__(self, relay: Relay, captioner: Captioner, encoder: Encoder) -> None:
         self.relay, self.captioner, self.encoder = relay, captioner, encoder
         #: When each caption was sent (wall clock), and its bytes.
-        self.said: list[tuple[float, bytes]] = []
+        self.sent: list[tuple[float, bytes]] = []
         #: When each had arrived: the relay received it between these times.
-        self.heard: list[float] = []
+        self.arrived: list[float] = []
         self.longest_trip = 0.0
 
     @property
     def source(self) -> int:
         return self.captioner.client_id
 
-    def say(self, caption: bytes | None = None) -> bytes:
+    def send(self, caption: bytes | None = None) -> bytes:
         """Sends one caption, unique by default, and waits until it has arrived."""
-        caption = b"%06d" % len(self.said) if caption is None else caption
-        self.said.append((time.time(), caption))
+        caption = b"%06d" % len(self.sent) if caption is None else caption
+        self.sent.append((time.time(), caption))
         watch = Stopwatch(self.relay.pid)
         self.captioner.caption(caption)
         assert self.encoder.receive_caption(_PATIENCE_SECS)[0] == caption
-        self.heard.append(time.time())
+        self.arrived.append(time.time())
         self.longest_trip = max(self.longest_trip, watch.secs())
         return caption
 
-    def say_all(self, count: int) -> None:
+    def send_all(self, count: int) -> None:
         for _ in range(count):
-            self.say()
+            self.send()
 
     def assert_never_delayed(self) -> None:
         assert self.longest_trip < patient(NOTICEABLE_SECS)
@@ -84,10 +84,10 @@ def archived(posts: Iterable[Post], source: int) -> list[tuple[float, bytes]]:
 def assert_archived(posts: Iterable[Post], line: CaptionLine, *, since: int = 0) -> int:
     """Asserts that what a line sent, from its caption number `since` on, is there once, in order,
     with its time; returns how much of it."""
-    found, said = archived(posts, line.source), line.said[since:]
-    assert [caption for _, caption in found] == [caption for _, caption in said][: len(found)]
-    for (at, _), (said_at, _), heard_at in zip(found, said, line.heard[since:]):
-        assert said_at - TICK_SECS <= at <= heard_at + TICK_SECS
+    found, sent = archived(posts, line.source), line.sent[since:]
+    assert [caption for _, caption in found] == [caption for _, caption in sent][: len(found)]
+    for (at, _), (sent_at, _), arrived_at in zip(found, sent, line.arrived[since:]):
+        assert sent_at - TICK_SECS <= at <= arrived_at + TICK_SECS
     return len(found)
 
 

@@ -28,7 +28,7 @@ def test_posts_with_the_right_password_are_stored(apache, make_relay, make_stati
     )
     lines = make_lines(relay, make_station, route, 3)
     for line in lines:
-        line.say_all(30)
+        line.send_all(30)
     posts = apache.wait_posts(len(lines), PASS_SECS)
     assert {post.user for post in posts} == {apache.user}
     assert {post.content_type for post in posts} == {"application/x-captions; charset=utf-8"}
@@ -38,7 +38,7 @@ def test_posts_with_the_right_password_are_stored(apache, make_relay, make_stati
     for line in lines:
         assert assert_archived(posts, line) == 30
     for line in lines:
-        line.say()
+        line.send()
     posts = apache.wait_posts(2 * len(lines), PASS_SECS)
     assert [post.uri[-5:] for post in posts[3:]] == ["seq=5", "seq=6", "seq=7"]
     for line in lines:
@@ -60,7 +60,7 @@ def test_without_the_password_nothing_is_stored_and_the_log_says_so(
     )
     lines = make_lines(relay, make_station, route, 2)
     for line in lines:
-        line.say_all(5)
+        line.send_all(5)
     warning = relay.log.expect("WARNING: Archive posting issue", 2 * PASS_SECS)
     assert warning.endswith("WARNING: Archive posting issue - HTTP 401")
     assert relay.log.count("Won't retry") == 2

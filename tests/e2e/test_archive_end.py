@@ -37,7 +37,7 @@ def captioning(make_relay, make_station, route, endpoint, **options):
     """A relay that has something to archive."""
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1, **options)
     for line in make_lines(relay, make_station, route, 3):
-        line.say_all(10)
+        line.send_all(10)
     return relay
 
 

@@ -40,7 +40,7 @@ def test_a_flood_of_captions_is_dropped_and_costs_no_memory(
         while relay.log.count(CANCELLED.format(flooder.client_id)) < times:
             flood(flooder, deadline)
             for line in lines:
-                line.say()
+                line.send()
         memory.append(private_bytes(relay))
     cancelled = CANCELLED.format(flooder.client_id)
     assert relay.log.expect(cancelled).endswith(cancelled + "cancelling")

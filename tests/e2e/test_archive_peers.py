@@ -28,10 +28,10 @@ def test_each_relay_archives_only_its_own_stations(make_network, make_endpoint):
         lines[at] = CaptionLine(network[at].relay, captioner, encoders[0])
     for number in range(50):
         for line in lines.values():
-            line.say(b"caption %04d" % number)
+            line.send(b"caption %04d" % number)
     for name, endpoint in endpoints.items():
         endpoint.wait_for(1)
-        lines[name].say(b"in the next interval")
+        lines[name].send(b"in the next interval")
     for name, endpoint in endpoints.items():
         posts = endpoint.wait_for(2)
         assert {post.payload.feed_id for post in posts} == {lines[name].source}
@@ -53,7 +53,7 @@ def test_a_peer_without_stations_of_its_own_archives_nothing(
     assert [one.caption for one in encoder.receive_count(50)] == [b"from afar"] * 50
     route(relay, captioner, encoder, PIPE_CAPTION)
     line = CaptionLine(relay, captioner, encoder)
-    line.say_all(10)
+    line.send_all(10)
     (post,) = endpoint.wait_for(1)
     assert assert_archived([post], line) == 10
     assert relay.log.count("Newly collecting caption feedback from source") == 1

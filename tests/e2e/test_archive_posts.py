@@ -43,9 +43,9 @@ def test_a_post_has_exactly_the_agreed_format(make_endpoint, make_relay, make_st
     (line,) = make_lines(relay, make_station, route, 1)
     begun = time.time()
     for caption, _, _ in SAMPLES:
-        line.say(caption)
-    line.say(b"")
-    line.say(b"A")
+        line.send(caption)
+    line.send(b"")
+    line.send(b"A")
     (post,) = endpoint.wait_for(1)
     ended = time.time()
     newly = f"Newly collecting caption feedback from source {line.source} for archive"
@@ -60,10 +60,10 @@ def test_a_post_has_exactly_the_agreed_format(make_endpoint, make_relay, make_st
     posted_at, duration, *times = match.groups()
     assert begun - 1 < int(posted_at) <= ended
     assert 3 <= int(duration) + 1 <= ended - begun + 2
-    spans = {caption: (at, heard) for (at, caption), heard in zip(line.said, line.heard)}
+    spans = {caption: (at, arrived) for (at, caption), arrived in zip(line.sent, line.arrived)}
     for at, (caption, _, _) in zip(times, [*kept[0], *kept[1]], strict=True):
-        said_at, heard_at = spans[caption]
-        assert said_at - TICK_SECS <= float(at) <= heard_at + TICK_SECS
+        sent_at, arrived_at = spans[caption]
+        assert sent_at - TICK_SECS <= float(at) <= arrived_at + TICK_SECS
 
 
 def test_sources_are_archived_separately_in_every_interval(
@@ -77,13 +77,13 @@ def test_sources_are_archived_separately_in_every_interval(
     unheard.send(Caption(b"nobody listens"))
     while not endpoint.has(2 * len(lines) + 1, 0.05):
         for line in lines:
-            line.say()
+            line.send()
     posts = endpoint.posts
     for line in lines:
         line.assert_never_delayed()
         own = [post.payload for post in posts if post.payload.feed_id == line.source]
         count = assert_archived(posts, line)
-        assert all(heard_at >= own[-1].time for heard_at in line.heard[count:])
+        assert all(arrived_at >= own[-1].time for arrived_at in line.arrived[count:])
         assert len(own) == 2
         assert 14 <= own[1].time - own[0].time
         assert abs(own[1].duration - (own[1].time - own[0].time)) <= 1

@@ -29,11 +29,11 @@ def test_a_closed_archive_is_retried_every_two_seconds_until_it_opens(
     )
     lines = make_lines(relay, make_station, route, 3)
     for line in lines:
-        line.say_all(10)
+        line.send_all(10)
     relay.log.expect(RETRY.format(1), PASS_SECS)
     begun = time.monotonic()
     for line in lines:
-        line.say()
+        line.send()
     relay.log.expect_in_order(*map(RETRY.format, (2, 3, 4)), within_secs=20)
     assert 5.5 < time.monotonic() - begun < 6 + patient(3)
     relay.log.expect(ISSUE + "Can't connect to server", PASS_SECS)
@@ -92,7 +92,7 @@ def test_refused_posts_are_not_retried(make_endpoint, make_relay, make_station, 
         assert got_before_fence(source, source) == []
     posts = endpoint.wait_for(len(REFUSALS))
     assert [post.payload.feed_id for post in posts] == [one.client_id for one in sources]
-    line.say_all(5)
+    line.send_all(5)
     relay.log.expect(ISSUE + "HTTP 500", PASS_SECS)
     posts = endpoint.wait_for(len(REFUSALS) + 1)
     assert assert_archived(posts[len(REFUSALS) :], line) == 5

@@ -31,10 +31,10 @@ def serves(relay, make_station, route, status):
     """Asserts that captions cross, and that the archive's error is logged and not retried."""
     lines = make_lines(relay, make_station, route, 2)
     for line in lines:
-        line.say_all(10)
+        line.send_all(10)
     relay.log.expect(ISSUE + status, 2 * PASS_SECS)
     for line in lines:
-        line.say()
+        line.send()
         line.assert_never_delayed()
     assert relay.log.count("Consecutive retry errors") == 0
     assert relay.log.count("Won't retry") == 2
@@ -60,7 +60,7 @@ def test_endpoint_or_interval_alone_is_not_enough(
     relay = make_relay(keys=keys)
     relay.log.expect("WARNING: archive without endpoint and interval, nothing can be posted")
     (line,) = make_lines(relay, make_station, route, 1)
-    line.say_all(10)
+    line.send_all(10)
     relay.log.expect("Newly collecting caption feedback from source")
     assert relay.log.count("Attempting Caption archive to endpoint") == 0
     assert relay.log.count("CURL base destination set to") == 0
@@ -78,7 +78,7 @@ def test_the_longest_address_and_password_are_used(
         archive_password="p" * (LONGEST_CREDENTIALS - 201),
     )
     (line,) = make_lines(relay, make_station, route, 1)
-    line.say()
+    line.send()
     # Digest: the caption follows once the server has answered a post without it.
     post, *_ = endpoint.wait_for(1)
     assert len(f"http://{endpoint.address}:{endpoint.port}{post.target}") == LONGEST_URL
@@ -96,7 +96,7 @@ def test_a_password_that_is_too_long_is_not_used(make_endpoint, make_relay, make
     )
     relay.log.expect("ERROR: archive user name and password are too long, not used")
     (line,) = make_lines(relay, make_station, route, 1)
-    line.say_all(5)
+    line.send_all(5)
     posts = endpoint.wait_for(1)
     assert assert_archived(posts, line) == 5
     assert "authorization" not in posts[0].headers

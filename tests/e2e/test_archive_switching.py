@@ -30,11 +30,11 @@ def test_a_post_that_never_ends_delays_no_captions(make_endpoint, make_relay, ma
     before = private_bytes(relay)
     while not endpoint.has(1, PAUSE_SECS):
         for line in lines:
-            line.say()
+            line.send()
     end = endpoint.posts[0].at + NEXT_PASS_SECS
     while time.monotonic() < end:
         for line in lines:
-            line.say()
+            line.send()
         assert not endpoint.has(2, PAUSE_SECS)
     for line in lines:
         line.assert_never_delayed()
@@ -48,7 +48,7 @@ def test_a_slow_archive_delays_no_captions(make_endpoint, make_relay, make_stati
     lines = make_lines(relay, make_station, route, 3)
     while not endpoint.has(6, PAUSE_SECS):
         for line in lines:
-            line.say()
+            line.send()
     posts = endpoint.posts
     for line in lines:
         line.assert_never_delayed()
@@ -64,7 +64,7 @@ def test_a_dead_archive_delays_no_captions(make_endpoint, make_relay, make_stati
     lines = make_lines(relay, make_station, route, 3)
     while relay.log.count("Consecutive retry errors") < 3:
         for line in lines:
-            line.say()
+            line.send()
         endpoint.has(1, PAUSE_SECS)
     for line in lines:
         line.assert_never_delayed()
@@ -81,7 +81,7 @@ def test_captions_that_come_together_are_archived_one_by_one(
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     (line,) = make_lines(relay, make_station, route, 1)
     captioner = line.captioner if routed else make_station(relay, Captioner)
-    line.say()
+    line.send()
     captions = [b"%06d" % number for number in range(BURST)]
     with LoopTracer(relay.pid) as tracer:
         captioner.send_all(Caption(caption) for caption in captions)

@@ -28,10 +28,10 @@ def test_an_archive_that_never_answers_times_out_after_a_minute(
     endpoint = make_endpoint(Answer("silence"))
     relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
     (line,) = make_lines(relay, make_station, route, 1)
-    line.say_all(10)
+    line.send_all(10)
     endpoint.wait_for(1)
     while not endpoint.has(2, 0.1):
-        line.say()
+        line.send()
     first, second = endpoint.posts[:2]
     assert first.body == second.body
     assert 61.5 < second.at - first.at < 62 + patient(5)
@@ -78,7 +78,7 @@ def test_a_connection_that_is_never_made_times_out_after_fifteen_seconds(
     try:
         relay = make_relay(archive_endpoint=endpoint.url, archive_interval_secs=1)
         (line,) = make_lines(relay, make_station, route, 1)
-        line.say_all(10)
+        line.send_all(10)
         relay.log.expect_in_order(FAILED, RETRY + "1", within_secs=PASS_SECS)
         begun = time.monotonic()
         relay.log.expect(RETRY + "2", PASS_SECS)
@@ -88,7 +88,7 @@ def test_a_connection_that_is_never_made_times_out_after_fifteen_seconds(
         full.close()
     endpoint.open()
     relay.log.expect(ISSUE)
-    line.say_all(3)
+    line.send_all(3)
     posts = endpoint.wait_for(2)
     assert assert_archived(posts, line) == 13
     line.assert_never_delayed()

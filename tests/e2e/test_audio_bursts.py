@@ -33,10 +33,10 @@ def receivers(relay, make_station, route, source):
     return receivers
 
 
-def say_at_once(relay, source, payloads):
+def send_at_once(relay, source, payloads):
     """The relay is stopped meanwhile, and finds them all together."""
     with LoopTracer(relay.pid) as tracer:
-        sent = [source.say(payload, PROGRAM) for payload in payloads]
+        sent = [source.send_audio(payload, PROGRAM) for payload in payloads]
         calls = []
         while "recvmmsg" not in calls:
             calls += tracer.system_calls()
@@ -55,12 +55,12 @@ def test_bursts_of_all_lengths_arrive_unchanged_and_are_counted(relay, source, r
     dice = random.Random(300)
     for count in (CONFIRMED, CONFIRMED - 3):
         payloads = [dice.randbytes(dice.choice(LENGTHS)) for _ in range(count)]
-        sent = say_at_once(relay, source, payloads)
+        sent = send_at_once(relay, source, payloads)
         for receiver in receivers:
             assert receiver.audio(PROGRAM).receive_count(count, 20) == sent
         # The datagram of each check counts, too.
         assert confirmations(relay, source) == ([PROGRAM] if count == CONFIRMED else [])
-    say_at_once(relay, source, [b"the 300th again"])
+    send_at_once(relay, source, [b"the 300th again"])
     source.expect(AudioConfirm, program_index=PROGRAM)
 
 
@@ -69,7 +69,7 @@ def test_runs_of_one_length_keep_their_place_among_others(relay, source, receive
     payloads = [b"%04d" % n + b"a" * 156 for n in range(100)]
     payloads += [b"short", b"%04d" % 101 + b"l" * 900]
     payloads += [b"%04d" % n + b"b" * 2000 for n in range(102, 180)]
-    sent = say_at_once(relay, source, payloads)
+    sent = send_at_once(relay, source, payloads)
     for receiver in receivers:
         assert receiver.audio(PROGRAM).receive_count(len(sent), 20) == sent
         assert receiver.audio(PROGRAM).receives_nothing(0)

@@ -64,9 +64,9 @@ def test_with_error_correction_on_the_ports_2_and_4_higher(cast, listen):
 
 def test_error_correction_goes_nowhere_when_it_is_off(cast):
     source, receivers = cast([0], fec=False)
-    source.say(b"correction", channel=1)
-    source.say(b"correction", channel=2)
-    sound = source.say(b"sound")
+    source.send_audio(b"correction", channel=1)
+    source.send_audio(b"correction", channel=2)
+    sound = source.send_audio(b"sound")
     for receiver in receivers:
         receiver.audio(0).expect(sound)
         assert receiver.audio(0).receives_nothing(0.05)

@@ -20,7 +20,7 @@ def relay(make_relay):
 
 def _say(source, count, program=2, channel=0):
     for _ in range(count):
-        source.say(b"sound", program, channel)
+        source.send_audio(b"sound", program, channel)
 
 
 def _confirmed(relay, source, program=2):

@@ -27,7 +27,7 @@ def pair(relay, make_station, route):
 
 
 def _expect_only_the_last(source, receiver, program=0):
-    receiver.audio(program).expect(source.say(b"the last", program))
+    receiver.audio(program).expect(source.send_audio(b"the last", program))
     assert all(receiver.audio(one).receives_nothing(0.02) for one in range(6))
 
 
@@ -35,14 +35,14 @@ def test_every_length_is_sent_unchanged(pair):
     source, receiver = pair
     for length in (0, 1, 2, 3, 15, 16, 17, 491, 492, 493, 1000, 1456, 2030, 2031, 2032):
         payload = os.urandom(length)
-        receiver.audio(2).expect(source.say(payload, 2))
+        receiver.audio(2).expect(source.send_audio(payload, 2))
 
 
 @pytest.mark.parametrize("total", [2049, 2050, 4096, 65507])
 def test_more_than_2048_bytes_are_dropped_whole(pair, total):
     source, receiver = pair
-    source.say(bytes(total - 16))
-    source.say(b"~" * (total - 16))
+    source.send_audio(bytes(total - 16))
+    source.send_audio(b"~" * (total - 16))
     _expect_only_the_last(source, receiver)
 
 
@@ -50,7 +50,7 @@ def test_any_first_byte_is_allowed(pair):
     """No message type has a meaning here, not even a registration's without its terminator."""
     source, receiver = pair
     for number in range(256):
-        receiver.audio(0).expect(source.say(bytes([number]) + b"sound"))
+        receiver.audio(0).expect(source.send_audio(bytes([number]) + b"sound"))
 
 
 def test_the_bytes_before_the_marked_id_do_not_matter(pair):
@@ -96,7 +96,7 @@ def test_audio_before_the_registration_is_lost_and_does_no_harm(relay, make_stat
     route(relay, source, receiver, PIPE_AUDIO)
     source.open_audio(relay).send_burst([b"too early"] * 50)
     source.go_on_air(relay, server.ticket_for)
-    receiver.audio(0).expect(source.say(b"in time"))
+    receiver.audio(0).expect(source.send_audio(b"in time"))
 
 
 def test_only_audio_routes_are_used(relay, make_station, route):
@@ -104,7 +104,7 @@ def test_only_audio_routes_are_used(relay, make_station, route):
     other = listening(make_station, relay)
     route(relay, source, other, PIPE_CAPTION)
     route(relay, source, receiver, PIPE_AUDIO)
-    receiver.audio(0).expect(source.say(b"sound"))
+    receiver.audio(0).expect(source.send_audio(b"sound"))
     assert other.audio(0).receives_nothing(0.05)
 
 

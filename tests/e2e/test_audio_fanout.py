@@ -28,7 +28,7 @@ def test_a_hundred_receivers_get_everything_in_order(relay, make_station, route)
     routes = {(source.client_id, receiver.client_id, PIPE_AUDIO) for receiver in receivers}
     relay.schema.wait_for_routes(routes, 20)
     for start in range(0, DATAGRAMS, 50):
-        sent = [source.say(b"%06d" % number) for number in range(start, start + 50)]
+        sent = [source.send_audio(b"%06d" % number) for number in range(start, start + 50)]
         for receiver in receivers:
             assert receiver.audio(0).receive_count(50, 20) == sent
     assert all(receiver.audio(0).receives_nothing(0) for receiver in receivers)
@@ -69,7 +69,7 @@ def test_a_client_that_sends_and_receives_program_0_is_a_relay(relay, server, ma
         route(relay, far_away, to, PIPE_AUDIO)
         route(relay, source, to, PIPE_AUDIO)
     # A source of this relay reaches all three.
-    word = source.say(b"word")
+    word = source.send_audio(b"word")
     for one in (receiver, peer, other_peer):
         one.audio(0).expect(word)
     # Audio that comes from a relay reaches stations only; routes between relays are removed.
@@ -80,6 +80,6 @@ def test_a_client_that_sends_and_receives_program_0_is_a_relay(relay, server, ma
         line = f"loop to relay peer {one.client_id}, originating client {far_away}."
         relay.log.expect(line)
         assert relay.log.count(line) == 1
-        one.audio(0).expect(source.say(b"later"))
+        one.audio(0).expect(source.send_audio(b"later"))
     kept = {(source.client_id, to.client_id, PIPE_AUDIO) for to in (receiver, peer, other_peer)}
     relay.schema.wait_for_routes(kept | {(far_away, receiver.client_id, PIPE_AUDIO)})

@@ -73,4 +73,4 @@ def test_a_good_registration_gets_through_a_flood_of_bad_ones(relay, server, mak
             audio.send_raw(bad)
         audio.register(station.client_id, server.ticket_for(station.client_id))
     relay.log.expect(f"Client {station.client_id} registered to rx audio program {PROGRAM} at ")
-    audio.expect(source.say(b"word", PROGRAM))
+    audio.expect(source.send_audio(b"word", PROGRAM))

@@ -36,7 +36,7 @@ def test_a_good_ticket_of_an_unconnected_client_is_refused(
     newcomer = make_station(relay, AudioStation, client_id=stranger)
     for one in (newcomer, witness):
         route(relay, source, one, PIPE_AUDIO)
-    witness.audio(0).expect(source.say(b"word"))
+    witness.audio(0).expect(source.send_audio(b"word"))
     assert station.audio(0).receives_nothing(0.05)
 
 
@@ -61,13 +61,13 @@ def test_a_registration_ends_with_its_connection(relay, server, make_station, ro
         server.record.wait_for_type(LostConnection, client_id=one.client_id)
     back = make_station(relay, AudioReceiver, client_id=receiver.client_id)
     again = make_station(relay, AudioSource, client_id=source.client_id)
-    source.say(b"nobody's", PROGRAM)
+    source.send_audio(b"nobody's", PROGRAM)
     again.go_on_air(relay, server.ticket_for, PROGRAM)
-    word = again.say(b"word", PROGRAM)
+    word = again.send_audio(b"word", PROGRAM)
     witness.audio(PROGRAM).expect(word)
     assert receiver.audio(PROGRAM).receives_nothing(0.05)
     back.listen(relay, server.ticket_for, PROGRAM)
-    back.audio(PROGRAM).expect(again.say(b"again", PROGRAM))
+    back.audio(PROGRAM).expect(again.send_audio(b"again", PROGRAM))
 
 
 def test_the_newest_connection_of_an_id_has_no_audio_of_the_older(relay, make_station, route):
@@ -77,7 +77,7 @@ def test_the_newest_connection_of_an_id_has_no_audio_of_the_older(relay, make_st
     for one in (older, witness):
         route(relay, source, one, PIPE_AUDIO)
     make_station(relay, AudioReceiver, client_id=older.client_id)
-    witness.audio(PROGRAM).expect(source.say(b"word", PROGRAM))
+    witness.audio(PROGRAM).expect(source.send_audio(b"word", PROGRAM))
     assert older.audio(PROGRAM).receives_nothing(0.05)
 
 
@@ -94,7 +94,7 @@ def test_registering_again_moves_a_receiver(relay, server, make_station, route):
             assert result.lines == [
                 f"UDP registration messages from source {me}, program_idx {PROGRAM}, addr {address}"
             ]
-            moved.expect(source.say(b"here", PROGRAM))
+            moved.expect(source.send_audio(b"here", PROGRAM))
             assert old.receives_nothing(0.05)
 
 
@@ -109,7 +109,7 @@ def test_registering_again_moves_a_source(relay, server, make_station, route):
     with AudioSocket(relay, PROGRAM, client_id=me, address=new_address()) as moved:
         moved.send(b"not yet")
         moved.register(me, server.ticket_for(me), receive=False, send=True)
-        source.say(b"not any more", PROGRAM)
+        source.send_audio(b"not any more", PROGRAM)
         heard.expect(moved.send(b"from here"))
 
 
@@ -122,7 +122,7 @@ def test_sources_and_receivers_are_distinguished(relay, server, make_station, ro
         for receiver in (first, second, witness):
             route(relay, source, receiver, PIPE_AUDIO)
     first.audio(PROGRAM).send(b"of a receiver")
-    word = second.say(b"of a source", PROGRAM)
+    word = second.send_audio(b"of a source", PROGRAM)
     witness.audio(PROGRAM).expect(word)
     first.audio(PROGRAM).expect(word)
     assert second.audio(PROGRAM).receives_nothing(0.05)
@@ -133,7 +133,7 @@ def test_ids_above_the_range_of_signed_numbers_work(relay, make_station, route):
     source = on_air(make_station, relay, [PROGRAM], client_id=ids[0])
     receiver = listening(make_station, relay, [PROGRAM], client_id=ids[1])
     route(relay, source, receiver, PIPE_AUDIO)
-    receiver.audio(PROGRAM).expect(source.say(b"word", PROGRAM))
+    receiver.audio(PROGRAM).expect(source.send_audio(b"word", PROGRAM))
 
 
 def test_a_refusal_that_cannot_be_delivered_affects_no_other_client(relay, server, make_station):

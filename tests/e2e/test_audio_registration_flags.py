@@ -53,13 +53,13 @@ def test_each_flag_has_its_own_effect_only(relay, server, station, neighbours, f
     if not flags & CALL_BACK:
         assert result.lines == expected
         # To receive: what the source sends arrives, or only what it sends later to another.
-        word = source.say(b"word", PROGRAM)
+        word = source.send_audio(b"word", PROGRAM)
         receiver.audio(PROGRAM).expect(word)
         if flags & RECEIVE:
             audio.expect(word)
         # To send: it is passed on, or the next datagram is the source's.
         sent = audio.send(b"mine")
-        last = source.say(b"last", PROGRAM)
+        last = source.send_audio(b"last", PROGRAM)
         if flags & SEND:
             receiver.audio(PROGRAM).expect(sent)
         receiver.audio(PROGRAM).expect(last)
@@ -102,12 +102,12 @@ def test_a_registration_counts_for_the_program_it_came_to_only(
     source = on_air(make_station, relay, range(6))
     receiver = listening(make_station, relay, [program])
     route(relay, source, receiver, PIPE_AUDIO)
-    sent = [source.say(b"program %d" % one, one) for one in range(6)]
+    sent = [source.send_audio(b"program %d" % one, one) for one in range(6)]
     receiver.audio(program).expect(sent[program])
     # Each socket of the relay keeps its own order, and all are served in turn.
     for _ in range(2):
         for one in range(6):
-            again = source.say(b"program %d" % one, one)
+            again = source.send_audio(b"program %d" % one, one)
             if one == program:
                 receiver.audio(program).expect(again)
     assert receiver.audio(program).receives_nothing(0.05)

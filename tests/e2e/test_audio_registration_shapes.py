@@ -44,7 +44,7 @@ def test_without_a_terminator_it_is_audio(relay, server, station, pair):
 def test_with_another_type_or_end_it_is_audio(pair):
     source, receiver = pair
     for payload in (b"\x13", b"\x13no end", b"~", b"~~", b"\x12~", b"\x93~", b"x\x13~", b"\x13~\0"):
-        receiver.audio(0).expect(source.say(payload))
+        receiver.audio(0).expect(source.send_audio(payload))
 
 
 def test_sixteen_bytes_are_empty_audio(relay, server, make_station, route):
@@ -54,7 +54,7 @@ def test_sixteen_bytes_are_empty_audio(relay, server, make_station, route):
     route(relay, source, receiver, PIPE_AUDIO)
     _, since = fence(relay, source.audio(0))
     for _ in range(3):
-        empty = source.say(b"")
+        empty = source.send_audio(b"")
         assert empty[-1:] == b"~"
         assert len(empty) == 16
         receiver.audio(0).expect(empty)
@@ -67,7 +67,7 @@ def test_fifteen_bytes_are_ignored(relay, pair):
     source, receiver = pair
     for length in (*range(16), 15):
         source.audio(0).send_raw((b"\0" * 12 + b"\x13~~~")[:15][:length])
-    receiver.audio(0).expect(source.say(b"sound"))
+    receiver.audio(0).expect(source.send_audio(b"sound"))
     for _ in range(1500):
         source.audio(0).send_raw(b"~" * 15)
     fence(relay, source.audio(0))

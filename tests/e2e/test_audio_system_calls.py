@@ -35,7 +35,7 @@ def receivers(relay, make_station, route, source):
     receivers = [listening(make_station, relay, [1], heartbeats=False) for _ in range(RECEIVERS)]
     for receiver in receivers:
         route(relay, source, receiver, PIPE_AUDIO)
-    warm_up = source.say(b"the route is looked up once", 1)
+    warm_up = source.send_audio(b"the route is looked up once", 1)
     for receiver in receivers:
         receiver.audio(1).expect(warm_up)
     return receivers
@@ -55,7 +55,7 @@ def in_one_pass(relay, source, receivers, payloads):
             while int(time.time()) % 4 != 1:
                 tracer.system_calls()
             begun = int(time.time())
-            sent = [source.say(payload, 1) for payload in payloads]
+            sent = [source.send_audio(payload, 1) for payload in payloads]
             calls = tracer.system_calls()
             took_secs = int(time.time()) - begun
         for receiver in receivers:

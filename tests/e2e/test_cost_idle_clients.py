@@ -48,16 +48,16 @@ class Cast:
     def caption(self):
         self.captioner.caption(b"AB")
 
-    def say(self):
-        self.source.say(b"sound", PROGRAM)
+    def audio(self):
+        self.source.send_audio(b"sound", PROGRAM)
 
     def costs(self):
         """The fewest instructions and system calls that a caption took, and that a datagram
         took."""
-        for act in (self.caption, self.say):
+        for act in (self.caption, self.audio):
             act()  # the route is looked up once
             self._expect(act, 1)
-        return [self._cost(act) for act in (self.caption, self.say)]
+        return [self._cost(act) for act in (self.caption, self.audio)]
 
     def _cost(self, act):
         steps, calls = [], []

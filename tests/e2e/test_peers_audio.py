@@ -93,14 +93,15 @@ def test_error_correction_reaches_its_ports_and_no_other_program(make_network):
         network.route(source, receiver, PIPE_AUDIO)
     for number in range(20):
         for channel in CHANNELS:
-            said = source.say(b"%d on channel %d" % (number, channel), 2, channel)
+            said = source.send_audio(b"%d on channel %d" % (number, channel), 2, channel)
             receivers[2].audio(2).expect(said, channel=channel)
     # The last datagram of each program shows that nothing else came before it.
     for program, receiver in receivers.items():
         last = on_air(network, "west", program)
         network.route(last, receiver, PIPE_AUDIO)
         for channel in CHANNELS:
-            receiver.audio(program).expect(last.say(b"last", program, channel), channel=channel)
+            sent = last.send_audio(b"last", program, channel)
+            receiver.audio(program).expect(sent, channel=channel)
 
 
 def test_a_hundred_receivers_get_a_source_at_the_other_relay(network):
@@ -116,11 +117,11 @@ def test_a_hundred_receivers_get_a_source_at_the_other_relay(network):
     routes = {(source.client_id, receiver.client_id, PIPE_AUDIO) for receiver in receivers}
     network["west"].schema.wait_for_routes(routes, 20)
     network["east"].schema.wait_for_routes({(source.client_id, 1001, PIPE_AUDIO)})
-    sent = [source.say(b"%d" % number * 40, 4) for number in range(30)]
+    sent = [source.send_audio(b"%d" % number * 40, 4) for number in range(30)]
     for receiver in receivers:
         heard = receiver.audio(4)
         assert heard.receive_count(30, 10) == sent, heard.overflows
         assert not heard.receive_waiting()
-    last = source.say(b"last", 4)
+    last = source.send_audio(b"last", 4)
     for receiver in receivers:
         receiver.audio(4).expect(last, 10)

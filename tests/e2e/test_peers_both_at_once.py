@@ -90,4 +90,4 @@ def _audio_crosses(network):
         for program in PROGRAMS:
             source.go_on_air(network[at].relay, network.known(at).ticket_for, program)
             receiver.listen(network[other].relay, network.known(other).ticket_for, program)
-            receiver.audio(program).expect(source.say(b"over %d" % program, program))
+            receiver.audio(program).expect(source.send_audio(b"over %d" % program, program))

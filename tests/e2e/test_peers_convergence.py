@@ -105,7 +105,7 @@ def _play_all_programs(network):
         for program in PROGRAMS:
             source.go_on_air(network[at].relay, network.known(at).ticket_for, program)
             receiver.listen(network[other].relay, network.known(other).ticket_for, program)
-            said = source.say(b"program %d" % program, program)
+            said = source.send_audio(b"program %d" % program, program)
             receiver.audio(program).expect(said)
 
 

@@ -31,7 +31,7 @@ def fixture_crossing(network):
             captioner.caption(text)
             assert encoder.receive_caption()[0] == text
             for program in PROGRAMS:
-                receiver.audio(program).expect(source.say(text, program))
+                receiver.audio(program).expect(source.send_audio(text, program))
 
     cross(b"before")
     return cross

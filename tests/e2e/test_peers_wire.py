@@ -107,14 +107,14 @@ def test_audio_to_a_peer_goes_to_its_address_and_the_orders_base(
     source = make_station(relay, AudioSource)
     route(relay, source, peer.id, PIPE_AUDIO)
     source.go_on_air(relay, server.ticket_for)
-    said = source.say(b"\x00~anything\xff")
+    said = source.send_audio(b"\x00~anything\xff")
     heard = peer.receive()
     assert (heard.channel, heard.program, heard.datagram) == (0, 0, said)
     assert heard.source == (relay.address, relay.audio_port(0))
     with StandInPeer(peer.id, address=peer.address, tcp_port=peer.tcp_port) as moved:
         relay.server.orders.order_connect(moved.order())
         server.record.wait_for_type(messages.ConnectConfirm, client_id=peer.id)
-        said = source.say(b"to the new place")
+        said = source.send_audio(b"to the new place")
         assert moved.receive().datagram == said
         assert peer.heard_within(0.2) == []
 
@@ -136,5 +136,5 @@ def test_a_registration_from_an_error_correction_socket_moves_no_audio(
     server.orders.send(messages.Chat("SERVER", b"fence", dest_id=peer.id))
     link.expect(messages.Chat, chat=b"fence")
     for channel in CHANNELS:
-        said = source.say(b"on %d" % channel, 1, channel)
+        said = source.send_audio(b"on %d" % channel, 1, channel)
         assert peer.receive()[:3] == (channel, 1, said)

@@ -30,7 +30,7 @@ def test_the_receiver_gets_what_the_source_sends(relay):
         source.go_on_air(relay, b"ticket", 2)
         receiver.listen(relay, b"ticket", 2)
         for channel in (0, 1, 2):
-            receiver.audio(2).expect(source.say(b"hello", 2, channel), channel=channel)
+            receiver.audio(2).expect(source.send_audio(b"hello", 2, channel), channel=channel)
 
 
 def test_a_ticket_is_made_for_the_station_that_registers(relay):
