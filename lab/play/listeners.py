@@ -227,4 +227,4 @@ class AudioListener(Listener):
             return
         self._reported = counts
         corrections = " and ".join(str(one) for one in fec)
-        say(self.name, f"hears  {audio} audio datagrams, {corrections} of error correction")
+        say(self.name, f"gets   {audio} audio datagrams, {corrections} of error correction")

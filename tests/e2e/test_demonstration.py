@@ -56,7 +56,7 @@ def test_captions_and_audio_cross_two_relays(options):
         assert faults == [0, 0, 0, 0]
     assert "encoder 2   reads  Welcome to the caption relay." in shown
     assert "archive     stores 1 caption of client 2001 from east, " in shown
-    assert "receiver 2  hears" in shown and "west        ended with status 0" in shown
+    assert "receiver 2  gets" in shown and "west        ended with status 0" in shown
 
 
 @pytest.mark.parametrize("fault", ["cs", "db"])
@@ -72,7 +72,7 @@ def test_posts_that_failed_are_delivered_when_the_archive_is_back():
     status, shown = demonstrate("--seconds", f"{LEAST_SECS:.0f}", "--fault", "archive")
     assert status == 0 and GOOD in shown, shown
     order = ["archive     is stopped", "(failure 1 in a row)", "(failure 2 in a row)"]
-    order += ["archive     is started again", "archive     takes", "archive, captions"]
+    order += ["archive     is started again", "archive     stores", "archive, captions"]
     places = [shown.find(words) for words in order]
     assert -1 not in places and places == sorted(places), shown
     expected, unchanged, *faults = rows(shown)["archive, captions"]
@@ -104,7 +104,7 @@ def test_everything_is_shut_down_on_a_signal(number):
             child.send_signal(number)
             break
     shown += child.communicate(timeout=60)[0]
-    assert child.returncode == 130 and "everything is taken down" in shown, shown
+    assert child.returncode == 130 and "everything has been shut down" in shown, shown
     # Each relay was started by a process that waits for it: none is left when that has ended.
     folders = [one for one in Path("/proc").glob("[0-9]*") if _parent_of(one) == child.pid]
     assert folders == []
