@@ -154,6 +154,7 @@ class ArchiveEndpoint:
 
     @property
     def running(self) -> bool:
+        """Whether the server's process runs."""
         return self._process is not None and self._process.poll() is None
 
     def _write_files(self) -> None:

@@ -15,6 +15,7 @@ ABOUT = {"uri": "REQUEST_URI", "content_type": "CONTENT_TYPE", "user": "REMOTE_U
 
 
 def store(folder: str, body: bytes) -> None:
+    """Writes `body` and what is known about its request to a new file in `folder`."""
     about = {name: os.environ.get(variable, "") for name, variable in ABOUT.items()}
     # Ordered by a clock that is never set back.
     name = f"{time.monotonic_ns():020d}-{os.getpid()}"
@@ -25,6 +26,7 @@ def store(folder: str, body: bytes) -> None:
 
 
 def main() -> None:
+    """Answers one request: stores the body of a POST, refuses any other method."""
     body = sys.stdin.buffer.read(int(os.environ.get("CONTENT_LENGTH") or 0))
     if os.environ["REQUEST_METHOD"] != "POST":
         print("Status: 405 Method Not Allowed\nContent-Type: text/plain\n\nOnly POST.")

@@ -38,6 +38,7 @@ class AudioAddress:
     base_port: int
 
     def audio_port(self, program: int) -> int:
+        """The UDP port of an audio program 0..5."""
         return self.base_port + 2 * program
 
 
@@ -86,6 +87,7 @@ class AudioSocket:
         self.close()
 
     def close(self) -> None:
+        """Closes the sockets."""
         self._row.close()
 
     def relay_address(self, channel: int = 0) -> tuple[str, int]:

@@ -106,5 +106,6 @@ class UdpRow:
         return True
 
     def close(self) -> None:
+        """Closes all sockets."""
         for sock in self.sockets:
             sock.close()

@@ -154,6 +154,7 @@ class Cluster:
 
     @property
     def running(self) -> bool:
+        """Whether the server's process runs."""
         return self._process is not None and self._process.poll() is None
 
     def _create(self) -> None:
@@ -230,6 +231,7 @@ class Cluster:
     # -- use -------------------------------------------------------------------------------
 
     def query_in(self, database: str, sql: str) -> list[Row]:
+        """Runs statements in any database of the cluster; rows as texts, None for null."""
         with PgConnection(HOST, self.port, database=database, user=USER) as connection:
             return connection.query(sql)
 

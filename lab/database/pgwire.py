@@ -50,6 +50,7 @@ class PgConnection:
         return self._read_until_ready()
 
     def close(self) -> None:
+        """Ends the session and closes the connection."""
         try:
             self._sock.sendall(b"X" + _INTEGER.pack(4))
         except OSError:

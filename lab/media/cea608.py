@@ -29,6 +29,7 @@ def with_odd_parity(byte: int) -> int:
 
 
 def has_odd_parity(byte: int) -> bool:
+    """Whether the number of ones in `byte` is odd."""
     return byte.bit_count() % 2 == 1
 
 

@@ -38,6 +38,7 @@ class Node:
 
     @property
     def log(self) -> ProcessLog:
+        """The relay's output."""
         return self.relay.log
 
 

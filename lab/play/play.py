@@ -2,7 +2,7 @@
 
     with Cluster() as cluster:
         outcome = Play(cluster, binary, seconds=20).perform()
-    print(*play_summary.lines(outcome), sep="\\n")
+    print(*summary.lines(outcome), sep="\\n")
 """
 
 from __future__ import annotations

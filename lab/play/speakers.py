@@ -46,6 +46,7 @@ class CaptionSpeaker:
         self._thread = threading.Thread(target=self._run, name="caption-speaker", daemon=True)
 
     def start(self) -> None:
+        """Starts playing."""
         self._thread.start()
 
     def stop(self) -> None:

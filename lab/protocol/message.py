@@ -63,18 +63,22 @@ def _field(kind: _Kind, default: Any) -> Any:
 
 
 def dec(default: int = 0) -> Any:
+    """A member that is sent as a signed decimal number."""
     return _field(DEC, default)
 
 
 def udec(default: int = 0) -> Any:
+    """A member that is sent as an unsigned decimal number."""
     return _field(_UDEC, default)
 
 
 def text(default: str = "") -> Any:
+    """A member that is sent as Latin-1 text."""
     return _field(_TEXT, default)
 
 
 def raw(default: bytes = b"") -> Any:
+    """A member that is sent as bytes."""
     return _field(_BYTES, default)
 
 

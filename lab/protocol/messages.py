@@ -40,6 +40,8 @@ TYPE_MULTIPLE_CAPTION_COMMAND = 160
 
 @dataclasses.dataclass
 class Response(Message):
+    """The answer to a log-in or a registration: a return code."""
+
     TYPE = 0
     client_id: int = udec()
     return_code: str = text("OK")
@@ -47,6 +49,8 @@ class Response(Message):
 
 @dataclasses.dataclass
 class LogIn(Message):
+    """A relay's log-in to the connection server; its payload travels encrypted."""
+
     TYPE = 1
     name: str = text()
     password: str = text()
@@ -58,6 +62,8 @@ class LogIn(Message):
 
 @dataclasses.dataclass
 class LogOut(Message):
+    """The end of a session, from either side."""
+
     TYPE = 2
     name: str = text()
     organisation: str = text()
@@ -65,6 +71,8 @@ class LogOut(Message):
 
 @dataclasses.dataclass
 class Chat(Message):
+    """A chat line."""
+
     TYPE = 3
     name: str = text()
     chat: bytes = raw()
@@ -72,23 +80,31 @@ class Chat(Message):
 
 @dataclasses.dataclass
 class Caption(Message):
+    """Caption bytes."""
+
     TYPE = 5
     caption: bytes = raw()
 
 
 @dataclasses.dataclass
 class Heartbeat(Message):
+    """A sign of life."""
+
     TYPE = 12
 
 
 @dataclasses.dataclass
 class Challenge(Message):
+    """The number that a relay has to repeat in its log-in."""
+
     TYPE = 14
     login_number: int = dec()
 
 
 @dataclasses.dataclass
 class ConnectOrder(Message):
+    """Orders a relay to connect to another, or to register its UDP addresses there."""
+
     TYPE = 15
     connect_to_id: int = dec()
     relay_address: int = udec()
@@ -101,12 +117,16 @@ class ConnectOrder(Message):
 
 @dataclasses.dataclass
 class ConnectConfirm(Message):
+    """A relay's report that a client has connected."""
+
     TYPE = 16
     client_id: int = dec()
 
 
 @dataclasses.dataclass
 class RoutingUpdate(Message):
+    """Orders a route connected or disconnected."""
+
     TYPE = 17
     request: str = text("CONNECT")
     from_id: int = udec()
@@ -116,12 +136,16 @@ class RoutingUpdate(Message):
 
 @dataclasses.dataclass
 class LostConnection(Message):
+    """A relay's report that a client is gone."""
+
     TYPE = 18
     client_id: int = dec()
 
 
 @dataclasses.dataclass
 class RelayConnect(Message):
+    """A client's log-in to a relay by a ticket; over UDP, a registration."""
+
     TYPE = 19
     client_id: int = udec()
     ticket: bytes = raw()
@@ -129,6 +153,8 @@ class RelayConnect(Message):
 
 @dataclasses.dataclass
 class TicketRequest(Message):
+    """A relay's request for a ticket to another relay."""
+
     TYPE = 20
     requested_id: int = dec()
     request: str = text("UDP_REG")
@@ -136,6 +162,8 @@ class TicketRequest(Message):
 
 @dataclasses.dataclass
 class RelayIdentify(Message):
+    """A list of relays by id."""
+
     TYPE = 24
     relays: list[int] = dataclasses.field(default_factory=list)
 
@@ -161,21 +189,27 @@ class VideoFeedback(Message):
 
     @property
     def page(self) -> int:
+        """The number of this page."""
         return self.paging >> 8 & 0xFF
 
     @property
     def total_pages(self) -> int:
+        """How many pages the frame has."""
         return self.paging & 0xFF
 
 
 @dataclasses.dataclass
 class AudioConfirm(Message):
+    """A relay's confirmation of 300 datagrams of an audio program."""
+
     TYPE = 97
     program_index: int = udec()
 
 
 @dataclasses.dataclass
 class PremiumFeatureResponse(Message):
+    """Whether video may be sent from one client to another."""
+
     TYPE = 106
     transmit_id: int = dec()
     receive_id: int = dec()
@@ -185,6 +219,8 @@ class PremiumFeatureResponse(Message):
 
 @dataclasses.dataclass
 class RelayPort(Message):
+    """A relay's announcement of its ports and addresses."""
+
     TYPE = 225
     tcp_port: int = dec()
     udp_port: int = dec()
@@ -204,6 +240,8 @@ class RelayPort(Message):
 
 @dataclasses.dataclass
 class StatusKeyPost(Message):
+    """A status value of a client for the connection server."""
+
     TYPE = 232
     key: str = text()
     value: str = text()

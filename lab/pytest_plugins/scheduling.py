@@ -33,6 +33,7 @@ class _FewAtATime(LoadScheduling):
 
 @pytest.hookimpl(optionalhook=True)
 def pytest_xdist_make_scheduler(config: pytest.Config, log: Any) -> LoadScheduling:
+    """Replaces the scheduler of xdist."""
     return _FewAtATime(config, log)
 
 

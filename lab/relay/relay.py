@@ -100,10 +100,12 @@ class Relay:
 
     @property
     def tcp_port(self) -> int:
+        """The TCP port for clients."""
         return self.config.tcp_port or 9736
 
     @property
     def tls_port(self) -> int:
+        """The TLS port for clients, 0 without TLS."""
         return self.config.tls_port or 0
 
     def audio_port(self, program: int) -> int:
@@ -112,6 +114,7 @@ class Relay:
 
     @property
     def pid(self) -> int:
+        """The process id; RuntimeError before the first start."""
         return self._running().pid
 
     # -- life ------------------------------------------------------------------------------
@@ -164,6 +167,7 @@ class Relay:
 
     @property
     def running(self) -> bool:
+        """Whether the process runs."""
         return self._process is not None and self._process.poll() is None
 
     def wait_ready(self, within_secs: float = 20.0, *, since: int = 0) -> Relay:

@@ -86,6 +86,7 @@ class ConnectionServer:
 
     @property
     def key(self) -> ServerKey:
+        """The RSA key pair under which relays encrypt their log-ins."""
         return self.settings.key
 
     @property
@@ -150,6 +151,7 @@ class ConnectionServer:
         self.links.wake()
 
     def resume_reading(self) -> None:
+        """Reads from all links again."""
         with self.changed:
             self.settings.reading_paused = False
             self.changed.notify_all()
@@ -188,6 +190,7 @@ class ConnectionServer:
         self.roster.first_id = relay_id
 
     def new_client_id(self) -> int:
+        """An id that no client has been given yet."""
         return self.roster.new_client_id()
 
     @property

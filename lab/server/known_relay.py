@@ -32,6 +32,7 @@ class KnownRelay:
 
     @property
     def id(self) -> int:
+        """Its id, which its log-in name determines."""
         return self._roster.id_of(self.name)
 
     @property
@@ -55,6 +56,7 @@ class KnownRelay:
 
     @property
     def des_key(self) -> bytes:
+        """The key of tickets for it, from its latest log-in."""
         return self.login.des_key
 
     # -- where it is -----------------------------------------------------------------------
@@ -76,6 +78,7 @@ class KnownRelay:
 
     @property
     def tcp_port(self) -> int:
+        """Its TCP port."""
         return self._announced_port().tcp_port
 
     @property
@@ -85,6 +88,7 @@ class KnownRelay:
 
     @property
     def tls_port(self) -> int:
+        """Its TLS port, 0 without TLS."""
         return self._announced_port().tls_port
 
     # -- exchanges with it -----------------------------------------------------------------

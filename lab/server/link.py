@@ -74,6 +74,7 @@ class ServerLink:
         self.send(messages.Challenge(self.challenge))
 
     def set_stage(self, stage: str) -> None:
+        """Changes the stage and notifies those who wait for it."""
         with self._changed:
             self.stage = stage
             self._changed.notify_all()
@@ -124,6 +125,7 @@ class ServerLink:
     # -- from the link's own thread --------------------------------------------------------
 
     def set_no_delay(self) -> None:
+        """Sends small messages at once."""
         self._sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
 
     def shake_hands(self, context: ssl.SSLContext) -> None:

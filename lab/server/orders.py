@@ -60,15 +60,19 @@ class ServerOrders:
         return self._links.newest if relay is None else self._relays[relay].link
 
     def send(self, message: messages.Message, relay: RelayName | None = None) -> None:
+        """Sends a message of any kind."""
         self._link_to(relay).send(message)
 
     def send_raw(self, data: bytes, relay: RelayName | None = None) -> None:
+        """Sends bytes unchanged."""
         self._link_to(relay).send_raw(data)
 
     def send_challenge(self, number: int | None = None, relay: RelayName | None = None) -> None:
+        """Sends a challenge, whether or not one is due."""
         self._link_to(relay).send_challenge(number)
 
     def heartbeat(self, relay: RelayName | None = None) -> None:
+        """Sends one heartbeat."""
         self.send(messages.Heartbeat(), relay)
 
     def log_out_relay(self, name: str = "connserver", relay: RelayName | None = None) -> None:
@@ -76,11 +80,13 @@ class ServerOrders:
         self.send(messages.LogOut(name), relay)
 
     def grant_video(self, from_id: int, to_id: int, relay: RelayName | None = None) -> None:
+        """Permits video from one client to another."""
         self.send(messages.PremiumFeatureResponse(from_id, to_id, return_code="OK"), relay)
 
     def deny_video(
         self, from_id: int, to_id: int, code: str = "UNAUTHORIZED", relay: RelayName | None = None
     ) -> None:
+        """Denies video from one client to another; `code` is the return code."""
         self.send(messages.PremiumFeatureResponse(from_id, to_id, return_code=code), relay)
 
     # -- routes ----------------------------------------------------------------------------

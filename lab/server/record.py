@@ -41,6 +41,7 @@ class ServerRecord:
             self._changed.notify_all()
 
     def note_problem(self, text: str) -> None:
+        """Records something that no correct relay does."""
         with self._changed:
             self.problems.append(text)
             self._changed.notify_all()

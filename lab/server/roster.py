@@ -44,6 +44,7 @@ class RelayRoster:
             self._ids[name] = relay_id
 
     def new_client_id(self) -> int:
+        """An id that no client has been given yet."""
         return next(self._client_ids)
 
     def begin_session(self, name: str) -> None:

@@ -66,6 +66,7 @@ class ServerScript:
             self._sessions.clear()
 
     def take_fault(self, stage: str) -> Fault | None:
+        """The fault to apply at `stage` now, if any; a temporary one is used up."""
         with self._lock:
             queue = self._faults[stage]
             return queue.popleft() if queue else self._permanent.get(stage)

@@ -122,6 +122,7 @@ class AudioStation(Station):
         super().close()
 
     def close(self) -> None:
+        """Closes the connection and all audio sockets."""
         super().close()
         for audio in self._audio.values():
             audio.close()

@@ -91,6 +91,7 @@ class Crowd:
             station.send(messages.Heartbeat())
 
     def close(self) -> None:
+        """Closes all connections."""
         for station in self.stations:
             station.close()
         self.stations.clear()

@@ -65,9 +65,11 @@ class Station:
 
     @property
     def local_address(self) -> tuple[str, int]:
+        """Address and port of this end of the connection."""
         return self._channel.local
 
     def fileno(self) -> int:
+        """The descriptor of the connection."""
         return self._channel.fileno()
 
     # -- sending ---------------------------------------------------------------------------

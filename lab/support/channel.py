@@ -46,9 +46,11 @@ class Channel:
 
     @property
     def closed(self) -> bool:
+        """Whether this side has closed the connection."""
         return self._closed
 
     def fileno(self) -> int:
+        """The descriptor of the connection."""
         return self._sock.fileno()
 
     def read(self, within_secs: float) -> bytes:

@@ -35,6 +35,7 @@ class Deadline:
         return max(0.0, self._at - time.monotonic())
 
     def passed(self) -> bool:
+        """Whether no time is left."""
         return self.left() <= 0
 
 
