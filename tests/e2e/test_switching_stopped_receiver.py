@@ -80,7 +80,7 @@ def test_it_is_waited_for_once(tls_relay, make_station, readers, tls):
     for drain in drains:
         drain.wait_for_image(frames[0], 20)
     with LoopTracer(relay.pid) as tracer:
-        # Until it is dropped. On a busy machine earlier waits may have succeeded; they do not count.
+        # Until it is dropped. On a busy machine earlier waits may have succeeded; ignored.
         while "close" not in calls and len(frames) < MOST_CHUNKS * CHUNK:
             chunk = [Caption(b"%06d" % (len(frames) + n) + b"x" * 480) for n in range(CHUNK)]
             captioner.send_all(chunk)
