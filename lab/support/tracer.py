@@ -141,9 +141,20 @@ class LoopTracer:
     def system_calls(self) -> list[str]:
         """Lets the process wait for events, half a second if there are none, and handle them;
         returns the calls that it made for that."""
+        self.end_wait()
+        return self.finish_pass()
+
+    def end_wait(self) -> None:
+        """Lets the wait for events end, and holds the process before it handles what has come;
+        `finish_pass` is to follow."""
         if not self._in_wait:
             self._resume(_SYSCALL)  # to its entry
         self._resume(_SYSCALL)  # to its return
+        self._in_wait = False
+
+    def finish_pass(self) -> list[str]:
+        """After `end_wait`: lets the process handle what has come and run its timers; returns the
+        calls that it made for that."""
         return self._run_to_wait()
 
     def _run_to_wait(self) -> list[str]:
