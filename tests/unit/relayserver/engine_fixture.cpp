@@ -26,6 +26,7 @@
 #include "relayserver/loop/housekeeping.h"
 #include "relayserver/orders/routing_update.h"
 #include "relayserver/peers/peer_sources.h"
+#include "relayserver/peers/relay_peer.h"
 #include "relayserver/routes/route_store.h"
 #include "relayserver/settings/servers.h"
 #include "relayserver/settings/settings.h"
@@ -239,6 +240,27 @@ Peer EngineTest::openLink() {
     nConnectionStage = CONNECTION_FINISHED;
     addToEpollForRead(pair.fdRelay);
     return Peer(pair.fdPeer);
+}
+
+void EngineTest::route(unsigned nFrom, int nPipe, std::vector<unsigned> to) {
+    Tessel_Routing::RoutingCache::Instance()->Add(
+        Tessel_Routing::RouteEntry(nFrom, nPipe, std::move(to)));
+}
+
+bool EngineTest::bIsRouteCached(unsigned nFrom, int nPipe) {
+    return Tessel_Routing::RoutingCache::Instance()->find(nFrom, nPipe) != nullptr;
+}
+
+std::vector<std::string> EngineTest::dissolvingStatements(unsigned nFrom, unsigned nTo, int nPipe) {
+    const std::string sTo = std::to_string(nTo);
+    return {"DELETE FROM iopatch WHERE clientto='" + sTo + "' AND clientfrom='" +
+                std::to_string(nFrom) + "' AND msgclass='" + std::to_string(nPipe) + "'",
+            "SELECT * FROM iopatch WHERE clientto='" + sTo + "' OR clientfrom='" + sTo + "'"};
+}
+
+void EngineTest::makePeer(int nClientID) {
+    MarkAsRelay(authClient(nClientID));
+    loggedLines().clear();
 }
 
 std::string EngineTest::sImage(int nType, unsigned nSender, unsigned nDestination,

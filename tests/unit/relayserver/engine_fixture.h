@@ -9,8 +9,23 @@
 #include <utility>
 #include <vector>
 
+#include "genner/output/CaptionNetMessage.h"
+#include "genner/output/ChatNetMessage.h"
+#include "genner/output/HeartbeatNetMessage.h"
+#include "genner/output/StatusKeyPostNetMessage.h"
+#include "genner/output/VideoFeedbackNetMessage.h"
+#include "genner/output/message_types.h"
 #include "orvex/net_message.h"
 #include "orvex/relay_client_table.h"
+
+/// Message types and pipes that tests send.
+constexpr int kChat = Orvex::ChatNetMessage::nTYPE;
+constexpr int kCaption = Orvex::CaptionNetMessage::nTYPE;
+constexpr int kHeartbeat = Orvex::HeartbeatNetMessage::nTYPE;
+constexpr int kStatus = Orvex::StatusKeyPostNetMessage::nTYPE;
+constexpr int kChatPipe = nPipeType(kChat);
+constexpr int kCaptionPipe = nPipeType(kCaption);
+constexpr int kVideoPipe = nPipeType(Orvex::VideoFeedbackNetMessage::nTYPE);
 
 /// One end of a connected pair of sockets is the relay's; this is the other.
 class Peer {
@@ -62,6 +77,16 @@ class EngineTest : public testing::Test {
 
     /// A logged-in link; the peer is the connection server.
     static Peer openLink();
+
+    /// What `nFrom` sends down pipe `nPipe` goes to `to`, as if read from the table before.
+    static void route(unsigned nFrom, int nPipe, std::vector<unsigned> to);
+    /// Whether the route of `nFrom` and `nPipe` is cached.
+    static bool bIsRouteCached(unsigned nFrom, int nPipe);
+    /// The statements by which a route between two relays is dissolved: `nFrom` to relay `nTo`.
+    static std::vector<std::string> dissolvingStatements(unsigned nFrom, unsigned nTo, int nPipe);
+
+    /// Makes an admitted client a relay peer, and forgets what was logged.
+    static void makePeer(int nClientID);
 
     /// A message of `nType` from `nSender`, with `sPayload` behind the header.
     static std::string sImage(int nType, unsigned nSender, unsigned nDestination,

@@ -52,7 +52,7 @@ class PlainAccept : public EngineTest {
 TEST_F(PlainAccept, ANewConnectionIsALooseClient) {
     const Peer peer = connectClient("127.0.0.9");
     advanceClockForTest(5);
-    acceptPlainClient();
+    bAcceptPlainClient();
     ASSERT_EQ(1, ctLooseClientTable.GetSize());
     EXPECT_THAT(loggedLines(),
                 ElementsAre(string_format("New client request received from 127.0.0.9(%d)\n",
@@ -66,7 +66,7 @@ TEST_F(PlainAccept, ANewConnectionIsALooseClient) {
 
 TEST_F(PlainAccept, ItsSocketIsNonBlockingAndWithoutNagle) {
     const Peer peer = connectClient();
-    acceptPlainClient();
+    bAcceptPlainClient();
     const int fd = loose().GetMessageSocket()->getMsgSockFileDesc();
     EXPECT_NE(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
     int nOn = 0;
@@ -77,7 +77,7 @@ TEST_F(PlainAccept, ItsSocketIsNonBlockingAndWithoutNagle) {
 
 TEST_F(PlainAccept, ItsSocketIsWatchedForInput) {
     const Peer peer = connectClient();
-    acceptPlainClient();
+    bAcceptPlainClient();
     peer.sendBytes("x");
     const int fd = loose().GetMessageSocket()->getMsgSockFileDesc();
     ASSERT_TRUE(bWaitReadable(fd));
@@ -99,7 +99,7 @@ TEST_F(PlainAccept, AConnectionWithoutNaglesAlgorithmIsServedWhateverTheLogSays)
     const Peer peer(socket(AF_UNIX, SOCK_STREAM, 0));
     ASSERT_EQ(0, connect(peer.fd(), reinterpret_cast<const sockaddr*>(&suListener), nLen));
     testing::internal::CaptureStderr();
-    acceptPlainClient();
+    bAcceptPlainClient();
     EXPECT_EQ("disable Nagle algorithm for send socket: Operation not supported\n",
               testing::internal::GetCapturedStderr());
     EXPECT_EQ(1, ctLooseClientTable.GetSize());
@@ -112,9 +112,9 @@ TEST_F(PlainAccept, AConnectionWithoutNaglesAlgorithmIsServedWhateverTheLogSays)
 TEST_F(PlainAccept, OneCallTakesOneConnection) {
     const Peer first = connectClient();
     const Peer second = connectClient();
-    acceptPlainClient();
+    bAcceptPlainClient();
     EXPECT_EQ(1, ctLooseClientTable.GetSize());
-    acceptPlainClient();
+    bAcceptPlainClient();
     EXPECT_EQ(2, ctLooseClientTable.GetSize());
 }
 
@@ -145,7 +145,7 @@ TEST_F(PlainAccept, ARefusedConnectionEndsTheHandling) {
 TEST_F(PlainAccept, WithoutAConnectionServerNoneIsAccepted) {
     bAccepting = false;
     const Peer peer = connectClient();
-    acceptPlainClient();
+    bAcceptPlainClient();
     EXPECT_TRUE(bClosedSoon(peer));
     EXPECT_EQ(0, ctLooseClientTable.GetSize());
     EXPECT_THAT(loggedLines(),
@@ -159,8 +159,8 @@ TEST_F(PlainAccept, TheHundredthConnectionOfAnAddressIsClosed) {
     }
     const Peer peer = connectClient();
     const Peer other = connectClient("127.0.0.2");
-    acceptPlainClient();
-    acceptPlainClient();
+    bAcceptPlainClient();
+    bAcceptPlainClient();
     EXPECT_TRUE(bClosedSoon(peer));
     EXPECT_EQ(1, ctLooseClientTable.GetSize());
     ASSERT_EQ(2U, loggedLines().size());
@@ -169,7 +169,7 @@ TEST_F(PlainAccept, TheHundredthConnectionOfAnAddressIsClosed) {
 }
 
 TEST_F(PlainAccept, AFailedAcceptIsLoggedWithItsErrno) {
-    acceptPlainClient();  // nobody waits
+    bAcceptPlainClient();  // nobody waits
     EXPECT_THAT(loggedLines(),
                 ElementsAre(string_format("Warning: socket accept call returned -1 with error %d\n",
                                           EAGAIN)));
@@ -199,7 +199,7 @@ TEST_F(PlainAccept, WantOfDescriptorsPausesTheListener) {
     const Peer peer = connectClient();
     {
         const NoDescriptors noDescriptors;
-        acceptPlainClient();
+        bAcceptPlainClient();
     }
     EXPECT_THAT(loggedLines(),
                 ElementsAre(string_format("Warning: socket accept call returned -1 with error %d\n",
@@ -208,7 +208,7 @@ TEST_F(PlainAccept, WantOfDescriptorsPausesTheListener) {
     advanceClockForTest(1);
     resumeAccepting();
     EXPECT_EQ(1, epoll_wait(ep_fd, ep_events, kMaxEpollEvents, 0));
-    acceptPlainClient();
+    bAcceptPlainClient();
     EXPECT_EQ(1, ctLooseClientTable.GetSize());
 }
 
@@ -216,15 +216,15 @@ TEST_F(PlainAccept, WantOfDescriptorsIsLoggedOnceUntilAConnectionIsAccepted) {
     const Peer peer = connectClient();
     for (int i = 0; i < 3; ++i) {
         const NoDescriptors noDescriptors;
-        acceptPlainClient();
+        bAcceptPlainClient();
         advanceClockForTest(1);
         resumeAccepting();
     }
     EXPECT_EQ(1U, loggedLines().size());
-    acceptPlainClient();
+    bAcceptPlainClient();
     const Peer next = connectClient();
     const NoDescriptors noDescriptors;
-    acceptPlainClient();
+    bAcceptPlainClient();
     EXPECT_EQ(2U, nLoggedContaining("Warning: socket accept call returned -1"));
 }
 

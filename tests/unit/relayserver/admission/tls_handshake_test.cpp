@@ -161,7 +161,7 @@ TEST_F(TlsHandshake, ALoginThatCameWithItsEndAdmitsWithoutFurtherEvents) {
         runOnePass();
     }
     ASSERT_TRUE(bIsAdmitted(7));
-    Orvex::ResponseNetMessage rnm(0, Orvex::ReturnCode(0));
+    Orvex::ResponseNetMessage rnm(0, rcOK);
     EXPECT_EQ(rnm.frame(), pTls->sReceive());
 }
 

@@ -200,7 +200,7 @@ Peer AudioTest::addRelayPeer(int nClientID, int nHost, const PeerAudio& audio) {
     setTcpAddress(nClientID, nHost);
     const unsigned char achTicket[] = "a stored ticket!";
     authClient(nClientID).SetTicket(achTicket, 16);
-    namePeerPort(authClient(nClientID), audio.nBasePort());
+    setPeerUdpBasePort(authClient(nClientID), audio.nBasePort());
     MarkAsRelay(authClient(nClientID));
     loggedLines().clear();
     return peer;

@@ -113,7 +113,7 @@ TEST_F(ClientReport, MopupDropsEveryClientAndEveryRoute) {
     const Peer peer7 = addAuthClient(7);
     const Peer peer8 = addAuthClient(8);
     const Peer loose = addLooseClient();
-    Tessel_Routing::RoutingCache::Instance()->Add(Tessel_Routing::RouteEntry(7, 128, {8}));
+    route(7, kChatPipe, {8});
     MopupCS(LeaveReason::kNewSession);
     EXPECT_TRUE(peer7.bClosedByRelay());
     EXPECT_TRUE(peer8.bClosedByRelay());

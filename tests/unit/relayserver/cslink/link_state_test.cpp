@@ -29,28 +29,6 @@ TEST_F(LinkState, StartsIdleAndAccepting) {
     EXPECT_EQ(1U, connectRetry_secs);
 }
 
-TEST_F(LinkState, SwitchServersMovesTheFrontToTheBack) {
-    for (const char* sServer : {"first", "second", "third"}) {
-        serverQ.emplace(sServer);
-    }
-    SwitchServers();
-    EXPECT_EQ("second", serverQ.front());
-    EXPECT_EQ("first", serverQ.back());
-    EXPECT_EQ(3U, serverQ.size());
-}
-
-TEST_F(LinkState, SwitchServersLeavesASingleServerInPlace) {
-    serverQ.emplace("only");
-    SwitchServers();
-    EXPECT_EQ("only", serverQ.front());
-    EXPECT_EQ(1U, serverQ.size());
-}
-
-TEST_F(LinkState, SwitchServersIsHarmlessWithoutServers) {
-    SwitchServers();
-    EXPECT_TRUE(serverQ.empty());
-}
-
 TEST_F(LinkState, LosingAnEstablishedLinkClosesItAndKeepsTheClients) {
     const Peer client = addAuthClient(8);
     const Peer server = openLink();

@@ -61,10 +61,7 @@ class Login : public EngineTest {
         return sOf(Orvex::ResponseNetMessage(99, Orvex::ReturnCode(lCode)));
     }
     static std::string sDisconnect(unsigned nFrom) {
-        return sOf(Orvex::RoutingUpdateNetMessage(Orvex::RequestCode(1), nFrom, 0, 128));
-    }
-    static std::string sConnectToAbsent(unsigned nTo) {
-        return sOf(Orvex::RoutingUpdateNetMessage(Orvex::RequestCode(0), 7, nTo, 128));
+        return sOf(Orvex::RoutingUpdateNetMessage(rcDisconnect, nFrom, 0, 128));
     }
 
     /// Logged in before, lost the link since, and asked to continue.
@@ -325,36 +322,6 @@ TEST_F(Login, AWholeLoginMayComeInOneBatchWithOrdersBehindIt) {
     EXPECT_EQ(353, nReceive({sChallenge(1), sResponse(0), sDisconnect(7)}));
     EXPECT_THAT(executedStatements(),
                 Contains("DELETE FROM iopatch WHERE clientfrom='7' AND msgclass='128'"));
-}
-
-TEST_F(Login, ALogOutEndsABatch) {
-    nConnectionStage = CONNECTION_FINISHED;
-    EXPECT_EQ(-1, nReceive({sDisconnect(7), sOf(Orvex::LogOutNetMessage()), sDisconnect(8)}));
-    EXPECT_EQ(2U, executedStatements().size());
-    EXPECT_THAT(loggedLines(),
-                ElementsAre("logged out by connserver\n", "Lost connection to CS!\n"));
-    EXPECT_EQ("first", serverQ.front());
-}
-
-TEST_F(Login, ABatchIsHandledToItsEndAlthoughItsFirstOrderFindsTheLinkBroken) {
-    const Peer client = addAuthClient(7);
-    nConnectionStage = CONNECTION_FINISHED;
-    server.stopReading();
-    EXPECT_EQ(353, nReceive({sConnectToAbsent(8), sConnectToAbsent(9), sDisconnect(7)}));
-    EXPECT_THAT(
-        executedStatements(),
-        ElementsAre("INSERT INTO iopatch (clientto, clientfrom, msgclass) VALUES ('8','7','128')",
-                    "INSERT INTO iopatch (clientto, clientfrom, msgclass) VALUES ('9','7','128')",
-                    "DELETE FROM iopatch WHERE clientfrom='7' AND msgclass='128'",
-                    "SELECT * FROM iopatch WHERE clientto='0' OR clientfrom='0'"));
-    EXPECT_EQ(1U, nLogged("socket broken sending message to connection server!\n"));
-    EXPECT_TRUE(bLinkMarkedBroken());
-    EXPECT_TRUE(bIsAdmitted(7));
-}
-
-TEST_F(Login, WithoutMessagesTheStageStays) {
-    EXPECT_EQ(3, handleLinkMessages());
-    EXPECT_EQ(WAITING_FOR_CHALLENGE, nConnectionStage);
 }
 
 }  // namespace

@@ -89,9 +89,9 @@ TEST_F(ConnectOrder, ToAConnectedRelayIsNotConfirmedLaterWhileThereIsNoServer) {
 
 TEST_F(ConnectOrder, WithAnotherCodeIsOnlyNamed) {
     const Peer peer = addAuthClientAt(8, "127.0.0.7");
-    giveOrder({.nCode = 1, .nToID = 8, .nTcpPort = other.nPort(), .nUdpPort = 6900});
-    giveOrder({.nCode = 7, .nToID = 9, .nTcpPort = other.nPort()});
-    giveOrder({.nCode = -1, .nToID = 9, .nTcpPort = other.nPort()});
+    giveOrder({.code = rcDisconnect, .nToID = 8, .nTcpPort = other.nPort(), .nUdpPort = 6900});
+    giveOrder({.code = Orvex::RequestCode(7), .nToID = 9, .nTcpPort = other.nPort()});
+    giveOrder({.code = Orvex::RequestCode(-1), .nToID = 9, .nTcpPort = other.nPort()});
     EXPECT_THAT(loggedLines(),
                 ElementsAre("got ticket for relay peer 8\n",
                             "connect order net message had request code: DISCONNECT\n",
@@ -114,7 +114,7 @@ class UdpOrder : public ConnectOrder {
 TEST_F(UdpOrder, OfAKnownIdRegistersAllProgramsUnderItsTicket) {
     const AudioPorts ports;
     const Peer peer = addAuthClientAt(8, "127.0.0.1");
-    giveOrder({.nCode = kUdpReg, .nToID = 8, .nUdpPort = ports.nBase(), .sTicket = "new"});
+    giveOrder({.code = rcUdpReg, .nToID = 8, .nUdpPort = ports.nBase(), .sTicket = "new"});
     EXPECT_EQ("new", sTicketOf(authClient(8)));
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
     EXPECT_EQ("got ticket for relay peer 8\n", loggedLines().front());
@@ -130,7 +130,7 @@ TEST_F(UdpOrder, OfAKnownIdRegistersAllProgramsUnderItsTicket) {
 }
 
 TEST_F(UdpOrder, OfAnUnknownIdDoesNothing) {
-    giveOrder({.nCode = kUdpReg, .nToID = 8, .nTcpPort = other.nPort(), .nUdpPort = 6900});
+    giveOrder({.code = rcUdpReg, .nToID = 8, .nTcpPort = other.nPort(), .nUdpPort = 6900});
     EXPECT_THAT(loggedLines(), ElementsAre("got ticket for relay peer 8\n"));
     EXPECT_EQ(0, ctAuthClientTable.GetSize());
     EXPECT_EQ(0, ctOutboundConnectsPending.GetSize());
@@ -139,7 +139,7 @@ TEST_F(UdpOrder, OfAnUnknownIdDoesNothing) {
 
 TEST_F(UdpOrder, OfAConnectThatIsStillPendingDoesNothing) {
     giveOrder({.nToID = 8, .nTcpPort = other.nPort(), .sTicket = "first"});
-    giveOrder({.nCode = kUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = "second"});
+    giveOrder({.code = rcUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = "second"});
     EXPECT_EQ("first", sTicketOf(pending(8)));
     EXPECT_FALSE(bIsRelayPeer(pending(8)));
 }
@@ -147,7 +147,7 @@ TEST_F(UdpOrder, OfAConnectThatIsStillPendingDoesNothing) {
 TEST_F(UdpOrder, MovesThePeersAudioToItsBase) {
     const Peer peer = addAuthClientAt(8, "127.0.0.7");
     authClient(8).StartRcvAudio(3, siOf("127.0.0.9", 1));
-    giveOrder({.nCode = kUdpReg, .nToID = 8, .nUdpPort = 6900});
+    giveOrder({.code = rcUdpReg, .nToID = 8, .nUdpPort = 6900});
     sockaddr_in siReceives{};
     authClient(8).GetAudioRcvAddress(3, siReceives);
     EXPECT_EQ(htons(6906), siReceives.sin_port);
@@ -156,9 +156,9 @@ TEST_F(UdpOrder, MovesThePeersAudioToItsBase) {
 
 TEST_F(UdpOrder, WithoutATicketAsksForOneButNotInATightCircle) {
     const Peer peer = addAuthClientAt(8, "127.0.0.7");
-    giveOrder({.nCode = kUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = ""});
+    giveOrder({.code = rcUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = ""});
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
-    giveOrder({.nCode = kUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = ""});
+    giveOrder({.code = rcUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = ""});
     EXPECT_THAT(server.images(), ElementsAre(sTicketRequest(8)));
     EXPECT_EQ("last ticket request for udp reg to relay 8 still pending\n", loggedLines().back());
 }
@@ -166,15 +166,15 @@ TEST_F(UdpOrder, WithoutATicketAsksForOneButNotInATightCircle) {
 TEST_F(UdpOrder, WithATicketOf64BytesKeepsAllOfIt) {
     const Peer peer = addAuthClientAt(8, "127.0.0.7");
     const std::string sLongest(64, '\xFF');
-    giveOrder({.nCode = kUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = sLongest});
+    giveOrder({.code = rcUdpReg, .nToID = 8, .nUdpPort = 6900, .sTicket = sLongest});
     EXPECT_EQ(sLongest, sTicketOf(authClient(8)));
 }
 
 TEST_F(UdpOrder, OfId0OrANegativeIdFindsTheClientOfThatId) {
     const Peer peer0 = addAuthClientAt(0, "127.0.0.7");
     const Peer peerNegative = addAuthClientAt(-5, "127.0.0.8");
-    giveOrder({.nCode = kUdpReg, .nToID = 0, .nUdpPort = 6900});
-    giveOrder({.nCode = kUdpReg, .nToID = -5, .nUdpPort = 6900});
+    giveOrder({.code = rcUdpReg, .nToID = 0, .nUdpPort = 6900});
+    giveOrder({.code = rcUdpReg, .nToID = -5, .nUdpPort = 6900});
     EXPECT_TRUE(bIsRelayPeer(authClient(0)));
     EXPECT_TRUE(bIsRelayPeer(authClient(-5)));
     EXPECT_EQ(1U, nLogged("got ticket for relay peer -5\n"));

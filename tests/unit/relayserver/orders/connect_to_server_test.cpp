@@ -27,6 +27,7 @@
 #include "tests/stubs/tesselsql_stub.h"
 #include "tests/unit/relayserver/cslink/scripted_server.h"
 #include "tests/unit/relayserver/cslink/test_keys.h"
+#include "tests/unit/relayserver/orders/connect_fixture.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -35,135 +36,7 @@ using testing::StartsWith;
 
 namespace {
 
-class ConnectToServerTest : public EngineTest {
-  protected:
-    ConnectToServerTest() { rsaPublicKey = testRsaKey(); }
-    ~ConnectToServerTest() override {
-        rsaPublicKey = nullptr;
-        exitRequested = 0;
-    }
-
-    static std::string sFrameOf(Orvex::NetMessage&& nmMessage) {
-        return std::string(nmMessage.frame());
-    }
-    static std::string sChallenge() { return sFrameOf(Orvex::ChallengeNetMessage(4711)); }
-    static std::string sOk() {
-        return sFrameOf(Orvex::ResponseNetMessage(99, Orvex::ReturnCode(0)));
-    }
-
-    /// The server in use, and another behind it.
-    static void useServer(const std::string& sServer) {
-        serverQ = {};
-        serverQ.push(sServer);
-        serverQ.emplace("second");
-    }
-
-    /// Waits for the next event of the link, at most `nMillis`; false when there is none.
-    static bool bNextEvent(epoll_event& epe, int nMillis = 5000) {
-        const int nReady = epoll_wait(ep_fd, ep_events, kMaxEpollEvents, nMillis);
-        for (int i = 0; i < nReady; ++i) {
-            if (nDescriptorOf(ep_events[i]) == connserv_sockfd) {
-                epe = ep_events[i];
-                return true;
-            }
-        }
-        return false;
-    }
-
-    /// Handles the next event of the link; its result, or -2 when there is no event.
-    static int nStep() {
-        epoll_event epe{};
-        return bNextEvent(epe) ? ConnectToServer(false, &epe) : -2;
-    }
-
-    /// Starts an attempt at `rServer` and brings it to the wait for the challenge.
-    static Peer connectTo(const ScriptedServer& rServer) {
-        useServer(rServer.sAddress());
-        EXPECT_EQ(1, ConnectToServer(false, nullptr));
-        EXPECT_EQ(3, nStep());
-        return rServer.acceptRelay();
-    }
-
-    static bool bIsLinkDown() {
-        return nConnectionStage == CONNECTION_IDLE && connserv_sockfd == 0;
-    }
-};
-
-// ---- starting an attempt
-
-TEST_F(ConnectToServerTest, StartsAnAttemptWithoutWaitingForIt) {
-    const ScriptedServer server;
-    useServer(server.sAddress());
-    advanceClockForTest(7);
-    EXPECT_EQ(1, ConnectToServer(false, nullptr));
-    EXPECT_EQ(WAITING_FOR_CONNECT, nConnectionStage);
-    EXPECT_EQ(kNow + 7, ttLastCSConnectAttempt);
-    const std::time_t ttAttempt = kNow + 7;
-    ASSERT_EQ(4U, loggedLines().size());
-    EXPECT_EQ(
-        std::string("initialized connection server reconnect timer at: ") + std::ctime(&ttAttempt),
-        loggedLines()[0]);
-    EXPECT_EQ("Using system default interface\n", loggedLines()[1]);
-    EXPECT_THAT(loggedLines()[2], testing::HasSubstr("(of 8388608 requested)"));
-    EXPECT_EQ("Attempting connection to server " + server.sAddress() + "\n", loggedLines()[3]);
-}
-
-TEST_F(ConnectToServerTest, AClockThatWasSetBackDoesNotStopTheTimers) {
-    tLastHeartbeat = kNow + 1000;
-    tLastHeartbeatBurst = kNow + 1000;
-    serverQ = {};
-    EXPECT_EQ(-1, ConnectToServer(false, nullptr));
-    EXPECT_EQ(kNow, tLastHeartbeat);
-    EXPECT_EQ(kNow, tLastHeartbeatBurst);
-}
-
-TEST_F(ConnectToServerTest, WithoutAnEventAnAttemptUnderWayIsLeftAlone) {
-    const ScriptedServer server;
-    useServer(server.sAddress());
-    EXPECT_EQ(1, ConnectToServer(false, nullptr));
-    const int fd = connserv_sockfd;
-    EXPECT_EQ(1, ConnectToServer(false, nullptr));
-    EXPECT_EQ(fd, connserv_sockfd);
-}
-
-TEST_F(ConnectToServerTest, ANameThatDoesNotResolveKeepsItsTurn) {
-    useServer(std::string(300, 'a'));
-    const std::string sServer = serverQ.front();
-    EXPECT_EQ(-1, ConnectToServer(false, nullptr));
-    EXPECT_EQ("gethostbyname failed: invalid server.\n", loggedLines().back());
-    EXPECT_EQ(sServer, serverQ.front());
-    EXPECT_TRUE(bIsLinkDown());
-}
-
-TEST_F(ConnectToServerTest, ABindAddressThatCannotBeUsedKeepsTheServersTurn) {
-    const ScriptedServer server;
-    useServer(server.sAddress());
-    sBindAddr = "bogus";
-    EXPECT_EQ(-1, ConnectToServer(false, nullptr));
-    EXPECT_EQ("ERROR: Invalid bind address: bogus\n", loggedLines().back());
-    EXPECT_EQ(server.sAddress(), serverQ.front());
-    EXPECT_TRUE(bIsLinkDown());
-}
-
-TEST_F(ConnectToServerTest, ConnectsFromTheConfiguredAddress) {
-    const ScriptedServer server;
-    sBindAddr = "127.0.0.9";
-    const Peer relay = connectTo(server);
-    sockaddr_in siRelay{};
-    socklen_t nLen = sizeof siRelay;
-    EXPECT_EQ(0, getpeername(relay.fd(), reinterpret_cast<sockaddr*>(&siRelay), &nLen));
-    EXPECT_EQ("127.0.0.9", sDottedAddress(siRelay));
-}
-
-TEST_F(ConnectToServerTest, AConnectThatFailsAtOnceCostsTheServerItsTurn) {
-    useServer("255.255.255.255");
-    EXPECT_EQ(-1, ConnectToServer(false, nullptr));
-    EXPECT_EQ("Error initiating connect to server 255.255.255.255\n", loggedLines().back());
-    EXPECT_EQ("second", serverQ.front());
-    EXPECT_TRUE(bIsLinkDown());
-}
-
-// ---- events, without TLS
+using ConnectToServerTest = ConnectTest;
 
 TEST_F(ConnectToServerTest, AWritableSocketIsConnected) {
     const ScriptedServer server;
@@ -220,7 +93,7 @@ TEST_F(ConnectToServerTest, WhatAServerSendsBeforeItClosesStillCounts) {
     const ScriptedServer server;
     Peer relay = connectTo(server);
     nConnectionStage = WAITING_FOR_LOGIN_RESPONSE;
-    relay.sendBytes(sFrameOf(Orvex::ResponseNetMessage(0, Orvex::ReturnCode(2))));
+    relay.sendBytes(sFrameOf(Orvex::ResponseNetMessage(0, rcUnauthorized)));
     relay.close();
     EXPECT_EQ(-1, nStep());
     EXPECT_EQ(1U, nLogged("Server response: UNAUTHORIZED.\n"));
@@ -256,130 +129,6 @@ TEST_F(ConnectToServerTest, AnEventThatIsNeitherReadableNorWritableLosesTheLink)
                                            "Lost connection to CS!\n"));
     EXPECT_EQ(server.sAddress(), serverQ.front());
     EXPECT_TRUE(bIsLinkDown());
-}
-
-// ---- TLS
-
-class ConnectToTlsServer : public ConnectToServerTest {
-  protected:
-    ConnectToTlsServer() : server(true) {
-        bCS_ssl = true;
-        cs_ssl_port = server.nPort();
-        useServer(server.sAddress());
-    }
-
-    /// Starts an attempt; the connection as the server sees it.
-    [[nodiscard]] Peer startAttempt() const {
-        EXPECT_EQ(1, ConnectToServer(false, nullptr));
-        EXPECT_EQ(2, nStep());
-        return server.acceptRelay();
-    }
-
-    /// Steps both sides until the relay waits for the challenge.
-    static void shakeHands(TlsEnd& rEnd) {
-        bool bServerDone = false;
-        for (int nTry = 0; nTry < 100; ++nTry) {
-            bServerDone = bServerDone || rEnd.bStepAccept();
-            epoll_event epe{};
-            if (nConnectionStage == SSL_HANDSHAKE && bNextEvent(epe, 20)) {
-                EXPECT_LE(2, ConnectToServer(false, &epe));
-            }
-            if (bServerDone && nConnectionStage == WAITING_FOR_CHALLENGE) {
-                return;
-            }
-        }
-        FAIL() << "the handshake does not end";
-    }
-
-    const ScriptedServer server;
-};
-
-TEST_F(ConnectToTlsServer, BeginsTheHandshakeWhenConnected) {
-    const Peer relay = startAttempt();
-    EXPECT_EQ(SSL_HANDSHAKE, nConnectionStage);
-    EXPECT_THAT(loggedLines(), Contains("Finished non-blocking connect to connserver\n"));
-    EXPECT_EQ("Setting up SSL to connserver, beginning handshake\n", loggedLines().back());
-    EXPECT_TRUE(msConnServMsgSock.bUseSSL());
-}
-
-TEST_F(ConnectToTlsServer, LogsInThroughTls) {
-    const Peer relay = startAttempt();
-    TlsEnd end(relay);
-    shakeHands(end);
-    EXPECT_EQ(1U, nLogged("Completed SSL handshake to connserver\n"));
-    end.sendBytes(sChallenge());
-    while (nConnectionStage == WAITING_FOR_CHALLENGE) {
-        ASSERT_LE(0, nStep());
-    }
-    ASSERT_TRUE(bWaitForInput(relay));
-    const std::string sLogin = end.sReceived();
-    ASSERT_EQ(2U + 8U + 256U, sLogin.size());
-    EXPECT_EQ(4711, openLogin(sLogin.substr(1)).GetLoginNumber());
-    end.sendBytes(sOk());
-    EXPECT_EQ(353, nStep());
-}
-
-TEST_F(ConnectToTlsServer, AWholeLoginInOneRecordNeedsNoFurtherEvent) {
-    const Peer relay = startAttempt();
-    TlsEnd end(relay);
-    shakeHands(end);
-    std::string sAll = sChallenge() + sOk();
-    for (int i = 0; i < 600; ++i) {
-        sAll += sFrameOf(Orvex::HeartbeatNetMessage());
-    }
-    sAll += sFrameOf(Orvex::RoutingUpdateNetMessage(Orvex::RequestCode(1), 7, 0, 128));
-    end.sendBytes(sAll);
-    while (nConnectionStage != CONNECTION_FINISHED) {
-        ASSERT_LE(0, nStep());
-    }
-    executedStatements().clear();
-    for (int nTry = 0; nTry < 100 && executedStatements().empty(); ++nTry) {
-        ASSERT_TRUE(bTurnsWaiting()) << "the rest of the record is announced by no event";
-        beginTurns();
-        epoll_event epe{};
-        ASSERT_TRUE(bNextTurn(epe));
-        ASSERT_EQ(connserv_sockfd, nDescriptorOf(epe));
-        onLinkEvent(epe);
-    }
-    EXPECT_EQ(2U, executedStatements().size());
-}
-
-TEST_F(ConnectToTlsServer, AServerThatSpeaksNoTlsLosesItsTurn) {
-    const Peer relay = startAttempt();
-    relay.sendBytes("HTTP/1.0 400 Bad Request\r\n\r\n");
-    EXPECT_EQ(-1, nStep());
-    EXPECT_EQ(1U, nLogged("SSL handshake with CS failed, library callback above\n"));
-    EXPECT_EQ(1U, nLoggedContaining("error:"));
-    EXPECT_EQ("Lost connection to CS!\n", loggedLines().back());
-    EXPECT_EQ("second", serverQ.front());
-    EXPECT_EQ(nullptr, connserv_ssl);
-    EXPECT_TRUE(bIsLinkDown());
-}
-
-TEST_F(ConnectToTlsServer, AServerThatClosesDuringTheHandshakeLosesItsTurn) {
-    Peer relay = startAttempt();
-    relay.close();
-    EXPECT_EQ(-1, nStep());
-    EXPECT_EQ(1U, nLogged("SSL handshake with CS failed, library callback above\n"));
-    EXPECT_EQ("second", serverQ.front());
-}
-
-TEST_F(ConnectToTlsServer, AServerThatEndsTheSessionDuringTheLoginLosesItsTurn) {
-    Peer relay = startAttempt();
-    {
-        TlsEnd end(relay);
-        shakeHands(end);
-    }
-    relay.close();
-    int nResult = nStep();
-    while (nResult == 3) {
-        nResult = nStep();
-    }
-    EXPECT_EQ(-1, nResult);
-    EXPECT_EQ(1U, nLoggedContaining("WARNING: broken connection to connserver during initial "
-                                    "connect stages : SSL "));
-    EXPECT_EQ("second", serverQ.front());
-    EXPECT_EQ(nullptr, connserv_ssl);
 }
 
 // ---- waiting

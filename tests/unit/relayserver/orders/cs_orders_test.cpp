@@ -34,7 +34,7 @@ TEST_F(CsOrders, AreCarriedOut) {
 TEST_F(CsOrders, AreCarriedOutInTheirOrder) {
     const Peer known = addAuthClientAt(9, "127.0.0.7");
     give({.nToID = 8, .nTcpPort = other.nPort()});
-    give({.nCode = kUdpReg, .nToID = 9, .nUdpPort = 6900, .sTicket = ""});
+    give({.code = rcUdpReg, .nToID = 9, .nUdpPort = 6900, .sTicket = ""});
     give({.nToID = 9});
     offerReady();
     EXPECT_TRUE(bIsPending(8));

@@ -47,7 +47,7 @@ class BothAtOnce : public PeerTest {
         stepLooseClient(ctLooseClientTable.current());
     }
     static void answer(const Peer& there, unsigned nPeerID, long lCode) {
-        there.sendBytes(sFrame(sResponse(nPeerID, lCode)));
+        there.sendBytes(sFrame(sResponse(nPeerID, Orvex::ReturnCode(lCode))));
         readAndSwitch(authClient(static_cast<int>(nPeerID)));
     }
     static bool bOursStands(unsigned nPeerID, const Peer& ours, const Peer& theirs) {

@@ -134,7 +134,7 @@ Orvex::ConnectOrderNetMessage PeerTest::orderOf(const Order& order) {
             order.nUdpPort,
             bytesOf(order.sTicket),
             static_cast<int>(order.sTicket.size()),
-            Orvex::RequestCode(order.nCode),
+            order.code,
             0};
 }
 
@@ -194,11 +194,11 @@ std::string PeerTest::sConfirmation(int nClientID) {
 }
 
 std::string PeerTest::sTicketRequest(int nPeerID) {
-    return sImageOf(Orvex::TicketRequestNetMessage(nPeerID, Orvex::RequestCode(kUdpReg)));
+    return sImageOf(Orvex::TicketRequestNetMessage(nPeerID, rcUdpReg));
 }
 
-std::string PeerTest::sResponse(unsigned nSender, long lCode) {
-    Orvex::ResponseNetMessage rnm(nSender, Orvex::ReturnCode(lCode));
+std::string PeerTest::sResponse(unsigned nSender, Orvex::ReturnCode code) {
+    Orvex::ResponseNetMessage rnm(nSender, code);
     rnm.ChangeSenderID(nSender);
     return std::string(rnm.frame().substr(1));
 }

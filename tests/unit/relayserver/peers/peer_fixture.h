@@ -46,13 +46,11 @@ class AudioPorts {
 class PeerTest : public EngineTest {
   protected:
     static constexpr unsigned kOwnID = 1000;
-    static constexpr int kConnect = 0;
-    static constexpr int kUdpReg = 2;
 
     PeerTest();
 
     struct Order {
-        int nCode = kConnect;
+        Orvex::RequestCode code = rcConnect;
         int nToID = 8;
         int nTcpPort = 0;
         int nUdpPort = 0;
@@ -79,7 +77,7 @@ class PeerTest : public EngineTest {
 
     static std::string sConfirmation(int nClientID);
     static std::string sTicketRequest(int nPeerID);
-    static std::string sResponse(unsigned nSender, long lCode);
+    static std::string sResponse(unsigned nSender, Orvex::ReturnCode code);
     static std::string sLoss(int nClientID);
     /// What a log-in to another relay looks like.
     static std::string sOwnLogin(const std::string& sTicket);

@@ -92,7 +92,7 @@ TEST_F(PeerSources, APortThatAnOrderNamesLeavesThePeerWhereItSendsFrom) {
     const Peer peer = addPeer(8, "127.0.0.7");
     authClient(8).StartSrcAudio(0, siOf("127.0.0.9", 1));
     notePeerSources(authClient(8));
-    namePeerPort(authClient(8), 6900);
+    setPeerUdpBasePort(authClient(8), 6900);
     EXPECT_TRUE(bSends("127.0.0.9"));
     EXPECT_FALSE(bSends("127.0.0.7"));
 }

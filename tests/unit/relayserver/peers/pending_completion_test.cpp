@@ -86,7 +86,7 @@ TEST_F(PendingCompletion, LeavesTheConnectionWatchedForInputOnly) {
     const Peer there = other.acceptRelay();
     offerReady();
     EXPECT_EQ(0, epoll_wait(ep_fd, ep_events, kMaxEpollEvents, 0));
-    there.sendBytes(sFrame(sResponse(8, 0)));
+    there.sendBytes(sFrame(sResponse(8, rcOK)));
     offerReady();
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
 }

@@ -68,7 +68,7 @@ TEST_F(RelayPeer, MarkingStartsAudioAndEnlargesTheSendBuffer) {
 }
 
 TEST_F(RelayPeer, MarkingTakesThePeersOwnAddressAndItsBasePort) {
-    namePeerPort(authClient(8), 6900);
+    setPeerUdpBasePort(authClient(8), 6900);
     MarkAsRelay(authClient(8));
     EXPECT_EQ("127.0.0.7:6900", sReceivesAt(0));
     EXPECT_EQ("127.0.0.7:6900", sSendsFrom(0));
@@ -111,12 +111,12 @@ TEST_F(RelayPeer, MarkingKeepsTheReceptionThatIsKnownAlready) {
 class PeerPort : public RelayPeer {};
 
 TEST_F(PeerPort, IsKeptInNetworkByteOrder) {
-    namePeerPort(authClient(8), 6900);
+    setPeerUdpBasePort(authClient(8), 6900);
     EXPECT_EQ(htons(6900), authClient(8).nRelayUdpBasePort);
 }
 
 TEST_F(PeerPort, EachProgramIsTwoPortsAboveTheOneBefore) {
-    namePeerPort(authClient(8), 6900);
+    setPeerUdpBasePort(authClient(8), 6900);
     for (unsigned nProgram = 0; nProgram < RelayClient::kAudioPrograms; ++nProgram) {
         EXPECT_EQ("127.0.0.7:" + std::to_string(6900 + 2 * nProgram),
                   sText(siPeerAudioAddress(authClient(8), nProgram)));
@@ -124,19 +124,19 @@ TEST_F(PeerPort, EachProgramIsTwoPortsAboveTheOneBefore) {
 }
 
 TEST_F(PeerPort, WrapsAtSixteenBits) {
-    namePeerPort(authClient(8), 65532);
+    setPeerUdpBasePort(authClient(8), 65532);
     EXPECT_EQ("127.0.0.7:65534", sText(siPeerAudioAddress(authClient(8), 1)));
     EXPECT_EQ("127.0.0.7:0", sText(siPeerAudioAddress(authClient(8), 2)));
     EXPECT_EQ("127.0.0.7:6", sText(siPeerAudioAddress(authClient(8), 5)));
-    namePeerPort(authClient(8), 70000);
+    setPeerUdpBasePort(authClient(8), 70000);
     EXPECT_EQ(htons(70000 - 65536), authClient(8).nRelayUdpBasePort);
 }
 
 TEST_F(PeerPort, ZeroSaysNothing) {
-    namePeerPort(authClient(8), 6900);
+    setPeerUdpBasePort(authClient(8), 6900);
     MarkAsRelay(authClient(8));
     for (const int nNothing : {0, 65536, -65536}) {
-        namePeerPort(authClient(8), nNothing);
+        setPeerUdpBasePort(authClient(8), nNothing);
         EXPECT_EQ(htons(6900), authClient(8).nRelayUdpBasePort) << nNothing;
         EXPECT_EQ("127.0.0.7:6900", sReceivesAt(0)) << nNothing;
     }
@@ -145,7 +145,7 @@ TEST_F(PeerPort, ZeroSaysNothing) {
 TEST_F(PeerPort, MovesWhereRegisteredProgramsAreReceivedAndNothingElse) {
     authClient(8).StartRcvAudio(1, siAddress(1111));
     authClient(8).StartSrcAudio(3, siAddress(3333));
-    namePeerPort(authClient(8), 6900);
+    setPeerUdpBasePort(authClient(8), 6900);
     EXPECT_EQ("127.0.0.7:6902", sReceivesAt(1));
     EXPECT_EQ("127.0.0.9:3333", sSendsFrom(3));
     for (const unsigned nProgram : {0U, 2U, 3U, 4U, 5U}) {
@@ -173,9 +173,9 @@ TEST_F(Reregistration, ReachesEveryPeerAndNobodyElse) {
     const Peer peer9 = addAuthClientAt(9, "127.0.0.1");
     const Peer peer10 = addAuthClientAt(10, "127.0.0.1");
     const Peer peer11 = addAuthClientAt(11, "127.0.0.1");
-    namePeerPort(authClient(9), first.nBase());
-    namePeerPort(authClient(10), station.nBase());
-    namePeerPort(authClient(11), second.nBase());
+    setPeerUdpBasePort(authClient(9), first.nBase());
+    setPeerUdpBasePort(authClient(10), station.nBase());
+    setPeerUdpBasePort(authClient(11), second.nBase());
     MarkAsRelay(authClient(9));
     MarkAsRelay(authClient(11));
     for (const int nClientID : {8, 9, 10, 11}) {
@@ -204,7 +204,7 @@ TEST_F(Reregistration, WithoutClientsOnlySaysSo) {
 
 TEST_F(RelayPeer, APeerThatComesBackUnderItsIdLeavesNothingOfTheOld) {
     const Peer old = addAuthClientAt(8, "127.0.0.7");
-    namePeerPort(authClient(8), 6900);
+    setPeerUdpBasePort(authClient(8), 6900);
     MarkAsRelay(authClient(8));
     DeleteClient(ctAuthClientTable, authClient(8), LeaveReason::kLoggedOut);
     const Peer again = addAuthClientAt(8, "127.0.0.7");

@@ -19,15 +19,13 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int kCaption = 5;
-constexpr int kCaptionPipe = 192;
 constexpr const char* kNewSource7 = "Newly collecting caption feedback from source 7 for archive\n";
 
 class ArchivedCaptions : public EngineTest {
   protected:
     ArchivedCaptions() : peer7(addAuthClient(7)), peer8(addAuthClient(8)) {
         bArchiveEnable = true;
-        route(7);
+        route(7, kCaptionPipe, {8});
     }
 
     /// Client 7 has sent these messages; the relay notices.
@@ -36,10 +34,6 @@ class ArchivedCaptions : public EngineTest {
             peer7.sendBytes(sFrame(sMessage));
         }
         readAndSwitch(authClient(7));
-    }
-    /// What client `nFrom` captions goes to client 8.
-    static void route(unsigned nFrom) {
-        RoutingCache::Instance()->Add(RouteEntry(nFrom, kCaptionPipe, {8}));
     }
     static std::string sCaption(unsigned nSender, const std::string& sBytes) {
         Orvex::CaptionNetMessage cnm(true, sBytes.data(), static_cast<int>(sBytes.size()));
@@ -87,7 +81,7 @@ TEST_F(ArchivedCaptions, EachCaptionOfABurstHasATimeOfItsOwn) {
         others.push_back(addAuthClient(nID));
         destinations.push_back(static_cast<unsigned>(nID));
     }
-    RoutingCache::Instance()->Add(RouteEntry(7, kCaptionPipe, destinations));
+    route(7, kCaptionPipe, destinations);
     std::vector<std::string> burst;
     std::string sAll;
     for (int i = 0; i < 200; ++i) {
@@ -137,7 +131,7 @@ TEST_F(ArchivedCaptions, ACaptionWithoutItsFieldCountsAsEmpty) {
 TEST_F(ArchivedCaptions, WhatARelayPeerCarriesIsSwitchedButNotArchived) {
     MarkAsRelay(authClient(7));
     loggedLines().clear();
-    route(4711);
+    route(4711, kCaptionPipe, {8});
     receive({sCaption(7, "ab"), sCaption(4711, "cd")});
     EXPECT_THAT(peer8.images(), ElementsAre(sCaption(7, "ab"), sCaption(4711, "cd")));
     EXPECT_EQ("none", sArchived(7));

@@ -23,14 +23,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int kChat = 3;
-constexpr int kCaption = 5;
 constexpr int kDirect = 9;
-constexpr int kHeartbeat = 12;
-constexpr int kToServer = 232;
-constexpr int kVideoPipe = 64;
-constexpr int kChatPipe = 128;
-constexpr int kCaptionPipe = 192;
 
 class ClientBursts : public EngineTest {
   protected:
@@ -38,10 +31,6 @@ class ClientBursts : public EngineTest {
         for (const int nPipe : {kVideoPipe, kChatPipe, kCaptionPipe}) {
             route(7, nPipe, {8});
         }
-    }
-
-    static void route(unsigned nFrom, int nPipe, std::vector<unsigned> to) {
-        RoutingCache::Instance()->Add(RouteEntry(nFrom, nPipe, std::move(to)));
     }
 
     void sendAll(const std::vector<std::string>& images) const {
@@ -113,14 +102,14 @@ TEST_F(ClientBursts, ThousandsComeInFewReadsAndAllArrive) {
 TEST_F(ClientBursts, AnyMixtureKeepsItsOrderForEachDestination) {
     videoPermissions.Grant(7, 8);
     receive({sCaption(1), sCaption(2), sImage(kChat, 7, 0, "ab"), sImage(kDirect, 7, 8, "cd"),
-             sCaption(3), sImage(kToServer, 7, 0, "ef"), sVideo(1), sCaption(4), sVideo(2),
-             sImage(kHeartbeat, 7, 0, ""), sCaption(5), sCaption(6), sImage(kToServer, 7, 0, "gh"),
+             sCaption(3), sImage(kStatus, 7, 0, "ef"), sVideo(1), sCaption(4), sVideo(2),
+             sImage(kHeartbeat, 7, 0, ""), sCaption(5), sCaption(6), sImage(kStatus, 7, 0, "gh"),
              sLogOut(), sCaption(7)});
     EXPECT_THAT(peer8.images(), ElementsAre(sCaption(1), sCaption(2), sImage(kChat, 7, 0, "ab"),
                                             sImage(kDirect, 7, 8, "cd"), sCaption(3), sVideo(1),
                                             sCaption(4), sVideo(2), sCaption(5), sCaption(6)));
-    EXPECT_THAT(server.images(), ElementsAre(sImage(kToServer, 7, 0, "ef"),
-                                             sImage(kToServer, 7, 0, "gh"), sLogOut()));
+    EXPECT_THAT(server.images(),
+                ElementsAre(sImage(kStatus, 7, 0, "ef"), sImage(kStatus, 7, 0, "gh"), sLogOut()));
     EXPECT_FALSE(bIsAdmitted(7));
 }
 

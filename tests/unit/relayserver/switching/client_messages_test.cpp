@@ -24,11 +24,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int kChat = 3;
-constexpr int kChatPipe = 128;
-constexpr int kCaption = 5;
-constexpr int kCaptionPipe = 192;
-
 class ClientMessages : public EngineTest {
   protected:
     ClientMessages() : server(openLink()), peer7(addAuthClient(7)) {}
@@ -49,7 +44,7 @@ class ClientMessages : public EngineTest {
 
     /// What asks the connection server for a ticket to register audio with a peer.
     static std::string sTicketRequest(int nPeerID) {
-        Orvex::TicketRequestNetMessage trnm(nPeerID, Orvex::RequestCode(2));
+        Orvex::TicketRequestNetMessage trnm(nPeerID, rcUdpReg);
         return std::string(trnm.frame().substr(1));
     }
 
@@ -62,15 +57,6 @@ class ClientMessages : public EngineTest {
     static std::string sLoss(int nClientID) {
         Orvex::LostConnectionNetMessage lcnm(nClientID);
         return std::string(lcnm.frame().substr(1));
-    }
-
-    static void route(unsigned nFrom, int nPipe, std::vector<unsigned> to) {
-        RoutingCache::Instance()->Add(RouteEntry(nFrom, nPipe, std::move(to)));
-    }
-
-    static void makePeer(int nClientID) {
-        MarkAsRelay(authClient(nClientID));
-        loggedLines().clear();
     }
 
     const Peer server;

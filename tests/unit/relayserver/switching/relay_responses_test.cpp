@@ -15,15 +15,11 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr long kOK = 0;
-constexpr long kUnauthorized = 2;
-constexpr long kUdpUnauthorized = 4;
-
 class RelayResponses : public PeerTest {
   protected:
     RelayResponses() {
         openOwnAudio();
-        namePeerPort(authClient(8), ports.nBase());
+        setPeerUdpBasePort(authClient(8), ports.nBase());
     }
 
     void receive(const std::vector<std::string>& images) const {
@@ -54,7 +50,7 @@ class RelayResponses : public PeerTest {
 
 TEST_F(RelayResponses, AnOkMakesAPeerAndRegistersAllPrograms) {
     giveTicket();
-    receive({sResponse(8, kOK)});
+    receive({sResponse(8, rcOK)});
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
     const std::vector<std::string> datagrams = registrations();
     ASSERT_EQ(6U, datagrams.size());
@@ -72,7 +68,7 @@ TEST_F(RelayResponses, AnOkMakesAPeerAndRegistersAllPrograms) {
 TEST_F(RelayResponses, AnOkUnderAnOldTicketAsksForANewOne) {
     giveTicket();
     advanceClockForTest(300);
-    receive({sResponse(8, kOK)});
+    receive({sResponse(8, rcOK)});
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
     EXPECT_THAT(registrations(), IsEmpty());
     EXPECT_THAT(server.images(), ElementsAre(sTicketRequest(8)));
@@ -82,7 +78,7 @@ TEST_F(RelayResponses, ARejectedTicketIsReplaced) {
     MarkAsRelay(authClient(8));
     giveTicket();
     loggedLines().clear();
-    receive({sResponse(8, kUdpUnauthorized)});
+    receive({sResponse(8, rcUdpUnauthorized)});
     EXPECT_EQ("", sTicketOf(authClient(8)));
     EXPECT_TRUE(bIsAdmitted(8));
     EXPECT_TRUE(bIsRelayPeer(authClient(8)));
@@ -95,18 +91,18 @@ TEST_F(RelayResponses, ARejectedTicketIsReplaced) {
 
 TEST_F(RelayResponses, ManyRejectionsMakeOneRequest) {
     MarkAsRelay(authClient(8));
-    receive(std::vector<std::string>(18, sResponse(8, kUdpUnauthorized)));
+    receive(std::vector<std::string>(18, sResponse(8, rcUdpUnauthorized)));
     EXPECT_THAT(server.images(), ElementsAre(sTicketRequest(8)));
 }
 
 TEST_F(RelayResponses, ARejectionMakesNoPeer) {
-    receive({sResponse(8, kUdpUnauthorized)});
+    receive({sResponse(8, rcUdpUnauthorized)});
     EXPECT_FALSE(bIsRelayPeer(authClient(8)));
 }
 
 TEST_F(RelayResponses, AnyOtherCodeEndsAPeerAndTheServerIsTold) {
     MarkAsRelay(authClient(8));
-    receive({sResponse(8, kUnauthorized), sResponse(8, kOK)});
+    receive({sResponse(8, rcUnauthorized), sResponse(8, rcOK)});
     EXPECT_FALSE(bIsAdmitted(8));
     EXPECT_TRUE(peer.bClosedByRelay());
     EXPECT_THAT(server.images(), ElementsAre(sLoss(8)));
@@ -117,7 +113,7 @@ TEST_F(RelayResponses, AnyOtherCodeEndsAPeerAndTheServerIsTold) {
 
 TEST_F(RelayResponses, ARefusedLoginLeavesTheConnectionToTheOtherRelay) {
     giveTicket();
-    receive({sResponse(8, kUnauthorized)});
+    receive({sResponse(8, rcUnauthorized)});
     EXPECT_TRUE(bIsAdmitted(8));
     EXPECT_EQ("abc", sTicketOf(authClient(8)));
     EXPECT_THAT(registrations(), IsEmpty());
@@ -125,7 +121,7 @@ TEST_F(RelayResponses, ARefusedLoginLeavesTheConnectionToTheOtherRelay) {
 }
 
 TEST_F(RelayResponses, AnAnswerInAnothersNameIsIgnored) {
-    receive({sResponse(9, kOK)});
+    receive({sResponse(9, rcOK)});
     EXPECT_FALSE(bIsRelayPeer(authClient(8)));
     EXPECT_EQ(1U, nLoggedContaining("Message with invalid sender id string 9"));
 }
@@ -134,7 +130,7 @@ TEST_F(RelayResponses, ARequestThatBreaksTheLinkLeavesThePeerUntilItsMessagesAre
     // The server's last message is for the peer, which takes nothing any more.
     server.sendBytes(sFrame(sImage(3, 7, 8, "ab")));
     server.stopReading();
-    peer.sendBytes(sFrame(sResponse(8, kOK)) + sFrame(sResponse(8, kOK)));
+    peer.sendBytes(sFrame(sResponse(8, rcOK)) + sFrame(sResponse(8, rcOK)));
     peer.stopReading();
     readAndSwitch(authClient(8));
     EXPECT_EQ(2U, nLogged("received OK message from relay 8\n"));

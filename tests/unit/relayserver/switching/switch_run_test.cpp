@@ -28,9 +28,6 @@ using testing::StartsWith;
 
 namespace {
 
-constexpr int kCaption = 5;
-constexpr int kCaptionPipe = 192;
-
 class SwitchRunTest : public EngineTest {
   protected:
     /// Captions of source 7, each of another text and length.
@@ -41,15 +38,6 @@ class SwitchRunTest : public EngineTest {
             sFrames += sFrame(images.back());
         }
         run = {sFrames, nCount, 7, kCaptionPipe, false};
-    }
-
-    static void route(std::vector<unsigned> to) {
-        RoutingCache::Instance()->Add(RouteEntry(7, kCaptionPipe, std::move(to)));
-    }
-
-    static void makePeer(int nClientID) {
-        MarkAsRelay(authClient(nClientID));
-        loggedLines().clear();
     }
 
     /// From now on a destination that does not read takes about so many bytes.
@@ -75,15 +63,15 @@ class SwitchRunTest : public EngineTest {
 };
 
 TEST_F(SwitchRunTest, AnEmptyRunIsNone) {
-    EXPECT_TRUE(SwitchRun(MessageRun()));
+    EXPECT_TRUE(bSwitchRun(MessageRun()));
     EXPECT_THAT(executedStatements(), IsEmpty());
 }
 
 TEST_F(SwitchRunTest, EachDestinationGetsAllInOrder) {
     const Peer peer8 = addAuthClient(8);
     const Peer peer9 = addAuthClient(9);
-    route({8, 4711, 9});
-    EXPECT_TRUE(SwitchRun(run));
+    route(7, kCaptionPipe, {8, 4711, 9});
+    EXPECT_TRUE(bSwitchRun(run));
     EXPECT_EQ(sFrames, peer8.sReceived());
     EXPECT_EQ(sFrames, peer9.sReceived());
     EXPECT_EQ(200, nPacketsSwitched);
@@ -99,7 +87,7 @@ TEST_F(SwitchRunTest, OneWriteAndOneQueryServeThemAll) {
     close(fds[0]);
     const Peer reader(fds[1]);
     giveRows("SELECT clientto FROM iopatch WHERE clientfrom='7' AND msgclass='192'", {"8"});
-    EXPECT_TRUE(SwitchRun(run));
+    EXPECT_TRUE(bSwitchRun(run));
     std::string sFirst(sFrames.size() + 1, '\0');
     EXPECT_EQ(static_cast<ssize_t>(sFrames.size()),
               recv(reader.fd(), sFirst.data(), sFirst.size(), MSG_DONTWAIT));
@@ -111,19 +99,19 @@ TEST_F(SwitchRunTest, OneWriteAndOneQueryServeThemAll) {
 
 TEST_F(SwitchRunTest, TakesNothingFromTheHeap) {
     const Peer peer8 = addAuthClient(8);
-    route({8, 8, 8});
+    route(7, kCaptionPipe, {8, 8, 8});
     const size_t nBefore = nAllocations();
-    EXPECT_TRUE(SwitchRun(run));
+    EXPECT_TRUE(bSwitchRun(run));
     EXPECT_EQ(nBefore, nAllocations());
 }
 
 TEST_F(SwitchRunTest, TheOrderIsKeptOverRunsAndSingleMessages) {
     const Peer peer8 = addAuthClient(8);
-    route({8});
+    route(7, kCaptionPipe, {8});
     const std::string sSingle = sImage(kCaption, 7, 0, "between the runs");
     std::vector<std::string> expected;
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(SwitchRun(run));
+        EXPECT_TRUE(bSwitchRun(run));
         expected.insert(expected.end(), images.begin(), images.end());
         Orvex::NetMessage nmMessage(sSingle.data(), static_cast<int>(sSingle.size()));
         EXPECT_TRUE(SwitchPacket(&nmMessage, 0, false));
@@ -138,8 +126,8 @@ TEST_F(SwitchRunTest, WhoStopsReadingInTheMiddleIsDroppedWithTheFrameThatBroke) 
     const Peer peer8 = addAuthClient(8);
     const std::string sFd = std::to_string(fdOf(8));
     limitBuffer(8, 5000);
-    route({8});
-    EXPECT_FALSE(SwitchRun(run));
+    route(7, kCaptionPipe, {8});
+    EXPECT_FALSE(bSwitchRun(run));
     EXPECT_FALSE(bIsAdmitted(8));
     const std::string sGot = peer8.sReceived();
     const size_t nWhole = nWholeFrames(sGot.size());
@@ -162,11 +150,11 @@ TEST_F(SwitchRunTest, WhoStopsReadingInTheMiddleIsDroppedWithTheFrameThatBroke) 
 
 TEST_F(SwitchRunTest, WhoseBufferIsFullBreaksWithTheFirstFrame) {
     const Peer peer8 = addAuthClient(8);
-    route({8});
+    route(7, kCaptionPipe, {8});
     const std::string sFill(1000, 'f');
     while (send(fdOf(8), sFill.data(), sFill.size(), MSG_DONTWAIT) > 0) {
     }
-    EXPECT_FALSE(SwitchRun(run));
+    EXPECT_FALSE(bSwitchRun(run));
     EXPECT_FALSE(bIsAdmitted(8));
     EXPECT_EQ(0, nPacketsSwitched);
     const std::string sBroken = sFrame(images[0]);
@@ -180,8 +168,8 @@ TEST_F(SwitchRunTest, TheOthersGetEverythingWhereverTheyStandInTheRoute) {
     const Peer peer8 = addAuthClient(8);
     const Peer peer9 = addAuthClient(9);
     limitBuffer(8, 5000);
-    route({7, 8, 9});
-    EXPECT_FALSE(SwitchRun(run));
+    route(7, kCaptionPipe, {7, 8, 9});
+    EXPECT_FALSE(bSwitchRun(run));
     EXPECT_FALSE(bIsAdmitted(8));
     EXPECT_EQ(images, peer7.images());
     EXPECT_EQ(images, peer9.images());
@@ -192,12 +180,12 @@ TEST_F(SwitchRunTest, WhoTakesNoMoreCostsOneWaitOfAMillisecond) {
     const Peer peer8 = addAuthClient(8);
     const Peer peer9 = addAuthClient(9);
     limitBuffer(8, 5000);
-    route({8, 9, 8});
+    route(7, kCaptionPipe, {8, 9, 8});
     const size_t nBefore = nPolls();
-    EXPECT_FALSE(SwitchRun(run));
+    EXPECT_FALSE(bSwitchRun(run));
     EXPECT_EQ(nBefore + 1, nPolls());
     EXPECT_EQ(1, nMillisOfLastPoll());
-    EXPECT_TRUE(SwitchRun(run));
+    EXPECT_TRUE(bSwitchRun(run));
     EXPECT_EQ(nBefore + 1, nPolls());
 }
 
@@ -205,15 +193,15 @@ TEST_F(SwitchRunTest, WhoHasGoneGetsNothingAndCountsNothing) {
     const Peer peer8 = addAuthClient(8);
     const Peer peer9 = addAuthClient(9);
     peer8.stopReading();
-    route({8, 9, 8});
-    EXPECT_FALSE(SwitchRun(run));
+    route(7, kCaptionPipe, {8, 9, 8});
+    EXPECT_FALSE(bSwitchRun(run));
     EXPECT_EQ(100, nPacketsSwitched);
     EXPECT_EQ(images, peer9.images());
     EXPECT_EQ(1U, nLogged("TCP message send failed in SwitchPacket - rc=-1, errno=32\n"));
     const std::string sFirst = sFrame(images[0]);
     EXPECT_EQ(
         1U, nLogged(printableStr(sFirst.data(), static_cast<int>(sFirst.size()), asciiAndDecimal)));
-    EXPECT_TRUE(SwitchRun(run)) << "the one that failed is not there any more";
+    EXPECT_TRUE(bSwitchRun(run)) << "the one that failed is not there any more";
     EXPECT_EQ(200, nPacketsSwitched);
 }
 
@@ -224,8 +212,8 @@ TEST_F(SwitchRunTest, SeveralMayFailInOneRun) {
     const Peer peer10 = addAuthClient(10);
     peer8.stopReading();
     limitBuffer(10, 5000);
-    route({8, 9, 10});
-    EXPECT_FALSE(SwitchRun(run));
+    route(7, kCaptionPipe, {8, 9, 10});
+    EXPECT_FALSE(bSwitchRun(run));
     EXPECT_EQ(images, peer9.images());
     EXPECT_EQ(1, ctAuthClientTable.GetSize());
     EXPECT_THAT(server.images(), SizeIs(2));
@@ -234,9 +222,9 @@ TEST_F(SwitchRunTest, SeveralMayFailInOneRun) {
 TEST_F(SwitchRunTest, TheTwoHundredThousandthIsToldInTheMiddleOfARun) {
     const Peer peer8 = addAuthClient(8);
     const Peer peer9 = addAuthClient(9);
-    route({8, 9});
+    route(7, kCaptionPipe, {8, 9});
     resetPacketsSwitchedForTest(200000 - 150);
-    EXPECT_TRUE(SwitchRun(run));
+    EXPECT_TRUE(bSwitchRun(run));
     EXPECT_THAT(loggedLines(), ElementsAre("200000 tcp packets switched and sent, this packet "
                                            "switched from 7 to 9\n"));
     EXPECT_EQ(200050, nPacketsSwitched);
@@ -245,9 +233,9 @@ TEST_F(SwitchRunTest, TheTwoHundredThousandthIsToldInTheMiddleOfARun) {
 TEST_F(SwitchRunTest, TheTwoHundredThousandthIsToldThoughALaterFrameBreaks) {
     const Peer peer8 = addAuthClient(8);
     limitBuffer(8, 5000);
-    route({8});
+    route(7, kCaptionPipe, {8});
     resetPacketsSwitchedForTest(199999);
-    EXPECT_FALSE(SwitchRun(run));
+    EXPECT_FALSE(bSwitchRun(run));
     EXPECT_EQ("200000 tcp packets switched and sent, this packet switched from 7 to 8\n",
               loggedLines().front());
 }
@@ -256,27 +244,25 @@ TEST_F(SwitchRunTest, ARunOfARelayPeerNeverGoesOnToAnother) {
     const Peer peer20 = addAuthClient(20);
     const Peer peer8 = addAuthClient(8);
     makePeer(20);
-    route({20, 8});
+    route(7, kCaptionPipe, {20, 8});
     run.bFromRelayPeer = true;
-    EXPECT_TRUE(SwitchRun(run));
+    EXPECT_TRUE(bSwitchRun(run));
     EXPECT_THAT(peer20.images(), IsEmpty());
     EXPECT_EQ(images, peer8.images()) << "though the route is gone";
     EXPECT_THAT(loggedLines(),
                 ElementsAre("WARNING: suppressing possible relay loop to relay peer 20, "
                             "originating client 7. Likely there are old links in our system, will "
                             "try to clean up locally.\n"));
-    EXPECT_THAT(executedStatements().front(),
-                HasSubstr("DELETE FROM iopatch WHERE clientto='20' AND clientfrom='7' AND "
-                          "msgclass='192'"));
-    EXPECT_EQ(nullptr, RoutingCache::Instance()->find(7, kCaptionPipe));
+    EXPECT_EQ(dissolvingStatements(7, 20, kCaptionPipe), executedStatements());
+    EXPECT_FALSE(bIsRouteCached(7, kCaptionPipe));
     EXPECT_EQ(100, nPacketsSwitched);
 }
 
 TEST_F(SwitchRunTest, ARunOfAnOwnClientGoesToARelayPeer) {
     const Peer peer20 = addAuthClient(20);
     makePeer(20);
-    route({20});
-    EXPECT_TRUE(SwitchRun(run));
+    route(7, kCaptionPipe, {20});
+    EXPECT_TRUE(bSwitchRun(run));
     EXPECT_EQ(images, peer20.images());
 }
 
