@@ -42,8 +42,8 @@ class CaptionPoster {
     void setDestination(const std::string& url);
     /// The same for "host:port/path".
     void setDestination(const std::string& host, int port, const std::string& path);
-    /// Sets the credentials for digest authentication. User and password of more than 254 characters
-    /// together are rejected.
+    /// Sets the credentials for digest authentication. User and password of more than 254
+    /// characters together are rejected.
     void setDigestAuth(const std::string& user, const std::string& password);
     /// The media type of payloads; "text/json" if not set.
     void setContentType(const std::string& contentType);

@@ -254,11 +254,11 @@ inline constexpr SettingKey kFeaturesWcast{
 
 /// All of them, in the order in which they are read.
 inline constexpr std::array kSettingKeys{
-    &kPortsTcp,           &kSslPemFile,       &kSslKeyFile,        &kPortsSsl,
-    &kPortsRtp,           &kPublicListenAddr, &kPrivateListenAddr, &kBindDevice,
-    &kBindAddress, &kLoggingFolder,        &kLoginCompany,     &kLoginUsername,     &kLoginPassword,
-    &kServersPrimary,     &kServersBackup,    &kServersUseSsl,     &kServersSslPort,
-    &kServersMaxTimeAway, &kFecEnable,        &kArchiveEnable,     &kArchiveEndpoint,
-    &kArchiveInterval,    &kArchiveUsername,  &kArchivePassword,   &kArchiveContentType,
-    &kArchiveAppendSeq,   &kFeaturesWcast,
+    &kPortsTcp,           &kSslPemFile,         &kSslKeyFile,        &kPortsSsl,
+    &kPortsRtp,           &kPublicListenAddr,   &kPrivateListenAddr, &kBindDevice,
+    &kBindAddress,        &kLoggingFolder,      &kLoginCompany,      &kLoginUsername,
+    &kLoginPassword,      &kServersPrimary,     &kServersBackup,     &kServersUseSsl,
+    &kServersSslPort,     &kServersMaxTimeAway, &kFecEnable,         &kArchiveEnable,
+    &kArchiveEndpoint,    &kArchiveInterval,    &kArchiveUsername,   &kArchivePassword,
+    &kArchiveContentType, &kArchiveAppendSeq,   &kFeaturesWcast,
 };

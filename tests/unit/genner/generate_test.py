@@ -30,7 +30,7 @@ class GenerateTest(unittest.TestCase):
         self.table.write_text(TABLE.read_text())
         self.assertEqual(self.run_here().returncode, 0)
         before = {path.name: path.stat().st_mtime_ns for path in self.output.iterdir()}
-        self.assertEqual(len(before), 38)
+        self.assertEqual(len(before), 39)
         self.assertEqual(self.run_here("--check").returncode, 0)
         self.assertEqual({path.name: path.stat().st_mtime_ns for path in self.output.iterdir()}, before)
 
@@ -75,7 +75,7 @@ class GenerateTest(unittest.TestCase):
         self.assertFalse(self.output.exists())
 
     def test_wrong_tables_are_refused(self):
-        head = '[[message]]\ntype = 7\nclass = "A"\nsummary = "s"\nconstructors = []\n'
+        head = '[[message]]\ntype = 7\nclass = "A"\nsummary = "s"\nconstructors = []\npipe = 0\n'
         field = '[[message.field]]\nname = "N"\nmember = "n"\n'
         self.assert_refused(head + head, "type 7 is given twice")
         self.assert_refused(head.replace("7", "255"), "255 is no type byte")
@@ -85,6 +85,19 @@ class GenerateTest(unittest.TestCase):
         self.assert_refused(head + field + 'encoding = "dec"\nrule = "other"\n', "rule 'other'")
         self.assert_refused(head + (field + 'encoding = "dec"\n') * 2, "A.N: named twice")
         self.assert_refused(head + field + 'encoding = "dec"\nspeed = 1\n', "speed")
+
+    def test_wrong_types_and_codes_are_refused(self):
+        message = '[[message]]\ntype = 7\nclass = "A"\nsummary = "s"\nconstructors = []\npipe = 0\n'
+        kind = '[[type]]\ntype = 8\ndoc = "d"\n'
+        code = '[[code]]\nclass = "ReturnCode"\n[code.constants]\nrcA = "OK"\n'
+        self.assert_refused(message.replace("pipe = 0\n", ""), "A: pipe None")
+        self.assert_refused(message + kind + 'pipe = "up"\n', "unknown pipe 'up'")
+        self.assert_refused(message + kind + "pipe = 33\n", "pipe 33 is no multiple of 32")
+        self.assert_refused(message + kind + "pipe = 96\n", "pipe 96 has a name")
+        self.assert_refused(message + kind + "pipe = 0\nqueued = 1\n", "queued")
+        self.assert_refused(message + kind.replace("8", "7") + "pipe = 0\n", "type 7 is given twice")
+        self.assert_refused(message + code + code, "constant rcA is given twice")
+        self.assert_refused(message + code.replace("Return", "Other"), "unknown code class 'OtherCode'")
 
 
 if __name__ == "__main__":

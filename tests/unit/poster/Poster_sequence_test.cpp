@@ -56,7 +56,7 @@ TEST_F(PosterSequence, RisesAfterAnAnswerThatIsNot200) {
     EXPECT_THAT(numbers(), ElementsAre("&seq=2", "&seq=3"));
 }
 
-TEST_F(PosterSequence, StaysWithARetryAndCountsItAllTheSame) {
+TEST_F(PosterSequence, StaysWithARetryAndCountsItAnyway) {
     endpoint_.goAway();
     queueAtOnce(payloads(0, 2));
     ASSERT_TRUE(bIsRefused(1));             // 2

@@ -382,7 +382,7 @@ TEST_F(SccPChunkerTest, WhatIsTakenOutIsWhatWasCollected) {
     EXPECT_EQ(nSccPTextBytes("ab") + nSccPTextBytes("cd"), chunk.nTextBytes);
 }
 
-TEST_F(SccPChunkerTest, WhatComesAfterwardsIsCollectedAnew) {
+TEST_F(SccPChunkerTest, WhatComesAfterwardsIsCollectedAgain) {
     add("ab");
     (void)chunker().takeChunk();
     EXPECT_EQ(0U, chunker().getBufferedSize());

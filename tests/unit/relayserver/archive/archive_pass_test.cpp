@@ -34,7 +34,7 @@ TEST_F(ArchivePass, IsRememberedEvenIfNothingIsDue) {
     EXPECT_EQ(kNow + 100034, ttLastArchiveSent);
 }
 
-TEST_F(ArchivePass, IsNotHeldUpByAClockThatWasSetBack) {
+TEST_F(ArchivePass, IsNotDelayedByAClockThatWasSetBack) {
     lookAfter(15);
     setClockForTest(kNow - 3600);
     lookAfter(0);

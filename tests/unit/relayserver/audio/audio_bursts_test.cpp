@@ -70,7 +70,7 @@ TEST_F(AudioBursts, OfOneLengthAreOneMessageForEachReceiver) {
     EXPECT_EQ(sent, ear10.received());
 }
 
-TEST_F(AudioBursts, AnotherLengthBeginsAnew) {
+TEST_F(AudioBursts, AnotherLengthBeginsANewRun) {
     const std::vector<std::string> sent = {sSound(0, 200), sSound(1, 200), sSound(2, 100),
                                            sSound(3, 200), sSound(4, 300), sSound(5, 300)};
     const size_t nBefore = nMessagesSent();
@@ -174,7 +174,7 @@ TEST_F(AudioBursts, TheTwoHundredThousandthIsToldInTheMiddle) {
     EXPECT_EQ(200005U, audio_packets_sent);
 }
 
-TEST_F(AudioBursts, WithNobodyToHearThemLeaveNothing) {
+TEST_F(AudioBursts, WithoutReceiversLeaveNothing) {
     authClient(9).StopRcvAudio(0);
     authClient(10).StopRcvAudio(0);
     const size_t nBefore = nSendCalls();

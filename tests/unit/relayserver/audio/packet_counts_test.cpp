@@ -85,7 +85,7 @@ TEST_F(PacketCounts, AClientThatCannotBeToldIsRemoved) {
     EXPECT_FALSE(bIsAdmitted(7));
     EXPECT_EQ(1U, nLogged("removing socket for client 7, and notifying CS\n"));
     EXPECT_EQ(1U, link.images().size());
-    sendAudio(2, 1);  // of nobody now
+    sendAudio(2, 1);  // from an unknown sender now
     EXPECT_EQ(300U, nAudioPacketsRcvd);
 }
 

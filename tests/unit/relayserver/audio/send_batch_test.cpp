@@ -86,7 +86,7 @@ TEST_F(SendBatch, MayHoldMoreThanOneSystemCallTakes) {
     }
 }
 
-TEST_F(SendBatch, ARefusedReceiverIsPassedOverWhereverItStands) {
+TEST_F(SendBatch, ARefusedReceiverIsSkippedInAnyPosition) {
     for (const sockaddr_in& siRefused : {siBroadcast(), siLoopbackHost(4, 0)}) {
         queue("lost", siRefused);
         queue("a", one.siAddress());
@@ -101,7 +101,7 @@ TEST_F(SendBatch, ARefusedReceiverIsPassedOverWhereverItStands) {
     }
 }
 
-TEST_F(SendBatch, AReceiverThatIsNotThereHoldsUpNobody) {
+TEST_F(SendBatch, AnAbsentReceiverDelaysNoOther) {
     const int nClosedPort = Station(4).nPort();
     for (int i = 0; i < 3; ++i) {
         queue("lost", siLoopbackHost(4, nClosedPort));

@@ -11,7 +11,7 @@ namespace {
 
 class UdpDiscard : public AudioTest {
   protected:
-    /// How many more datagrams of nobody are discarded until one is reported.
+    /// How many more datagrams from unknown senders are discarded until one is reported.
     size_t nUntilReport() const {
         loggedLines().clear();
         for (size_t nSent = 1; nSent < 3000; ++nSent) {
@@ -105,7 +105,7 @@ TEST_F(UdpDiscard, ARegistrationThatIsRefusedIsNotDiscarded) {
     EXPECT_EQ(0U, nLogged("message contents:\n"));
 }
 
-TEST_F(UdpDiscard, DatagramsOfNobodyAskTheDatabaseNothing) {
+TEST_F(UdpDiscard, DatagramsFromUnknownSendersCauseNoQuery) {
     discard(3);
     EXPECT_THAT(executedStatements(), IsEmpty());
 }

@@ -63,7 +63,7 @@ TEST_F(UdpRegistrationOfPeers, AreRenewedWhenAClientRegistersAgainAfter241Second
     EXPECT_EQ(18U, audio.nReceived());
     EXPECT_EQ(kNow + 241, ttLastUdpReregister);
     exchange(station, 1, sRegistration(7, 1));
-    EXPECT_EQ(0U, audio.nReceived());  // the time runs anew
+    EXPECT_EQ(0U, audio.nReceived());  // the period has restarted
 }
 
 TEST_F(UdpRegistrationOfPeers, AreNotRenewedForAFirstRegistration) {

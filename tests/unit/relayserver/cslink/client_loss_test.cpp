@@ -76,7 +76,7 @@ TEST_F(ClientLoss, ABadSocketInAHandshakeIsRemoved) {
     EXPECT_THAT(loggedLines(), ElementsAre(sCleaning(fds[0]), kRemoved));
 }
 
-TEST_F(ClientLoss, ABadSocketOfNobodyIsClosedAnyway) {
+TEST_F(ClientLoss, AnUnknownDescriptorIsClosedAnyway) {
     int fds[2] = {-1, -1};
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
     const Peer peer(fds[1]);

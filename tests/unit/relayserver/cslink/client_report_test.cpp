@@ -128,7 +128,7 @@ TEST_F(ClientReport, MopupDropsEveryClientAndEveryRoute) {
                             sRemoved, sRemoved, "Cancelled 3 client connections\n"));
 }
 
-TEST_F(ClientReport, MopupWithoutClientsEmptiesTheRoutesAllTheSame) {
+TEST_F(ClientReport, MopupWithoutClientsEmptiesTheRoutesAnyway) {
     MopupCS(LeaveReason::kNewSession);
     EXPECT_THAT(executedStatements(), ElementsAre("DELETE FROM iopatch"));
     EXPECT_EQ("Cancelled 0 client connections\n", loggedLines().back());

@@ -95,7 +95,7 @@ TEST_F(ForwardQueue, StopsAtTheFirstMessageThatDoesNotGetThrough) {
     EXPECT_THAT(loggedLines(), ElementsAre(sQueued(5)));
 }
 
-TEST_F(ForwardQueue, AGoodSendStartsTheTracesAnew) {
+TEST_F(ForwardQueue, AGoodSendRestartsTheTraces) {
     queueLogPrintThreshold = 64;
     const Peer server = openLink();
     EXPECT_LT(0, nForward(sNumbered(0)));

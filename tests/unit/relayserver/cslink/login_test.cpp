@@ -124,7 +124,7 @@ TEST_F(Login, ALoginThatCannotBeSentLosesTheLinkAndTheServersTurn) {
                 ElementsAre("error sending log in message\n", "Lost connection to CS!\n"));
 }
 
-TEST_F(Login, AChallengeOutOfPlaceIsAnsweredAllTheSame) {
+TEST_F(Login, AChallengeOutOfPlaceIsAnsweredAnyway) {
     EXPECT_EQ(4, nReceive({sChallenge(1), sChallenge(2)}));
     EXPECT_EQ(2, nLastChallenge);
     EXPECT_THAT(loggedLines(),
@@ -218,7 +218,7 @@ TEST_F(Login, AContinuationKeepsClientsAndReportsLossesThenClients) {
     EXPECT_EQ(0, ForwardToCS(hbnm));
     EXPECT_EQ(353, nReceive({sResponse(0)}));
     EXPECT_TRUE(bIsAdmitted(7));
-    EXPECT_EQ(1U, csForwardQueue.size()) << "sent by whoever handles the link's event";
+    EXPECT_EQ(1U, csForwardQueue.size()) << "sent after the link's event";
     EXPECT_THAT(executedStatements(), IsEmpty());
     EXPECT_EQ(1U, nLogged("Successful continuation with server first\n"));
     const auto images = server.images();

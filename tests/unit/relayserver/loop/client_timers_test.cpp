@@ -86,7 +86,7 @@ TEST_F(ClientTimers, IdleClientsAmongOthersAllGo) {
     EXPECT_EQ(3U, vRecentlyLost.size());
 }
 
-TEST_F(ClientTimers, AnIdleClientThatTakesNoFarewellGoesAllTheSame) {
+TEST_F(ClientTimers, AnIdleClientThatTakesNoNoticeIsDroppedAnyway) {
     const Peer peer = addAuthClient(7);
     peer.stopReading();
     dropIdleClients(kNow + 16);
@@ -191,7 +191,7 @@ TEST_F(ClientTimers, OneByteMoreEndsTheClient) {
                             "removing socket for client 7, and notifying CS\n", kRemoved));
 }
 
-TEST_F(ClientTimers, EachBurstStartsTheMeasureAnew) {
+TEST_F(ClientTimers, EachBurstRestartsTheMeasurement) {
     const Peer peer = addAuthClient(7);
     for (int nBurst = 0; nBurst < 3; ++nBurst) {
         authClient(7).IncrementTcpInputByteCounter(6000000);

@@ -91,7 +91,7 @@ TEST_F(EventLoop, WhatAClientSaidBeforeItsEndIsHandledFirst) {
     EXPECT_THAT(vRecentlyLost, IsEmpty()) << "it went properly";
 }
 
-TEST_F(EventLoop, AnErrorOfNobodysDescriptorClosesIt) {
+TEST_F(EventLoop, AnErrorOfAnUnknownDescriptorClosesIt) {
     int fds[2] = {-1, -1};
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
     addToEpollForRead(fds[0]);

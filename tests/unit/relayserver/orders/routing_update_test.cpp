@@ -37,7 +37,7 @@ TEST_F(RoutingUpdate, ConnectInsertsTheRoute) {
     EXPECT_THAT(loggedLines(), IsEmpty());
 }
 
-TEST_F(RoutingUpdate, ConnectToAnAbsentClientIsReportedAndInsertedAllTheSame) {
+TEST_F(RoutingUpdate, ConnectToAnAbsentClientIsReportedAndInsertedAnyway) {
     const Peer server = openLink();
     update(rcConnect, 7, 9, 192);
     EXPECT_EQ(1U, executedStatements().size());
@@ -83,14 +83,14 @@ TEST_F(RoutingUpdate, DisconnectDeletesOneRoute) {
                     "SELECT * FROM iopatch WHERE clientto='9' OR clientfrom='9'"));
 }
 
-TEST_F(RoutingUpdate, DisconnectToNobodyDeletesEveryRouteOfTheSource) {
+TEST_F(RoutingUpdate, DisconnectWithoutADestinationDeletesEveryRouteOfTheSource) {
     update(rcDisconnect, 7, 0, 192);
     EXPECT_THAT(executedStatements(),
                 ElementsAre("DELETE FROM iopatch WHERE clientfrom='7' AND msgclass='192'",
                             "SELECT * FROM iopatch WHERE clientto='0' OR clientfrom='0'"));
 }
 
-TEST_F(RoutingUpdate, DisconnectFromNobodyDeletesEveryRouteToTheDestination) {
+TEST_F(RoutingUpdate, DisconnectWithoutASourceDeletesEveryRouteToTheDestination) {
     update(rcDisconnect, 0, 9, 192);
     EXPECT_THAT(executedStatements(),
                 ElementsAre("DELETE FROM iopatch WHERE clientto='9' AND msgclass='192'",
@@ -112,7 +112,7 @@ TEST_F(RoutingUpdate, ADestinationWithRowsIsNotConfirmed) {
     EXPECT_EQ(1U, vRecentlyLost.size());
 }
 
-TEST_F(RoutingUpdate, AConnectConfirmsNobody) {
+TEST_F(RoutingUpdate, AConnectConfirmsNoLoss) {
     rememberLoss(9);
     update(rcConnect, 7, 9, 192);
     EXPECT_EQ(1U, vRecentlyLost.size());
@@ -138,7 +138,7 @@ TEST_F(RoutingUpdate, AnUpdateForgetsTheCachedRouteOfItsKeyOnly) {
     EXPECT_NE(nullptr, RoutingCache::Instance()->find(8, 192));
 }
 
-TEST_F(RoutingUpdate, DisconnectFromNobodyLeavesTheCachedRoutesOfOtherSources) {
+TEST_F(RoutingUpdate, DisconnectWithoutASourceLeavesTheCachedRoutesOfOtherSources) {
     RoutingCache::Instance()->Add(RouteEntry(7, 192, {9}));
     RoutingCache::Instance()->Add(RouteEntry(0, 192, {9}));
     update(rcDisconnect, 0, 9, 192);

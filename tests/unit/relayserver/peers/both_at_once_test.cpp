@@ -203,7 +203,7 @@ TEST_F(BothAtOnce, ALoginThatWinsOverAPendingConnectLeavesOneLink) {
     EXPECT_THAT(server.images(), ElementsAre(sConfirmation(kHigher), sConfirmation(kHigher)));
 }
 
-TEST_F(BothAtOnce, AnInvalidTicketIsRefusedWhoeverGoesFirst) {
+TEST_F(BothAtOnce, AnInvalidTicketIsRefusedInEitherOrder) {
     const Peer ours = connectTo(kHigher);
     const Peer theirs = addLooseClient();
     theirs.sendBytes(sFrame(sLoginImage(kHigher, sEncryptedTicket(7, kNow))));

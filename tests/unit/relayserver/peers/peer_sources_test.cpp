@@ -58,7 +58,7 @@ TEST_F(PeerSources, AClientThatIsNoPeerIsNotAmongThem) {
     EXPECT_FALSE(bSends("127.0.0.7"));
 }
 
-TEST_F(PeerSources, AProgramWithoutAnAddressIsNobodys) {
+TEST_F(PeerSources, AProgramWithoutAnAddressBelongsToNoPeer) {
     const Peer peer = addPeer(8, "127.0.0.7");
     EXPECT_FALSE(bSends("0.0.0.0", 1));
 }

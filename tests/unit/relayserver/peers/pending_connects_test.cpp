@@ -154,7 +154,7 @@ TEST_F(PendingConnects, GoOnWithoutTheInterfaceThatIsConfigured) {
 }
 
 TEST_F(PendingConnects, GoOnWithoutTheAddressThatIsConfigured) {
-    sBindAddr = "203.0.113.1";  // of nobody here
+    sBindAddr = "203.0.113.1";  // not an address of this host
     start({.nTcpPort = other.nPort()});
     EXPECT_EQ(1U, nLogged(kCannotBind));
     EXPECT_TRUE(bIsPending(8));

@@ -92,7 +92,7 @@ TEST_F(OwedRegistration, HasItsRetriesAgainAMinuteAfterTheLastRequest) {
     EXPECT_EQ(4U, nRequestsWithin(30));
 }
 
-TEST_F(OwedRegistration, IsNotHeldUpByAClockThatWasSetBack) {
+TEST_F(OwedRegistration, IsNotDelayedByAClockThatWasSetBack) {
     want();
     EXPECT_EQ(1U, link.images().size());
     advanceClockForTest(-3600);

@@ -30,19 +30,19 @@ TEST_F(TicketRequests, EndAfterTheFourthHoweverManyReasonsThereAre) {
     EXPECT_EQ(0U, nSentWithin(59));
 }
 
-TEST_F(TicketRequests, BeginAnewAMinuteAfterTheLast) {
+TEST_F(TicketRequests, StartOverAMinuteAfterTheLast) {
     EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
     advanceClockForTest(60);
     EXPECT_EQ(4U, nSentWithin(59));
 }
 
-TEST_F(TicketRequests, BeginAnewWhenTheClockWasSetBack) {
+TEST_F(TicketRequests, StartOverWhenTheClockWasSetBack) {
     EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
     advanceClockForTest(-3600);
     EXPECT_EQ(4U, nSentWithin(1 + 3 * kTicketRequestSecs));
 }
 
-TEST_F(TicketRequests, ByTheTimerWaitUntilThePeerCountsAnew) {
+TEST_F(TicketRequests, ByTheTimerWaitForThePeersNextPeriod) {
     const unsigned char achTicket[] = "a fresh ticket!!";
     authClient(8).SetTicket(achTicket, 16);
     (void)RegisterUdp(authClient(8), true, true, true, kAllPrograms);

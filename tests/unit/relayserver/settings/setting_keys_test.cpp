@@ -84,7 +84,7 @@ std::string sTableInPage() {
                : sPage.substr(nFrom + sBegin.size(), nTo - nFrom - sBegin.size());
 }
 
-TEST(SettingKeys, EachStandsOnce) {
+TEST(SettingKeys, AreUnique) {
     std::set<std::string> names;
     for (const SettingKey* pKey : kSettingKeys) {
         EXPECT_TRUE(names.insert(std::string(pKey->sSection) + "/" + pKey->sKey).second)

@@ -36,7 +36,7 @@ TEST_F(SslContexts, AWrapIsTheOnlyOwner) {
     EXPECT_FALSE(std::is_copy_constructible_v<SslCtxWrap>);
 }
 
-TEST_F(SslContexts, SettingAnewReplacesTheContext) {
+TEST_F(SslContexts, SettingAgainReplacesTheContext) {
     SslCtxWrap context;
     ASSERT_TRUE(context.set_new(TLS_method()));
     SSL_CTX* const pFirst = context.get();
