@@ -38,8 +38,8 @@ constexpr MessageTraits traitsOfUnnamed(unsigned nTypeByte) {{
     return {{nPipe, false, nPipe == kPipeDirect || nPipe == kPipeConnServer}};
 }}
 
-/// By type byte.
-inline constexpr std::array<MessageTraits, 256> kMessageTraits = [] {{
+/// The traits of all types, by type byte.
+constexpr std::array<MessageTraits, 256> makeMessageTraits() {{
     std::array<MessageTraits, 256> traits{{}};
     for (unsigned nTypeByte = 0; nTypeByte < traits.size(); ++nTypeByte) {{
         traits[nTypeByte] = traitsOfUnnamed(nTypeByte);
@@ -47,7 +47,9 @@ inline constexpr std::array<MessageTraits, 256> kMessageTraits = [] {{
 """
 
 _TAIL = """    return traits;
-}();
+}
+
+inline constexpr std::array<MessageTraits, 256> kMessageTraits = makeMessageTraits();
 
 /// The pipe of messages whose type byte is `nTypeByte` (0..255).
 constexpr int nPipeType(unsigned char nTypeByte) {

@@ -62,8 +62,8 @@ constexpr MessageTraits traitsOfUnnamed(unsigned nTypeByte) {
     return {nPipe, false, nPipe == kPipeDirect || nPipe == kPipeConnServer};
 }
 
-/// By type byte.
-inline constexpr std::array<MessageTraits, 256> kMessageTraits = [] {
+/// The traits of all types, by type byte.
+constexpr std::array<MessageTraits, 256> makeMessageTraits() {
     std::array<MessageTraits, 256> traits{};
     for (unsigned nTypeByte = 0; nTypeByte < traits.size(); ++nTypeByte) {
         traits[nTypeByte] = traitsOfUnnamed(nTypeByte);
@@ -98,7 +98,9 @@ inline constexpr std::array<MessageTraits, 256> kMessageTraits = [] {
     traits[229] = {kPipeConnServer, true, true};
     traits[232] = {kPipeConnServer, false, true};
     return traits;
-}();
+}
+
+inline constexpr std::array<MessageTraits, 256> kMessageTraits = makeMessageTraits();
 
 /// The pipe of messages whose type byte is `nTypeByte` (0..255).
 constexpr int nPipeType(unsigned char nTypeByte) {
