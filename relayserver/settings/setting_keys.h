@@ -38,7 +38,7 @@ inline constexpr long kLowestPort = 1024;
 inline constexpr long kHighestPort = 65535;
 /// Six audio programs, two ports apart.
 inline constexpr int kAudioPrograms = 6;
-inline constexpr long kHighestFirstRtpPort = kHighestPort - 2 * (kAudioPrograms - 1);
+inline constexpr long kHighestFirstRtpPort = kHighestPort - 2L * (kAudioPrograms - 1);
 inline constexpr long kHighestSecs = 4294967295;
 
 inline constexpr SettingKey kPortsTcp{
