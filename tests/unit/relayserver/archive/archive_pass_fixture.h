@@ -29,7 +29,7 @@ class ArchivePass : public EngineTest {
         lookAfterArchive(nowSecs());
     }
 
-    /// Lets the loop pass, in no time, until all that is due is handed over.
+    /// Runs passes, with the clock stopped, until all that is due is handed over.
     static int nPassesUntilHandedOver() {
         int nPasses = 0;
         for (; bArchiveWaits() && nPasses < 1000; ++nPasses) {

@@ -137,7 +137,7 @@ class FullSendBatch : public SendBatch {
   protected:
     ~FullSendBatch() override { emptySendBuffer(); }
 
-    /// Sends so many datagrams; how often that waited.
+    /// Sends `nDatagrams` datagrams; returns how often that waited.
     size_t nWaitsFor(int nDatagrams) {
         for (int i = 0; i < nDatagrams; ++i) {
             queue("audio", one.siAddress());

@@ -20,7 +20,7 @@ using datagrams_t = std::vector<std::string>;
 
 class SendSegments : public AudioTest {
   protected:
-    /// So many, each with its number, of one length.
+    /// `nCount` numbered datagrams of length `nLength`.
     static datagrams_t numbered(size_t nCount, size_t nLength) {
         datagrams_t made;
         for (size_t i = 0; i < nCount; ++i) {
@@ -30,7 +30,7 @@ class SendSegments : public AudioTest {
         return made;
     }
 
-    /// Queues those of one length; the bytes stay.
+    /// Queues datagrams of one length, and keeps their bytes.
     void queue(const datagrams_t& datagrams, const Station& to) {
         queue(datagrams, to.siAddress());
     }
@@ -43,7 +43,7 @@ class SendSegments : public AudioTest {
         queueDatagrams(udp_listen_sockfd[0], rParts.data(), rParts.size(), siTo);
     }
 
-    /// Sends what is queued; how many messages that were in one call.
+    /// Sends what is queued in one call; returns the number of messages in it.
     static size_t nMessagesOfFlush() {
         const size_t nCalls = nSendCalls();
         const size_t nBefore = nMessagesSent();

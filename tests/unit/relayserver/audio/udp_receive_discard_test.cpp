@@ -73,7 +73,7 @@ TEST_F(UdpDiscard, CountsABarePrefix) {
 }
 
 TEST_F(UdpDiscard, ABarePrefixHasNoTypeWhateverItsBufferHeldBefore) {
-    // The same buffer has just held a registration, whose type would still stand behind the 16
+    // The same buffer has just held a registration, whose type would still follow the 16
     // bytes, and the marked id ends like one.
     exchange(stranger, 1, sRegistration(77, 1));
     ASSERT_EQ(1U, nLoggedContaining("UDP registration messages"));

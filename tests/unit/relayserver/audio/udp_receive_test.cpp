@@ -48,7 +48,7 @@ class UdpReceive : public AudioTest {
 TEST_F(UdpReceive, ForwardsTheBytesOfALocalSourceUnchanged) {
     authClient(7).StartSrcAudio(1, mouth.siAddress());
     std::string sSent = sDatagram(7, std::string("\x13 audio \0 ~ \xff", 13));
-    sSent[3] = 'x';  // nobody looks at the first twelve
+    sSent[3] = 'x';  // the first twelve are not examined
     exchange(mouth, 1, sSent);
     EXPECT_THAT(ear.received(), ElementsAre(sSent));
 }

@@ -22,7 +22,7 @@ class UdpRegistrationOfPeers : public AudioTest {
   protected:
     UdpRegistrationOfPeers() : client(addAuthClient(7)), relay(addRelayPeer(8, 8, audio)) {}
 
-    /// Registers client 7 to receive program 1, for the second time after so many seconds.
+    /// Registers client 7 to receive program 1, and again after `nSecs`.
     void registerAgainAfter(int nSecs) const {
         exchange(station, 1, sRegistration(7, 1));
         loggedLines().clear();

@@ -212,7 +212,7 @@ TEST_F(ClientTimers, RelayPeersHaveNoInputLimit) {
     EXPECT_THAT(loggedLines(), IsEmpty());
 }
 
-/// A second at which rates are reported: 900 behind a half hour.
+/// A second at which rates are reported: 900 s after a half hour.
 constexpr std::time_t kReportTime = 1800 * 1000 + 900;
 
 TEST_F(ClientTimers, HighRatesAreReportedOnceInAHalfHour) {

@@ -250,7 +250,7 @@ TEST_F(EventLoop, AQuietPassEndsAfterHalfASecond) {
 
 TEST_F(EventLoop, AWaitingTurnIsServedWithoutAnEventAndWithoutSleep) {
     const Peer peer = addLooseClient();
-    // The pass ends at the old log-in; what stands behind it has left the kernel.
+    // The pass ends at the old log-in; what follows it has left the kernel.
     peer.sendBytes(sFrame(sImage(1, 0, 0, "")) + sFrame(sImage(3, 0, 0, "")));
     runOnePass();
     EXPECT_EQ(0U, nLoggedContaining("unauthorized client"));

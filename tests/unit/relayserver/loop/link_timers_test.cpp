@@ -95,7 +95,7 @@ TEST_F(LinkTimers, TheLaterOfMessageAndAttemptCounts) {
     EXPECT_EQ(CONNECTION_FINISHED, nConnectionStage);
     ttLastConnServMsg = kNow + 10;
     ttLastCSConnectAttempt = kNow - 100;
-    passAfter(10);  // 15 s behind the message
+    passAfter(10);  // 15 s after the message
     EXPECT_EQ(CONNECTION_FINISHED, nConnectionStage);
     passAfter(2);
     EXPECT_EQ(1U, nLogged("abandoning connection with connserver - idle for 17 seconds\n"));

@@ -18,7 +18,7 @@ class OwedRegistration : public AudioTest {
         (void)RegisterUdp(authClient(nClientID), true, true, true, kAllPrograms);
     }
 
-    /// The timer's passes of so many seconds; how many tickets were asked for.
+    /// Runs the timer once a second for `nSecs`; returns how many tickets were requested.
     size_t nRequestsWithin(int nSecs) const {
         for (int i = 0; i < nSecs; ++i) {
             advanceClockForTest(1);

@@ -11,7 +11,7 @@ class TicketRequests : public EngineTest {
   protected:
     TicketRequests() : relay(addAuthClient(8)), link(openLink()) {}
 
-    /// The relay gives a reason for a request each second; how many were sent.
+    /// Has a reason for a request each second; returns how many were sent.
     size_t nSentWithin(int nSecs) const {
         for (int i = 0; i < nSecs; ++i) {
             advanceClockForTest(1);

@@ -61,8 +61,8 @@ class ProcessEndWithPoster : public ProcessEnd {
 
     enum class CleanUps { kAllowed, kRefused };
 
-    /// Lets a process do `begin` and then end by `end`, with `nStatus`, in well under a second and
-    /// maybe without the clean-ups of `exit`, which wait for the worker.
+    /// A process that does `begin` and then ends by `end` has `nStatus`, in well under a second;
+    /// possibly without the clean-ups of `exit`, which wait for the worker.
     void expectEndAtOnce(int nStatus, const std::function<void()>& begin,
                          const std::function<void()>& end, CleanUps cleanUps = CleanUps::kAllowed) {
         bool bAtOnce = false;

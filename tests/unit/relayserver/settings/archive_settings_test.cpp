@@ -33,7 +33,7 @@ class ArchiveSettings : public EngineTest {
     }
     static constexpr const char* kBoth = "enable=yes\nendpoint=http://e.example/a\ninterval=30\n";
 
-    /// What was logged behind the lines of the other sections.
+    /// What was logged after the lines of the other sections.
     std::vector<std::string> archiveLines;
 
   private:

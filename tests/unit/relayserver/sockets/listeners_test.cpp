@@ -188,7 +188,7 @@ TEST_F(Listeners, FecPortsWrapInTheirSixteenBits) {
     EXPECT_TRUE(bOpenAudioSockets());
     if (bFecEnable) {
         EXPECT_EQ(74, nLocalPort(udp_fec2_sockfd[5]));
-    } else {  // low ports are not for everyone
+    } else {  // low ports need privileges
         EXPECT_EQ(1U, nLogged("WARNING: could not set up udp  FEC 2 socket: Permission denied\n"));
     }
 }

@@ -1,4 +1,4 @@
-/// Which of the messages that arrive leave a copy for the archive.
+/// Which messages leave a copy for the archive.
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "genner/output/CaptionNetMessage.h"

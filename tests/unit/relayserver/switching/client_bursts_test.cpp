@@ -67,7 +67,7 @@ class ClientBursts : public EngineTest {
         return std::string(vfnm.frame().substr(1));
     }
 
-    /// The block that all are read into, which nobody has meanwhile.
+    /// The block that all clients are read into; no client holds it between reads.
     static unsigned char* pSpareBlock() {
         Orvex::InputBuffer buffer;
         (void)buffer.nMakeRoom(Orvex::InputBuffer::kBlockSize);

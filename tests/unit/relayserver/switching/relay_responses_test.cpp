@@ -1,4 +1,4 @@
-/// How responses of other relays are taken.
+/// How responses of other relays are handled.
 #include "base/clock.h"
 #include "relayserver/clients/client_tables.h"
 #include "relayserver/clients/peer_mark.h"
@@ -32,7 +32,7 @@ class RelayResponses : public PeerTest {
         const unsigned char achTicket[] = {'a', 'b', 'c'};
         authClient(8).SetTicket(achTicket, sizeof achTicket);
     }
-    /// What has come at all of the peer's audio sockets.
+    /// Everything that has arrived at the peer's audio sockets.
     std::vector<std::string> registrations() const {
         std::vector<std::string> all;
         for (int nProgram = 0; nProgram < kAudioPrograms; ++nProgram) {
@@ -127,7 +127,7 @@ TEST_F(RelayResponses, AnAnswerInAnothersNameIsIgnored) {
 }
 
 TEST_F(RelayResponses, ARequestThatBreaksTheLinkLeavesThePeerUntilItsMessagesAreHandled) {
-    // The server's last message is for the peer, which takes nothing any more.
+    // The server's last message is for the peer, to which nothing can be sent any more.
     server.sendBytes(sFrame(sImage(3, 7, 8, "ab")));
     server.stopReading();
     peer.sendBytes(sFrame(sResponse(8, rcOK)) + sFrame(sResponse(8, rcOK)));

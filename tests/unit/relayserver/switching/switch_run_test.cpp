@@ -1,5 +1,5 @@
-/// Messages that travel together: what a destination gets, and what happens when one of them cannot
-/// take all.
+/// Messages that travel in a run: what each destination receives, and what happens when one cannot
+/// take all of them.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -30,7 +30,7 @@ namespace {
 
 class SwitchRunTest : public EngineTest {
   protected:
-    /// Captions of source 7, each of another text and length.
+    /// Captions of source 7, each with a different text and length.
     explicit SwitchRunTest(unsigned nCount = 100) {
         for (unsigned i = 0; i < nCount; ++i) {
             images.push_back(sImage(kCaption, 7, 0, string_format("%05u", i)));
@@ -40,12 +40,12 @@ class SwitchRunTest : public EngineTest {
         run = {sFrames, nCount, 7, kCaptionPipe, false};
     }
 
-    /// From now on a destination that does not read takes about so many bytes.
+    /// Limits what is accepted for a destination that does not read to about `nBytes`.
     static void limitBuffer(int nClientID, int nBytes) {
         ASSERT_EQ(0, setsockopt(fdOf(nClientID), SOL_SOCKET, SO_SNDBUF, &nBytes, sizeof nBytes));
     }
 
-    /// How many frames these bytes begin with, whole.
+    /// The number of whole frames in the first `nBytes` bytes.
     size_t nWholeFrames(size_t nBytes) const {
         size_t nWhole = 0;
         for (size_t nAt = 0; nWhole < images.size(); ++nWhole) {
