@@ -305,4 +305,14 @@ TEST_F(EventLoop, TheLoopEndsWhenExitIsRequested) {
     EXPECT_EQ(0, ttThisLoop);
 }
 
+TEST_F(EventLoop, ALinkThatBrokeDuringStartUpIsSettledFirst) {
+    const Peer server = openLink();
+    markLinkBroken();
+    exitRequested = 1;
+    runEventLoop();
+    exitRequested = 0;
+    EXPECT_EQ(CONNECTION_IDLE, nConnectionStage);
+    EXPECT_EQ(1U, nLogged("Lost connection to CS!\n"));
+}
+
 }  // namespace
