@@ -103,9 +103,9 @@ def test_a_send_fails_half_way_through_the_clients(server, relay, make_station, 
     route(relay, captioner, encoder, PIPE_CAPTION)
     others = [make_station(relay) for _ in range(20)]
     server.script.fault("login", Fault(then="silence"))
-    since = relay.log.mark()
     server.restart()
     answered = server.links.wait_for("login", 20, number=1)
+    since = relay.log.mark()
     with relay.stopped():
         answered.send(messages.Response(server.relay_id, "OK"))
         server.links.end("close")
