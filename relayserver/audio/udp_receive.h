@@ -17,7 +17,8 @@ void watchAudioSockets();
 [[nodiscard]] bool bClearAudioSocketError(int fd);
 
 /// Handles up to `kMaxUdpPktsPerPoll` datagrams if the event belongs to an audio socket; false if
-/// it does not. `nIndex` is not used. May remove clients.
+/// it does not. `nIndex` is not used. A client to which an answer fails is
+/// removed.
 [[nodiscard]] bool bHandleUdpAudio(epoll_event& epe, int nIndex);
 
 /// Back to the state at process start.

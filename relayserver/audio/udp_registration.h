@@ -8,7 +8,8 @@
 #include "relayserver/audio/audio_datagram.h"
 
 /// Checks the ticket of `datagram` and registers its client, or answers that the ticket is not
-/// accepted; refusals above a limit per second are neither logged nor answered. May remove clients.
+/// accepted; refusals above a limit per second are neither logged nor answered. A client to
+/// which the answer fails is removed.
 void handleRegistration(const AudioDatagram& datagram);
 
 /// Clears the count of refusals.
