@@ -1,5 +1,6 @@
 #include "relayserver/audio/packet_counts.h"
 
+#include "relayserver/clients/departures.h"
 #include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/audio/audio_fixture.h"
@@ -84,6 +85,7 @@ TEST_F(PacketCounts, AClientThatCannotBeToldIsRemoved) {
     sendAudio(2, 1);
     EXPECT_FALSE(bIsAdmitted(7));
     EXPECT_EQ(1U, nLogged("removing socket for client 7, and notifying CS\n"));
+    EXPECT_EQ(1U, nDepartures(LeaveReason::kSendFailed));
     EXPECT_EQ(1U, link.images().size());
     sendAudio(2, 1);  // from an unknown sender now
     EXPECT_EQ(300U, nAudioPacketsRcvd);

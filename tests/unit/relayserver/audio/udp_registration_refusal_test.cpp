@@ -1,6 +1,7 @@
 #include "base/clock.h"
 #include "base/string_format.h"
 #include "relayserver/admission/connect_limits.h"
+#include "relayserver/clients/departures.h"
 #include "relayserver/sockets/listeners.h"
 #include "tests/stubs/logging_stub.h"
 #include "tests/unit/relayserver/admission/ticket_maker.h"
@@ -135,6 +136,7 @@ TEST_F(UdpRefusal, RemovesTheClientThatCannotBeTold) {
     exchange(station, 1, sRegistration(7, 7, "", 1));
     EXPECT_FALSE(bIsAdmitted(7));
     EXPECT_EQ(1U, nLogged("removing socket for client 7, and notifying CS\n"));
+    EXPECT_EQ(1U, nDepartures(LeaveReason::kSendFailed));
 }
 
 TEST_F(UdpRefusal, IsToldOfTwoHundredInASecondAndSummedUpLater) {

@@ -248,6 +248,15 @@ TEST_F(Departures, AConnectToARelayThatHasConnectedMeanwhile) {
     expectOnly(LeaveReason::kAlreadyConnected);
 }
 
+TEST_F(Departures, ALoginToAnotherRelayThatFails) {
+    const OtherRelay other;
+    startPeerConnect(orderOf({.nToID = 8, .nTcpPort = other.nPort()}));
+    const Peer there = other.acceptRelay();
+    ASSERT_EQ(0, shutdown(fdOf(pending(8)), SHUT_WR));  // our own end: the log-in cannot be sent
+    offer(fdOf(pending(8)), EPOLLOUT);
+    expectOnly(LeaveReason::kSendFailed);
+}
+
 TEST_F(Departures, APendingConnectInError) {
     const OtherRelay other;
     startPeerConnect(orderOf({.nToID = 8, .nTcpPort = other.nPort()}));
